@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ipc/deadline.h"
+
+namespace zav_shm {
+
+namespace {
+constexpr long ms_per_second = 1000;
+constexpr long ns_per_ms = 1'000'000;
+constexpr long ns_per_second = 1'000'000'000;
+}  // namespace
+
+timespec deadline_after(const timespec& now, long ms) {
+    timespec deadline = now;
+    deadline.tv_sec += ms / ms_per_second;
+    deadline.tv_nsec += (ms % ms_per_second) * ns_per_ms;
+    deadline.tv_sec += deadline.tv_nsec / ns_per_second;
+    deadline.tv_nsec %= ns_per_second;
+    if (deadline.tv_nsec < 0) {
+        deadline.tv_nsec += ns_per_second;
+        deadline.tv_sec -= 1;
+    }
+    return deadline;
+}
+
+timespec wall_clock_deadline(long ms) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return deadline_after(now, ms);
+}
+
+}  // namespace zav_shm

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <ctime>
+
+namespace zav_shm {
+
+/// The moment `ms` milliseconds after `now`, with tv_nsec in 0 .. 999,999,999.
+///
+/// Pure: reads no clock. A negative `ms` gives a moment before `now`, normalised the same
+/// way, so that a wait with it ends at once instead of being refused.
+timespec deadline_after(const timespec& now, long ms);
+
+/// The wall-clock moment `ms` milliseconds from now, for sem_timedwait.
+///
+/// Follows CLOCK_REALTIME on purpose: a step of the clock lengthens or shortens every wait
+/// that is under way.
+timespec wall_clock_deadline(long ms);
+
+}  // namespace zav_shm

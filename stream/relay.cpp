@@ -1,0 +1,292 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One cycle passes one frame's posts:
+//
+//   1. ask each writer's consumer for its presence (5 ms each); who answers is live
+//   2. nobody live: collect the late "read done" posts of consumers that left in mid-frame,
+//      and free the producer's slot for each
+//   3. tell the producer that somebody is present, and wait for a frame (30 ms)
+//   4. tell every live consumer that it is ready, then wait for each to have read it (20 ms)
+//   5. tell the producer that the slot is free
+//
+// Invariants: the list changes only between cycles, since the cycle holds `lock` through its
+// waits; a writer that delete_distributor() has returned for is not used any more.
+
+#include "stream/relay.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <iostream>
+#include <mutex>
+
+#include "stream/relay_thread.h"
+
+namespace {
+
+constexpr long presence_wait_ms = 5;
+constexpr long frame_wait_ms = 30;
+constexpr long read_wait_ms = 20;
+constexpr long late_read_wait_ms = 30;
+constexpr std::chrono::milliseconds idle_sleep{50};
+
+// No single wait of the cycle is longer, unless the clock was set back.
+constexpr std::chrono::milliseconds stop_grace{200};
+
+// The start-flag variant has waits of its own.
+constexpr long variant_join_wait_ms = 5;
+constexpr long variant_read_wait_ms = 30;
+constexpr long variant_pause_wait_ms = 5;
+
+}  // namespace
+
+// ---- life ----
+
+SHM_Stream_Transmission::SHM_Stream_Transmission() : SHM_Stream_Transmission(nullptr) {}
+
+SHM_Stream_Transmission::SHM_Stream_Transmission(ZAV_SHM_Stream_Transmission_Receiver* new_source)
+    : source(new_source),
+      lock(std::make_unique<zav_shm::Ticket_Mutex>()),
+      thread(std::make_unique<zav_shm::Relay_Thread>()) {}
+
+SHM_Stream_Transmission::~SHM_Stream_Transmission() { stop(); }
+
+int SHM_Stream_Transmission::run(void* (*start_routine)(void*)) {
+    if (start_routine == nullptr) {
+        return EINVAL;
+    }
+    runs_own_body_ = start_routine == fun_transmission_stream;
+    return thread->start(start_routine, this);
+}
+
+void SHM_Stream_Transmission::request_stop() {
+    stopping_ = true;
+    thread->wake();
+}
+
+// The own body looks at `stopping_` after every wait, so it leaves by itself; cancelling is for
+// the rest.
+void SHM_Stream_Transmission::stop() {
+    request_stop();
+    if (!thread->wait_until_left(runs_own_body_ ? stop_grace : std::chrono::milliseconds{0})) {
+        thread->cancel();
+    }
+}
+
+void* fun_transmission_stream(void* arg) {
+    if (arg == nullptr) {
+        return nullptr;
+    }
+    pthread_detach(pthread_self());
+    pthread_setname_np(pthread_self(), "zav_relay");
+    auto* const relay = static_cast<SHM_Stream_Transmission*>(arg);
+    while (!relay->stop_requested()) {
+        relay->transmission_frame();
+    }
+    return nullptr;
+}
+
+// ---- the relay cycle ----
+
+int SHM_Stream_Transmission::transmission_frame() {
+    {
+        const std::lock_guard guard(*lock);
+        if (!distributor_list.empty()) {
+            return relay_one_frame();
+        }
+    }
+    thread->sleep(idle_sleep);
+    return 0;
+}
+
+int SHM_Stream_Transmission::relay_one_frame() {
+    find_live_writers();
+    if (live_.empty()) {
+        collect_late_reads();
+        return 0;
+    }
+    if (source == nullptr || stopping_) {
+        return 0;
+    }
+    source->post_distributor_receiver_exist();
+    if (!source->time_wait_distributor_write(frame_wait_ms)) {
+        return 1;
+    }
+    for (Writer* const writer : live_) {
+        writer->post_receiver_read();
+    }
+    for (Writer* const writer : live_) {
+        if (stopping_) {
+            return 0;
+        }
+        writer->time_wait_receiver_read(read_wait_ms);
+    }
+    source->post_distributor_write();
+    return 0;
+}
+
+void SHM_Stream_Transmission::find_live_writers() {
+    live_.clear();
+    for (Writer* const writer : distributor_list) {
+        if (stopping_) {
+            return;
+        }
+        if (writer->time_wait_receiver_exist(presence_wait_ms)) {
+            live_.push_back(writer);
+        }
+    }
+}
+
+void SHM_Stream_Transmission::collect_late_reads() {
+    for (Writer* const writer : distributor_list) {
+        if (stopping_) {
+            return;
+        }
+        if (writer->time_wait_receiver_read(late_read_wait_ms) && source != nullptr) {
+            source->post_distributor_write();
+        }
+    }
+}
+
+// ---- the list ----
+
+// Check and append under one lock: asking twice would wait for a second cycle, and two threads
+// could both append.
+void SHM_Stream_Transmission::insert_distributor(Writer* d) {
+    if (d == nullptr) {
+        return;
+    }
+    const std::lock_guard guard(*lock);
+    if (reset_duplicate_of(*d)) {
+        std::puts("Duplicate Distributor...");
+        return;
+    }
+    d->reset();
+    distributor_list.push_back(d);
+}
+
+bool SHM_Stream_Transmission::duplicate_distributor(const Writer* d) {
+    if (d == nullptr) {
+        return false;
+    }
+    const std::lock_guard guard(*lock);
+    return reset_duplicate_of(*d);
+}
+
+void SHM_Stream_Transmission::delete_distributor(Writer* d) {
+    if (d == nullptr) {
+        return;
+    }
+    const std::lock_guard guard(*lock);
+    distributor_list.remove(d);
+    d->reset();
+}
+
+int SHM_Stream_Transmission::get_distributor_num() {
+    const std::lock_guard guard(*lock);
+    return static_cast<int>(distributor_list.size());
+}
+
+bool SHM_Stream_Transmission::reset_duplicate_of(const Writer& d) {
+    for (Writer* const listed : distributor_list) {
+        if (*listed == d) {
+            listed->reset();
+            return true;
+        }
+    }
+    return false;
+}
+
+// ---- the start-flag variant ----
+
+void SHM_Stream_Transmission::get_start_transmission_distributor_list(std::list<Writer*>& out) {
+    const std::lock_guard guard(*lock);
+    collect_started(out);
+}
+
+void SHM_Stream_Transmission::collect_started(std::list<Writer*>& out) {
+    for (Writer* const writer : distributor_list) {
+        if (writer->is_start_transmission() || join_if_reading(*writer)) {
+            out.push_back(writer);
+        }
+    }
+}
+
+bool SHM_Stream_Transmission::join_if_reading(Writer& writer) {
+    if (!writer.time_wait_receiver_read(variant_join_wait_ms)) {
+        return false;
+    }
+    const auto print_source_values = [this](const char* when) {
+        std::printf("%s Get Receiver...(%d, %d)\n", when,
+                    source == nullptr ? -1 : source->get_sem_up_value(),
+                    source == nullptr ? -1 : source->get_sem_down_value());
+    };
+    std::puts("Tell Distributor Has Receiver");
+    print_source_values("Before");
+    std::printf("In get list %p start transmission\n", static_cast<void*>(&writer));
+    writer.start_transmission();
+    start_transmission();
+    print_source_values("After");
+    return true;
+}
+
+int SHM_Stream_Transmission::check_receiver_exist() {
+    std::list<Writer*> present;
+    get_start_transmission_distributor_list(present);
+    return present.empty() ? 0 : 1;
+}
+
+void SHM_Stream_Transmission::start_transmission() {
+    if (source != nullptr) {
+        source->start();
+    }
+}
+
+// Collected under the same lock as used: a writer that was removed in between must not be.
+int SHM_Stream_Transmission::distribute_frame() {
+    const std::lock_guard guard(*lock);
+    std::list<Writer*> present;
+    collect_started(present);
+    if (!post_frame_ready(present)) {
+        return 0;
+    }
+    for (Writer* const writer : present) {
+        if (writer->time_wait_receiver_read(variant_read_wait_ms)) {
+            continue;
+        }
+        std::cout << "The Receiver is too slow to read SHM, it may want to pause receive frame, "
+                     "or dead\n";
+        if (writer->time_wait_receiver_pause(variant_pause_wait_ms)) {
+            std::cout << "Get Receiver Pause Stream\n";
+            writer->stop_transmission();
+        }
+    }
+    return 1;
+}
+
+int SHM_Stream_Transmission::distribute_frame(std::list<Writer*>& list) {
+    const std::lock_guard guard(*lock);
+    return post_frame_ready(list) ? 1 : 0;
+}
+
+bool SHM_Stream_Transmission::post_frame_ready(const std::list<Writer*>& list) {
+    if (list.empty()) {
+        std::cout << "In SHM_Stream_Transmission distribute_frame no list\n";
+        return false;
+    }
+    for (Writer* const writer : list) {
+        writer->post_receiver_read();
+    }
+    return true;
+}
+
+std::ostream& operator<<(std::ostream& out, const SHM_Stream_Transmission& relay) {
+    if (relay.source != nullptr) {
+        out << *relay.source;
+    }
+    out << '\n';
+    const std::lock_guard guard(*relay.lock);
+    for (const auto* const writer : relay.distributor_list) {
+        out << *writer << '\n';
+    }
+    return out;
+}

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+namespace zav_shm {
+
+/// A mutex that is granted strictly in the order of asking.
+///
+/// A relay locks its list through every wait of a cycle and asks for it again at once. With a
+/// plain mutex it wins nearly always against a thread that has to be woken first: beside one
+/// consumer at 30 fps a pairing command waited 0.4 s in the median and seconds at worst. With
+/// tickets a command that arrives during a cycle comes right after it, and a flood of commands
+/// cannot keep the relay out either.
+///
+/// Threads  of one process. Meets BasicLockable; not recursive.
+/// Crash    goes with its process.
+class Ticket_Mutex {
+public:
+    void lock() {
+        std::unique_lock guard(state_);
+        const std::uint64_t ticket = next_++;
+        turn_.wait(guard, [&] { return serving_ == ticket; });
+    }
+
+    void unlock() {
+        bool awaited = false;
+        {
+            const std::lock_guard guard(state_);
+            ++serving_;
+            awaited = serving_ != next_;
+        }
+        if (awaited) {
+            turn_.notify_all();  // waiters sort themselves out by their tickets
+        }
+    }
+
+private:
+    std::mutex state_;              // guards both counts; held for a few instructions only
+    std::condition_variable turn_;  // notified when `serving_` moves on to somebody's ticket
+    std::uint64_t next_ = 0;        // the ticket that the next to ask will draw
+    std::uint64_t serving_ = 0;     // the ticket that holds, or may take, the mutex
+};
+
+}  // namespace zav_shm
