@@ -37,6 +37,12 @@ public:
         }
     }
 
+    /// True when somebody waits behind the holder.
+    bool is_awaited() {
+        const std::lock_guard guard(state_);
+        return next_ - serving_ > 1;
+    }
+
 private:
     std::mutex state_;              // guards both counts; held for a few instructions only
     std::condition_variable turn_;  // notified when `serving_` moves on to somebody's ticket
