@@ -35,7 +35,7 @@ std::string output_of(const std::function<void()>& action) {
     flush_all();
     dup2(saved, STDOUT_FILENO);
     close(saved);
-    const std::string text = content_of(file);
+    std::string text = content_of(file);
     close(file);
     return text;
 }

@@ -18,6 +18,7 @@ using Clock = std::chrono::steady_clock;
 
 Child_Process::Child_Process(const std::vector<std::string>& command) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const auto& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str()));  // execv takes them so, unchanged
     }

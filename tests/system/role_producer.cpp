@@ -42,7 +42,7 @@ int roles::producer(const Arguments& arguments) {
             ++refused;
         }
     }
-    std::printf("sent=%llu refused=%ld\n", static_cast<unsigned long long>(last - first + 1),
-                refused);
+    const unsigned long long sent = last - first + 1;
+    std::printf("sent=%llu refused=%ld\n", sent, refused);
     return EXIT_SUCCESS;
 }

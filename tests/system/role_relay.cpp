@@ -13,7 +13,8 @@
 int roles::relay(const Arguments& arguments) {
     mkdir("/dev/shm/shm", 0700);
     const auto producer = producer_names();
-    IPC_SHMEMORY(producer.shm_path.c_str(), O_CREAT | O_RDWR, 0600, frame_pattern::page_size + 128);
+    const IPC_SHMEMORY slot(producer.shm_path.c_str(), O_CREAT | O_RDWR, 0600,
+                            frame_pattern::page_size + 128);
     ZAV_SHM_Stream_Transmission_Receiver source(&producer);
     std::vector<std::unique_ptr<ZAV_SHM_Stream_Transmission_Distributor>> writers;
     SHM_Stream_Transmission relay(&source);

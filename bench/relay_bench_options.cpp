@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "bench/relay_bench_options.h"
+
+#include <getopt.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+
+#include "bench/frame_processes.h"
+#include "bench/frame_stamp.h"
+
+namespace zav_shm::bench {
+
+namespace {
+
+constexpr double least_seconds = 0.3;
+constexpr double most_seconds = 3600;
+constexpr double most_payload_bytes = 64.0 * 1024 * 1024;
+
+constexpr const char* usage =
+    "Usage: bench_relay [--seconds N] [--size BYTES] [--consumers N] [--cpus WHERE] "
+    "[--csv]\n"
+    "\n"
+    "  --seconds N     time per cell at full rate, 3 by default; the 30 fps part takes 5/3 of it\n"
+    "  --size BYTES    one payload size instead of 4, 64, 256 and 1024 KiB\n"
+    "  --consumers N   one number of consumer processes instead of 1, 2 and 4\n"
+    "  --cpus WHERE    free: as the scheduler likes (default); one: all processes on one CPU;\n"
+    "                  apart: the relay on a CPU without the others\n"
+    "  --csv           comma-separated values\n";
+
+/// The option's value, if it is a number within the limits; otherwise says what is wrong.
+std::optional<double> number(const char* option, const char* text, double least, double most) {
+    char* end = nullptr;
+    const double value = std::strtod(text, &end);
+    if (end == text || *end != '\0' || !(value >= least && value <= most)) {
+        std::fprintf(stderr, "--%s is \"%s\", but has to be a number from %g to %.0f\n", option,
+                     text, least, most);
+        return {};
+    }
+    return value;
+}
+
+bool placement(const char* text, Placement& chosen) {
+    const auto known = placement_named(text);
+    if (!known) {
+        std::fprintf(stderr, "--cpus is \"%s\", but has to be free, one or apart\n", text);
+        return false;
+    }
+    if (*known == Placement::apart && usable_cpus() < 2) {
+        std::fprintf(stderr, "--cpus is \"apart\", but only one CPU may be used\n");
+        return false;
+    }
+    chosen = *known;
+    return true;
+}
+
+bool apply(int option, const char* text, Relay_Bench_Options& options) {
+    std::optional<double> value;
+    switch (option) {
+        case 's':
+            value = number("seconds", text, least_seconds, most_seconds);
+            options.seconds = value.value_or(0);
+            return value.has_value();
+        case 'b':
+            value = number("size", text, least_payload_bytes, most_payload_bytes);
+            options.payload_bytes = {static_cast<std::size_t>(value.value_or(0))};
+            return value.has_value();
+        case 'c':
+            value = number("consumers", text, 1, consumers_max);
+            options.consumers = {static_cast<int>(value.value_or(0))};
+            return value.has_value();
+        case 'p':
+            return placement(text, options.placement);
+        case 'v':
+            options.csv = true;
+            return true;
+        default:
+            return false;  // getopt has named it
+    }
+}
+
+}  // namespace
+
+std::optional<Relay_Bench_Options> read_options(int argc, char** argv, int& exit_status) {
+    static const std::array<option, 7> known{{{"seconds", required_argument, nullptr, 's'},
+                                              {"size", required_argument, nullptr, 'b'},
+                                              {"consumers", required_argument, nullptr, 'c'},
+                                              {"cpus", required_argument, nullptr, 'p'},
+                                              {"csv", no_argument, nullptr, 'v'},
+                                              {"help", no_argument, nullptr, 'h'},
+                                              {}}};
+    Relay_Bench_Options options;
+    exit_status = EXIT_SUCCESS;
+    for (int found = 0; (found = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
+        if (found == 'h') {
+            std::fputs(usage, stdout);
+            return {};
+        }
+        if (!apply(found, optarg, options)) {
+            exit_status = EXIT_FAILURE;
+            return {};
+        }
+    }
+    if (optind < argc) {
+        std::fprintf(stderr, "Unexpected argument \"%s\"\n%s", argv[optind], usage);
+        exit_status = EXIT_FAILURE;
+        return {};
+    }
+    return options;
+}
+
+}  // namespace zav_shm::bench

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <vector>
+
+#include "bench/placement.h"
+
+namespace zav_shm::bench {
+
+struct Relay_Bench_Options {
+    double seconds = 3;  // at full rate per cell; at 30 frames per second 5/3 of it
+    std::vector<std::size_t> payload_bytes{4U << 10, 64U << 10, 256U << 10, 1U << 20};
+    std::vector<int> consumers{1, 2, 4};
+    Placement placement = Placement::free;
+    bool csv = false;
+};
+
+/// Reads the command line.
+///
+/// @return nothing when the program is to end at once with `exit_status`: after --help, or
+///         after a bad option, which is named on standard error.
+std::optional<Relay_Bench_Options> read_options(int argc, char** argv, int& exit_status);
+
+}  // namespace zav_shm::bench
