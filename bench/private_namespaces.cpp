@@ -64,8 +64,10 @@ bool enter_private_namespaces() {
     if (!unshare_namespaces()) {
         return false;
     }
-    // Without this the mount below would be seen outside, too.
-    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    // Without this the mount below would be seen outside, too. In a chroot the root is no mount
+    // point; then it is enough that /dev/shm is one.
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 &&
+        mount("none", "/dev/shm", nullptr, MS_PRIVATE, nullptr) != 0) {
         return failed("making the mounts private");
     }
     if (mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0) {

@@ -43,9 +43,10 @@ public:
     void print() const {
         std::printf(
             "frames=%llu missed=%llu wrong=%d disordered=%d stalled=%d after_stall=%d "
+            "last=%d "
             "gap_ms=%lld\n",
             static_cast<unsigned long long>(frames_), static_cast<unsigned long long>(missed_),
-            wrong_, disordered_, stalled_, after_stall_,
+            wrong_, disordered_, stalled_, after_stall_, last_ ? 1 : 0,
             static_cast<long long>(gap_ns_ / ns_per_ms));
     }
 

@@ -20,7 +20,7 @@ int relay(const Arguments& arguments);
 int producer(const Arguments& arguments);
 
 /// consumer NAME: receives until the last frame, or until none has come for 3 s, and prints
-/// "frames=N missed=N wrong=N disordered=N stalled=N after_stall=N gap_ms=N".
+/// "frames=N missed=N wrong=N disordered=N stalled=N after_stall=N last=N gap_ms=N".
 int consumer(const Arguments& arguments);
 
 inline IPC_SHM_SRC_CTRL_INFO producer_names() { return IPC_SHM_SRC_CTRL_INFO({"CAM_LOOP", 0, 0}); }
