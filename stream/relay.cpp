@@ -99,7 +99,9 @@ int SHM_Stream_Transmission::transmission_frame() {
 }
 
 int SHM_Stream_Transmission::relay_one_frame() {
+    counters_.cycles.add_one();
     find_live_writers();
+    counters_.live = static_cast<int>(live_.size());
     if (live_.empty()) {
         collect_late_reads();
         return 0;
@@ -109,16 +111,21 @@ int SHM_Stream_Transmission::relay_one_frame() {
     }
     source->post_distributor_receiver_exist();
     if (!source->time_wait_distributor_write(frame_wait_ms)) {
+        counters_.frame_timeouts.add_one();
         return 1;
     }
+    counters_.frames.add_one();
     for (Writer* const writer : live_) {
         writer->post_receiver_read();
+        writer->count_frame();
     }
     for (Writer* const writer : live_) {
         if (stopping_) {
             return 0;
         }
-        writer->time_wait_receiver_read(read_wait_ms);
+        if (!writer->time_wait_receiver_read(read_wait_ms)) {
+            counters_.read_timeouts.add_one();
+        }
     }
     source->post_distributor_write();
     return 0;
@@ -132,6 +139,8 @@ void SHM_Stream_Transmission::find_live_writers() {
         }
         if (writer->time_wait_receiver_exist(presence_wait_ms)) {
             live_.push_back(writer);
+        } else {
+            counters_.presence_timeouts.add_one();
         }
     }
 }
@@ -141,7 +150,9 @@ void SHM_Stream_Transmission::collect_late_reads() {
         if (stopping_) {
             return;
         }
-        if (writer->time_wait_receiver_read(late_read_wait_ms) && source != nullptr) {
+        if (!writer->time_wait_receiver_read(late_read_wait_ms)) {
+            counters_.late_read_timeouts.add_one();
+        } else if (source != nullptr) {
             source->post_distributor_write();
         }
     }

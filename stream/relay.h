@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "stream/relay_counters.h"
 #include "stream/relay_endpoint.h"
 #include "stream/ticket_mutex.h"
 
@@ -56,6 +57,10 @@ public:
     void stop();
     bool stop_requested() const { return stopping_; }
 
+    /// What the relay has done so far; frames per consumer are counted by its writer. Any thread
+    /// may read them.
+    const zav_shm::Relay_Counters& counters() const { return counters_; }
+
     /// One relay cycle. With no writer in the list it sleeps 50 ms instead.
     ///
     /// @return 1 when consumers were present but no frame came within 30 ms; 0 otherwise.
@@ -98,6 +103,7 @@ private:
     ZAV_SHM_Stream_Transmission_Receiver* source;  // constant after construction; not owned
     std::unique_ptr<zav_shm::Ticket_Mutex> lock;   // guards both lists; held through waits
     std::list<Writer*> distributor_list;           // in insertion order; not owned
+    zav_shm::Relay_Counters counters_;             // relay thread counts, any thread reads
     std::vector<Writer*> live_;                    // the writers of the current cycle
     std::atomic<bool> stopping_{false};            // request_stop() writes, relay thread reads
     bool runs_own_body_ = true;                    // run() writes, stop() reads: one thread

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
 #include "stream/channel_end.h"
 #include "stream/channel_names.h"
+#include "stream/relay_counters.h"
 
 // The center's halves of the channels. They create the channels' semaphores and own no
 // segment: a relay never touches a frame. A failed semaphore leaves a channel that looks
@@ -64,9 +66,14 @@ public:
     /// Always false, at once: consumers have no way to ask for a pause.
     bool time_wait_receiver_pause(long ms);
 
+    /// Frames that the relay has announced to this consumer.
+    std::uint64_t frames_relayed() const { return frames_.value(); }
+    void count_frame() { frames_.add_one(); }
+
     /// For the two-semaphore form: `sem_up` is 1 and `sem_down` is 0.
     bool is_wait_client_receiver() const;
 
 protected:
+    zav_shm::Counter frames_;
     std::atomic<bool> started{false};  // only the start-flag variant of the relay uses it
 };

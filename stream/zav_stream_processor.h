@@ -10,3 +10,4 @@
 #include "stream/frame_slot.h"
 #include "stream/relay.h"
 #include "stream/relay_endpoint.h"
+#include "stream/transmission_manager.h"

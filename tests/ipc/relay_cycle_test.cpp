@@ -153,6 +153,31 @@ TEST_F(Relay_Cycle, without_a_source_checks_presence_and_serves_nobody) {
     EXPECT_EQ(consumer.values(), (Values{0, 0, 0}));
 }
 
+TEST_F(Relay_Cycle, counts_what_it_does) {
+    const Peer& first = add_consumer("PLAYER");
+    add_consumer("RECODER");
+    first.post(2);
+    relay->transmission_frame();  // first is present, no frame comes
+    first.post(2);
+    first.post(1);
+    producer->post(0);
+    relay->transmission_frame();  // a frame for first
+    first.post(2);
+    producer->post(0);
+    relay->transmission_frame();  // a frame that first does not read
+    relay->transmission_frame();  // nobody is present
+    const zav_shm::Relay_Counters& counters = relay->counters();
+    EXPECT_EQ(counters.cycles.value(), 4U);
+    EXPECT_EQ(counters.frames.value(), 2U);
+    EXPECT_EQ(counters.presence_timeouts.value(), 5U);
+    EXPECT_EQ(counters.frame_timeouts.value(), 1U);
+    EXPECT_EQ(counters.read_timeouts.value(), 1U);
+    EXPECT_EQ(counters.late_read_timeouts.value(), 2U);
+    EXPECT_EQ(counters.live, 0);
+    EXPECT_EQ(writers[0]->frames_relayed(), 2U);
+    EXPECT_EQ(writers[1]->frames_relayed(), 0U);
+}
+
 TEST_F(Relay_Cycle, carries_a_frame_between_real_endpoints) {
     make_slot(4096);
     add_consumer("PLAYER");
