@@ -17,7 +17,7 @@ constexpr const char* segment_directory = "/dev/shm";
 constexpr const char* segment_folder = "shm";
 constexpr unsigned owner_only = 0600;
 
-Shm_Stream_Transmission_Index producer_key() { return {"PRODUCER", 0, 0}; }
+Shm_Stream_Transmission_Index producer_key() { return {producer_name(), 0, 0}; }
 
 }  // namespace
 
@@ -28,10 +28,17 @@ bool prepare_names() {
     return mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST;
 }
 
+std::string producer_name() { return "PRODUCER"; }
+
+std::string consumer_name(int consumer) {
+    std::string name = "CONSUMER";
+    return name += std::to_string(consumer);
+}
+
 IPC_SHM_SRC_CTRL_INFO producer_names() { return IPC_SHM_SRC_CTRL_INFO(producer_key()); }
 
 IPC_SHM_DST_CTRL_INFO consumer_names(int consumer) {
-    const Shm_Stream_Transmission_Index key("CONSUMER" + std::to_string(consumer), 0, 0);
+    const Shm_Stream_Transmission_Index key(consumer_name(consumer), 0, 0);
     IPC_SHM_DST_CTRL_INFO names(key);
     names.shm_path = producer_names().shm_path;
     return names;

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "ipc/zav_shm.h"
@@ -20,6 +21,8 @@ namespace zav_shm::bench {
 /// @return false with errno when the folder cannot be made.
 bool prepare_names();
 
+std::string producer_name();
+std::string consumer_name(int consumer);
 IPC_SHM_SRC_CTRL_INFO producer_names();
 IPC_SHM_DST_CTRL_INFO consumer_names(int consumer);
 
