@@ -32,6 +32,13 @@ constexpr useconds_t queue_retry_us = 100'000;
 constexpr long wake_type = std::numeric_limits<long>::max();
 constexpr std::chrono::milliseconds wake_again{20};
 
+// A queue that is full needs no message: then the thread does not wait in it.
+void wake_receiver(const ZAV_MSG_Q& requests) {
+    Control_Record record{};
+    record.mtype = wake_type;
+    msgsnd(requests.id, &record, 0, IPC_NOWAIT);
+}
+
 std::string text_of(const Control_Record& record) {
     return {record.text, strnlen(record.text, sizeof record.text)};
 }
@@ -71,26 +78,22 @@ void ZAV_SHM_CENTER::create_recv_msgq() {
     usleep(start_pause_us);
 }
 
-// Woken again and again: another center that listens on the same queue may take the message.
+// Woken again and again: another center that listens on the same queue may take the message, and
+// the queue may be removed. The handle is one of its own: the thread may open its own anew.
 void ZAV_SHM_CENTER::shutdown() {
     if (is_shut_down()) {
         return;
     }
     state_->stopping = true;
+    ZAV_MSG_Q requests;
     do {
-        wake_receiver();
+        requests.open(control::request_project);
+        wake_receiver(requests);
     } while (!state_->receiver.left_within(wake_again));
-    state_->recv_msgq.discard_all(wake_type);
+    requests.discard_all(wake_type);
     state_->manager.reset();
     state_->config = nullptr;
     state_->served.reset();  // the last that holds the state beside this object
-}
-
-// A queue that is full needs no message: then the thread does not wait in it.
-void ZAV_SHM_CENTER::wake_receiver() const {
-    Control_Record record{};
-    record.mtype = wake_type;
-    msgsnd(state_->recv_msgq.id, &record, 0, IPC_NOWAIT);
 }
 
 bool ZAV_SHM_CENTER::is_shut_down() const { return state_->manager == nullptr; }

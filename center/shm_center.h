@@ -99,7 +99,6 @@ private:
     bool is_shut_down() const;
     void receive_and_serve();
     void recover_from(int error);
-    void wake_receiver() const;
     int refuse(const char* command, const char* status, const std::string& reason, int pid);
 
     std::shared_ptr<zav_shm::Center_State> state_;  // shared with the receive thread
