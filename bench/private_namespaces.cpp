@@ -19,7 +19,7 @@ constexpr int wanted_namespaces = CLONE_NEWIPC | CLONE_NEWNS;
 
 bool failed(const char* what) {
     std::fprintf(stderr,
-                 "%s: %s\nThis bench runs in IPC and mount namespaces of its own only. Run it as "
+                 "%s: %s\nThis program runs in IPC and mount namespaces of its own only. Run it as "
                  "root, or allow user namespaces.\n",
                  what, std::strerror(errno));
     return false;
