@@ -118,9 +118,16 @@ TEST_F(Frames_Through_Center, center_that_was_killed_is_replaced_and_clients_reg
 
 // ---- another producer while reading ----
 
+struct Reader_Count {
+    Frame_Tally frames{period_ms};
+    int of_source[3] = {};
+};
+
 // A consumer in this process that takes frames all the time.
 class Reader {
 public:
+    using Count = Reader_Count;
+
     explicit Reader(const std::string& reply)
         : channel_(reply, Raw_Channel::Side::consumer), reading_([this] { read(); }) {}
     ~Reader() {
@@ -129,11 +136,6 @@ public:
     }
     Reader(const Reader&) = delete;
     Reader& operator=(const Reader&) = delete;
-
-    struct Count {
-        Frame_Tally frames{period_ms};
-        int of_source[3] = {};
-    };
 
     // The reader goes over to this segment before its next frame, and counts anew from there.
     void use_segment_of(const std::string& reply) {
