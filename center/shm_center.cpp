@@ -7,6 +7,7 @@
 #include <sys/msg.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -33,10 +34,18 @@ constexpr long wake_type = std::numeric_limits<long>::max();
 constexpr std::chrono::milliseconds wake_again{20};
 
 // A queue that is full needs no message: then the thread does not wait in it.
-void wake_receiver(const ZAV_MSG_Q& requests) {
+void wake_receiver(Center_State& state) {
     Control_Record record{};
     record.mtype = wake_type;
-    msgsnd(requests.id, &record, 0, IPC_NOWAIT);
+    msgsnd(std::atomic_ref(state.recv_msgq.id).load(), &record, 0, IPC_NOWAIT);
+}
+
+// The receive thread's; shutdown reads the id meanwhile.
+bool open_requests_again(Center_State& state) {
+    ZAV_MSG_Q queue;
+    const bool is_open = queue.open(control::request_project);
+    std::atomic_ref(state.recv_msgq.id).store(queue.id);
+    return is_open;
 }
 
 std::string text_of(const Control_Record& record) {
@@ -79,18 +88,16 @@ void ZAV_SHM_CENTER::create_recv_msgq() {
 }
 
 // Woken again and again: another center that listens on the same queue may take the message, and
-// the queue may be removed. The handle is one of its own: the thread may open its own anew.
+// the thread may just have opened another queue.
 void ZAV_SHM_CENTER::shutdown() {
     if (is_shut_down()) {
         return;
     }
     state_->stopping = true;
-    ZAV_MSG_Q requests;
     do {
-        requests.open(control::request_project);
-        wake_receiver(requests);
+        wake_receiver(*state_);
     } while (!state_->receiver.left_within(wake_again));
-    requests.discard_all(wake_type);
+    state_->recv_msgq.discard_all(wake_type);
     state_->manager.reset();
     state_->config = nullptr;
     state_->served.reset();  // the last that holds the state beside this object
@@ -132,9 +139,8 @@ void ZAV_SHM_CENTER::recover_from(int error) {
     if (error == EINTR) {
         return;
     }
-    const bool recovered =
-        error == E2BIG ? state_->recv_msgq.discard_oldest()
-                       : error != EACCES && state_->recv_msgq.open(control::request_project);
+    const bool recovered = error == E2BIG ? state_->recv_msgq.discard_oldest()
+                                          : error != EACCES && open_requests_again(*state_);
     if (!recovered) {
         usleep(queue_retry_us);
     }
