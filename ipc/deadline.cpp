@@ -28,4 +28,10 @@ timespec wall_clock_deadline(long ms) {
     return deadline_after(now, ms);
 }
 
+timespec steady_clock_deadline(long ms) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return deadline_after(now, ms);
+}
+
 }  // namespace zav_shm

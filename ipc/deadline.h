@@ -17,4 +17,7 @@ timespec deadline_after(const timespec& now, long ms);
 /// that is under way.
 timespec wall_clock_deadline(long ms);
 
+/// The moment `ms` milliseconds from now on CLOCK_MONOTONIC, for sem_clockwait.
+timespec steady_clock_deadline(long ms);
+
 }  // namespace zav_shm

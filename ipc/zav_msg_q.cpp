@@ -10,10 +10,18 @@ namespace {
 
 constexpr const char* key_directory = "/tmp";
 
+// Asked of an existing queue, these are the rights that the caller needs.
+constexpr int read_and_write = 0600;
+
 }  // namespace
 
 bool ZAV_MSG_Q::open(int project) {
     id = msgget(ftok(key_directory, project), IPC_CREAT);
+    return id >= 0;
+}
+
+bool ZAV_MSG_Q::open_existing(int project) {
+    id = msgget(ftok(key_directory, project), read_and_write);
     return id >= 0;
 }
 

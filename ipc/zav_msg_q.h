@@ -33,6 +33,12 @@ public:
     /// @return false when there is none, with the id -1 and errno.
     bool open(int project);
 
+    /// Opens the queue of this project number and creates none.
+    ///
+    /// @return false with the id -1 and errno when there is none (ENOENT), or this process may
+    ///         not write to and read from it (EACCES).
+    bool open_existing(int project);
+
     /// Takes off and discards as many messages as the queue holds at this moment. Never waits:
     /// a message that another process takes meanwhile is not waited for.
     ///

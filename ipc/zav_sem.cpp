@@ -67,6 +67,15 @@ int SEM_CTRL::wait(long ms) {
     return sem_timedwait(sem, &deadline);
 }
 
+int SEM_CTRL::wait_steady(long ms) {
+    if (!is_open()) {
+        errno = EINVAL;
+        return -1;
+    }
+    const timespec deadline = zav_shm::steady_clock_deadline(ms);
+    return sem_clockwait(sem, CLOCK_MONOTONIC, &deadline);
+}
+
 int SEM_CTRL::wait_forever() {
     if (!is_open()) {
         errno = EINVAL;

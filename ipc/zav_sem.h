@@ -38,6 +38,9 @@ public:
     /// @return 0 when taken; -1 otherwise, with errno ETIMEDOUT, EINTR or EINVAL.
     int wait(long ms);
 
+    /// As wait(), by the steady clock: a step of the wall clock does not change this wait.
+    int wait_steady(long ms);
+
     /// Takes the semaphore, waiting without limit.
     ///
     /// @return 0 when taken; -1 otherwise, with errno EINTR or EINVAL.

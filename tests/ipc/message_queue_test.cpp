@@ -53,6 +53,17 @@ TEST_F(Message_Queue, is_the_one_of_its_project_on_tmp_without_permission_bits) 
     EXPECT_EQ(again.id, queue.id);
 }
 
+TEST_F(Message_Queue, opening_an_existing_one_makes_none) {
+    ZAV_MSG_Q replies;
+    EXPECT_FALSE(replies.open_existing(5121));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(replies.id, -1);
+    EXPECT_EQ(msgget(ftok("/tmp", 5121), 0), -1);
+    ZAV_MSG_Q again;
+    EXPECT_TRUE(again.open_existing(5120));
+    EXPECT_EQ(again.id, queue.id);
+}
+
 TEST_F(Message_Queue, cleaned_holds_nothing_and_tells_the_last_length) {
     EXPECT_EQ(queue.clean(), 0);
     send(1, "one");

@@ -102,6 +102,17 @@ TEST_F(Semaphore, wait_lasts_its_time) {
     EXPECT_GE(watch.elapsed(), std::chrono::milliseconds(49));
 }
 
+TEST_F(Semaphore, wait_by_the_steady_clock_lasts_its_time_and_takes_a_post) {
+    SEM_CTRL semaphore(name, true);
+    const Stopwatch watch;
+    EXPECT_EQ(semaphore.wait_steady(40), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_GE(watch.elapsed(), std::chrono::milliseconds(40));
+    post(semaphore, 1);
+    EXPECT_EQ(semaphore.wait_steady(0), 0);
+    EXPECT_EQ(semaphore.wait_steady(-5), -1);
+}
+
 TEST_F(Semaphore, interrupted_wait_says_so) {
     SEM_CTRL semaphore(name, true);
     int result = 0;
@@ -208,6 +219,9 @@ TEST_F(Failed_Semaphore, refuses_every_operation_with_einval) {
         EXPECT_EQ(failed.sem, SEM_FAILED);
         errno = 0;
         EXPECT_EQ(failed.wait(60'000), -1);
+        EXPECT_EQ(errno, EINVAL);
+        errno = 0;
+        EXPECT_EQ(failed.wait_steady(60'000), -1);
         EXPECT_EQ(errno, EINVAL);
         errno = 0;
         EXPECT_EQ(failed.wait_forever(), -1);
