@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "frame/center_link.h"
+
+#include <semaphore.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <mutex>
+#include <optional>
+
+#include "control/center_page.h"
+#include "control/control_protocol.h"
+#include "ipc/zav_shm.h"
+
+namespace zav_shm {
+
+namespace {
+
+constexpr const char* shared_memory_directory = "/dev/shm";
+
+using Outcome = Center_Link::Outcome;
+using Registration = Center_Link::Registration;
+
+// Sizes of segments are looked up below this directory; the safe layer works where centers do.
+void set_root_path_once() {
+    static std::once_flag done;
+    std::call_once(done, [] { IPC_SHMEMORY::set_root_path(shared_memory_directory); });
+}
+
+std::string text_of(const Json::Value& object, const char* field) {
+    const Json::Value& value = object[field];
+    return value.isString() ? value.asString() : std::string();
+}
+
+bool ends_with(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+ino_t inode_of(const std::string& file) {
+    struct stat status {};
+    return stat(file.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+// The name "/SRC_CAM_LOOP_SEM_0_0_0" stands for a file of that name behind "sem.".
+std::string file_of_semaphore(const std::string& name) {
+    return std::string(shared_memory_directory) + "/sem." + (name.empty() ? name : name.substr(1));
+}
+
+std::optional<std::string> mismatch(const std::optional<Center_Page>& page) {
+    if (!page || page->semaphore_bytes == 0 || page->semaphore_bytes == sizeof(sem_t)) {
+        return {};
+    }
+    return "the center's semaphores have " + std::to_string(page->semaphore_bytes) +
+           " bytes and this process's " + std::to_string(sizeof(sem_t)) +
+           ": 32- and 64-bit processes cannot share a channel";
+}
+
+}  // namespace
+
+Center_Link::Center_Link(const char* type, std::string name, std::string producer, int channel,
+                         int stream)
+    : type_(type),
+      name_(std::move(name)),
+      producer_(std::move(producer)),
+      channel_(channel),
+      stream_(stream) {
+    set_root_path_once();
+}
+
+Json::Value Center_Link::request(const char* command) const {
+    Json::Value request;
+    request[control::field::command] = command;
+    request[control::field::type] = type_;
+    request[control::field::name] = name_;
+    request[control::field::channel] = channel_;
+    request[control::field::stream] = stream_;
+    return request;
+}
+
+Registration Center_Link::register_end(std::chrono::milliseconds limit) {
+    Json::Value registering = request(control::command::register_end);
+    const std::string slot_name = producer_.empty() ? name_ : producer_;
+    if (!producer_.empty()) {
+        registering[control::field::pair_name] = producer_;
+    }
+    const std::string slot =
+        "/" + slot_name + "_" + std::to_string(channel_) + "_" + std::to_string(stream_);
+    return read(Control_Exchange::ask(std::move(registering), limit, [&](const auto& reply) {
+        const std::string segment = text_of(reply, control::field::shm_path);
+        return segment.empty() || ends_with(segment, slot);
+    }));
+}
+
+Registration Center_Link::pair(const std::string& producer, std::chrono::milliseconds limit) {
+    Json::Value pairing = request(control::command::pair_source);
+    pairing[control::field::pair_name] = producer;
+    Registration made = read(Control_Exchange::ask(std::move(pairing), limit));
+    if (made.outcome != Outcome::refused) {
+        producer_ = producer;
+    }
+    return made;
+}
+
+void Center_Link::deregister_end(std::chrono::milliseconds limit) {
+    static_cast<void>(Control_Exchange::ask(request(control::command::deregister_end), limit));
+}
+
+Registration Center_Link::read(const Control_Exchange::Answer& answer) {
+    Registration made;
+    if (!answer.granted()) {
+        const bool refused = answer.outcome != Control_Exchange::Outcome::no_center;
+        made.outcome = refused ? Outcome::refused : Outcome::no_center;
+        made.reason = refused ? name_ + "/" + std::to_string(channel_) + "/" +
+                                    std::to_string(stream_) + ": " + answer.reason()
+                              : answer.reason();
+        return made;
+    }
+    made.outcome = Outcome::registered;
+    made.segment = text_of(answer.reply, control::field::shm_path);
+    made.sem_src = text_of(answer.reply, control::field::sem_path_src);
+    made.sem_dst = text_of(answer.reply, control::field::sem_path_dst);
+    made.sem_exist = text_of(answer.reply, control::field::sem_path_exist);
+    remember(made);
+    if (const auto problem = mismatch(read_center_page(folder_))) {
+        made.outcome = Outcome::refused;
+        made.reason = *problem;
+    }
+    return made;
+}
+
+void Center_Link::remember(const Registration& made) {
+    folder_ = made.segment.substr(0, made.segment.rfind('/'));
+    semaphore_file_ = file_of_semaphore(made.sem_src);
+    semaphore_ = inode_of(semaphore_file_);
+    const auto page = read_center_page(folder_);
+    epoch_ = page ? page->epoch : 0;
+}
+
+// The page tells a restarted daemon; the semaphore's file also tells a center that has no page.
+bool Center_Link::is_stale() const {
+    const ino_t now = inode_of(semaphore_file_);
+    if (now != 0 && now != semaphore_) {
+        return true;
+    }
+    const auto page = read_center_page(folder_);
+    return page && epoch_ != 0 && page->epoch != epoch_;
+}
+
+bool Center_Link::center_is_gone() const {
+    if (epoch_ == 0) {
+        return false;  // a center without a page: nobody can tell
+    }
+    const auto page = read_center_page(folder_);
+    return !page || (kill(static_cast<pid_t>(page->pid), 0) != 0 && errno == ESRCH);
+}
+
+void Backoff::failed() {
+    delay_ = delay_.count() == 0 ? first_ : std::min(2 * delay_, greatest_);
+    next_ = Clock::now() + delay_;
+}
+
+void Backoff::reset() {
+    delay_ = std::chrono::milliseconds(0);
+    next_ = {};
+}
+
+}  // namespace zav_shm

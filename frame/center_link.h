@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <json/json.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "frame/control_exchange.h"
+
+namespace zav_shm {
+
+/// One channel end's standing with the center: registers it in bounded time, and tells when the
+/// registration has become worthless because a restarted center replaced the semaphores.
+///
+/// Threads  used by one thread at a time.
+class Center_Link {
+public:
+    enum class Outcome { registered, refused, no_center };
+
+    struct [[nodiscard]] Registration {
+        Outcome outcome = Outcome::no_center;
+        std::string reason;  // one line when not registered
+
+        // Names of what the center made for this end.
+        std::string segment;
+        std::string sem_src;
+        std::string sem_dst;
+        std::string sem_exist;
+
+        explicit operator bool() const { return outcome == Outcome::registered; }
+    };
+
+    /// @param type      a word of control::type
+    /// @param producer  whose frames a consumer wants; a producer leaves it empty
+    Center_Link(const char* type, std::string name, std::string producer, int channel, int stream);
+
+    Registration register_end(std::chrono::milliseconds limit);
+
+    /// Moves a consumer to another producer, which is remembered unless the center refuses.
+    Registration pair(const std::string& producer, std::chrono::milliseconds limit);
+
+    void deregister_end(std::chrono::milliseconds limit);
+
+    /// True when what was registered is not what the names lead to now: another center has
+    /// replaced it. A few system calls; meant for when no frame has passed for a while.
+    bool is_stale() const;
+
+    /// True when the page of the center names a process that is gone, or there is none.
+    bool center_is_gone() const;
+
+    const std::string& producer() const { return producer_; }
+
+private:
+    Registration read(const Control_Exchange::Answer& answer);
+    Json::Value request(const char* command) const;
+    void remember(const Registration& made);
+
+    const char* type_;
+    const std::string name_;
+    std::string producer_;
+    const int channel_;
+    const int stream_;
+
+    std::string folder_;          // of the segments, as in their names: "/shm"
+    std::string semaphore_file_;  // the first one's file, and what it was at registration
+    ino_t semaphore_ = 0;
+    std::uint64_t epoch_ = 0;  // of the center; 0 while it is unknown
+};
+
+/// Delays between attempts: each twice the former, up to a greatest one.
+class Backoff {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    Backoff(std::chrono::milliseconds first, std::chrono::milliseconds greatest)
+        : first_(first), greatest_(greatest) {}
+
+    bool is_due() const { return Clock::now() >= next_; }
+    Clock::time_point next() const { return next_; }
+    void failed();
+    void reset();
+
+private:
+    const std::chrono::milliseconds first_;
+    const std::chrono::milliseconds greatest_;
+    std::chrono::milliseconds delay_{0};
+    Clock::time_point next_{};
+};
+
+}  // namespace zav_shm

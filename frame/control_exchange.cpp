@@ -1,0 +1,266 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "frame/control_exchange.h"
+
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "control/control_protocol.h"
+#include "ipc/zav_msg_q.h"
+
+// System V queues have no timed calls: both ways are tried without waiting, with pauses that grow
+// from a tenth of a millisecond to two. Exchanges are rare, and the center answers most of them
+// within the first pause.
+
+namespace zav_shm {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Outcome = Control_Exchange::Outcome;
+using Answer = Control_Exchange::Answer;
+
+/// The right to talk to the center, for one thread of the process at a time.
+class Turn {
+public:
+    explicit Turn(Clock::time_point end) {
+        std::unique_lock lock(mutex);
+        mine_ = changed.wait_until(lock, end, [] { return !taken; });
+        if (mine_) {
+            taken = true;
+        }
+    }
+    ~Turn() {
+        if (mine_) {
+            const std::lock_guard guard(mutex);
+            taken = false;
+            changed.notify_one();
+        }
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    bool is_mine() const { return mine_; }
+
+private:
+    static inline std::mutex mutex;
+    static inline std::condition_variable changed;
+    static inline bool taken = false;  // guarded by mutex
+    bool mine_ = false;
+};
+
+class Pause {
+public:
+    /// @return false when there is no time left.
+    bool once(Clock::time_point end) {
+        const auto now = Clock::now();
+        if (now >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::min<Clock::duration>(length_, end - now));
+        length_ = std::min(2 * length_, longest);
+        return true;
+    }
+
+private:
+    static constexpr std::chrono::microseconds longest{2000};
+    std::chrono::microseconds length_{100};
+};
+
+Answer failure(Outcome outcome, std::string problem) { return {outcome, {}, std::move(problem)}; }
+
+Answer failed_call(const char* what) {
+    const int error = errno;
+    if (error == EIDRM || error == EINVAL) {
+        return failure(Outcome::no_center, "the center's queue was removed");
+    }
+    return failure(Outcome::failed, std::string(what) + ": " + std::strerror(error));
+}
+
+Answer no_answer(std::chrono::milliseconds limit) {
+    return failure(Outcome::no_center,
+                   "no answer from the center within " + std::to_string(limit.count()) + " ms");
+}
+
+std::optional<Answer> open(ZAV_MSG_Q& queue, int project) {
+    if (queue.open_existing(project)) {
+        return {};
+    }
+    switch (errno) {
+        case ENOENT:
+            return failure(Outcome::no_center, "no center is running");
+        case EACCES:
+            return failure(Outcome::failed,
+                           "no right to use the center's queues (start the center with --group "
+                           "for a group of this user)");
+        default:
+            return failed_call("cannot open the center's queue");
+    }
+}
+
+std::optional<Answer> send(const ZAV_MSG_Q& queue, const std::string& text, Clock::time_point end,
+                           std::chrono::milliseconds limit) {
+    Control_Record record{};
+    record.mtype = control::request_type;
+    std::memcpy(record.text, text.data(), text.size());
+    Pause pause;
+    while (msgsnd(queue.id, &record, sizeof record.text, IPC_NOWAIT) != 0) {
+        if (errno != EAGAIN && errno != EINTR) {
+            return failed_call("cannot send to the center");
+        }
+        if (!pause.once(end)) {
+            return no_answer(limit);
+        }
+    }
+    return {};
+}
+
+// As the fields of requests: what is no object reads as an empty one.
+Json::Value parsed(const Control_Record& record, std::size_t length) {
+    try {
+        Json::Value root;
+        const Json::CharReaderBuilder builder;
+        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        if (reader->parse(record.text, record.text + length, &root, nullptr) && root.isObject()) {
+            return root;
+        }
+    } catch (const std::exception&) {
+        // nested too deep
+    }
+    return Json::objectValue;
+}
+
+std::string text_of(const Json::Value& object, const char* field) {
+    const Json::Value& value = object[field];
+    return value.isString() ? value.asString() : std::string();
+}
+
+bool belongs_to(const Json::Value& request, const Json::Value& reply,
+                const Control_Exchange::Judge& judge) {
+    return text_of(reply, control::field::command) == text_of(request, control::field::command) &&
+           (!judge || judge(reply));
+}
+
+// One reply of the queue, whatever it answers; nothing when there is none.
+std::optional<Json::Value> take(const ZAV_MSG_Q& queue, long pid) {
+    Control_Record record{};
+    const ssize_t length =
+        msgrcv(queue.id, &record, sizeof record.text, pid, IPC_NOWAIT | MSG_NOERROR);
+    if (length < 0) {
+        return {};
+    }
+    return parsed(record, static_cast<std::size_t>(length));
+}
+
+Answer receive(const ZAV_MSG_Q& queue, const Json::Value& request, Clock::time_point end,
+               std::chrono::milliseconds limit, const Control_Exchange::Judge& judge) {
+    const long pid = request[control::field::pid].asInt();
+    Pause pause;
+    for (;;) {
+        if (auto reply = take(queue, pid)) {
+            if (belongs_to(request, *reply, judge)) {
+                return {Outcome::replied, std::move(*reply), {}};
+            }
+        } else if (errno != ENOMSG && errno != EINTR) {
+            return failed_call("cannot receive from the center");
+        } else if (!pause.once(end)) {
+            return no_answer(limit);
+        }
+    }
+}
+
+struct Queues {
+    ZAV_MSG_Q requests;
+    ZAV_MSG_Q replies;
+};
+
+std::optional<Answer> open(Queues& queues) {
+    auto problem = open(queues.requests, control::request_project);
+    return problem ? problem : open(queues.replies, control::reply_project);
+}
+
+// A request as it travels; the pid is taken now, since a process may have forked meanwhile.
+std::optional<Answer> write(Json::Value& request, std::string& text) {
+    request[control::field::pid] = static_cast<int>(getpid());
+    text = control::written_on_one_line(request);
+    if (text.size() <= control_text_bytes) {
+        return {};
+    }
+    return failure(Outcome::failed, "a request of " + std::to_string(text.size()) +
+                                        " bytes; the limit is " +
+                                        std::to_string(control_text_bytes));
+}
+
+}  // namespace
+
+bool Control_Exchange::Answer::granted() const {
+    return outcome == Outcome::replied &&
+           text_of(reply, control::field::status) == control::status::success;
+}
+
+std::string Control_Exchange::Answer::reason() const {
+    if (outcome != Outcome::replied) {
+        return problem;
+    }
+    const std::string said = text_of(reply, control::field::reason);
+    return said.empty() ? text_of(reply, control::field::status) : said;
+}
+
+Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limit,
+                             const Judge& judge) {
+    const auto end = Clock::now() + limit;
+    std::string text;
+    if (auto problem = write(request, text)) {
+        return *problem;
+    }
+    const Turn turn(end);
+    if (!turn.is_mine()) {
+        return no_answer(limit);
+    }
+    Queues queues;
+    if (auto problem = open(queues)) {
+        return *problem;
+    }
+    queues.replies.discard_all(request[control::field::pid].asInt());
+    if (auto problem = send(queues.requests, text, end, limit)) {
+        return *problem;
+    }
+    return receive(queues.replies, request, end, limit, judge);
+}
+
+// The center serves requests in the order of their arrival: once it has refused a query for a name
+// that nobody has, it is done with the request before it.
+Answer Control_Exchange::tell(Json::Value request, std::chrono::milliseconds limit) {
+    const auto end = Clock::now() + limit;
+    std::string text;
+    if (auto problem = write(request, text)) {
+        return *problem;
+    }
+    ZAV_MSG_Q requests;
+    if (auto problem = open(requests, control::request_project)) {
+        return *problem;
+    }
+    if (auto problem = send(requests, text, end, limit)) {
+        return *problem;
+    }
+    Json::Value query;
+    query[control::field::command] = control::command::query_shm;
+    query[control::field::type] = control::type::distributor;
+    query[control::field::name] = "";
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+    Answer answer = ask(std::move(query), std::max(left, std::chrono::milliseconds(1)));
+    answer.reply = {};
+    return answer;
+}
+
+}  // namespace zav_shm

@@ -1,0 +1,379 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "frame/frame_subscriber.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "control/control_protocol.h"
+#include "frame/center_link.h"
+#include "frame/frame_queue.h"
+#include "frame/sequence_watch.h"
+#include "frame/slot_reader.h"
+
+using namespace std::chrono_literals;
+using zav_shm::Backoff;
+using zav_shm::Center_Link;
+using zav_shm::Frame_State;
+using zav_shm::Received_Frame;
+using zav_shm::Slot_Reader;
+
+namespace {
+
+// What the thread gives the center for one answer; it answers within a few relay cycles.
+constexpr auto exchange_limit = 200ms;
+
+// A paired consumer's announcement is taken within one cycle of the relay, which lasts 5 ms for
+// each consumer that is absent, 30 ms for the producer and 20 ms for each slow reader. Untaken
+// for this long, nobody is there to take it: the center is gone or restarted, or has kicked this
+// consumer while it was stopped.
+constexpr auto unnoticed_limit = 400ms;
+
+// Without a frame for this long the producer is what is waited for.
+constexpr auto producer_limit = 1s;
+
+}  // namespace
+
+class ZAV_SHM_Frame_Subscriber::Body {
+public:
+    explicit Body(Options options)
+        : options_(std::move(options)),
+          queue_({options_.queue_frames, options_.queue_bytes, options_.overflow}),
+          link_(zav_shm::control::type::receiver, options_.name, options_.producer,
+                options_.channel, options_.stream),
+          watch_(options_.start_at_key_frame, options_.key_frame_after_loss) {}
+
+    Opened open();
+    void close(std::chrono::milliseconds limit);
+    zav_shm::Receive_Status receive(Received_Frame& frame, std::chrono::milliseconds timeout);
+    Opened pair(const std::string& producer, std::chrono::milliseconds limit);
+
+    Frame_State state() const { return state_; }
+    zav_shm::Subscriber_Counters counters() const;
+
+private:
+    using Clock = Backoff::Clock;
+
+    bool connect(std::chrono::milliseconds limit);
+    bool use(const Center_Link::Registration& made);
+    void run();
+    bool is_closing() const;
+    void wait_for_retry();
+    void take_one(Slot_Reader& reader);
+    void deliver();
+    void count(Slot_Reader::Take taken);
+    void check_presence(const Slot_Reader& reader);
+    std::shared_ptr<Slot_Reader> reader() const;
+
+    const Options options_;
+    zav_shm::Frame_Queue queue_;
+    std::atomic<Frame_State> state_{Frame_State::closed};
+
+    std::mutex control_;  // held through exchanges; guards link_, retry_ and refused_
+    Center_Link link_;
+    Backoff retry_{50ms, 2000ms};
+    bool refused_ = false;
+    std::string reason_;  // why it is not connected; guarded by control_
+
+    mutable std::mutex small_;  // never held while waiting for anything; guards the next four
+    std::condition_variable wake_;
+    std::shared_ptr<Slot_Reader> reader_;  // null while not connected
+    bool closing_ = false;
+    bool unpaired_ = false;  // by pair("NONE"): not connected on purpose
+
+    std::thread thread_;  // open() and close()
+
+    // The thread's own.
+    zav_shm::Sequence_Watch watch_;
+    Received_Frame scratch_;
+    Clock::time_point last_noticed_{};
+    Clock::time_point last_frame_{};
+    bool was_connected_ = false;  // guarded by control_
+
+    mutable std::mutex counters_mutex_;
+    zav_shm::Subscriber_Counters counters_;  // guarded by counters_mutex_
+};
+
+// ---- standing with the center ----
+
+ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
+    if (thread_.joinable()) {
+        const std::lock_guard guard(control_);
+        return {state_, reason_};
+    }
+    const auto end = Clock::now() + options_.center_wait;
+    const auto left = [&end] {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+    };
+    state_ = Frame_State::waiting_for_center;
+    closing_ = false;
+    queue_.open();
+    while (!connect(std::max(left(), 1ms)) && !refused_ && left() > 0ms) {
+        std::this_thread::sleep_until(std::min(retry_.next(), end));
+    }
+    Opened opened{state_, reason_};
+    thread_ = std::thread([this] { run(); });
+    return opened;
+}
+
+bool ZAV_SHM_Frame_Subscriber::Body::connect(std::chrono::milliseconds limit) {
+    const std::lock_guard guard(control_);
+    return use(link_.register_end(limit));
+}
+
+// Called with control_ held.
+bool ZAV_SHM_Frame_Subscriber::Body::use(const Center_Link::Registration& made) {
+    refused_ = made.outcome == Center_Link::Outcome::refused;
+    reason_ = made.reason;
+    std::shared_ptr<Slot_Reader> made_reader;
+    if (made) {
+        made_reader =
+            std::make_shared<Slot_Reader>(made.segment, made.sem_src, made.sem_dst, made.sem_exist);
+        if (!made_reader->is_usable()) {
+            made_reader.reset();
+            reason_ = "cannot use the segment or the semaphores of " + made.segment;
+        }
+    }
+    if (!made_reader) {
+        retry_.failed();
+        state_ = Frame_State::waiting_for_center;
+        return false;
+    }
+    reason_.clear();
+    retry_.reset();
+    {
+        const std::lock_guard guard(small_);
+        reader_ = std::move(made_reader);
+    }
+    state_ = Frame_State::connected;
+    if (std::exchange(was_connected_, true)) {
+        const std::lock_guard guard(counters_mutex_);
+        ++counters_.recoveries;
+    }
+    return true;
+}
+
+ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
+    const std::string& producer, std::chrono::milliseconds limit) {
+    const std::lock_guard guard(control_);
+    const bool leave = producer == zav_shm::control::no_producer;
+    if (leave) {
+        link_.deregister_end(limit);
+        const std::lock_guard small(small_);
+        unpaired_ = true;
+        reader_.reset();
+        state_ = Frame_State::waiting_for_producer;
+        return {state_, {}};
+    }
+    const Center_Link::Registration made = link_.pair(producer, limit);
+    if (!made) {
+        return {Frame_State::waiting_for_center, made.reason};
+    }
+    const std::lock_guard small(small_);
+    unpaired_ = false;
+    if (reader_) {
+        reader_->change_shm(made.segment.c_str());
+        state_ = Frame_State::connected;
+    } else {
+        retry_.reset();
+    }
+    wake_.notify_all();
+    return {Frame_State::connected, {}};
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
+    if (!thread_.joinable()) {
+        return;
+    }
+    {
+        const std::lock_guard guard(small_);
+        closing_ = true;
+        wake_.notify_all();
+    }
+    queue_.close();
+    thread_.join();
+    const std::lock_guard guard(control_);
+    if (reader()) {
+        link_.deregister_end(limit);
+    }
+    const std::lock_guard small(small_);
+    reader_.reset();
+    state_ = Frame_State::closed;
+}
+
+// ---- the thread ----
+
+void ZAV_SHM_Frame_Subscriber::Body::run() {
+    pthread_setname_np(pthread_self(), "zav_subscriber");
+    last_noticed_ = last_frame_ = Clock::now();
+    while (!is_closing()) {
+        if (const auto current = reader()) {
+            take_one(*current);
+        } else {
+            wait_for_retry();
+        }
+    }
+}
+
+bool ZAV_SHM_Frame_Subscriber::Body::is_closing() const {
+    const std::lock_guard guard(small_);
+    return closing_;
+}
+
+std::shared_ptr<Slot_Reader> ZAV_SHM_Frame_Subscriber::Body::reader() const {
+    const std::lock_guard guard(small_);
+    return reader_;
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::wait_for_retry() {
+    Clock::time_point next;
+    {
+        const std::lock_guard guard(control_);
+        next = retry_.next();
+    }
+    {
+        std::unique_lock lock(small_);
+        if (wake_.wait_until(lock, unpaired_ ? Clock::now() + 1h : next,
+                             [this] { return closing_ || reader_; }) ||
+            unpaired_) {
+            return;
+        }
+    }
+    connect(exchange_limit);
+    last_noticed_ = last_frame_ = Clock::now();
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader) {
+    const Slot_Reader::Take taken = reader.take(scratch_);
+    count(taken);
+    if (taken == Slot_Reader::Take::nothing) {
+        check_presence(reader);
+        return;
+    }
+    last_noticed_ = last_frame_ = Clock::now();
+    if (state_ != Frame_State::connected) {
+        state_ = Frame_State::connected;
+    }
+    if (taken == Slot_Reader::Take::frame) {
+        deliver();
+    }
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::deliver() {
+    scratch_.lost = scratch_.dropped = scratch_.skipped = 0;
+    scratch_.epoch_changed = false;
+    const zav_shm::Sequence_Watch::Verdict verdict = watch_.judge(scratch_);
+    const bool wanted = verdict == zav_shm::Sequence_Watch::Verdict::hand_out;
+    {
+        const std::lock_guard guard(counters_mutex_);
+        if (verdict == zav_shm::Sequence_Watch::Verdict::repeated) {
+            ++counters_.repeated;
+            return;
+        }
+        ++counters_.frames;
+        counters_.bytes += scratch_.length;
+        counters_.lost += watch_.lost_now();
+        counters_.skipped += wanted ? 0 : 1;
+        if (scratch_.verified) {
+            counters_.latency.add(scratch_.received_ns - scratch_.header.publish_ns);
+        } else {
+            ++counters_.foreign;
+        }
+        if (scratch_.is_key_frame()) {
+            ++counters_.key_frames;
+            counters_.last_key_frame_ns = scratch_.received_ns;
+        }
+    }
+    if (wanted) {
+        const std::uint64_t dropped = queue_.push(scratch_);
+        if (dropped > 0) {
+            const std::lock_guard guard(counters_mutex_);
+            counters_.dropped += dropped;
+        }
+    }
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::count(Slot_Reader::Take taken) {
+    const std::lock_guard guard(counters_mutex_);
+    switch (taken) {
+        case Slot_Reader::Take::nothing:
+            ++counters_.timeouts;
+            break;
+        case Slot_Reader::Take::torn:
+            ++counters_.torn;
+            break;
+        case Slot_Reader::Take::invalid:
+            ++counters_.invalid;
+            break;
+        case Slot_Reader::Take::unmapped:
+        case Slot_Reader::Take::frame:
+            break;
+    }
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::check_presence(const Slot_Reader& reader) {
+    const auto now = Clock::now();
+    if (reader.is_noticed()) {
+        last_noticed_ = now;
+    }
+    if (now - last_frame_ > producer_limit) {
+        state_ = Frame_State::waiting_for_producer;
+    }
+    if (now - last_noticed_ > unnoticed_limit) {
+        state_ = Frame_State::waiting_for_center;
+        const std::lock_guard guard(small_);
+        reader_.reset();
+    }
+}
+
+// ---- the application's side ----
+
+zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::receive(Received_Frame& frame,
+                                                                std::chrono::milliseconds timeout) {
+    const zav_shm::Receive_Status status = queue_.pop(frame, timeout);
+    if (status == zav_shm::Receive_Status::frame) {
+        const std::lock_guard guard(counters_mutex_);
+        ++counters_.handed_out;
+    }
+    return status;
+}
+
+zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {
+    const std::uint64_t queued = queue_.size();
+    const std::lock_guard guard(counters_mutex_);
+    zav_shm::Subscriber_Counters now = counters_;
+    now.queued = queued;
+    return now;
+}
+
+// ---- the public class ----
+
+ZAV_SHM_Frame_Subscriber::ZAV_SHM_Frame_Subscriber(Options options)
+    : body_(std::make_unique<Body>(std::move(options))) {}
+
+ZAV_SHM_Frame_Subscriber::~ZAV_SHM_Frame_Subscriber() { close(); }
+
+ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::open() { return body_->open(); }
+
+void ZAV_SHM_Frame_Subscriber::close(std::chrono::milliseconds limit) { body_->close(limit); }
+
+zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::receive(Received_Frame& frame,
+                                                          std::chrono::milliseconds timeout) {
+    return body_->receive(frame, timeout);
+}
+
+ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::pair(const std::string& producer,
+                                                                std::chrono::milliseconds limit) {
+    return body_->pair(producer, limit);
+}
+
+Frame_State ZAV_SHM_Frame_Subscriber::state() const { return body_->state(); }
+
+zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::counters() const {
+    return body_->counters();
+}

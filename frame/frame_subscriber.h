@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "frame/frame_counters.h"
+#include "frame/frame_format.h"
+#include "frame/received_frame.h"
+
+namespace zav_shm {
+
+/// What a subscriber does with a frame when the application is slower than the stream and the
+/// queue is full.
+enum class Overflow_Policy {
+    drop_oldest,
+    drop_until_key_frame,  // keeps what is queued, which can be decoded, and drops what comes
+                           // until the next key frame; as drop_oldest while there was none ever
+    newest_only            // never holds more than one frame
+};
+
+enum class Receive_Status {
+    frame,    // here it is
+    timeout,  // none within the time; state() tells why
+    closed    // close() was called, or open() was not
+};
+
+}  // namespace zav_shm
+
+/// What a consumer process builds for each stream that it takes: registers with the center, takes
+/// frames on a thread of its own into a bounded queue, hands out whole frames only and says what
+/// was lost, and finds its way back when the center or the producer is restarted.
+///
+///   ZAV_SHM_Frame_Subscriber recorder({.name = "RECODER", .producer = "CAM_LOOP"});
+///   if (const auto opened = recorder.open(); !opened) { ... opened.reason ... }
+///   zav_shm::Received_Frame frame;
+///   while (recorder.receive(frame, 1s) == zav_shm::Receive_Status::frame) write(frame.payload());
+///
+/// A thread of its own, because a consumer that is not back within 5 ms after a frame misses the
+/// next one; an application may therefore take its time between two calls.
+///
+/// Owner    owns its endpoint, thread and queue. One subscriber per consumer name, channel and
+///          stream on a device.
+/// Threads  "zav_subscriber" takes the frames. receive() from one thread at a time; pair(),
+///          state(), counters() and close() from any, also while receive() is blocked.
+/// Blocking receive() takes at most the time given. open(), pair() and close() take as long as the
+///          time that they are given, plus one wait of the thread (30 ms).
+/// Errors   are values. Nothing throws and nothing is printed but the documented lines of the
+///          base layers.
+/// Crash    a killed subscriber costs the other consumers nothing but 20 ms once; the center's
+///          idle kick takes it out of its relay. Its successor simply opens again.
+class ZAV_SHM_Frame_Subscriber {
+public:
+    struct Options {
+        std::string name;      // this consumer, as configured in the center
+        std::string producer;  // whose frames
+        int channel = 0;
+        int stream = 0;
+        std::chrono::milliseconds center_wait{2000};  // how long open() looks for a center
+
+        std::size_t queue_frames = 64;
+        std::size_t queue_bytes = std::size_t{16} << 20;  // of payload; one frame always fits
+        zav_shm::Overflow_Policy overflow = zav_shm::Overflow_Policy::drop_until_key_frame;
+        bool start_at_key_frame = false;    // leave out what comes before the first
+        bool key_frame_after_loss = false;  // leave out what comes between a loss and the next
+    };
+
+    /// What open() or pair() came to.
+    struct [[nodiscard]] Opened {
+        zav_shm::Frame_State state = zav_shm::Frame_State::closed;
+        std::string reason;  // why it is not connected, in one line
+
+        explicit operator bool() const { return state == zav_shm::Frame_State::connected; }
+    };
+
+    explicit ZAV_SHM_Frame_Subscriber(Options options);
+    ZAV_SHM_Frame_Subscriber(const ZAV_SHM_Frame_Subscriber&) = delete;
+    ZAV_SHM_Frame_Subscriber& operator=(const ZAV_SHM_Frame_Subscriber&) = delete;
+
+    /// close().
+    ~ZAV_SHM_Frame_Subscriber();
+
+    /// Registers, waiting up to `center_wait` for a center, and starts the thread. Without a
+    /// center, and also when refused, the subscriber stays open and its thread tries again with a
+    /// growing delay of 2 s at most.
+    Opened open();
+
+    /// Leaves the producer, ends the thread and drops what the queue holds; a blocked receive()
+    /// returns.
+    void close(std::chrono::milliseconds limit = std::chrono::milliseconds(200));
+
+    /// Takes the next frame out of the queue, waiting up to `timeout` for one. `frame` is changed
+    /// only when there is one.
+    zav_shm::Receive_Status receive(zav_shm::Received_Frame& frame,
+                                    std::chrono::milliseconds timeout);
+
+    /// Moves to another producer, or to none with "NONE". What the queue holds stays.
+    Opened pair(const std::string& producer,
+                std::chrono::milliseconds limit = std::chrono::milliseconds(1000));
+
+    zav_shm::Frame_State state() const;
+    zav_shm::Subscriber_Counters counters() const;
+
+private:
+    class Body;
+    std::unique_ptr<Body> body_;
+};

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "frame/received_frame.h"
+#include "stream/endpoint.h"
+
+namespace zav_shm {
+
+/// The consumer's endpoint with copies that are checked by the commit rule of frame_header.h.
+///
+/// Whatever the slot holds is hostile: each field is loaded once, checked, then used.
+///
+/// Threads  as the base: one thread takes, any thread may change_shm.
+class Slot_Reader : public ZAV_SHM_Stream_Receiver {
+public:
+    using ZAV_SHM_Stream_Receiver::ZAV_SHM_Stream_Receiver;
+
+    enum class Take {
+        nothing,  // no frame within the time
+        frame,    // whole, or of a foreign producer
+        torn,     // overwritten during the copy, and again during a second one
+        invalid,  // its length field is beyond the slot
+        unmapped  // there is no slot
+    };
+
+    /// False when the segment or a semaphore could not be had.
+    bool is_usable() const;
+
+    /// Announces this consumer, waits up to 30 ms for a frame and copies it.
+    ///
+    /// @param frame  changed also when the result is not `frame`. Set are header, bytes, length,
+    ///               received_ns and verified.
+    Take take(Received_Frame& frame);
+
+    /// True when the center has taken the latest announcement: this consumer is in a relay's list.
+    /// Tells nothing right after an announcement: a cycle of the relay takes its time.
+    bool is_noticed() const;
+
+private:
+    Take copy_checked(Received_Frame& frame);
+    Take copy_once(Received_Frame& frame) const;
+    const std::byte* slot() const;
+};
+
+}  // namespace zav_shm

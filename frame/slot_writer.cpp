@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "frame/slot_writer.h"
+
+#include <cstring>
+
+#include "frame/slot_fence.h"
+#include "stream/semaphore_roles.h"
+
+namespace zav_shm {
+
+namespace {
+
+// As for every producer: nobody present within 10 ms means that nobody wants this frame, and 33 ms
+// are one frame at 30 frames per second.
+constexpr long presence_wait_ms = 10;
+constexpr long slot_free_wait_ms = 33;
+
+void store_commit(std::byte* slot, std::uint32_t commit, int order) {
+    void* const field = slot + offsetof(ZAV_SHM_Frame_Header, commit);
+    __atomic_store_n(static_cast<std::uint32_t*>(field), commit, order);
+}
+
+}  // namespace
+
+bool Slot_Writer::is_usable() const {
+    if (!slot_is_mapped() || shm->size < frame_header_bytes) {
+        return false;
+    }
+    for (const auto& entry : sem_list) {
+        if (!entry->is_open()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::byte* Slot_Writer::slot() const { return static_cast<std::byte*>(shm->mem_addr); }
+
+std::size_t Slot_Writer::capacity() const { return shm->size - frame_header_bytes; }
+
+bool Slot_Writer::wait_for_consumer() {
+    return semaphore(producer_side::consumer_present)->wait_steady(presence_wait_ms) == 0;
+}
+
+// The fence keeps the writes of header and payload behind the store of 0. With the magic in place
+// a reader does not take a slot that another producer used before for a frame of that one.
+void Slot_Writer::begin() {
+    store_commit(slot(), 0, __ATOMIC_RELAXED);
+    release_fence();
+    std::memcpy(slot(), &frame_magic, sizeof frame_magic);
+    std::memcpy(slot() + offsetof(ZAV_SHM_Frame_Header, version), &frame_version,
+                sizeof frame_version);
+}
+
+std::span<std::byte> Slot_Writer::room() { return {slot() + frame_header_bytes, capacity()}; }
+
+bool Slot_Writer::commit(const ZAV_SHM_Frame_Header& header) {
+    std::memcpy(slot(), &header, offsetof(ZAV_SHM_Frame_Header, commit));
+    // Pairs with the acquire in Slot_Reader's copy.
+    store_commit(slot(), commit_of(header.sequence), __ATOMIC_RELEASE);
+    // A post that was left behind by an earlier frame would end this frame's wait at once.
+    SEM_CTRL& slot_free = *semaphore(producer_side::slot_free);
+    slot_free.try_wait();
+    post_transmission();
+    return slot_free.wait_steady(slot_free_wait_ms) == 0;
+}
+
+}  // namespace zav_shm

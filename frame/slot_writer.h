@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+#include "frame/frame_header.h"
+#include "stream/endpoint.h"
+
+namespace zav_shm {
+
+/// The producer's endpoint with the steps of one frame apart, each bounded, and with the commit
+/// rule of frame_header.h: wait for a consumer, begin, fill the room, commit.
+///
+/// Crash    between begin and commit the slot holds no frame: its commit field is 0.
+class Slot_Writer : public ZAV_SHM_Stream_Distributor {
+public:
+    using ZAV_SHM_Stream_Distributor::ZAV_SHM_Stream_Distributor;
+
+    /// False when the segment or a semaphore could not be had.
+    bool is_usable() const;
+
+    /// Bytes of the largest payload.
+    std::size_t capacity() const;
+
+    /// Waits up to 10 ms until a consumer is present.
+    bool wait_for_consumer();
+
+    /// Takes the slot's frame back: from here to commit() it holds none.
+    void begin();
+
+    /// The slot's payload, to be filled between begin() and commit().
+    std::span<std::byte> room();
+
+    /// Completes the frame with its header, whose commit field is filled in, and waits up to 33 ms
+    /// until the slot is free again.
+    ///
+    /// @return false when it was not free by then.
+    bool commit(const ZAV_SHM_Frame_Header& header);
+
+private:
+    std::byte* slot() const;
+};
+
+}  // namespace zav_shm

@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "frame/control_exchange.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <thread>
+#include <vector>
+
+#include "../center/center_fixture.h"
+
+using namespace std::chrono_literals;
+using zav_shm::Control_Exchange;
+using Outcome = zav_shm::Control_Exchange::Outcome;
+
+namespace {
+
+Json::Value query(const std::string& name, const char* type = "Distributor") {
+    Json::Value request;
+    request["command"] = "query_shm";
+    request["type"] = type;
+    request["name"] = name;
+    return request;
+}
+
+using Exchange = Center;
+
+TEST_F(Exchange, hands_on_what_the_center_replies) {
+    start();
+    const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 5s);
+    EXPECT_EQ(answer.outcome, Outcome::replied);
+    EXPECT_TRUE(answer.granted());
+    EXPECT_EQ(answer.reply["channel"].asInt(), 4);
+}
+
+TEST_F(Exchange, hands_on_why_the_center_refused) {
+    start();
+    const auto answer = Control_Exchange::ask(query("NOBODY"), 5s);
+    EXPECT_EQ(answer.outcome, Outcome::replied);
+    EXPECT_FALSE(answer.granted());
+    EXPECT_EQ(answer.reason(), "Can't Find Shm Name NOBODY Distributor");
+}
+
+TEST_F(Exchange, without_queues_tells_at_once_that_no_center_is_running) {
+    const Stopwatch watch;
+    const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 10s);
+    EXPECT_EQ(answer.outcome, Outcome::no_center);
+    EXPECT_EQ(answer.reason(), "no center is running");
+    EXPECT_LT(watch.elapsed(), 5s);
+    EXPECT_FALSE(requests.status().exists);
+}
+
+TEST_F(Exchange, without_an_answer_ends_in_time) {
+    requests.make();
+    replies.make();
+    const Stopwatch watch;
+    const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 150ms);
+    EXPECT_EQ(answer.outcome, Outcome::no_center);
+    EXPECT_EQ(answer.reason(), "no answer from the center within 150 ms");
+    EXPECT_GE(watch.elapsed(), 150ms);
+}
+
+TEST_F(Exchange, with_a_full_request_queue_ends_in_time) {
+    requests.make();
+    replies.make();
+    requests.set_mode(0600);
+    while (requests.send(std::string(1028, 'x'), 1, 0ms)) {
+    }
+    const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 100ms);
+    EXPECT_EQ(answer.outcome, Outcome::no_center);
+}
+
+TEST_F(Exchange, takes_no_reply_that_an_earlier_process_left) {
+    start();
+    replies.send(R"({"command":"query_shm","status":"success","channel":99})", getpid());
+    const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 5s);
+    EXPECT_EQ(answer.reply["channel"].asInt(), 4);
+}
+
+TEST_F(Exchange, passes_over_late_replies_to_other_requests) {
+    requests.make();
+    replies.make();
+    std::thread fake_center([this] {
+        requests.take(1);
+        for (const char* late : {R"({"command":"register","status":"success"})", "no JSON", "[1]",
+                                 "", R"({"command":"query_shm","status":"success","channel":1})"}) {
+            replies.send(late, getpid());
+        }
+        replies.send(R"({"command":"query_shm","status":"success","channel":2})", getpid());
+    });
+    const auto answer = Control_Exchange::ask(
+        query("CAM_LOOP"), 5s, [](const auto& reply) { return reply["channel"].asInt() == 2; });
+    fake_center.join();
+    EXPECT_EQ(answer.reply["channel"].asInt(), 2);
+}
+
+TEST_F(Exchange, takes_a_reply_that_is_longer_than_a_record_for_none) {
+    requests.make();
+    replies.make();
+    std::thread fake_center([this] {
+        requests.take(1);
+        replies.send(std::string(4000, ' '), getpid());
+        replies.send(R"({"command":"query_shm","status":"success"})", getpid());
+    });
+    const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 5s);
+    fake_center.join();
+    EXPECT_TRUE(answer.granted());
+}
+
+TEST_F(Exchange, threads_of_one_process_do_not_take_each_others_replies) {
+    start();
+    std::vector<std::thread> threads;
+    std::atomic<int> right{0};
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&right, i] {
+            const bool loop = i % 2 == 0;
+            for (int turn = 0; turn < 25; ++turn) {
+                const auto answer =
+                    Control_Exchange::ask(query(loop ? "CAM_LOOP" : "CAM_REC"), 20s);
+                right += answer.reply["channel"].asInt() == (loop ? 4 : 1) ? 1 : 0;
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(right, 200);
+}
+
+TEST_F(Exchange, a_request_beyond_the_record_is_refused_with_both_sizes) {
+    const auto answer = Control_Exchange::ask(query(std::string(2000, 'x')), 5s);
+    EXPECT_EQ(answer.outcome, Outcome::failed);
+    EXPECT_NE(answer.reason().find("the limit is 1024"), std::string::npos) << answer.reason();
+}
+
+TEST_F(Exchange, telling_returns_when_the_center_has_done_it) {
+    start();
+    Json::Value request;
+    request["command"] = "kick_idle";
+    request["enable"] = true;
+    const std::string printed = output_of(
+        [&] { EXPECT_EQ(Control_Exchange::tell(request, 5s).outcome, Outcome::replied); });
+    EXPECT_EQ(printed, "In SHM_CENTER_KICK_IDLE execute, 1\n");
+    EXPECT_EQ(replies.messages(), 0U);
+}
+
+TEST_F(Exchange, without_the_right_says_what_to_do) {
+    start();
+    const pid_t child = fork();
+    if (child == 0) {
+        bool right = setresuid(65534, 65534, 65534) == 0;
+        const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 1s);
+        right = right && answer.outcome == Outcome::failed &&
+                answer.reason().find("--group") != std::string::npos;
+        _exit(right ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+}  // namespace

@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Publishers and subscribers of this process at a center of this process.
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include "../center/center_fixture.h"
+#include "frame/frame_publisher.h"
+#include "frame/frame_subscriber.h"
+
+using namespace std::chrono_literals;
+using zav_shm::Frame_State;
+using zav_shm::Publish_Outcome;
+using zav_shm::Receive_Status;
+using zav_shm::Received_Frame;
+
+namespace {
+
+class Frames : public Center {
+protected:
+    void SetUp() override {
+        Center::SetUp();
+        start();
+    }
+
+    static std::vector<std::byte> payload(std::size_t length, int seed) {
+        std::vector<std::byte> bytes(length);
+        std::generate(bytes.begin(), bytes.end(),
+                      [n = seed]() mutable { return static_cast<std::byte>(n += 7); });
+        return bytes;
+    }
+
+    static bool equal(std::span<const std::byte> left, const std::vector<std::byte>& right) {
+        return std::equal(left.begin(), left.end(), right.begin(), right.end());
+    }
+
+    // A presence that was announced before may still be taken.
+    static bool becomes_lonely(ZAV_SHM_Frame_Publisher& producer) {
+        return becomes_true([&] {
+            return producer.publish(payload(5, 1)).outcome == Publish_Outcome::no_consumer;
+        });
+    }
+
+    // A frame that the subscriber gets: the first ones may find it not present yet.
+    static bool pass_one(ZAV_SHM_Frame_Publisher& from, ZAV_SHM_Frame_Subscriber& to,
+                         Received_Frame& frame) {
+        const auto sent = payload(100, 3);
+        return becomes_true([&] {
+            return from.publish(sent).delivered() &&
+                   to.receive(frame, 1s) == Receive_Status::frame && equal(frame.payload(), sent);
+        });
+    }
+};
+
+TEST_F(Frames, arrive_byte_for_byte_with_what_was_said_of_them) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher camera(
+        {.name = "CAM_LOOP",
+         .format = {.codec = zav_shm::codec::h264, .width = 1280, .height = 720}});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    Received_Frame frame;
+    ASSERT_TRUE(pass_one(camera, player, frame));
+    for (int i = 0; i < 200; ++i) {
+        const auto sent = payload(static_cast<std::size_t>(i * 20), i);
+        const auto result = camera.publish(
+            sent, {.flags = zav_shm::frame_flag::key_frame, .pts = std::chrono::nanoseconds(i)});
+        ASSERT_TRUE(result.delivered()) << result.reason;
+        ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+        EXPECT_TRUE(equal(frame.payload(), sent));
+        EXPECT_TRUE(frame.verified && frame.is_key_frame());
+        EXPECT_EQ(frame.header.pts_ns, i);
+        EXPECT_EQ(frame.header.width, 1280U);
+        EXPECT_EQ(frame.lost, 0U);
+        EXPECT_EQ(frame.header.epoch, camera.epoch());
+    }
+    EXPECT_EQ(player.state(), Frame_State::connected);
+    EXPECT_EQ(player.counters().lost, 0U);
+    EXPECT_GE(player.counters().latency.count(), 201U);
+}
+
+TEST_F(Frames, that_nobody_wants_are_counted_and_number_the_next) {
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(camera.open());
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(camera.publish(payload(10, i)).outcome, Publish_Outcome::no_consumer);
+    }
+    EXPECT_EQ(camera.counters().no_consumer, 5U);
+    EXPECT_EQ(camera.counters().frames, 5U);
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    Received_Frame frame;
+    ASSERT_TRUE(pass_one(camera, player, frame));
+    EXPECT_GT(frame.header.sequence, 5U);
+    EXPECT_EQ(frame.lost, 0U);
+}
+
+TEST_F(Frames, longer_than_the_page_are_refused_with_both_sizes) {
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(camera.open());
+    const auto result = camera.publish(payload(4097, 1));
+    EXPECT_EQ(result.outcome, Publish_Outcome::too_large);
+    EXPECT_EQ(result.payload_bytes, 4097U);
+    EXPECT_EQ(result.limit_bytes, 4096U);
+    EXPECT_EQ(result.reason, "payload of 4097 bytes, page size of CAM_LOOP/0/0 is 4096");
+}
+
+TEST_F(Frames, can_be_written_in_place) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    std::span<std::byte> room;
+    ASSERT_TRUE(becomes_true([&] { return !(room = camera.loan()).empty(); }));
+    EXPECT_EQ(room.size(), 4096U);
+    std::fill_n(room.begin(), 10, std::byte{42});
+    ASSERT_TRUE(camera.commit(10).delivered());
+    Received_Frame frame;
+    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    EXPECT_TRUE(equal(frame.payload(), std::vector<std::byte>(10, std::byte{42})));
+    EXPECT_EQ(camera.commit(10).outcome, Publish_Outcome::no_consumer);
+}
+
+TEST_F(Frames, of_another_producer_come_after_pairing_while_a_thread_is_receiving) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher loop({.name = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher rec({.name = "CAM_REC"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(loop.open());
+    ASSERT_TRUE(rec.open());
+    Received_Frame frame;
+    ASSERT_TRUE(pass_one(loop, player, frame));
+    std::thread reader([&] { EXPECT_EQ(player.receive(frame, 20s), Receive_Status::frame); });
+    output_of([&] { EXPECT_TRUE(player.pair("CAM_REC")); });
+    EXPECT_TRUE(becomes_true([&] { return rec.publish(payload(5, 1)).delivered(); }));
+    reader.join();
+    EXPECT_EQ(frame.header.epoch, rec.epoch());
+    EXPECT_TRUE(frame.epoch_changed);
+    EXPECT_TRUE(becomes_lonely(loop));
+}
+
+TEST_F(Frames, pairing_with_an_unknown_producer_is_refused_and_changes_nothing) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    const auto paired = player.pair("NOBODY");
+    EXPECT_FALSE(paired);
+    EXPECT_EQ(paired.reason, "PLAYER/0/0: Can't Find Shm Pair Name NOBODY");
+    Received_Frame frame;
+    EXPECT_TRUE(pass_one(camera, player, frame));
+}
+
+TEST_F(Frames, refused_names_are_told_with_the_centers_reason) {
+    ZAV_SHM_Frame_Publisher camera({.name = "NOBODY"});
+    const auto opened = camera.open();
+    EXPECT_FALSE(opened);
+    EXPECT_EQ(opened.reason, "NOBODY/0/0: Can't Find Channel 0, Stream 0 Distributor");
+    EXPECT_EQ(camera.publish(payload(1, 1)).outcome, Publish_Outcome::refused);
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP", .channel = 9});
+    EXPECT_FALSE(player.open());
+}
+
+TEST_F(Frames, closing_ends_a_blocked_receive_and_leaves_the_producer) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    Received_Frame frame;
+    std::thread reader([&] { EXPECT_EQ(player.receive(frame, 20s), Receive_Status::closed); });
+    std::this_thread::sleep_for(20ms);
+    player.close();
+    reader.join();
+    EXPECT_TRUE(becomes_lonely(camera));
+    EXPECT_EQ(player.receive(frame, 0ms), Receive_Status::closed);
+}
+
+TEST_F(Frames, go_on_by_themselves_after_the_center_was_restarted) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    Received_Frame frame;
+    ASSERT_TRUE(pass_one(camera, player, frame));
+    stop();
+    EXPECT_TRUE(becomes_lonely(camera));
+    start();
+    ASSERT_TRUE(pass_one(camera, player, frame));
+    EXPECT_FALSE(frame.epoch_changed);
+    EXPECT_GT(frame.lost, 0U);
+    EXPECT_EQ(camera.counters().recoveries, 1U);
+    EXPECT_EQ(player.counters().recoveries, 1U);
+}
+
+TEST_F(Frames, go_on_after_the_consumer_was_kicked) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    Received_Frame frame;
+    ASSERT_TRUE(pass_one(camera, player, frame));
+    client.ask(
+        R"({"command":"deregister","type":"Receiver","name":"PLAYER","channel":0,"stream":0})");
+    ASSERT_TRUE(pass_one(camera, player, frame));
+    EXPECT_EQ(player.counters().recoveries, 1U);
+}
+
+class Frames_Without_Center : public Control_Queues {};
+
+TEST_F(Frames_Without_Center, are_told_so_within_the_time_given) {
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP", .center_wait = 200ms});
+    const Stopwatch watch;
+    const auto opened = camera.open();
+    EXPECT_FALSE(opened);
+    EXPECT_EQ(opened.reason, "no center is running");
+    EXPECT_EQ(opened.state, Frame_State::waiting_for_center);
+    EXPECT_GE(watch.elapsed(), 200ms);
+    EXPECT_EQ(camera.publish({}).outcome, Publish_Outcome::no_center);
+    ZAV_SHM_Frame_Subscriber player(
+        {.name = "PLAYER", .producer = "CAM_LOOP", .center_wait = 100ms});
+    EXPECT_FALSE(player.open());
+    Received_Frame frame;
+    EXPECT_EQ(player.receive(frame, 10ms), Receive_Status::timeout);
+    EXPECT_EQ(player.state(), Frame_State::waiting_for_center);
+}
+
+}  // namespace

@@ -1,0 +1,224 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The writer and the reader of one slot, with the test in the place of the relay.
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "frame/slot_reader.h"
+#include "frame/slot_writer.h"
+#include "stream/semaphore_roles.h"
+#include "support/channel.h"
+#include "support/threads.h"
+
+using zav_shm::Received_Frame;
+using zav_shm::Slot_Reader;
+using zav_shm::Slot_Writer;
+using Take = zav_shm::Slot_Reader::Take;
+
+namespace {
+
+constexpr std::size_t page = 4096;
+
+class Slot : public Channels {
+protected:
+    void SetUp() override {
+        Channels::SetUp();
+        IPC_SHMEMORY::set_root_path("/dev/shm");
+        names_.emplace(Shm_Stream_Transmission_Index("CAM_LOOP", 0, 0));
+        leaves_segment("shm/CAM_LOOP_0_0");
+        leaves_semaphores(*names_);
+        segment_ = std::make_unique<IPC_SHMEMORY>(names_->shm_path.c_str(), O_CREAT | O_RDWR, 0600,
+                                                  page + 128);
+        for (const auto* name :
+             {&names_->sem_path_src, &names_->sem_path_dst, &names_->sem_path_exist}) {
+            const SEM_CTRL made(name->c_str(), true);
+        }
+        writer_ = std::make_unique<Slot_Writer>(names_->shm_path, names_->sem_path_src,
+                                                names_->sem_path_dst, names_->sem_path_exist);
+        reader_ = std::make_unique<Slot_Reader>(names_->shm_path, names_->sem_path_src,
+                                                names_->sem_path_dst, names_->sem_path_exist);
+        relay_.emplace(*names_);
+    }
+
+    void TearDown() override {
+        relay_.reset();
+        writer_.reset();
+        reader_.reset();
+        segment_.reset();
+        Channels::TearDown();
+    }
+
+    ZAV_SHM_Frame_Header* header() const {
+        return static_cast<ZAV_SHM_Frame_Header*>(segment_->mem_addr);
+    }
+
+    static ZAV_SHM_Frame_Header header_of(std::uint64_t sequence, std::size_t length) {
+        ZAV_SHM_Frame_Header header = {};
+        header.magic = zav_shm::frame_magic;
+        header.version = zav_shm::frame_version;
+        header.sequence = sequence;
+        header.epoch = 77;
+        header.payload_length = static_cast<std::uint32_t>(length);
+        return header;
+    }
+
+    // As a producer does, without waiting for the slot.
+    void write(std::uint64_t sequence, std::size_t length) const {
+        writer_->begin();
+        const auto room = writer_->room().first(length);
+        std::fill(room.begin(), room.end(), static_cast<std::byte>(sequence));
+        relay_->post(zav_shm::producer_side::slot_free);
+        writer_->commit(header_of(sequence, length));
+    }
+
+    // The semaphore "frame written" of the writer is "frame ready" of the reader here.
+    Take take(Received_Frame& frame) const { return reader_->take(frame); }
+
+    std::optional<IPC_SHM_SRC_CTRL_INFO> names_;
+    std::unique_ptr<IPC_SHMEMORY> segment_;
+    std::unique_ptr<Slot_Writer> writer_;
+    std::unique_ptr<Slot_Reader> reader_;
+    std::optional<Peer> relay_;
+};
+
+TEST_F(Slot, carries_a_whole_frame_with_its_header) {
+    ASSERT_TRUE(writer_->is_usable() && reader_->is_usable());
+    EXPECT_EQ(writer_->capacity(), page);
+    write(5, 100);
+    Received_Frame frame;
+    ASSERT_EQ(take(frame), Take::frame);
+    EXPECT_TRUE(frame.verified);
+    EXPECT_EQ(frame.header.sequence, 5U);
+    EXPECT_EQ(frame.header.epoch, 77U);
+    ASSERT_EQ(frame.payload().size(), 100U);
+    EXPECT_EQ(frame.payload()[99], std::byte{5});
+}
+
+TEST_F(Slot, a_frame_of_the_whole_page_and_an_empty_one_fit) {
+    Received_Frame frame;
+    write(1, page);
+    ASSERT_EQ(take(frame), Take::frame);
+    EXPECT_EQ(frame.payload().size(), page);
+    write(2, 0);
+    ASSERT_EQ(take(frame), Take::frame);
+    EXPECT_EQ(frame.payload().size(), 0U);
+}
+
+TEST_F(Slot, without_a_post_there_is_nothing) {
+    Received_Frame frame;
+    EXPECT_EQ(take(frame), Take::nothing);
+}
+
+TEST_F(Slot, a_slot_that_is_being_filled_is_torn) {
+    write(1, 10);
+    writer_->begin();
+    Received_Frame frame;
+    EXPECT_EQ(take(frame), Take::torn);
+}
+
+TEST_F(Slot, a_slot_of_a_foreign_producer_that_is_being_filled_is_torn_too) {
+    std::fill_n(static_cast<unsigned char*>(segment_->mem_addr), 128, 'x');
+    header()->payload_length = 10;
+    writer_->begin();
+    relay_->post(zav_shm::consumer_side::frame_ready);
+    Received_Frame frame;
+    EXPECT_EQ(take(frame), Take::torn);
+}
+
+TEST_F(Slot, a_commit_that_does_not_belong_to_the_sequence_is_torn) {
+    write(3, 10);
+    header()->commit = 4;
+    Received_Frame frame;
+    EXPECT_EQ(take(frame), Take::torn);
+}
+
+TEST_F(Slot, a_sequence_whose_low_half_is_zero_can_be_committed) {
+    write(0x3'0000'0000, 10);
+    Received_Frame frame;
+    ASSERT_EQ(take(frame), Take::frame);
+    EXPECT_EQ(header()->commit, 1U);
+}
+
+TEST_F(Slot, a_length_beyond_the_slot_is_invalid_in_our_and_in_foreign_frames) {
+    write(1, 10);
+    header()->payload_length = page + 1;
+    Received_Frame frame;
+    EXPECT_EQ(take(frame), Take::invalid);
+    header()->payload_length = 0xFFFF'FFFF;
+    header()->magic = 0;
+    relay_->post(zav_shm::consumer_side::frame_ready);
+    EXPECT_EQ(take(frame), Take::invalid);
+}
+
+TEST_F(Slot, a_frame_without_our_magic_is_foreign_and_its_header_says_nothing) {
+    write(9, 10);
+    header()->magic = 0;
+    Received_Frame frame;
+    ASSERT_EQ(take(frame), Take::frame);
+    EXPECT_FALSE(frame.verified);
+    EXPECT_EQ(frame.header.sequence, 0U);
+    EXPECT_EQ(frame.payload().size(), 10U);
+}
+
+TEST_F(Slot, another_version_is_foreign) {
+    write(9, 10);
+    header()->version = 2;
+    Received_Frame frame;
+    ASSERT_EQ(take(frame), Take::frame);
+    EXPECT_FALSE(frame.verified);
+}
+
+TEST_F(Slot, a_post_left_from_an_earlier_frame_does_not_end_the_wait_for_the_slot) {
+    relay_->post(zav_shm::producer_side::slot_free);
+    writer_->begin();
+    const Stopwatch watch;
+    EXPECT_FALSE(writer_->commit(header_of(1, 0)));
+    EXPECT_GE(watch.elapsed(), std::chrono::milliseconds(30));
+}
+
+TEST_F(Slot, is_noticed_once_the_relay_has_taken_the_announcement) {
+    Received_Frame frame;
+    take(frame);
+    EXPECT_FALSE(reader_->is_noticed());
+    EXPECT_TRUE(relay_->take(zav_shm::consumer_side::consumer_present));
+    EXPECT_TRUE(reader_->is_noticed());
+}
+
+// A writer that pays no heed to the reader overwrites the slot under every copy. A frame that is
+// handed out all the same has every byte of one frame.
+TEST_F(Slot, never_hands_out_a_frame_that_was_overwritten_during_the_copy) {
+    std::atomic<bool> ends{false};
+    std::thread producer([this, &ends] {
+        for (std::uint64_t sequence = 1; !ends; ++sequence) {
+            write(sequence, page);
+        }
+    });
+    std::uint64_t whole = 0;
+    std::uint64_t torn = 0;
+    std::uint64_t wrong = 0;
+    Received_Frame frame;
+    const Stopwatch watch;
+    while (whole + torn < 200'000 && watch.elapsed() < std::chrono::seconds(5)) {
+        relay_->post(zav_shm::consumer_side::frame_ready);
+        const Take taken = take(frame);
+        whole += taken == Take::frame ? 1 : 0;
+        torn += taken == Take::torn ? 1 : 0;
+        if (taken == Take::frame) {
+            const auto expected = static_cast<std::byte>(frame.header.sequence);
+            const auto payload = frame.payload();
+            const bool same = std::all_of(payload.begin(), payload.end(),
+                                          [expected](std::byte each) { return each == expected; });
+            wrong += same ? 0U : 1U;
+        }
+    }
+    ends = true;
+    producer.join();
+    std::printf("%llu whole, %llu torn\n", static_cast<unsigned long long>(whole),
+                static_cast<unsigned long long>(torn));
+    EXPECT_EQ(wrong, 0U);
+    EXPECT_GT(torn, 0U);
+    EXPECT_GT(whole, 0U);
+}
+
+}  // namespace
