@@ -51,6 +51,7 @@ public:
     Opened open();
     void close(std::chrono::milliseconds limit);
     zav_shm::Receive_Status receive(Received_Frame& frame, std::chrono::milliseconds timeout);
+    zav_shm::Receive_Status read_in_place(const In_Place& reader, std::chrono::milliseconds time);
     Opened pair(const std::string& producer, std::chrono::milliseconds limit);
 
     Frame_State state() const { return state_; }
@@ -65,8 +66,12 @@ private:
     bool is_closing() const;
     void wait_for_retry();
     void take_one(Slot_Reader& reader);
-    void deliver();
+    Slot_Reader::Take take_in_place(Slot_Reader& reader, const In_Place& by, bool& ends);
+    void note(const Slot_Reader& reader, Slot_Reader::Take taken);
+    bool is_wanted(Slot_Reader::Take taken);
     void count(Slot_Reader::Take taken);
+    const In_Place* begin_in_place();
+    void end_in_place(bool for_good);
     void check_presence(const Slot_Reader& reader);
     std::shared_ptr<Slot_Reader> reader() const;
 
@@ -80,11 +85,13 @@ private:
     bool refused_ = false;
     std::string reason_;  // why it is not connected; guarded by control_
 
-    mutable std::mutex small_;  // never held while waiting for anything; guards the next four
+    mutable std::mutex small_;  // never held while waiting for anything; guards the next six
     std::condition_variable wake_;
     std::shared_ptr<Slot_Reader> reader_;  // null while not connected
     bool closing_ = false;
-    bool unpaired_ = false;  // by pair("NONE"): not connected on purpose
+    bool unpaired_ = false;               // by pair("NONE"): not connected on purpose
+    const In_Place* in_place_ = nullptr;  // who reads in place; null: frames go into the queue
+    bool in_place_busy_ = false;          // the thread is using it
 
     std::thread thread_;  // open() and close()
 
@@ -112,6 +119,8 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     };
     state_ = Frame_State::waiting_for_center;
     closing_ = false;
+    was_connected_ = false;
+    watch_ = {options_.start_at_key_frame, options_.key_frame_after_loss};
     queue_.open();
     while (!connect(std::max(left(), 1ms)) && !refused_ && left() > 0ms) {
         std::this_thread::sleep_until(std::min(retry_.next(), end));
@@ -249,7 +258,41 @@ void ZAV_SHM_Frame_Subscriber::Body::wait_for_retry() {
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader) {
+    if (const In_Place* const by = begin_in_place()) {
+        bool ends = false;
+        note(reader, take_in_place(reader, *by, ends));
+        end_in_place(ends);
+        return;
+    }
     const Slot_Reader::Take taken = reader.take(scratch_);
+    note(reader, taken);
+    if (is_wanted(taken)) {
+        const std::uint64_t dropped = queue_.push(scratch_);
+        if (dropped > 0) {
+            const std::lock_guard guard(counters_mutex_);
+            counters_.dropped += dropped;
+        }
+    }
+}
+
+Slot_Reader::Take ZAV_SHM_Frame_Subscriber::Body::take_in_place(Slot_Reader& reader,
+                                                                const In_Place& by, bool& ends) {
+    bool used = false;
+    const Slot_Reader::Take taken =
+        reader.take_with(scratch_, [&](const Received_Frame& frame, auto payload) {
+            used = true;
+            by.read(frame, payload);
+        });
+    const bool whole = is_wanted(taken);
+    if (whole) {
+        const std::lock_guard guard(counters_mutex_);
+        ++counters_.handed_out;
+    }
+    ends = used && !by.judged(scratch_, whole);
+    return taken;
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader::Take taken) {
     count(taken);
     if (taken == Slot_Reader::Take::nothing) {
         check_presence(reader);
@@ -259,43 +302,35 @@ void ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader) {
     if (state_ != Frame_State::connected) {
         state_ = Frame_State::connected;
     }
-    if (taken == Slot_Reader::Take::frame) {
-        deliver();
-    }
 }
 
-void ZAV_SHM_Frame_Subscriber::Body::deliver() {
+// Judges and counts what was taken; true when it is for the application.
+bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken) {
+    if (taken != Slot_Reader::Take::frame) {
+        return false;
+    }
+    using Verdict = zav_shm::Sequence_Watch::Verdict;
     scratch_.lost = scratch_.dropped = scratch_.skipped = 0;
     scratch_.epoch_changed = false;
-    const zav_shm::Sequence_Watch::Verdict verdict = watch_.judge(scratch_);
-    const bool wanted = verdict == zav_shm::Sequence_Watch::Verdict::hand_out;
-    {
-        const std::lock_guard guard(counters_mutex_);
-        if (verdict == zav_shm::Sequence_Watch::Verdict::repeated) {
-            ++counters_.repeated;
-            return;
-        }
-        ++counters_.frames;
-        counters_.bytes += scratch_.length;
-        counters_.lost += watch_.lost_now();
-        counters_.skipped += wanted ? 0 : 1;
-        if (scratch_.verified) {
-            counters_.latency.add(scratch_.received_ns - scratch_.header.publish_ns);
-        } else {
-            ++counters_.foreign;
-        }
-        if (scratch_.is_key_frame()) {
-            ++counters_.key_frames;
-            counters_.last_key_frame_ns = scratch_.received_ns;
-        }
+    const Verdict verdict = watch_.judge(scratch_);
+    const std::lock_guard guard(counters_mutex_);
+    if (verdict == Verdict::repeated) {
+        ++counters_.repeated;
+        return false;
     }
-    if (wanted) {
-        const std::uint64_t dropped = queue_.push(scratch_);
-        if (dropped > 0) {
-            const std::lock_guard guard(counters_mutex_);
-            counters_.dropped += dropped;
-        }
+    ++counters_.frames;
+    counters_.bytes += scratch_.length;
+    counters_.lost += watch_.lost_now();
+    counters_.skipped += verdict == Verdict::skipped ? 1 : 0;
+    counters_.foreign += scratch_.verified ? 0 : 1;
+    if (scratch_.verified) {
+        counters_.latency.add(scratch_.received_ns - scratch_.header.publish_ns);
     }
+    if (scratch_.is_key_frame()) {
+        ++counters_.key_frames;
+        counters_.last_key_frame_ns = scratch_.received_ns;
+    }
+    return verdict == Verdict::hand_out;
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::count(Slot_Reader::Take taken) {
@@ -343,6 +378,38 @@ zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::receive(Received_Frame& 
     return status;
 }
 
+zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::read_in_place(
+    const In_Place& reader, std::chrono::milliseconds time) {
+    std::unique_lock lock(small_);
+    if (closing_ || state_ == Frame_State::closed) {
+        return zav_shm::Receive_Status::closed;
+    }
+    in_place_ = &reader;
+    const bool ended =
+        wake_.wait_for(lock, time, [this] { return in_place_ == nullptr || closing_; });
+    in_place_ = nullptr;
+    wake_.wait(lock, [this] { return !in_place_busy_; });
+    if (closing_) {
+        return zav_shm::Receive_Status::closed;
+    }
+    return ended ? zav_shm::Receive_Status::frame : zav_shm::Receive_Status::timeout;
+}
+
+const ZAV_SHM_Frame_Subscriber::In_Place* ZAV_SHM_Frame_Subscriber::Body::begin_in_place() {
+    const std::lock_guard guard(small_);
+    in_place_busy_ = in_place_ != nullptr;
+    return in_place_;
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::end_in_place(bool for_good) {
+    const std::lock_guard guard(small_);
+    in_place_busy_ = false;
+    if (for_good) {
+        in_place_ = nullptr;
+    }
+    wake_.notify_all();
+}
+
 zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {
     const std::uint64_t queued = queue_.size();
     const std::lock_guard guard(counters_mutex_);
@@ -365,6 +432,11 @@ void ZAV_SHM_Frame_Subscriber::close(std::chrono::milliseconds limit) { body_->c
 zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::receive(Received_Frame& frame,
                                                           std::chrono::milliseconds timeout) {
     return body_->receive(frame, timeout);
+}
+
+zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::read_in_place(const In_Place& reader,
+                                                                std::chrono::milliseconds time) {
+    return body_->read_in_place(reader, time);
 }
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::pair(const std::string& producer,

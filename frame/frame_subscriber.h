@@ -3,7 +3,9 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "frame/frame_counters.h"
@@ -45,7 +47,8 @@ enum class Receive_Status {
 ///          stream on a device.
 /// Threads  "zav_subscriber" takes the frames. receive() from one thread at a time; pair(),
 ///          state(), counters() and close() from any, also while receive() is blocked.
-/// Blocking receive() takes at most the time given. open(), pair() and close() take as long as the
+/// Blocking receive() takes at most the time given. open(), pair(), close() and read_in_place()
+/// take as long as the
 ///          time that they are given, plus one wait of the thread (30 ms).
 /// Errors   are values. Nothing throws and nothing is printed but the documented lines of the
 ///          base layers.
@@ -95,6 +98,24 @@ public:
     /// only when there is one.
     zav_shm::Receive_Status receive(zav_shm::Received_Frame& frame,
                                     std::chrono::milliseconds timeout);
+
+    /// Reads frames where they lie, for `time` or until `judged` returns false: no copy is made.
+    /// Both functions run on the subscriber's thread, one frame after the other, while this call
+    /// waits. `read` gets the frame, with an empty `bytes`, and its payload in the slot; it has to
+    /// be done within 10 ms, or the producer goes on without this consumer. The payload may be
+    /// overwritten meanwhile, and then what came of it is to be thrown away: `judged` tells whether
+    /// it was one whole frame. `read` comes a second time when it first was not.
+    ///
+    /// What the queue holds stays there.
+    ///
+    /// @return frame when `judged` ended it, timeout, or closed.
+    struct In_Place {
+        std::function<void(const zav_shm::Received_Frame& frame,
+                           std::span<const std::byte> payload)>
+            read;
+        std::function<bool(const zav_shm::Received_Frame& frame, bool whole)> judged;
+    };
+    zav_shm::Receive_Status read_in_place(const In_Place& reader, std::chrono::milliseconds time);
 
     /// Moves to another producer, or to none with "NONE". What the queue holds stays.
     Opened pair(const std::string& producer,

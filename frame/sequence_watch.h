@@ -31,7 +31,7 @@ public:
 private:
     bool is_repeated(const Received_Frame& frame) const;
 
-    const bool key_frame_after_loss_;
+    bool key_frame_after_loss_;
     bool waits_for_key_;
     bool handed_out_ = false;  // any frame, ever
     std::uint64_t epoch_ = 0;  // of the frame judged last; 0 before the first

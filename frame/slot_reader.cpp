@@ -14,6 +14,8 @@ namespace {
 // How long a consumer waits before it announces itself again; the same for every consumer.
 constexpr long frame_wait_ms = 30;
 
+constexpr std::size_t commit_offset = offsetof(ZAV_SHM_Frame_Header, commit);
+
 std::uint32_t load(const std::byte* slot, std::size_t offset, int order) {
     const void* const field = slot + offset;
     return __atomic_load_n(static_cast<const std::uint32_t*>(field), order);
@@ -46,30 +48,43 @@ bool Slot_Reader::is_noticed() const {
 }
 
 Slot_Reader::Take Slot_Reader::take(Received_Frame& frame) {
+    const auto copy = [](Received_Frame& into, std::span<const std::byte> payload) {
+        if (into.bytes.size() < payload.size()) {
+            into.bytes.resize(payload.size());
+        }
+        if (!payload.empty()) {
+            std::memcpy(into.bytes.data(), payload.data(), payload.size());
+        }
+    };
+    return take_with(frame, copy);
+}
+
+Slot_Reader::Take Slot_Reader::take_with(Received_Frame& frame, const Use& use) {
     post_transmission_receiver_exist();
     if (semaphore(consumer_side::frame_ready)->wait_steady(frame_wait_ms) != 0) {
         return Take::nothing;
     }
-    const Take taken = copy_checked(frame);
+    const Take taken = use_checked(frame, use);
     post_transmission();
     return taken;
 }
 
 // A second try, since a writer that was early is often done by then.
-Slot_Reader::Take Slot_Reader::copy_checked(Received_Frame& frame) {
+Slot_Reader::Take Slot_Reader::use_checked(Received_Frame& frame, const Use& use) {
     const std::lock_guard guard(*lock);
     if (!slot_is_mapped() || shm->size < frame_header_bytes) {
         return Take::unmapped;
     }
-    const Take first = copy_once(frame);
-    return first == Take::torn ? copy_once(frame) : first;
+    const Take first = use_once(frame, use);
+    return first == Take::torn ? use_once(frame, use) : first;
 }
 
-Slot_Reader::Take Slot_Reader::copy_once(Received_Frame& frame) const {
+Slot_Reader::Take Slot_Reader::use_once(Received_Frame& frame, const Use& use) const {
     ZAV_SHM_Frame_Header& header = frame.header;
-    constexpr std::size_t commit_offset = offsetof(ZAV_SHM_Frame_Header, commit);
     const std::uint32_t commit = load(slot(), commit_offset, __ATOMIC_ACQUIRE);
     std::memcpy(&header, slot(), sizeof header);
+    // A header that is seen here has its payload seen below; pairs with Slot_Writer::commit().
+    acquire_fence();
     frame.verified = header.magic == frame_magic && header.version == frame_version;
     if (frame.verified && (commit == 0 || commit != commit_of(header.sequence))) {
         return Take::torn;
@@ -78,25 +93,23 @@ Slot_Reader::Take Slot_Reader::copy_once(Received_Frame& frame) const {
         return Take::invalid;
     }
     frame.length = header.payload_length;
-    if (frame.bytes.size() < frame.length) {
-        frame.bytes.resize(frame.length);
-    }
-    if (frame.length > 0) {
-        std::memcpy(frame.bytes.data(), slot() + frame_header_bytes, frame.length);
-    }
-    frame.received_ns = monotonic_ns();
     if (!frame.verified) {
         header = {};
         header.payload_length = static_cast<std::uint32_t>(frame.length);
-        return Take::frame;
     }
-    // Keeps the loads below behind the copy; pairs with the fence in Slot_Writer::begin().
+    use(frame, {slot() + frame_header_bytes, frame.length});
+    frame.received_ns = monotonic_ns();
+    return !frame.verified || still_holds_frame(header, commit) ? Take::frame : Take::torn;
+}
+
+// The fence keeps the loads behind the reading of the payload; pairs with the one in
+// Slot_Writer::begin().
+bool Slot_Reader::still_holds_frame(const ZAV_SHM_Frame_Header& header,
+                                    std::uint32_t commit) const {
     acquire_fence();
-    const bool whole =
-        load(slot(), commit_offset, __ATOMIC_RELAXED) == commit &&
-        still_holds(slot(), offsetof(ZAV_SHM_Frame_Header, sequence), header.sequence) &&
-        still_holds(slot(), offsetof(ZAV_SHM_Frame_Header, epoch), header.epoch);
-    return whole ? Take::frame : Take::torn;
+    return load(slot(), commit_offset, __ATOMIC_RELAXED) == commit &&
+           still_holds(slot(), offsetof(ZAV_SHM_Frame_Header, sequence), header.sequence) &&
+           still_holds(slot(), offsetof(ZAV_SHM_Frame_Header, epoch), header.epoch);
 }
 
 }  // namespace zav_shm

@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <span>
 
 #include "frame/received_frame.h"
 #include "stream/endpoint.h"
@@ -29,19 +31,28 @@ public:
     /// False when the segment or a semaphore could not be had.
     bool is_usable() const;
 
+    /// What is done with a payload where it lies. It may be overwritten meanwhile: only the
+    /// result of taking tells whether it was one whole frame.
+    using Use = std::function<void(Received_Frame& frame, std::span<const std::byte> payload)>;
+
     /// Announces this consumer, waits up to 30 ms for a frame and copies it.
     ///
     /// @param frame  changed also when the result is not `frame`. Set are header, bytes, length,
     ///               received_ns and verified.
     Take take(Received_Frame& frame);
 
+    /// The same with `use` in the place of the copy: it is called once, or twice when the first
+    /// time proved torn. It holds up change_shm(), and the producer for 20 ms.
+    Take take_with(Received_Frame& frame, const Use& use);
+
     /// True when the center has taken the latest announcement: this consumer is in a relay's list.
     /// Tells nothing right after an announcement: a cycle of the relay takes its time.
     bool is_noticed() const;
 
 private:
-    Take copy_checked(Received_Frame& frame);
-    Take copy_once(Received_Frame& frame) const;
+    Take use_checked(Received_Frame& frame, const Use& use);
+    Take use_once(Received_Frame& frame, const Use& use) const;
+    bool still_holds_frame(const ZAV_SHM_Frame_Header& header, std::uint32_t commit) const;
     const std::byte* slot() const;
 };
 

@@ -55,8 +55,10 @@ void Slot_Writer::begin() {
 std::span<std::byte> Slot_Writer::room() { return {slot() + frame_header_bytes, capacity()}; }
 
 bool Slot_Writer::commit(const ZAV_SHM_Frame_Header& header) {
+    // A reader that sees this header sees the payload, too; pairs with the fence behind its copy.
+    release_fence();
     std::memcpy(slot(), &header, offsetof(ZAV_SHM_Frame_Header, commit));
-    // Pairs with the acquire in Slot_Reader's copy.
+    // Pairs with the acquire in Slot_Reader::use_once().
     store_commit(slot(), commit_of(header.sequence), __ATOMIC_RELEASE);
     // A post that was left behind by an earlier frame would end this frame's wait at once.
     SEM_CTRL& slot_free = *semaphore(producer_side::slot_free);

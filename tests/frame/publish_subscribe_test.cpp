@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "../center/center_fixture.h"
+#include "frame/frame_dual_subscriber.h"
 #include "frame/frame_publisher.h"
 #include "frame/frame_subscriber.h"
 
@@ -120,6 +121,134 @@ TEST_F(Frames, can_be_written_in_place) {
     ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
     EXPECT_TRUE(equal(frame.payload(), std::vector<std::byte>(10, std::byte{42})));
     EXPECT_EQ(camera.commit(10).outcome, Publish_Outcome::no_consumer);
+}
+
+TEST_F(Frames, can_be_read_in_place_one_after_the_other) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    Received_Frame frame;
+    ASSERT_TRUE(pass_one(camera, player, frame));
+    const auto sent = payload(300, 5);
+    std::thread producer([&] {
+        for (int delivered = 0; delivered < 20;) {
+            delivered += camera.publish(sent).delivered() ? 1 : 0;
+        }
+    });
+    int whole = 0;
+    bool same = true;
+    const auto status = player.read_in_place(
+        {.read = [&](const Received_Frame&, auto bytes) { same = same && equal(bytes, sent); },
+         .judged =
+             [&](const Received_Frame& read, bool is_whole) {
+                 whole += is_whole ? 1 : 0;
+                 EXPECT_TRUE(read.verified);
+                 return whole < 15;
+             }},
+        20s);
+    EXPECT_EQ(status, Receive_Status::frame);
+    EXPECT_EQ(whole, 15);
+    EXPECT_TRUE(same);
+    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);  // the queue takes over again
+    producer.join();
+}
+
+TEST_F(Frames, reading_in_place_ends_in_time_and_when_the_subscriber_is_closed) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    const ZAV_SHM_Frame_Subscriber::In_Place reader{
+        .read = [](const Received_Frame&, auto) {},
+        .judged = [](const Received_Frame&, bool) { return true; }};
+    EXPECT_EQ(player.read_in_place(reader, 50ms), Receive_Status::timeout);
+    std::thread other(
+        [&] { EXPECT_EQ(player.read_in_place(reader, 20s), Receive_Status::closed); });
+    std::this_thread::sleep_for(20ms);
+    player.close();
+    other.join();
+    EXPECT_EQ(player.read_in_place(reader, 20s), Receive_Status::closed);
+}
+
+// Both cameras of a picture in a thread of their own, with a key frame as every fifth.
+class Camera {
+public:
+    Camera() : main_({.name = "CAM_LOOP"}), sub_({.name = "CAM_LOOP", .stream = 1}) {
+        EXPECT_TRUE(main_.open());
+        EXPECT_TRUE(sub_.open());
+        thread_ = std::thread([this] {
+            for (int number = 0; !ends_; ++number) {
+                const auto flags =
+                    number % 5 == 0 ? zav_shm::frame_flag::key_frame : std::uint16_t{0};
+                main_.publish({}, {.flags = flags});
+                sub_.publish({}, {.flags = flags});
+                std::this_thread::sleep_for(10ms);
+            }
+        });
+    }
+    ~Camera() {
+        ends_ = true;
+        thread_.join();
+    }
+    Camera(const Camera&) = delete;
+    Camera& operator=(const Camera&) = delete;
+
+    std::uint64_t epoch(int stream) const { return stream == 0 ? main_.epoch() : sub_.epoch(); }
+
+private:
+    ZAV_SHM_Frame_Publisher main_;
+    ZAV_SHM_Frame_Publisher sub_;
+    std::atomic<bool> ends_{false};
+    std::thread thread_;
+};
+
+TEST_F(Frames, of_main_and_sub_change_over_at_a_key_frame_and_without_a_gap) {
+    const Camera camera;
+    ZAV_SHM_Frame_Dual_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"}, 1);
+    ASSERT_TRUE(player.open());
+    Received_Frame frame;
+    std::uint64_t last_epoch = 0;
+    std::uint64_t last_sequence = 0;
+    std::int64_t last_published = 0;
+    for (int number = 0; number < 120; ++number) {
+        if (number % 30 == 20) {
+            ASSERT_TRUE(player.select(number % 60 == 20 ? ZAV_SHM_Frame_Dual_Subscriber::sub
+                                                        : ZAV_SHM_Frame_Dual_Subscriber::main));
+        }
+        ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame) << number;
+        EXPECT_EQ(frame.header.epoch, camera.epoch(player.current()));
+        if (frame.header.epoch == last_epoch) {
+            EXPECT_EQ(frame.header.sequence, last_sequence + 1) << number;
+        } else {
+            EXPECT_TRUE(frame.is_key_frame()) << number;
+        }
+        // The picture at a change may come from both streams, one right after the other.
+        EXPECT_GT(frame.header.publish_ns, last_published - 9'000'000) << number;
+        EXPECT_LT(last_published == 0 ? 0 : frame.header.publish_ns - last_published, 100'000'000);
+        last_epoch = frame.header.epoch;
+        last_sequence = frame.header.sequence;
+        last_published = frame.header.publish_ns;
+    }
+    EXPECT_EQ(player.changes(), 4U);
+    EXPECT_EQ(player.counters(ZAV_SHM_Frame_Dual_Subscriber::main).recoveries, 0U);
+}
+
+TEST_F(Frames, of_the_present_stream_go_on_when_a_change_is_taken_back) {
+    const Camera camera;
+    ZAV_SHM_Frame_Dual_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"}, 1);
+    ASSERT_TRUE(player.open());
+    Received_Frame frame;
+    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    ASSERT_TRUE(player.select(ZAV_SHM_Frame_Dual_Subscriber::sub));
+    EXPECT_TRUE(player.is_changing());
+    ASSERT_TRUE(player.select(ZAV_SHM_Frame_Dual_Subscriber::main));
+    EXPECT_FALSE(player.is_changing());
+    for (int number = 0; number < 10; ++number) {
+        ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+        EXPECT_EQ(frame.header.epoch, camera.epoch(0));
+        EXPECT_EQ(frame.lost, 0U);
+    }
+    player.close();
+    EXPECT_EQ(player.receive(frame, 1s), Receive_Status::closed);
 }
 
 TEST_F(Frames, of_another_producer_come_after_pairing_while_a_thread_is_receiving) {
