@@ -9,6 +9,8 @@
 
 void ZAV_SHM_CENTER::enable_kick_idle_client(bool enable) { state_->kick_idle_enabled = enable; }
 
+bool ZAV_SHM_CENTER::is_kick_idle_enabled() const { return state_->kick_idle_enabled; }
+
 void ZAV_SHM_CENTER::kick_idle_client() {
     if (!is_shut_down()) {
         state_->manager->kick_idle_distributor(state_->kick_idle_enabled);

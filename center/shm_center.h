@@ -20,8 +20,9 @@ struct Center_State;
 ///
 /// Owner    owns the manager and the queue handles. The configuration stays the caller's, also
 ///          one that the constructor made, and must outlive the center's thread.
-/// Threads  "zav_center" runs all handlers. enable_kick_idle_client and kick_idle_client may be
-///          called from any thread; construction and shutdown belong to one.
+/// Threads  "zav_center" runs all handlers. enable_kick_idle_client, is_kick_idle_enabled and
+///          kick_idle_client may be called from any thread; construction and shutdown belong to
+///          one.
 /// Life     destruction does nothing: the thread goes on answering, nothing is freed, the queues
 ///          stay. A host that wants to end calls shutdown first.
 /// Errors   no byte sequence on the request queue makes the center crash, throw, spin, block or
@@ -84,6 +85,8 @@ public:
 
     /// Whether kick_idle_client unpairs anybody; false after construction.
     void enable_kick_idle_client(bool enable);
+
+    bool is_kick_idle_enabled() const;
 
     /// One pass of unpairing consumers that have missed ten waits in a row. Nothing inside the
     /// center calls it: the host does, when it likes.

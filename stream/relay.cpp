@@ -72,6 +72,8 @@ void SHM_Stream_Transmission::stop() {
     }
 }
 
+bool SHM_Stream_Transmission::interrupt_wait(int signal) const { return thread->signal(signal); }
+
 void* fun_transmission_stream(void* arg) {
     if (arg == nullptr) {
         return nullptr;

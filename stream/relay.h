@@ -57,6 +57,12 @@ public:
     void stop();
     bool stop_requested() const { return stopping_; }
 
+    /// Sends the relay thread a signal, whose handler has to be without SA_RESTART: the wait that
+    /// the thread is in ends as if nobody had posted, and the next has a new deadline.
+    ///
+    /// @return true when the thread runs. Never waits for a cycle.
+    bool interrupt_wait(int signal) const;
+
     /// What the relay has done so far; frames per consumer are counted by its writer. Any thread
     /// may read them.
     const zav_shm::Relay_Counters& counters() const { return counters_; }

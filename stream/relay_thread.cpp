@@ -2,6 +2,7 @@
 #include "stream/relay_thread.h"
 
 #include <cerrno>
+#include <csignal>
 
 namespace zav_shm {
 
@@ -75,6 +76,12 @@ void Relay_Thread::cancel() {
         pthread_cancel(id_);  // valid: it needs the mutex to stop running
         state_->changed.wait(guard, [this] { return !state_->running; });
     }
+}
+
+// Under the mutex: a running thread needs it to stop running, so `id_` is valid.
+bool Relay_Thread::signal(int number) {
+    const std::lock_guard guard(state_->mutex);
+    return state_->running && pthread_kill(id_, number) == 0;
 }
 
 void Relay_Thread::sleep(std::chrono::milliseconds time) {

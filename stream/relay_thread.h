@@ -17,7 +17,7 @@ namespace zav_shm {
 /// goes with the last of them: the thread reports there, as the last thing it does, that it has
 /// left, also when it is cancelled in the middle of a wait.
 ///
-/// Threads  start(), wait_until_left() and cancel() from one thread at a time.
+/// Threads  start(), wait_until_left() and cancel() from one thread at a time; the others from any.
 class Relay_Thread {
 public:
     using Routine = void* (*)(void*);
@@ -30,6 +30,11 @@ public:
 
     /// Cancels the thread at its current or next wait, and returns when it has left.
     void cancel();
+
+    /// Sends a signal to the thread. One that is about to leave, or has left, gets none.
+    ///
+    /// @return true when a thread is running, and the signal is on its way to it.
+    bool signal(int number);
 
     /// An interruptible sleep of the thread: ends early when wake() is called.
     void sleep(std::chrono::milliseconds time);

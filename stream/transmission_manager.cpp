@@ -359,6 +359,38 @@ void SHM_Stream_Transmission_Manager::unpair(Writer* writer, Relay* relay) {
     pair_map.erase(writer);
 }
 
+// ---- for the host ----
+
+int SHM_Stream_Transmission_Manager::interrupt_waits(int signal) const {
+    const std::lock_guard guard(maps_);
+    return static_cast<int>(std::count_if(
+        transmission_map.begin(), transmission_map.end(), [signal](const auto& entry) {
+            return entry.second != nullptr && entry.second->interrupt_wait(signal);
+        }));
+}
+
+std::vector<zav_shm::Relay_Snapshot> SHM_Stream_Transmission_Manager::snapshot() const {
+    std::vector<zav_shm::Relay_Snapshot> relays;
+    std::map<const Reader*, std::size_t> place_of;
+    const std::lock_guard guard(maps_);
+    for (const auto& [key, reader] : receiver_map) {
+        const Relay* const relay = value_or_null(transmission_map, reader);
+        if (relay != nullptr) {
+            place_of.emplace(reader, relays.size());
+            relays.push_back(zav_shm::snapshot_of(key, relay->counters()));
+        }
+    }
+    for (const auto& [key, writer] : distributor_map) {
+        const auto place = place_of.find(value_or_null(pair_map, writer));
+        if (writer != nullptr && place != place_of.end()) {
+            relays[place->second].consumers.push_back({key.name, key.channel, key.stream,
+                                                       writer->frames_relayed(),
+                                                       writer->get_sem_wait_error()});
+        }
+    }
+    return relays;
+}
+
 // ---- tear-down ----
 
 // All are asked first, so that they end their cycles at the same time.

@@ -4,21 +4,23 @@
 #include <iosfwd>
 #include <map>
 #include <mutex>
+#include <vector>
 
 #include "config/zav_shm_config.h"
 #include "stream/channel_key.h"
 #include "stream/relay.h"
 #include "stream/relay_endpoint.h"
+#include "stream/relay_snapshot.h"
 
 /// The center's owner of every channel and relay: built from the configuration, it makes one
 /// segment, one reader and one relay with its thread for each producer channel, and one writer for
 /// each consumer channel; afterwards consumers are paired with producers and unpaired.
 ///
 /// Owner    owns readers, writers and relays. Segments and semaphores outlive it.
-/// Threads  any thread may pair, unpair, kick and dump. The maps have a lock that is never held
-///          while a relay is waited for; pairing, unpairing and kicking of one consumer exclude
-///          each other. Each waits for its own relay alone, one cycle at most. Construction and
-///          tear-down belong to one thread.
+/// Threads  any thread may pair, unpair, kick, dump, interrupt and take a snapshot. The maps have a
+///          lock that is never held while a relay is waited for; pairing, unpairing and kicking of
+///          one consumer exclude each other. Each waits for its own relay alone, one cycle at most.
+///          Construction and tear-down belong to one thread.
 /// Errors   unknown keys are ignored quietly; what could not be created shows as a channel that
 ///          looks idle. Nothing throws.
 /// Crash    the next center makes all semaphores anew and uses the segments again.
@@ -81,6 +83,24 @@ public:
 
     /// With `kick`, unpairs every consumer that has missed 10 waits in a row or more.
     void kick_idle_distributor(bool kick);
+
+    // ---- for the host ----
+
+    /// Ends the wait that each relay thread is in by sending it `signal`, for which the process
+    /// has a handler without SA_RESTART, and which the relay threads do not block.
+    ///
+    /// For clocks that were set: a wait ends at a moment of the wall clock, so that a step back of
+    /// an hour holds a relay for an hour. A signal that arrives between the reading of the clock
+    /// and the wait has no effect; hence repeat it. An interrupted wait is no timeout, but may
+    /// cost its consumers a frame.
+    ///
+    /// @return how many relay threads run; signal 0 only counts them. Never waits for a cycle.
+    int interrupt_waits(int signal) const;
+
+    /// What each relay does, in the order of the producer channels' keys, with its consumers in the
+    /// order of theirs. Never waits for a cycle. Each number is right by itself, not in step with
+    /// the others.
+    std::vector<zav_shm::Relay_Snapshot> snapshot() const;
 
     // ---- tear-down, step by step; relays are stopped before anything is freed ----
 
