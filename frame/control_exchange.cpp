@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <exception>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -179,6 +180,46 @@ Answer receive(const ZAV_MSG_Q& queue, const Json::Value& request, Clock::time_p
     }
 }
 
+/// Requests that were sent and not answered in time. The center serves them all the same, sooner
+/// or later, and each registration that it serves starts the consumer's channel anew, which costs
+/// a frame: so the same request is not sent again while the first may still be answered.
+///
+/// Used by whose turn it is.
+class Unanswered {
+public:
+    bool may_be_answered(const std::string& text, const ZAV_MSG_Q& requests) const {
+        const auto entry = sent_.find(text);
+        if (entry == sent_.end()) {
+            return false;
+        }
+        const auto age = Clock::now() - entry->second;
+        // Taken off the queue, it is answered within some relay cycles; or a center that started
+        // has thrown it away.
+        return age < (is_empty(requests) ? served_within : given_up_after);
+    }
+    void sent(const std::string& text) {
+        if (sent_.size() >= remembered_max) {
+            sent_.clear();
+        }
+        sent_[text] = Clock::now();
+    }
+    void answered(const std::string& text) { sent_.erase(text); }
+
+private:
+    static constexpr std::chrono::milliseconds served_within{300};
+    static constexpr std::chrono::milliseconds given_up_after{5000};
+    static constexpr std::size_t remembered_max = 64;
+
+    static bool is_empty(const ZAV_MSG_Q& queue) {
+        msqid_ds status{};
+        return msgctl(queue.id, IPC_STAT, &status) != 0 || status.msg_qnum == 0;
+    }
+
+    std::map<std::string, Clock::time_point> sent_;
+};
+
+Unanswered unanswered;
+
 struct Queues {
     ZAV_MSG_Q requests;
     ZAV_MSG_Q replies;
@@ -231,11 +272,18 @@ Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limi
     if (auto problem = open(queues)) {
         return *problem;
     }
-    queues.replies.discard_all(request[control::field::pid].asInt());
-    if (auto problem = send(queues.requests, text, end, limit)) {
-        return *problem;
+    if (!unanswered.may_be_answered(text, queues.requests)) {
+        queues.replies.discard_all(request[control::field::pid].asInt());
+        if (auto problem = send(queues.requests, text, end, limit)) {
+            return *problem;
+        }
+        unanswered.sent(text);
     }
-    return receive(queues.replies, request, end, limit, judge);
+    Answer answer = receive(queues.replies, request, end, limit, judge);
+    if (answer.outcome == Outcome::replied) {
+        unanswered.answered(text);
+    }
+    return answer;
 }
 
 // The center serves requests in the order of their arrival: once it has refused a query for a name

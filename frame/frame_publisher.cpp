@@ -30,6 +30,9 @@ namespace {
 // when it lives.
 constexpr auto inline_exchange = 50ms;
 
+// What open() gives it when it is to lose no time.
+constexpr std::chrono::milliseconds least_exchange = 20ms;
+
 // While nobody reads, how often it is checked whether the center was restarted.
 constexpr auto check_interval = 100ms;
 
@@ -91,7 +94,7 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
     };
     state_ = Frame_State::waiting_for_center;
     retry_.reset();
-    while (!connect(std::max(left(), 1ms)) && !refused_ && left() > 0ms) {
+    while (!connect(std::max(left(), least_exchange)) && !refused_ && left() > 0ms) {
         std::this_thread::sleep_until(std::min(retry_.next(), end));
     }
     return {state_, reason_};
@@ -191,9 +194,7 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::publish(
         begun.payload_bytes = payload.size();
         return begun;
     }
-    if (!payload.empty()) {
-        std::memcpy(writer_->room().data(), payload.data(), payload.size());
-    }
+    writer_->fill(payload);
     return write(payload.size(), info);
 }
 

@@ -28,6 +28,9 @@ namespace {
 // What the thread gives the center for one answer; it answers within a few relay cycles.
 constexpr auto exchange_limit = 200ms;
 
+// What open() gives it when it is to lose no time.
+constexpr std::chrono::milliseconds least_exchange = 20ms;
+
 // A paired consumer's announcement is taken within one cycle of the relay, which lasts 5 ms for
 // each consumer that is absent, 30 ms for the producer and 20 ms for each slow reader. Untaken
 // for this long, nobody is there to take it: the center is gone or restarted, or has kicked this
@@ -122,7 +125,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     was_connected_ = false;
     watch_ = {options_.start_at_key_frame, options_.key_frame_after_loss};
     queue_.open();
-    while (!connect(std::max(left(), 1ms)) && !refused_ && left() > 0ms) {
+    while (!connect(std::max(left(), least_exchange)) && !refused_ && left() > 0ms) {
         std::this_thread::sleep_until(std::min(retry_.next(), end));
     }
     Opened opened{state_, reason_};

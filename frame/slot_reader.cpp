@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "frame/monotonic_clock.h"
+#include "frame/payload_copy.h"
 #include "frame/slot_fence.h"
 #include "stream/semaphore_roles.h"
 
@@ -52,9 +53,7 @@ Slot_Reader::Take Slot_Reader::take(Received_Frame& frame) {
         if (into.bytes.size() < payload.size()) {
             into.bytes.resize(payload.size());
         }
-        if (!payload.empty()) {
-            std::memcpy(into.bytes.data(), payload.data(), payload.size());
-        }
+        copy_payload(into.bytes.data(), payload, "read");
     };
     return take_with(frame, copy);
 }

@@ -60,6 +60,30 @@ TEST_F(Exchange, without_an_answer_ends_in_time) {
     EXPECT_GE(watch.elapsed(), 150ms);
 }
 
+// Served twice, a registration would start the consumer's channel anew in the middle of a frame.
+TEST_F(Exchange, does_not_repeat_a_request_that_may_still_be_answered) {
+    requests.make();
+    replies.make();
+    EXPECT_EQ(Control_Exchange::ask(query("ASKED_TWICE"), 20ms).outcome, Outcome::no_center);
+    EXPECT_EQ(Control_Exchange::ask(query("ASKED_TWICE"), 20ms).outcome, Outcome::no_center);
+    EXPECT_EQ(requests.messages(), 1U);
+    requests.take(1);
+    replies.send(R"({"command":"query_shm","status":"success"})", getpid());
+    EXPECT_TRUE(Control_Exchange::ask(query("ASKED_TWICE"), 5s).granted());
+    EXPECT_EQ(requests.messages(), 0U);
+}
+
+TEST_F(Exchange, repeats_a_request_that_a_starting_center_has_thrown_away) {
+    requests.make();
+    replies.make();
+    EXPECT_EQ(Control_Exchange::ask(query("THROWN_AWAY"), 20ms).outcome, Outcome::no_center);
+    requests.take(1);
+    EXPECT_TRUE(becomes_true([this] {
+        static_cast<void>(Control_Exchange::ask(query("THROWN_AWAY"), 20ms));
+        return requests.messages() == 1;
+    }));
+}
+
 TEST_F(Exchange, with_a_full_request_queue_ends_in_time) {
     requests.make();
     replies.make();

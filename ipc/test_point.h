@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+// Places at which a test makes a process end or stop, to see what the others make of it: before
+// and after each post, and in the middle of each copy. They exist in builds with the option
+// ZAV_SHM_TEST_POINTS only; in all others they are nothing.
+//
+// The environment of the process says where: ZAV_SHM_TEST_POINT="PLACE OBJECT COUNT SIGNAL", for
+// instance "before_post SRC_0 40 9" for the fortieth time that a post on semaphore 0 of a
+// producer's side is due. Objects are SRC_0 ... DST_2 for posts, and "write" and "read" for the
+// place "copy".
+
+#ifdef ZAV_SHM_TEST_POINTS
+
+namespace zav_shm {
+
+/// Raises the signal when this is the place, object and time; `object` may be the name of a
+/// semaphore.
+void test_point(const char* place, const char* object);
+
+}  // namespace zav_shm
+
+#define ZAV_SHM_TEST_POINT(place, object) ::zav_shm::test_point(place, object)
+
+#else
+
+#define ZAV_SHM_TEST_POINT(place, object) static_cast<void>(0)
+
+#endif
