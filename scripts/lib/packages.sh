@@ -3,12 +3,21 @@
 #
 # What has to be installed, by the names of Debian 12's packages. To be sourced.
 
-# Building the tree and running its tests.
+# Building the libraries and programs, and running them in namespaces of their own.
 # shellcheck disable=SC2034  # used by the scripts that source this file
-test_packages=(
+build_packages=(
     g++ cmake ninja-build pkg-config
-    libgtest-dev libgmock-dev libbenchmark-dev libjsoncpp-dev
-    util-linux mount # private namespaces with a /dev/shm of their own
+    libjsoncpp-dev
+    libcli11-dev libsystemd-dev # the programs
+    util-linux mount            # private namespaces with a /dev/shm of their own
+)
+
+# The same with the tests.
+# shellcheck disable=SC2034
+test_packages=(
+    "${build_packages[@]}"
+    libgtest-dev libgmock-dev libbenchmark-dev
+    systemd # checks the service file
 )
 
 # What scripts/check needs beside those.

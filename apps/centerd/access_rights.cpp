@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/centerd/access_rights.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+
+#include "apps/centerd/descriptor.h"
+
+namespace zav_shm::centerd {
+
+namespace {
+
+constexpr mode_t owner_only = 0600;
+constexpr mode_t owner_and_group = 0660;
+constexpr mode_t folder_owner_bits = 0700;
+constexpr mode_t group_read = 0040;
+constexpr mode_t others_read = 0004;
+constexpr mode_t group_lists = 0050;
+constexpr mode_t others_list = 0005;
+constexpr std::size_t group_entry_bytes_max = std::size_t{1024} * 1024;
+
+constexpr const char* remedy_for_leftovers =
+    "run as that user or as root, or remove what an earlier center left";
+
+constexpr int folder_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int file_flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+
+// Root takes over what others made; everybody else keeps what is theirs in any case.
+uid_t new_owner() { return geteuid() == 0 ? 0 : static_cast<uid_t>(-1); }
+
+std::string octal(mode_t mode) {
+    std::array<char, 8> text{};
+    std::snprintf(text.data(), text.size(), "%04o", static_cast<unsigned>(mode));
+    return text.data();
+}
+
+// @return false when there is no such group.
+bool find_group(const std::string& name, gid_t& id) {
+    for (std::size_t bytes = 1024; bytes <= group_entry_bytes_max; bytes *= 2) {
+        std::vector<char> buffer(bytes);
+        group entry{};
+        group* found = nullptr;
+        const int error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+        if (error != ERANGE) {
+            id = found == nullptr ? id : found->gr_gid;
+            return found != nullptr;
+        }
+    }
+    return false;
+}
+
+Outcome check_owner(const std::string& path) {
+    struct stat found {};
+    if (lstat(path.c_str(), &found) != 0 || found.st_uid == geteuid()) {
+        return std::nullopt;
+    }
+    return failure(Exit_Status::system_error,
+                   path + " belongs to user " + std::to_string(found.st_uid) + ", not to " +
+                       std::to_string(geteuid()) + "; " + remedy_for_leftovers);
+}
+
+}  // namespace
+
+Outcome Access_Rights::resolve(const Options& options, Access_Rights& rights) {
+    rights.file_.mode = options.mode.value_or(options.group.empty() ? owner_only : owner_and_group);
+    rights.file_.group = getegid();
+    rights.group_name_ = options.group;
+    if (!options.group.empty() && !find_group(options.group, rights.file_.group)) {
+        return failure(Exit_Status::usage, "--group: there is no group \"" + options.group +
+                                               "\"; make it (groupadd), or name another");
+    }
+    return std::nullopt;
+}
+
+mode_t Access_Rights::folder_mode() const {
+    return folder_owner_bits | ((file_.mode & group_read) != 0 ? group_lists : 0) |
+           ((file_.mode & others_read) != 0 ? others_list : 0);
+}
+
+std::string Access_Rights::text() const {
+    return "mode " + octal(file_.mode) + (group_name_.empty() ? "" : ", group " + group_name_);
+}
+
+Outcome Access_Rights::prepare_folder(const std::string& path) {
+    mkdir(path.c_str(), folder_owner_bits);
+    const Descriptor folder(open(path.c_str(), folder_flags));
+    if (!folder.is_open() || fchown(folder.get(), new_owner(), static_cast<gid_t>(-1)) != 0) {
+        return system_failure("folder " + path, errno,
+                              "it has to be a folder of the own user: remove what is there");
+    }
+    return std::nullopt;
+}
+
+Outcome Access_Rights::check_leftovers(const Inventory& inventory) {
+    if (geteuid() == 0) {
+        return std::nullopt;
+    }
+    for (const std::string& folder : {inventory.segment_folder, inventory.semaphore_folder}) {
+        if (Outcome failed = check_owner(folder)) {
+            return failed;
+        }
+    }
+    for (const auto* files : {&inventory.segments, &inventory.semaphores}) {
+        for (const Shared_File& file : *files) {
+            if (Outcome failed = check_owner(file.path)) {
+                return failed;
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+Outcome Access_Rights::apply(const Inventory& inventory) const {
+    for (const Shared_File& segment : inventory.segments) {
+        if (Outcome failed = apply_to_file("segment ", segment)) {
+            return failed;
+        }
+    }
+    for (const Shared_File& semaphore : inventory.semaphores) {
+        if (Outcome failed = apply_to_file("semaphore ", semaphore)) {
+            return failed;
+        }
+    }
+    // The folders last: until then nobody else gets in.
+    for (const std::string& folder : {inventory.semaphore_folder, inventory.segment_folder}) {
+        if (Outcome failed = apply_to_folder(folder)) {
+            return failed;
+        }
+    }
+    return std::nullopt;
+}
+
+Outcome Access_Rights::apply_to_folder(const std::string& path) const {
+    const Descriptor folder(open(path.c_str(), folder_flags));
+    if (!folder.is_open() || fchown(folder.get(), new_owner(), file_.group) != 0 ||
+        fchmod(folder.get(), folder_mode()) != 0) {
+        return system_failure("folder " + path + ", " + text(), errno,
+                              "the user has to be in that group, or root");
+    }
+    return std::nullopt;
+}
+
+Outcome Access_Rights::apply_to_file(const char* kind, const Shared_File& made) const {
+    const Descriptor file(open(made.path.c_str(), file_flags));
+    struct stat found {};
+    if (!file.is_open() || fstat(file.get(), &found) != 0) {
+        return system_failure(kind + made.path, errno, "the center could not make it");
+    }
+    if (!S_ISREG(found.st_mode) || static_cast<std::uint64_t>(found.st_size) != made.bytes) {
+        return failure(Exit_Status::system_error,
+                       kind + made.path + " has " + std::to_string(found.st_size) + " bytes, not " +
+                           std::to_string(made.bytes) +
+                           "; the center could not make it: remove what is there");
+    }
+    if (fchown(file.get(), new_owner(), file_.group) != 0 || fchmod(file.get(), file_.mode) != 0) {
+        return system_failure(kind + made.path + ", " + text(), errno,
+                              "the user has to be in that group, or root");
+    }
+    return std::nullopt;
+}
+
+}  // namespace zav_shm::centerd

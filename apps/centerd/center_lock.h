@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "apps/centerd/descriptor.h"
+#include "apps/centerd/outcome.h"
+
+namespace zav_shm::centerd {
+
+/// A lock on a file, by which there is one center for each folder of segments, and one for the
+/// machine's two queues, which every center shares whatever its folder.
+///
+/// Owner    the process that holds it; the file is removed when the lock is given up.
+/// Crash    the kernel gives the lock of a killed process up at once. Its file stays and hinders
+///          nobody but other users, who may not open it.
+class Center_Lock {
+public:
+    /// @param guarded  what it stands for, in messages: "the folder /dev/shm/shm".
+    Center_Lock(std::string path, std::string guarded);
+    ~Center_Lock() = default;
+    Center_Lock(const Center_Lock&) = delete;
+    Center_Lock& operator=(const Center_Lock&) = delete;
+
+    /// Takes the lock without waiting; the folder of the file has to be there.
+    Outcome take();
+
+    /// The failure that take() would report because somebody holds the lock. Makes nothing and
+    /// takes nothing, not even for a moment.
+    Outcome find_holder() const;
+
+    /// Removes the file and gives the lock up, in this order, so that nobody can have locked the
+    /// file that is removed. Whoever opens it in between notices that it has lost its name.
+    void release();
+
+private:
+    Descriptor open_file() const;
+    bool has_name(const Descriptor& file) const;
+    Failure held_by(std::optional<pid_t> pid) const;
+
+    const std::string path_;
+    const std::string guarded_;
+    Descriptor file_;
+};
+
+/// The process that holds a lock on this file, as far as it is visible from here.
+std::optional<pid_t> lock_holder(const std::string& path);
+
+}  // namespace zav_shm::centerd

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/centerd/control_queues.h"
+
+#include <sys/msg.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+
+#include "control/control_protocol.h"
+
+namespace zav_shm::centerd {
+
+namespace {
+
+constexpr const char* key_folder = "/tmp";
+constexpr msglen_t default_queue_bytes = 16'384;  // the kernel's own default
+
+std::string hexadecimal(key_t key) {
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "0x%08x", static_cast<unsigned>(key));
+    return text.data();
+}
+
+// What a queue may hold at most unless its maker had privileges.
+msglen_t queue_bytes_limit() {
+    std::ifstream file("/proc/sys/kernel/msgmnb");
+    msglen_t bytes = default_queue_bytes;
+    return file >> bytes ? bytes : default_queue_bytes;
+}
+
+// A queue without permission bits does not even let its owner look at it, but be changed.
+int set_access(int id, File_Access access) {
+    msqid_ds status{};
+    if (msgctl(id, IPC_STAT, &status) != 0) {
+        if (errno != EACCES) {
+            return -1;
+        }
+        status.msg_qbytes = queue_bytes_limit();
+    }
+    status.msg_perm.uid = geteuid();
+    status.msg_perm.gid = access.group;
+    status.msg_perm.mode = static_cast<decltype(status.msg_perm.mode)>(access.mode);
+    return msgctl(id, IPC_SET, &status);
+}
+
+Outcome prepare_queue(const char* name, key_t key, File_Access access, int& id) {
+    id = msgget(key, IPC_CREAT | static_cast<int>(access.mode));
+    if (id < 0 && errno == EACCES) {  // it is there, and has fewer permissions
+        id = msgget(key, 0);
+    }
+    if (id < 0 || set_access(id, access) != 0) {
+        return system_failure(std::string(name) + " queue " + hexadecimal(key), errno,
+                              "if another user made it, remove it (ipcrm -Q " + hexadecimal(key) +
+                                  ") and start the center before its clients");
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+Outcome Control_Queues::find_keys(Control_Queues& queues) {
+    queues.request_key_ = ftok(key_folder, control::request_project);
+    queues.reply_key_ = ftok(key_folder, control::reply_project);
+    if (queues.request_key_ == -1 || queues.reply_key_ == -1) {
+        return system_failure(std::string("folder ") + key_folder, errno,
+                              "it names the queues: there has to be one");
+    }
+    return std::nullopt;
+}
+
+Outcome Control_Queues::prepare(File_Access access) {
+    if (Outcome failed = prepare_queue("request", request_key_, access, request_id_)) {
+        return failed;
+    }
+    return prepare_queue("reply", reply_key_, access, reply_id_);
+}
+
+bool Control_Queues::were_replaced() const {
+    return msgget(request_key_, 0) != request_id_ || msgget(reply_key_, 0) != reply_id_;
+}
+
+// By key, not by id: a queue that somebody removed meanwhile was made again under the same key.
+void Control_Queues::remove() const {
+    for (const key_t key : {request_key_, reply_key_}) {
+        const int id = msgget(key, 0);
+        if (id >= 0) {
+            msgctl(id, IPC_RMID, nullptr);
+        }
+    }
+}
+
+std::string Control_Queues::text() const {
+    return "queues " + hexadecimal(request_key_) + " and " + hexadecimal(reply_key_);
+}
+
+std::string Control_Queues::lock_path() const {
+    return "/dev/shm/zav_shm_queues_" + hexadecimal(request_key_);
+}
+
+}  // namespace zav_shm::centerd

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/ipc.h>
+
+#include <string>
+
+#include "apps/centerd/outcome.h"
+#include "control/replaced_file.h"
+
+namespace zav_shm::centerd {
+
+/// The machine's two control queues, as the daemon sees them: it makes them before the center opens
+/// them, since a queue that is made by opening it has no permission bits, and every exchange of
+/// anybody but root fails.
+class Control_Queues {
+public:
+    /// Looks the keys up; they depend on the folder /tmp.
+    ///
+    /// @return a failure when there is no /tmp.
+    static Outcome find_keys(Control_Queues& queues);
+
+    /// Makes both queues, or takes over those that are there, with the own user as the owner.
+    Outcome prepare(File_Access access);
+
+    /// True when somebody removed a queue: the center has made, or will make, another one without
+    /// permission bits, for which prepare() has to be called again.
+    bool were_replaced() const;
+
+    /// Removes both.
+    void remove() const;
+
+    key_t request_key() const { return request_key_; }
+    int request_id() const { return request_id_; }
+    int reply_id() const { return reply_id_; }
+    std::string text() const;  // "queues 0x0005a1f3 and 0x0105a1f3"
+
+    /// /dev/shm/zav_shm_queues_<request key>, whose lock stands for both.
+    std::string lock_path() const;
+
+private:
+    key_t request_key_ = -1;
+    key_t reply_key_ = -1;
+    int request_id_ = -1;
+    int reply_id_ = -1;
+};
+
+}  // namespace zav_shm::centerd

@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/centerd/daemon.h"
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include "apps/centerd/clock_watch.h"
+#include "apps/centerd/configuration.h"
+#include "apps/centerd/event_loop.h"
+#include "apps/centerd/hosted_center.h"
+#include "apps/centerd/idle_kicker.h"
+#include "apps/centerd/notifier.h"
+#include "apps/centerd/self_check.h"
+#include "apps/centerd/signals.h"
+
+namespace zav_shm::centerd {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// Several times what the slowest relay's cycle and freeing all memory take.
+constexpr unsigned end_max_s = 4;
+
+constexpr milliseconds status_period{1000};
+
+// The watchdog hears this often within its time that all is well.
+constexpr int watchdog_parts = 4;
+
+// After a step of the clock. A relay that had just read the clock and not begun to wait when the
+// signal came is reached by one of the next; it takes a few microseconds from one to the other.
+constexpr int further_interruptions = 4;
+constexpr milliseconds interruption_period{70};
+
+}  // namespace
+
+Daemon::Daemon(const Options& options, ZAV_SHM_CONFIG& config, const Access_Rights& rights,
+               const Control_Queues& queues)
+    : options_(options),
+      config_(config),
+      rights_(rights),
+      queues_(queues),
+      inventory_(config),
+      plan_(options, config, inventory_),
+      published_(config.shm_path, title_of(options.config_path), rights.file()),
+      folder_lock_(inventory_.lock, "the folder " + inventory_.segment_folder),
+      queue_lock_(queues.lock_path(), "the pair of " + queues.text()) {}
+
+// ---- what can be said without making anything ----
+
+Outcome Daemon::check() const {
+    const Room room = Room::for_start_of(inventory_);
+    std::fputs(plan_.text(room).c_str(), stdout);
+    for (const std::string& warning : lock_limit_warning(inventory_)) {
+        std::printf("warning: %s\n", warning.c_str());
+    }
+    Outcome obstacle = find_obstacles(room);
+    std::puts(obstacle ? "cannot start" : "can start");
+    return obstacle;
+}
+
+Outcome Daemon::find_obstacles(const Room& room) const {
+    if (Outcome held = folder_lock_.find_holder()) {
+        return held;
+    }
+    if (Outcome held = queue_lock_.find_holder()) {
+        return held;
+    }
+    if (Outcome foreign = Access_Rights::check_leftovers(inventory_)) {
+        return foreign;
+    }
+    return room.check();
+}
+
+// ---- start and end ----
+
+Outcome Daemon::run() {
+    if (Outcome obstacle = find_obstacles(Room::for_start_of(inventory_))) {
+        return obstacle;
+    }
+    Outcome failed = take_locks();
+    if (!failed) {
+        failed = queues_.prepare(rights_.file());
+    }
+    if (!failed) {
+        failed = serve();
+        if (options_.clean) {
+            remove_objects();
+        }
+    }
+    release_locks();
+    return failed;
+}
+
+Outcome Daemon::take_locks() {
+    if (Outcome failed = Access_Rights::prepare_folder(inventory_.segment_folder)) {
+        return failed;
+    }
+    if (Outcome failed = folder_lock_.take()) {
+        return failed;
+    }
+    return queue_lock_.take();
+}
+
+// A folder in which there is something stays.
+void Daemon::release_locks() {
+    queue_lock_.release();
+    folder_lock_.release();
+    if (options_.clean) {
+        rmdir(inventory_.segment_folder.c_str());
+        rmdir(inventory_.semaphore_folder.c_str());
+    }
+}
+
+void Daemon::remove_objects() const {
+    for (const auto* files : {&inventory_.segments, &inventory_.semaphores}) {
+        for (const Shared_File& file : *files) {
+            unlink(file.path.c_str());
+        }
+    }
+    queues_.remove();
+}
+
+// ---- service ----
+
+// The page of a center that was killed goes before there is another one: without a page clients
+// know that they have to wait, with the wrong one they would not.
+Outcome Daemon::serve() {
+    published_.remove();
+    Hosted_Center hosted(config_, inventory_, queues_);
+    Outcome failed = hosted.open_to_clients(rights_);
+    if (!failed) {
+        failed = serve(hosted);
+    }
+    published_.remove();
+    return failed;
+}
+
+Outcome Daemon::serve(Hosted_Center& hosted) {
+    if (!published_.write_page() || !published_.write_status(hosted.center())) {
+        return system_failure("page and status in " + inventory_.segment_folder, errno,
+                              "the folder has to be the own user's and /dev/shm to have room");
+    }
+    std::optional<Idle_Kicker> kicker;
+    if (options_.kick_interval.count() > 0) {
+        kicker.emplace(hosted.center(), options_.kick_interval);
+    }
+    Outcome failed = run_loop(hosted);
+    Notifier::stopping();
+    limit_the_end(end_max_s);
+    published_.remove();
+    return failed;
+}
+
+void Daemon::announce() const {
+    for (const std::string& warning : lock_limit_warning(inventory_)) {
+        report("warning: " + warning);
+    }
+    const std::string served = plan_.summary();
+    std::printf("zav-shm-centerd " ZAV_SHM_VERSION " (pid %d) serves %s, %s, %s\n",
+                static_cast<int>(getpid()), served.c_str(), queues_.text().c_str(),
+                rights_.text().c_str());
+    std::fflush(stdout);
+    Notifier::ready("serves " + served);
+}
+
+Outcome Daemon::run_loop(Hosted_Center& hosted) {
+    Event_Loop loop;
+    Clock_Watch clock;
+    const Descriptor end = make_end_descriptor();
+    const auto free_relays = [&hosted] {
+        hosted.center().manager()->interrupt_waits(interrupting_signal);
+    };
+    loop.on_readable(end.get(), [&loop] { loop.end(); });
+    loop.on_readable(clock.descriptor(), [&] {
+        if (clock.was_set()) {
+            free_relays();
+            loop.repeat(further_interruptions, interruption_period, free_relays);
+        }
+    });
+    loop.every(status_period, [&] { refresh(hosted); });
+    if (const auto interval = Notifier::watchdog_interval()) {
+        loop.every(std::max(*interval / watchdog_parts, milliseconds(1)), [&hosted] {
+            if (hosted.self_check().step()) {
+                Notifier::alive();
+            }
+        });
+    }
+    if (!loop.is_open() || !end.is_open()) {
+        return system_failure("descriptors of the main thread", errno,
+                              "raise their limit (ulimit -n, LimitNOFILE=)");
+    }
+    announce();
+    loop.run();
+    return std::nullopt;
+}
+
+// Once a second. A queue that somebody removed has no permissions when the center makes it anew.
+void Daemon::refresh(Hosted_Center& hosted) {
+    if (queues_.were_replaced()) {
+        queues_.prepare(rights_.file());
+    }
+    const bool written = published_.write_status(hosted.center());
+    if (!written && !status_failed_) {
+        report(published_.status_path() + " cannot be written: " + std::strerror(errno) +
+               "; it stays as it is until there is room");
+    }
+    status_failed_ = !written;
+}
+
+}  // namespace zav_shm::centerd

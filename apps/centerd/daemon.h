@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "apps/centerd/access_rights.h"
+#include "apps/centerd/center_lock.h"
+#include "apps/centerd/control_queues.h"
+#include "apps/centerd/inventory.h"
+#include "apps/centerd/options.h"
+#include "apps/centerd/outcome.h"
+#include "apps/centerd/plan.h"
+#include "apps/centerd/status_page.h"
+#include "config/zav_shm_config.h"
+
+namespace zav_shm::centerd {
+
+class Hosted_Center;
+
+/// One run of the daemon, from a configuration that was loaded to the end.
+///
+/// Order of a start: what can be refused without making anything; both locks; queues; the center;
+/// access rights; page and status; the one line that says what is served. Clients may come from
+/// then on, and the end is the same backwards.
+class Daemon {
+public:
+    /// All outlive the daemon.
+    Daemon(const Options& options, ZAV_SHM_CONFIG& config, const Access_Rights& rights,
+           const Control_Queues& queues);
+
+    /// Prints the plan and finds out what a start would be refused for. Makes nothing.
+    Outcome check() const;
+
+    /// Serves until a signal tells it to end.
+    Outcome run();
+
+private:
+    Outcome find_obstacles(const Room& room) const;
+    Outcome take_locks();
+    void release_locks();
+    Outcome serve();
+    Outcome serve(Hosted_Center& hosted);
+    Outcome run_loop(Hosted_Center& hosted);
+    void refresh(Hosted_Center& hosted);
+    void announce() const;
+    void remove_objects() const;
+
+    const Options& options_;
+    ZAV_SHM_CONFIG& config_;
+    const Access_Rights& rights_;
+    Control_Queues queues_;
+    const Inventory inventory_;
+    const Plan plan_;
+    Status_Page published_;
+    Center_Lock folder_lock_;
+    Center_Lock queue_lock_;
+    bool status_failed_ = false;  // reported once, until it works again
+};
+
+}  // namespace zav_shm::centerd

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace zav_shm::centerd {
+
+/// Owner of a file descriptor; closes it.
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int number) : number_(number) {}
+    ~Descriptor() { close(); }
+    Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        if (this != &other) {
+            close();
+            number_ = std::exchange(other.number_, -1);
+        }
+        return *this;
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return number_; }
+    bool is_open() const { return number_ >= 0; }
+
+private:
+    void close() const {
+        if (number_ >= 0) {
+            ::close(number_);
+        }
+    }
+
+    int number_ = -1;
+};
+
+}  // namespace zav_shm::centerd

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "apps/centerd/access_rights.h"
+#include "apps/centerd/control_queues.h"
+#include "apps/centerd/inventory.h"
+#include "apps/centerd/outcome.h"
+#include "apps/centerd/self_check.h"
+#include "center/shm_center.h"
+
+namespace zav_shm::centerd {
+
+/// The center, from its construction to its shutdown.
+class Hosted_Center {
+public:
+    /// Builds the center, which takes 100 ms and more, and keeps the interrupting signal from all
+    /// threads but its own. Everything given outlives this.
+    Hosted_Center(ZAV_SHM_CONFIG& config, const Inventory& inventory, const Control_Queues& queues);
+
+    /// Shuts the center down: its threads have left afterwards.
+    ~Hosted_Center();
+    Hosted_Center(const Hosted_Center&) = delete;
+    Hosted_Center& operator=(const Hosted_Center&) = delete;
+
+    /// Lets the clients in. The center's constructor reports no failure, so this finds out whether
+    /// everything was made, every relay runs, and requests are answered.
+    Outcome open_to_clients(const Access_Rights& rights);
+
+    ZAV_SHM_CENTER& center() { return center_; }
+    Self_Check& self_check() { return self_check_; }
+
+private:
+    ZAV_SHM_CONFIG* config_;
+    const Inventory& inventory_;
+    ZAV_SHM_CENTER center_;
+    Self_Check self_check_;
+};
+
+}  // namespace zav_shm::centerd

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/centerd/inventory.h"
+
+#include <semaphore.h>
+#include <unistd.h>
+
+#include <numeric>
+
+#include "stream/channel_names.h"
+#include "stream/frame_slot.h"
+
+namespace zav_shm::centerd {
+
+namespace {
+
+constexpr const char* memory_folder = "/dev/shm";
+
+// Where the C library keeps the semaphore "/NAME".
+std::string semaphore_path(const std::string& name) {
+    return std::string(memory_folder) + "/sem." + name.substr(1);
+}
+
+template <class Action>
+void for_each_channel(const ZAV_SHM_CONFIG& config, const _SHM_DIST_RECV_CONFIG_& record,
+                      const Action& action) {
+    for (int channel = 0; channel < record.channel; ++channel) {
+        int stream = 0;
+        for (const auto* const stream_record : config.streams()) {
+            action(Shm_Stream_Transmission_Index(record.name, channel, stream++),
+                   stream_record->page_size);
+        }
+    }
+}
+
+}  // namespace
+
+// The prefix of segment names is class-wide; the center sets it to the same value.
+Inventory::Inventory(const ZAV_SHM_CONFIG& config)
+    : segment_folder(std::string(memory_folder) + "/" + config.shm_path),
+      semaphore_folder(std::string(memory_folder) + "/" + config.sem_path),
+      page(segment_folder + "/center_page"),
+      status(segment_folder + "/center_status.json"),
+      lock(segment_folder + "/center_lock") {
+    IPC_SHM_CTRL_INFO::set_shm_root_path(config.shm_path);
+    const auto add_semaphores = [this](const IPC_SHM_CTRL_INFO& names) {
+        for (const auto* name : {&names.sem_path_src, &names.sem_path_dst, &names.sem_path_exist}) {
+            semaphores.push_back({semaphore_path(*name), sizeof(sem_t)});
+        }
+    };
+    for (const auto* const record : config.distributors()) {
+        for_each_channel(config, *record, [&](const auto& key, int page_size) {
+            const IPC_SHM_SRC_CTRL_INFO names(key);
+            segments.push_back({memory_folder + names.shm_path,
+                                static_cast<std::uint64_t>(page_size) + frame_header_bytes});
+            add_semaphores(names);
+            ++relays;
+        });
+    }
+    for (const auto* const record : config.receivers()) {
+        for_each_channel(config, *record, [&](const auto& key, int) {
+            add_semaphores(IPC_SHM_DST_CTRL_INFO(key));
+            ++consumer_channels;
+        });
+    }
+}
+
+std::uint64_t Inventory::in_pages(std::uint64_t bytes) {
+    const auto page_bytes = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    return (bytes + page_bytes - 1) / page_bytes * page_bytes;
+}
+
+std::uint64_t Inventory::in_pages(const std::vector<Shared_File>& files) {
+    return std::accumulate(
+        files.begin(), files.end(), std::uint64_t{0},
+        [](std::uint64_t sum, const Shared_File& file) { return sum + in_pages(file.bytes); });
+}
+
+}  // namespace zav_shm::centerd

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace zav_shm::centerd {
+
+/// What the daemon was told on its command line.
+struct Options {
+    std::string config_path;                        // empty: the built-in defaults
+    bool check = false;                             // print the plan and make nothing
+    bool clean = false;                             // remove the kernel objects at the end
+    std::chrono::milliseconds kick_interval{5000};  // 0: never
+    std::string group;                              // empty: the process's own
+    std::optional<mode_t> mode;                     // 0600, 0660 or 0666
+};
+
+}  // namespace zav_shm::centerd

@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/centerd/plan.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <span>
+
+#include "apps/centerd/configuration.h"
+#include "stream/frame_slot.h"
+
+namespace zav_shm::centerd {
+
+namespace {
+
+using Records = std::span<_SHM_DIST_RECV_CONFIG_* const>;
+
+constexpr std::uint64_t semaphores_per_channel = 3;
+
+// The receive thread and the main thread; beside them one for the idle kick.
+constexpr int other_threads = 2;
+
+std::string count(std::uint64_t number, const std::string& what) {
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
+std::string quoted(const _SHM_DIST_RECV_CONFIG_& record) {
+    return std::string("\"") + record.name + "\"";
+}
+
+bool all_are_refused(Records records) {
+    return std::all_of(records.begin(), records.end(),
+                       [](const auto* record) { return record->stream.empty(); });
+}
+
+void warn_of_refused(std::vector<std::string>& warnings, const char* side, Records records) {
+    for (const auto* const record : records) {
+        if (record->stream.empty()) {
+            warnings.push_back(std::string(side) + " " + quoted(*record) +
+                               " is refused every stream: its stream list is empty");
+        }
+    }
+}
+
+std::string accepted(const _SHM_DIST_RECV_CONFIG_& record) {
+    return record.stream.empty()
+               ? "refused every stream"
+               : "may have streams 0 to " + std::to_string(record.stream.size() - 1);
+}
+
+}  // namespace
+
+Plan::Plan(const Options& options, const ZAV_SHM_CONFIG& config, const Inventory& inventory)
+    : options_(options), config_(config), inventory_(inventory) {}
+
+std::string Plan::text(const Room& room) const {
+    const std::uint64_t segment_bytes = Inventory::in_pages(inventory_.segments);
+    const std::uint64_t semaphore_bytes = Inventory::in_pages(inventory_.semaphores);
+    const int kickers = options_.kick_interval.count() > 0 ? 1 : 0;
+    const int threads = inventory_.relays + other_threads + kickers;
+    std::string text = "configuration  " + title_of(options_.config_path) + "\n";
+    text += "segments       " + std::to_string(inventory_.segments.size()) + " in " +
+            inventory_.segment_folder + ", " + std::to_string(segment_bytes) + " bytes\n";
+    text += "semaphores     " + std::to_string(inventory_.semaphores.size()) + " in /dev/shm, " +
+            std::to_string(semaphore_bytes) + " bytes\n";
+    text += "threads        " + std::to_string(threads) + ", " + std::to_string(inventory_.relays) +
+            " of them relays\n";
+    text += "idle kick      " + kick_text() + "\n";
+    text += "room           " + std::to_string(room.needed_bytes) + " bytes more are needed, " +
+            (room.available_bytes == Room::unlimited
+                 ? "no limit"
+                 : std::to_string(room.available_bytes) + " are available") +
+            " in /dev/shm\n";
+    text += names_text();
+    for (const std::string& warning : warnings()) {
+        text += "warning: " + warning + "\n";
+    }
+    return text;
+}
+
+std::string Plan::names_text() const {
+    std::string text;
+    const std::uint64_t streams = config_.streams().size();
+    std::uint64_t stream_bytes = 0;  // one channel of every stream
+    for (const auto* const stream : config_.streams()) {
+        stream_bytes +=
+            Inventory::in_pages(static_cast<std::uint64_t>(stream->page_size) + frame_header_bytes);
+    }
+    for (const auto* const record : config_.distributors()) {
+        const auto channels = static_cast<std::uint64_t>(record->channel);
+        text += "producer " + quoted(*record) + ": " + count(channels, "channel") + ", " +
+                count(channels * streams, "segment") + " of " +
+                std::to_string(channels * stream_bytes) + " bytes, " +
+                count(channels * streams * semaphores_per_channel, "semaphore") + ", " +
+                count(channels * streams, "thread") + "; " + accepted(*record) + "\n";
+    }
+    for (const auto* const record : config_.receivers()) {
+        const auto channels = static_cast<std::uint64_t>(record->channel);
+        text += "consumer " + quoted(*record) + ": " + count(channels, "channel") + ", " +
+                count(channels * streams * semaphores_per_channel, "semaphore") + "; " +
+                accepted(*record) + "\n";
+    }
+    return text;
+}
+
+std::string Plan::kick_text() const {
+    if (options_.kick_interval.count() == 0) {
+        return "never";
+    }
+    std::array<char, 32> seconds{};
+    std::snprintf(seconds.data(), seconds.size(), "%g",
+                  std::chrono::duration<double>(options_.kick_interval).count());
+    return std::string("every ") + seconds.data() + " s, " + (config_.kick_idle ? "on" : "off") +
+           " at the start";
+}
+
+std::string Plan::summary() const {
+    std::string text = std::to_string(inventory_.relays) + " producer and " +
+                       std::to_string(inventory_.consumer_channels) + " consumer channels of " +
+                       title_of(options_.config_path) + ", " +
+                       std::to_string(Inventory::in_pages(inventory_.segments)) +
+                       " bytes of segments in " + inventory_.segment_folder + ", idle kick " +
+                       kick_text();
+    for (const std::string& warning : warnings()) {
+        text += "; warning: " + warning;
+    }
+    return text;
+}
+
+std::vector<std::string> Plan::warnings() const {
+    std::vector<std::string> found;
+    if (all_are_refused(config_.distributors()) && all_are_refused(config_.receivers())) {
+        found.emplace_back(
+            "all clients are refused every stream, since no name lists any; --config "
+            "names a file that does");
+    } else {
+        warn_of_refused(found, "producer", config_.distributors());
+        warn_of_refused(found, "consumer", config_.receivers());
+    }
+    return found;
+}
+
+// Each segment is locked while it is mapped, which is one at a time; root has no limit.
+std::vector<std::string> lock_limit_warning(const Inventory& inventory) {
+    std::uint64_t greatest = 0;
+    for (const Shared_File& segment : inventory.segments) {
+        greatest = std::max(greatest, Inventory::in_pages(segment.bytes));
+    }
+    rlimit limit{};
+    if (geteuid() == 0 || getrlimit(RLIMIT_MEMLOCK, &limit) != 0 ||
+        limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur >= greatest) {
+        return {};
+    }
+    return {"RLIMIT_MEMLOCK is " + std::to_string(limit.rlim_cur) +
+            " bytes, the greatest segment " + "has " + std::to_string(greatest) +
+            ": segments are not locked into memory and may be swapped out; raise the limit "
+            "(LimitMEMLOCK=, ulimit -l)"};
+}
+
+}  // namespace zav_shm::centerd

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "apps/centerd/inventory.h"
+#include "apps/centerd/options.h"
+#include "apps/centerd/room.h"
+#include "config/zav_shm_config.h"
+
+namespace zav_shm::centerd {
+
+/// What a start would make, in figures, for a person to read.
+class Plan {
+public:
+    /// All outlive the plan.
+    Plan(const Options& options, const ZAV_SHM_CONFIG& config, const Inventory& inventory);
+
+    /// The whole plan, a line for each name.
+    std::string text(const Room& room) const;
+
+    /// "5 producer and 7 consumer channels from FILE: ...", for the one line that a start prints;
+    /// with the warnings.
+    std::string summary() const;
+
+    /// What clients will be refused although the configuration is a proper one, and limits that
+    /// will be felt.
+    std::vector<std::string> warnings() const;
+
+private:
+    std::string names_text() const;
+    std::string kick_text() const;
+
+    const Options& options_;
+    const ZAV_SHM_CONFIG& config_;
+    const Inventory& inventory_;
+};
+
+/// Warns when this process may not lock as much memory as the center locks at a time.
+std::vector<std::string> lock_limit_warning(const Inventory& inventory);
+
+}  // namespace zav_shm::centerd

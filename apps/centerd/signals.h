@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <csignal>
+
+#include "apps/centerd/descriptor.h"
+
+namespace zav_shm::centerd {
+
+/// Interrupts the relays' waits. By default it is ignored, so a stray one does no harm.
+inline constexpr int interrupting_signal = SIGURG;
+
+/// Blocks the signals that end the daemon, and those that others might send it, in this thread and
+/// in all that it starts afterwards; installs the handler, which does nothing, of the interrupting
+/// one. To be called before there are threads.
+///
+/// SIGTERM, SIGINT and SIGHUP end the daemon. SIGPIPE, SIGUSR1 and SIGUSR2 do nothing.
+void set_up_signals();
+
+/// Keeps the interrupting signal from this thread and those that it starts: it is for the relays.
+void block_interrupting_signal();
+
+/// From now on the process has `seconds` left: if it lives longer, for the center's receive thread
+/// cannot go on, it says so and ends with 1.
+void limit_the_end(unsigned seconds);
+
+/// Readable when the daemon is to end.
+Descriptor make_end_descriptor();
+
+}  // namespace zav_shm::centerd

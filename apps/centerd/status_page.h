@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+
+#include "center/shm_center.h"
+#include "control/center_page.h"
+
+namespace zav_shm::centerd {
+
+/// What the daemon publishes beside the segments while it runs: the center page, and
+/// center_status.json, from which "zav-shm status" shows what every relay does. docs/daemon.md
+/// lists its fields.
+class Status_Page {
+public:
+    /// Draws the epoch.
+    ///
+    /// @param folder         of the segments, "/shm"
+    /// @param configuration  its file, or what stands for one
+    Status_Page(std::string folder, std::string configuration, File_Access access);
+
+    const Center_Page& page() const { return page_; }
+
+    /// Both return false with errno; the former content is still there then.
+    bool write_page() const;
+    bool write_status(const ZAV_SHM_CENTER& center) const;
+
+    /// The status as text.
+    std::string status_of(const ZAV_SHM_CENTER& center) const;
+
+    /// Removes both, also those that a killed center left.
+    void remove() const;
+
+    std::string status_path() const;
+
+private:
+    const std::string folder_;
+    const std::string configuration_;
+    const File_Access access_;
+    Center_Page page_;
+};
+
+}  // namespace zav_shm::centerd

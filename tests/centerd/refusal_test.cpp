@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the daemon refuses, with which exit status and words, and the plan that it prints instead of
+// starting.
+#include <sys/mount.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+
+#include "daemon_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AssertionFailure;
+using testing::AssertionResult;
+using testing::AssertionSuccess;
+
+long lines_in(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
+
+std::string sized_configuration(const std::string& system, int page_size = 4096) {
+    return "{" + system + R"("Stream": [{"index": 0, "page_size": )" + std::to_string(page_size) +
+           R"(}], "Distributor": [{"name": "CAM_LOOP", "channel": 2, "stream": [0]}],)"
+           R"("Receiver": [{"name": "PLAYER", "channel": 2, "stream": [0]}]})";
+}
+
+class Daemon_Refusal : public Daemon_Process {
+protected:
+    // Ended with this status and one line of error that has all these parts.
+    static AssertionResult refused(const Ended& ended, int status, const Words& parts) {
+        if (ended.status != status || lines_in(ended.errors) != 1 ||
+            ended.errors.rfind("zav-shm-centerd: ", 0) != 0) {
+            return AssertionFailure()
+                   << "status " << ended.status.value_or(-1) << ", errors: " << ended.errors;
+        }
+        for (const std::string& part : parts) {
+            if (ended.errors.find(part) == std::string::npos) {
+                return AssertionFailure() << "no \"" << part << "\" in: " << ended.errors;
+            }
+        }
+        return AssertionSuccess();
+    }
+
+    Words with(const std::string& content, const Words& more = {}) const {
+        Words arguments{"--config", configuration(content)};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return arguments;
+    }
+};
+
+// ---- command line ----
+
+TEST_F(Daemon_Refusal, help_and_version_are_printed_and_end_with_0) {
+    const Ended help = run({"--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* option : {"--config", "--check", "--kick-interval", "--group", "--mode",
+                               "--clean", "--version", "Exit status"}) {
+        EXPECT_NE(help.output.find(option), std::string::npos) << option;
+    }
+    const Ended version = run({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.output, "zav-shm-centerd " ZAV_SHM_VERSION "\n");
+}
+
+TEST_F(Daemon_Refusal, mistakes_of_usage_end_with_2_and_name_argument_and_value) {
+    EXPECT_TRUE(refused(run({"--bogus"}), 2, {"--bogus", "--help"}));
+    EXPECT_TRUE(refused(run({"--kick-interval", "-1"}), 2, {"--kick-interval", "-1", "86400"}));
+    EXPECT_TRUE(refused(run({"--kick-interval", "soon"}), 2, {"--kick-interval", "soon"}));
+    EXPECT_TRUE(refused(run({"--mode", "0640"}), 2, {"--mode", "0640", "0660"}));
+    EXPECT_TRUE(refused(run({"--mode", "rw"}), 2, {"--mode", "rw"}));
+    EXPECT_TRUE(refused(run({"--config"}), 2, {"--config"}));
+    EXPECT_TRUE(refused(run({"--config", ""}), 2, {"--config", "empty"}));
+    EXPECT_TRUE(refused(run({"--group", "no_such_group"}), 2, {"no_such_group", "groupadd"}));
+}
+
+// ---- configuration ----
+
+TEST_F(Daemon_Refusal, missing_file_ends_with_3) {
+    EXPECT_TRUE(refused(run({"--config", "/nowhere/zav.json"}), 3,
+                        {"/nowhere/zav.json", "No such file", "correct"}));
+}
+
+TEST_F(Daemon_Refusal, broken_file_ends_with_3_and_tells_where) {
+    EXPECT_TRUE(refused(run(with("{\n  \"Stream\": [1,,2]}")), 3, {"zav_shm.json: line 2"}));
+    EXPECT_TRUE(refused(run(with("{}")), 3, {"Stream"}));
+}
+
+TEST_F(Daemon_Refusal, every_problem_of_a_configuration_has_a_line) {
+    const Ended ended = run(with(sized_configuration(R"("System": {"SHM_PATH": "a/b"},)", 0)));
+    EXPECT_EQ(ended.status, 3);
+    EXPECT_EQ(lines_in(ended.errors), 2) << ended.errors;
+    EXPECT_NE(ended.errors.find("SHM_PATH: \"a/b\" contains a slash"), std::string::npos);
+    EXPECT_NE(ended.errors.find("Stream[0].page_size: 0 is not from 1"), std::string::npos);
+}
+
+TEST_F(Daemon_Refusal, root_path_that_is_not_the_place_of_segments_ends_with_3) {
+    EXPECT_TRUE(refused(run(with(sized_configuration(R"("System": {"ROOT_PATH": "/tmp"},)"))), 3,
+                        {"System.ROOT_PATH", "\"/tmp\"", "leave it out"}));
+    EXPECT_TRUE(refused(run(with(sized_configuration(R"("System": {"ROOT_PATH": "/none"},)"))), 3,
+                        {"System.ROOT_PATH", "\"/none\""}));
+}
+
+// However it is written.
+TEST_F(Daemon_Refusal, root_path_that_leads_to_the_place_of_segments_is_accepted) {
+    fs::create_directory_symlink("/dev/shm", folder() + "/link");
+    const std::string system = R"("System": {"ROOT_PATH": ")" + folder() + R"(/link"},)";
+    EXPECT_EQ(run(with(sized_configuration(system), {"--check"})).status, 0);
+    EXPECT_EQ(
+        run(with(sized_configuration(R"("System": {"ROOT_PATH": "/dev/shm/"},)"), {"--check"}))
+            .status,
+        0);
+}
+
+// ---- the plan ----
+
+TEST_F(Daemon_Refusal, check_prints_the_plan_and_makes_nothing) {
+    const Ended ended = run(with(small_configuration, {"--check"}));
+    EXPECT_EQ(ended.status, 0) << ended.errors;
+    EXPECT_EQ(ended.errors, "");
+    for (const char* part : {
+             "segments       12 in /dev/shm/shm, 122880 bytes",
+             "semaphores     120 in /dev/shm, 491520 bytes",
+             "threads        15, 12 of them relays",
+             "idle kick      every 5 s, off at the start",
+             "producer \"CAM_LOOP\": 4 channels, 8 segments of 81920 bytes, 24 semaphores, 8 "
+             "threads; may have streams 0 to 1",
+             "consumer \"REMOTE_LOOP\": 9 channels, 54 semaphores; may have streams 0 to 1",
+             "consumer \"DEAF\": 1 channel, 6 semaphores; refused every stream",
+             "warning: producer \"SILENT\" is refused every stream: its stream list is empty",
+             "can start\n",
+         }) {
+        EXPECT_NE(ended.output.find(part), std::string::npos) << part << "\n" << ended.output;
+    }
+    EXPECT_TRUE(fs::is_empty("/dev/shm"));
+    EXPECT_FALSE(requests.status().exists);
+}
+
+TEST_F(Daemon_Refusal, check_says_that_the_defaults_refuse_all_clients) {
+    const Ended ended = run({"--check"});
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_NE(ended.output.find("warning: all clients are refused every stream"),
+              std::string::npos);
+}
+
+TEST_F(Daemon_Refusal, check_ends_as_a_start_would) {
+    EXPECT_EQ(run(with("{}", {"--check"})).status, 3);
+    EXPECT_EQ(run({"--check", "--group", "no_such_group"}).status, 2);
+    ASSERT_TRUE(start());
+    const Ended ended = run(with(small_configuration, {"--check"}));
+    EXPECT_TRUE(refused(ended, 4, {std::to_string(daemon->pid())}));
+    EXPECT_NE(ended.output.find("cannot start\n"), std::string::npos);
+    EXPECT_EQ(end(), 0);
+}
+
+// What the plan counts is what a start makes.
+TEST_F(Daemon_Refusal, plan_counts_what_a_start_makes) {
+    ASSERT_TRUE(start());
+    const auto entries = fs::directory_iterator("/dev/shm");
+    const auto semaphores = std::count_if(
+        begin(entries), fs::directory_iterator(),
+        [](const auto& entry) { return entry.path().filename().string().rfind("sem.", 0) == 0; });
+    EXPECT_EQ(semaphores, 120);
+    const fs::directory_iterator tasks("/proc/" + std::to_string(daemon->pid()) + "/task");
+    EXPECT_EQ(std::distance(begin(tasks), fs::directory_iterator()), 15);
+    EXPECT_EQ(end(), 0);
+}
+
+// ---- another center ----
+
+TEST_F(Daemon_Refusal, second_one_of_a_configuration_ends_with_4_and_names_the_first) {
+    ASSERT_TRUE(start());
+    const std::string first = std::to_string(daemon->pid());
+    EXPECT_TRUE(refused(run(with(small_configuration)), 4,
+                        {"folder /dev/shm/shm", "process " + first, "center_lock"}));
+    EXPECT_EQ(field_of(client.ask(R"({"command":"deregister","type":"Distributor"})"), "status"),
+              "success");
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(Daemon_Refusal, one_with_another_folder_ends_with_4_since_they_would_share_the_queues) {
+    ASSERT_TRUE(start());
+    const std::string first = std::to_string(daemon->pid());
+    const std::string other = write_file(
+        "other.json", sized_configuration(R"("System": {"SHM_PATH": "o", "SEM_PATH": "p"},)"));
+    EXPECT_TRUE(refused(run({"--config", other}), 4,
+                        {"queues 0x", "process " + first, "/dev/shm/zav_shm_queues_0x"}));
+    EXPECT_FALSE(exists("o"));
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(Daemon_Refusal, another_user_is_told_the_pid_of_the_first_too) {
+    if (!there_is_nobody()) {
+        GTEST_SKIP() << "needs a second user who may run the program";
+    }
+    ASSERT_TRUE(start());
+    const Ended ended = run(with(small_configuration), as_nobody());
+    EXPECT_TRUE(refused(ended, 4, {std::to_string(daemon->pid())}) ||
+                refused(ended, 1, {"/dev/shm/shm"}))
+        << ended.errors;
+    const std::string other = write_file(
+        "other.json", sized_configuration(R"("System": {"SHM_PATH": "o", "SEM_PATH": "p"},)"));
+    EXPECT_TRUE(refused(run({"--config", other}, as_nobody()), 4, {std::to_string(daemon->pid())}));
+    EXPECT_EQ(end(), 0);
+}
+
+// ---- room ----
+
+class Daemon_Room : public Daemon_Refusal {
+protected:
+    // Another file system over the one that the test began with.
+    void give_room(const std::string& options) {
+        mounted_ = mount("tmpfs", "/dev/shm", "tmpfs", 0, options.c_str()) == 0;
+        ASSERT_TRUE(mounted_);
+    }
+    void TearDown() override {
+        Daemon_Refusal::TearDown();
+        if (mounted_) {
+            EXPECT_EQ(umount("/dev/shm"), 0);
+        }
+    }
+
+private:
+    bool mounted_ = false;
+};
+
+TEST_F(Daemon_Room, too_little_of_it_ends_with_5_and_both_figures_and_makes_nothing) {
+    give_room("size=1m");
+    const Ended ended = run(with(sized_configuration("", 1'000'000)));
+    EXPECT_TRUE(
+        refused(ended, 5, {"1048576 bytes available", "2072576 are needed", "remount,size"}));
+    EXPECT_TRUE(fs::is_empty("/dev/shm"));
+    EXPECT_FALSE(requests.status().exists);
+    EXPECT_EQ(run(with(sized_configuration("", 1'000'000), {"--check"})).status, 5);
+}
+
+// As after a crash on a device whose /dev/shm is just large enough.
+TEST_F(Daemon_Room, segments_that_are_there_already_need_none) {
+    give_room("size=3m");
+    ASSERT_TRUE(start_with(sized_configuration("", 1'000'000))) << errors();
+    daemon->kill();
+    ASSERT_TRUE(start_with(sized_configuration("", 1'000'000))) << errors();
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(Daemon_Room, without_a_limit_is_enough) {
+    give_room("size=0");
+    ASSERT_TRUE(start()) << errors();
+    EXPECT_EQ(end(), 0);
+}
+
+}  // namespace
