@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <span>
+
+#include "apps/media/nal_unit.h"
+
+namespace zav_shm::media {
+
+/// Tells from the beginning of an elementary stream with start codes what it holds, by the first
+/// NAL unit that exists in one of the two only: a parameter set, or an access-unit delimiter.
+///
+/// @return nothing when there is none in `beginning`.
+std::optional<Video_Codec> guess_codec(std::span<const std::byte> beginning);
+
+/// Names the container that the beginning of a file shows, "MP4" for instance; null when it shows
+/// none. A container may hold what looks like start codes by chance.
+const char* guess_container(std::span<const std::byte> beginning);
+
+}  // namespace zav_shm::media

@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/tool/frame_output.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <variant>
+
+#include "apps/tool/center_request.h"
+#include "control/control_protocol.h"
+
+namespace zav_shm::tool {
+
+namespace {
+
+// A stream whose frames are all too large would fill the screen.
+constexpr std::uint64_t complaints_max = 5;
+
+ZAV_SHM_Frame_Publisher::Options publisher_options(const Publish_Options& options) {
+    return {.name = options.name,
+            .channel = options.channel,
+            .stream = options.stream,
+            .format = {},
+            .center_wait = options.wait};
+}
+
+std::uint16_t flag_if(bool condition, std::uint16_t flag) {
+    return condition ? flag : std::uint16_t{0};
+}
+
+}  // namespace
+
+Frame_Output::Frame_Output(const Publish_Options& options, const Stop_Signal& stop)
+    : options_(options),
+      stop_(stop),
+      publisher_(publisher_options(options)),
+      pacer_(options.rate),
+      index_(options.index),
+      channel_(channel_text(options.name, options.channel, options.stream)) {}
+
+std::optional<Problem> Frame_Output::open() {
+    const auto known = query_name(control::type::distributor, options_.name, options_.wait);
+    if (const auto* problem = std::get_if<Problem>(&known)) {
+        return *problem;
+    }
+    // The center has just answered, so it is not absent but refuses.
+    if (const auto opened = publisher_.open(); !opened) {
+        return Problem{Exit_Status::refused,
+                       "the center refuses " + channel_ + ": " + opened.reason};
+    }
+    if (auto problem = index_.open()) {
+        return problem;
+    }
+    state_ = publisher_.state();
+    opened_ = Pacer::Clock::now();
+    complain("publishing " + channel_ + ", page size " + std::to_string(page_bytes()));
+    return {};
+}
+
+void Frame_Output::set_format(Frame_Format format) {
+    format.rate_num = options_.rate.num;
+    format.rate_den = options_.rate.den;
+    publisher_.set_format(format);
+}
+
+void Frame_Output::publish(const Frame& frame) {
+    if (is_over() || !pacer_.wait_for(frames_, stop_)) {
+        return;
+    }
+    Frame_Info info;
+    info.pts = presentation_time();
+    info.duration = std::chrono::duration_cast<std::chrono::microseconds>(
+        time_of(options_.rate, frames_ + 1) - time_of(options_.rate, frames_));
+    info.flags = static_cast<std::uint16_t>(
+        flag_if(frame.is_key, frame_flag::key_frame) |
+        flag_if(frame.has_configuration, frame_flag::codec_configuration) |
+        flag_if(discontinuity_, frame_flag::discontinuity) |
+        flag_if(frame.is_last, frame_flag::end_of_stream));
+    ++frames_;
+    const auto result = publisher_.publish(frame.payload, info);
+    index_.add(options_.stream, frames_, frame.size_bytes, frame.is_key);
+    discontinuity_ = result.outcome == Publish_Outcome::too_large;
+    if (discontinuity_ && too_large_++ < complaints_max) {
+        complain_of(frame, result);
+    }
+    watch_state();
+}
+
+std::chrono::nanoseconds Frame_Output::presentation_time() {
+    if (options_.rate.is_paced()) {
+        return time_of(options_.rate, frames_);
+    }
+    const auto now = Pacer::Clock::now();
+    if (frames_ == 0) {
+        first_ = now;
+    }
+    return now - first_;
+}
+
+bool Frame_Output::is_over() const {
+    return stop_.requested() || (options_.count != 0 && frames_ >= options_.count);
+}
+
+void Frame_Output::watch_state() {
+    const Frame_State now = publisher_.state();
+    if (now != state_) {
+        complain(channel_ + " is " + name_of(now) + " now, after " + std::to_string(frames_) +
+                 " frames");
+        state_ = now;
+    }
+}
+
+void Frame_Output::complain_of(const Frame& frame, const ZAV_SHM_Frame_Publisher::Result& result) {
+    complain("frame " + std::to_string(frames_) + " of " + std::to_string(frame.size_bytes) +
+             " bytes left out, page size of " + channel_ + " is " +
+             std::to_string(result.limit_bytes) +
+             "; raise page_size in the center's configuration, or lower the bit rate");
+}
+
+Exit_Status Frame_Output::close() {
+    const Publisher_Counters counters = publisher_.counters();
+    publisher_.close();
+    const std::chrono::duration<double> seconds = Pacer::Clock::now() - opened_;
+    std::fprintf(stderr,
+                 "publish: frames=%" PRIu64 " delivered=%" PRIu64 " no_consumer=%" PRIu64
+                 " too_large=%" PRIu64 " no_center=%" PRIu64 " slow_reads=%" PRIu64
+                 " recoveries=%" PRIu64 " bytes=%" PRIu64 " seconds=%.2f\n",
+                 counters.frames, counters.delivered, counters.no_consumer, counters.too_large,
+                 counters.no_center, counters.slow_reads, counters.recoveries, counters.bytes,
+                 seconds.count());
+    if (const auto problem = index_.close()) {
+        return report(*problem);
+    }
+    if (too_large_ == 0) {
+        return Exit_Status::ok;
+    }
+    complain(std::to_string(too_large_) + " of " + std::to_string(frames_) +
+             " frames were too large for " + channel_ + " and left out");
+    return Exit_Status::incomplete;
+}
+
+}  // namespace zav_shm::tool

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "apps/media/nal_unit.h"
+#include "apps/tool/rate.h"
+
+// What the command line asks for, one record per command. Checked: every number lies within the
+// limits below, and every combination makes sense.
+
+namespace zav_shm::tool {
+
+inline constexpr std::size_t name_bytes_max = 31;  // of a producer or consumer
+inline constexpr int channel_max = 4095;
+inline constexpr int stream_max = 4095;
+inline constexpr double seconds_max = 31'536'000;              // a year
+inline constexpr std::size_t frame_bytes_max = 2'147'483'519;  // the greatest page size
+inline constexpr int pixels_max = 65'535;
+
+/// The file name that means standard input or standard output.
+inline constexpr const char* standard_stream = "-";
+
+struct Common_Options {
+    bool quiet = false;  // lines of the libraries go nowhere
+    std::chrono::milliseconds wait{2000};
+};
+
+struct Channel_Options {
+    std::string name;
+    int channel = 0;
+    int stream = 0;
+};
+
+struct Publish_Options : Common_Options, Channel_Options {
+    std::string file;  // empty with `synthetic`
+    bool synthetic = false;
+    std::optional<media::Video_Codec> codec;  // nothing: tell from the stream
+    Rate rate;
+    bool loop = false;
+    std::uint64_t count = 0;     // frames; 0 is no limit
+    std::size_t unit_limit = 0;  // bytes; 0 is the stream's page size
+    std::uint32_t width = 0;     // pixels; 0: from the stream
+    std::uint32_t height = 0;
+    std::size_t size = 4096;          // of a synthetic frame, bytes
+    std::uint32_t key_interval = 25;  // of synthetic frames
+    std::string index;                // file; empty: none
+};
+
+struct Record_Options : Common_Options, Channel_Options {
+    std::string producer;
+    std::string file;
+    std::vector<int> streams;  // one, or two to switch between
+    std::chrono::milliseconds switch_every{0};
+    std::uint64_t frames = 0;               // 0 is no limit
+    std::chrono::milliseconds duration{0};  // 0 is no limit
+    bool any_frame = false;
+    bool sync = false;
+    bool strict = false;
+    bool verify_synthetic = false;
+    std::string index;  // file; empty: none
+};
+
+struct Watch_Options : Common_Options, Channel_Options {
+    std::string producer;
+    bool json = false;
+    bool verify_synthetic = false;
+    std::uint64_t count = 0;  // lines; 0 is no limit
+};
+
+struct Status_Options : Common_Options {
+    bool json = false;
+    bool ask_center = false;
+    std::string folder = "shm";
+};
+
+struct Pair_Options : Common_Options, Channel_Options {
+    std::string producer;
+    bool json = false;
+    bool all = false;  // every channel and stream of the name
+};
+
+struct Kick_Options : Common_Options {
+    bool json = false;
+    bool enable = false;
+    std::string folder = "shm";
+};
+
+struct Query_Options : Common_Options {
+    bool json = false;
+    std::string type;
+    std::string name;
+};
+
+using Options = std::variant<Publish_Options, Record_Options, Watch_Options, Status_Options,
+                             Pair_Options, Kick_Options, Query_Options>;
+
+}  // namespace zav_shm::tool

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/tool/problem.h"
+
+#include <cstdio>
+
+namespace zav_shm::tool {
+
+void complain(const std::string& text) {
+    const std::string line = "zav-shm: " + text + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    std::fflush(stderr);
+}
+
+Exit_Status report(const Problem& problem) {
+    complain(problem.text);
+    return problem.status;
+}
+
+std::string channel_text(const std::string& name, int channel, int stream) {
+    return name + "/" + std::to_string(channel) + "/" + std::to_string(stream);
+}
+
+}  // namespace zav_shm::tool

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <vector>
+
+#include "apps/media/picture_size.h"
+#include "apps/tool/commands.h"
+#include "apps/tool/elementary_source.h"
+#include "apps/tool/frame_output.h"
+#include "apps/tool/synthetic_pattern.h"
+#include "frame/frame_header.h"
+
+namespace zav_shm::tool {
+
+namespace {
+
+/// Passes access units on and keeps the format that goes with them.
+class Picture_Stream {
+public:
+    Picture_Stream(const Publish_Options& options, media::Video_Codec codec, Frame_Output& output)
+        : options_(options), codec_(codec), output_(output) {
+        format_.codec = codec == media::Video_Codec::h264 ? codec::h264 : codec::h265;
+        format_.width = options.width;
+        format_.height = options.height;
+        output_.set_format(format_);
+    }
+
+    void pass(const media::Access_Unit& unit) {
+        if (unit.has_configuration && !unit.too_long) {
+            learn_size(unit);
+        }
+        output_.publish({.payload = unit.bytes,
+                         .size_bytes = unit.size_bytes,
+                         .is_key = unit.is_key,
+                         .has_configuration = unit.has_configuration,
+                         .is_last = unit.is_last && !options_.loop});
+    }
+
+private:
+    void learn_size(const media::Access_Unit& unit) {
+        const auto size = media::picture_size(codec_, unit.bytes);
+        const bool given = options_.width != 0 || options_.height != 0;
+        if (!size || given || (size->width == format_.width && size->height == format_.height)) {
+            return;
+        }
+        format_.width = size->width;
+        format_.height = size->height;
+        output_.set_format(format_);
+    }
+
+    const Publish_Options& options_;
+    const media::Video_Codec codec_;
+    Frame_Output& output_;
+    Frame_Format format_;
+};
+
+std::optional<Problem> publish_file(const Publish_Options& options, const Stop_Signal& stop,
+                                    Elementary_Source& source, Frame_Output& output) {
+    Picture_Stream stream(options, source.codec(), output);
+    const std::size_t limit = options.unit_limit != 0 ? options.unit_limit : output.page_bytes();
+    return source.run(limit, options.loop, stop, [&](const media::Access_Unit& unit) {
+        stream.pass(unit);
+        return !output.is_over();
+    });
+}
+
+void publish_synthetic(const Publish_Options& options, Frame_Output& output) {
+    Frame_Format format;
+    format.codec = codec::raw;
+    format.width = options.width;
+    format.height = options.height;
+    output.set_format(format);
+    std::vector<std::byte> payload(options.size);
+    for (std::uint64_t number = 0; !output.is_over(); ++number) {
+        fill_synthetic(payload, output.next_sequence());
+        output.publish({.payload = payload,
+                        .size_bytes = payload.size(),
+                        .is_key = number % options.key_interval == 0,
+                        .has_configuration = false,
+                        .is_last = number + 1 == options.count});
+    }
+}
+
+}  // namespace
+
+Exit_Status run(const Publish_Options& options, const Standard_Output& /*output*/) {
+    const Stop_Signal stop;
+    Elementary_Source source(options.file, options.codec);
+    if (!options.synthetic) {
+        if (const auto problem = source.open(stop)) {
+            return report(*problem);
+        }
+    }
+    Frame_Output output(options, stop);
+    if (const auto problem = output.open()) {
+        return report(*problem);
+    }
+    std::optional<Problem> problem;
+    if (options.synthetic) {
+        publish_synthetic(options, output);
+    } else {
+        problem = publish_file(options, stop, source, output);
+    }
+    const Exit_Status status = output.close();
+    return problem ? report(*problem) : status;
+}
+
+}  // namespace zav_shm::tool

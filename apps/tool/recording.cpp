@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/tool/recording.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+#include "apps/tool/synthetic_pattern.h"
+
+namespace zav_shm::tool {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// How long one look for a frame may hold up the others: signals, the time limit, and the second
+// stream, whose key frame waits for as long.
+constexpr milliseconds look{20};
+
+// A queue holds no more frames than this when it is emptied at the end.
+constexpr int queued_max = 64;
+
+}  // namespace
+
+Recording::Recording(const Record_Options& options, int standard_output, const Stop_Signal& stop)
+    : options_(options),
+      stop_(stop),
+      file_(options.file, standard_output, stop),
+      index_(options.index),
+      begin_(Stop_Signal::Clock::now()),
+      switch_(options.switch_every, begin_) {
+    for (const int stream : options.streams) {
+        const Channel_Options channel{options.name, options.channel, stream};
+        inputs_.push_back(
+            std::make_unique<Frame_Input>(options, channel, options.producer, !options.any_frame));
+    }
+}
+
+std::optional<Problem> Recording::open() {
+    const auto file_problem = [this] {
+        return Problem{Exit_Status::input_output,
+                       "cannot open " + file_.title() + ": " + std::strerror(errno)};
+    };
+    if (!file_.open()) {
+        return file_problem();
+    }
+    if (auto problem = index_.open()) {
+        return problem;
+    }
+    for (const auto& input : inputs_) {
+        if (auto problem = input->open()) {
+            return problem;
+        }
+    }
+    if (!file_.empty()) {
+        return file_problem();
+    }
+    begin_ = Stop_Signal::Clock::now();
+    return {};
+}
+
+std::optional<Problem> Recording::run() {
+    while (!is_over()) {
+        take(switch_.active(), look);
+        for (std::size_t other = 0; other < inputs_.size(); ++other) {
+            while (other != switch_.active() && !is_over() && take(other, milliseconds(0))) {
+            }
+        }
+        for (const auto& input : inputs_) {
+            input->tell_state();
+        }
+        if (!write_error_ && !file_.flush_if_due()) {
+            write_error_ = errno;
+        }
+    }
+    return write_error_ ? std::optional(write_problem()) : std::nullopt;
+}
+
+std::optional<Problem> Recording::close() {
+    for (int i = 0; i < queued_max && !is_full() && !write_error_; ++i) {
+        if (!take(switch_.active(), milliseconds(0))) {
+            break;
+        }
+    }
+    if (!write_error_ && !file_.close(options_.sync)) {
+        write_error_ = errno;
+    }
+    const auto index_problem = index_.close();
+    return write_error_ ? std::optional(write_problem()) : index_problem;
+}
+
+bool Recording::is_full() const { return options_.frames != 0 && frames_ >= options_.frames; }
+
+bool Recording::is_over() const {
+    const bool late = options_.duration > milliseconds(0) &&
+                      Stop_Signal::Clock::now() - begin_ >= options_.duration;
+    return late || is_full() || write_error_ || stop_.requested();
+}
+
+// @return whether there was a frame.
+bool Recording::take(std::size_t input, milliseconds timeout) {
+    if (inputs_[input]->receive(frame_, timeout) != Receive_Status::frame) {
+        return false;
+    }
+    if (switch_.offer(input, frame_.is_key_frame(), Stop_Signal::Clock::now())) {
+        write(input, frame_);
+    }
+    return true;
+}
+
+void Recording::write(std::size_t input, const Received_Frame& frame) {
+    if (!file_.write(frame.payload())) {
+        write_error_ = errno;
+        return;
+    }
+    if (options_.verify_synthetic && !is_synthetic(frame.payload(), frame.header.sequence)) {
+        ++damaged_;
+    }
+    index_.add(options_.streams[input], frame.header.sequence, frame.length, frame.is_key_frame());
+    first_sequence_ = frames_ == 0 ? frame.header.sequence : first_sequence_;
+    last_sequence_ = frame.header.sequence;
+    ++frames_;
+    bytes_ += frame.length;
+    key_frames_ += frame.is_key_frame() ? 1U : 0U;
+}
+
+Problem Recording::write_problem() const {
+    const char* cause =
+        *write_error_ == ETIMEDOUT ? "nobody reads it" : std::strerror(*write_error_);
+    return {Exit_Status::input_output, "cannot write to " + file_.title() + " after " +
+                                           std::to_string(frames_) + " frames, " +
+                                           std::to_string(bytes_) + " bytes: " + cause};
+}
+
+Exit_Status Recording::tell() const {
+    Subscriber_Counters sum;
+    for (const auto& input : inputs_) {
+        const Subscriber_Counters counters = input->counters();
+        sum.lost += counters.lost;
+        sum.dropped += counters.dropped;
+        sum.torn += counters.torn;
+        sum.skipped += counters.skipped;
+        sum.foreign += counters.foreign;
+        sum.recoveries += counters.recoveries;
+    }
+    std::fprintf(stderr,
+                 "record: frames=%" PRIu64 " bytes=%" PRIu64 " lost=%" PRIu64 " dropped=%" PRIu64
+                 " torn=%" PRIu64 " key_frames=%" PRIu64 " first=%" PRIu64 " last=%" PRIu64
+                 " skipped=%" PRIu64 " foreign=%" PRIu64 " reconnects=%" PRIu64 " switches=%" PRIu64
+                 " damaged=%" PRIu64 "\n",
+                 frames_, bytes_, sum.lost, sum.dropped, sum.torn, key_frames_, first_sequence_,
+                 last_sequence_, sum.skipped, sum.foreign, sum.recoveries, switch_.switches(),
+                 damaged_);
+    if (damaged_ > 0) {
+        complain(std::to_string(damaged_) + " of " + std::to_string(frames_) +
+                 " frames do not hold the pattern of publish --synthetic");
+        return Exit_Status::incomplete;
+    }
+    const bool complete = sum.lost + sum.dropped + sum.torn == 0 && frames_ > 0;
+    return complete || !options_.strict ? Exit_Status::ok : Exit_Status::incomplete;
+}
+
+}  // namespace zav_shm::tool

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "apps/tool/frame_index.h"
+#include "apps/tool/frame_input.h"
+#include "apps/tool/options.h"
+#include "apps/tool/output_file.h"
+#include "apps/tool/stop_signal.h"
+#include "apps/tool/stream_switch.h"
+
+namespace zav_shm::tool {
+
+/// One run of `zav-shm record`: frames from one stream, or from two in turn, into one file, and an
+/// account of all.
+class Recording {
+public:
+    Recording(const Record_Options& options, int standard_output, const Stop_Signal& stop);
+
+    std::optional<Problem> open();
+
+    /// Records until a signal comes, or a limit of the options is reached.
+    std::optional<Problem> run();
+
+    /// Writes what is still queued and closes the file.
+    std::optional<Problem> close();
+
+    /// The account, on standard error, and what it means for the exit status.
+    Exit_Status tell() const;
+
+private:
+    bool is_over() const;
+    bool is_full() const;
+    bool take(std::size_t input, std::chrono::milliseconds timeout);
+    void write(std::size_t input, const Received_Frame& frame);
+    Problem write_problem() const;
+
+    const Record_Options& options_;
+    const Stop_Signal& stop_;
+    std::vector<std::unique_ptr<Frame_Input>> inputs_;
+    Output_File file_;
+    Frame_Index index_;
+    Stop_Signal::Clock::time_point begin_;
+    Stream_Switch switch_;
+    Received_Frame frame_;
+    std::optional<int> write_error_;  // errno of the first write that failed
+
+    std::uint64_t frames_ = 0;
+    std::uint64_t bytes_ = 0;
+    std::uint64_t key_frames_ = 0;
+    std::uint64_t damaged_ = 0;  // by --verify-synthetic
+    std::uint64_t first_sequence_ = 0;
+    std::uint64_t last_sequence_ = 0;
+};
+
+}  // namespace zav_shm::tool

@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The tool beside the center's daemon: what it publishes of itself, and its death.
+#include <csignal>
+
+#include "apps/tool/json_text.h"
+#include "support/threads.h"
+#include "tool/tool_process.h"
+
+namespace {
+
+using zav_shm::tool::parsed_json;
+
+constexpr int no_center = 3;
+
+class Tool_Daemon : public Tool {
+protected:
+    void SetUp() override {
+        Tool::SetUp();
+        write(path("zav_shm.json"), tool_configuration);
+        ASSERT_TRUE(start_daemon());
+        announce_leftovers_of(*parsed(tool_configuration));
+    }
+    void TearDown() override {
+        center->signal(SIGTERM);
+        EXPECT_EQ(center->wait(std::chrono::seconds(10)), 0);
+        Tool::TearDown();
+    }
+
+    bool start_daemon() {
+        center.reset();
+        center.emplace(
+            std::vector<std::string>{ZAV_TEST_CENTERD, "--config", path("zav_shm.json")});
+        while (const auto line = center->read_line()) {
+            if (line->rfind("zav-shm-centerd ", 0) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    Json::Value status_by_tool() {
+        Tool_Process tool = start({"status", "--json"});
+        const Json::Value status = parsed_json(tool.output());
+        EXPECT_EQ(tool.status(), 0) << tool.errors();
+        return status;
+    }
+
+    Tool_Process start_publisher() {
+        return start({"publish", "--synthetic", "--name", "CAM_LOOP", "--fps", "25", "--quiet"});
+    }
+    Tool_Process start_recorder() {
+        Tool_Process recorder = start({"record", "--name", "RECODER", "--pair", "CAM_LOOP", "-o",
+                                       path("out"), "--verify-synthetic", "--quiet"});
+        recorder.says("connected");
+        return recorder;
+    }
+};
+
+TEST_F(Tool_Daemon, status_shows_who_takes_frames_from_whom) {
+    Tool_Process recorder = start_recorder();
+    Tool_Process publisher = start_publisher();
+    Json::Value channel;
+    ASSERT_TRUE(becomes_true([&] {
+        channel = status_by_tool()["channels"][0];
+        return channel["consumers"][0]["frames"].asInt() > 0;
+    }));
+    EXPECT_EQ(channel["name"], "CAM_LOOP");
+    EXPECT_EQ(channel["consumers"][0]["name"], "RECODER");
+    EXPECT_GT(channel["frames"].asInt(), 0);
+    Tool_Process text = start({"status"});
+    EXPECT_NE(text.output().find("RECODER/0/0"), std::string::npos);
+    EXPECT_EQ(text.status(), 0);
+    for (Tool_Process* process : {&publisher, &recorder}) {
+        process->signal(SIGTERM);
+        EXPECT_EQ(process->status(), 0);
+    }
+}
+
+TEST_F(Tool_Daemon, kick_is_confirmed) {
+    for (const bool on : {true, false}) {
+        const std::string word = on ? "on" : "off";
+        Tool_Process tool = start({"kick", word, "--wait", "5"});
+        EXPECT_EQ(tool.output(), "kick " + word + ": confirmed\n");
+        EXPECT_EQ(tool.status(), 0) << tool.errors();
+        EXPECT_EQ(status_by_tool()["kick_idle"].asBool(), on);
+    }
+}
+
+TEST_F(Tool_Daemon, recording_goes_on_when_the_center_was_killed_and_started_again) {
+    Tool_Process recorder = start_recorder();
+    Tool_Process publisher = start_publisher();
+    const auto is_recording = [this] { return content(path("out")).size() > 20'000; };
+    ASSERT_TRUE(becomes_true(is_recording));
+    center->kill();
+    Tool_Process gone = start({"status"});
+    EXPECT_EQ(gone.status(), no_center);
+    EXPECT_TRUE(gone.says("the center is gone"));
+    ASSERT_TRUE(recorder.says("waiting for center"));
+    ASSERT_TRUE(start_daemon());
+    const std::size_t before = content(path("out")).size();
+    ASSERT_TRUE(becomes_true([&] { return content(path("out")).size() > before + 20'000; }))
+        << recorder.errors() << publisher.errors();
+    publisher.signal(SIGTERM);
+    EXPECT_EQ(publisher.status(), 0);
+    recorder.signal(SIGTERM);
+    EXPECT_EQ(recorder.status(), 0);
+    EXPECT_EQ(recorder.figure("reconnects"), 1);
+    EXPECT_EQ(recorder.figure("damaged"), 0);
+    EXPECT_GT(recorder.figure("lost"), 0);
+    EXPECT_EQ(publisher.figure("recoveries"), 1);
+}
+
+}  // namespace

@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The parts of the tool that touch nothing outside: rates, pacing, checks of arguments, changes of
+// stream, and what is printed.
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "apps/tool/argument_checks.h"
+#include "apps/tool/json_text.h"
+#include "apps/tool/pacer.h"
+#include "apps/tool/rate.h"
+#include "apps/tool/status_file.h"
+#include "apps/tool/stream_switch.h"
+#include "apps/tool/synthetic_pattern.h"
+#include "apps/tool/watch_line.h"
+
+namespace {
+
+using namespace zav_shm;
+using namespace zav_shm::tool;
+using namespace std::chrono_literals;
+
+// ---- rates ----
+
+TEST(Rate, reads_whole_numbers_decimals_and_fractions) {
+    EXPECT_EQ(parse_rate("25"), (Rate{25, 1}));
+    EXPECT_EQ(parse_rate("0"), (Rate{0, 1}));
+    EXPECT_EQ(parse_rate("1000"), (Rate{1000, 1}));
+    EXPECT_EQ(parse_rate("12.5"), (Rate{125, 10}));
+    EXPECT_EQ(parse_rate("0.001"), (Rate{1, 1000}));
+    EXPECT_EQ(parse_rate("29.97"), (Rate{30000, 1001}));
+    EXPECT_EQ(parse_rate("30000/1001"), (Rate{30000, 1001}));
+}
+
+TEST(Rate, refuses_everything_else) {
+    for (const char* text : {"", "-1", "1001", "1000.5", "abc", "25x", "1/0", "2000/1", "1.", ".5",
+                             "1.2345", "1/2/3", "99999999999999999999", "nan", " 25", "+25"}) {
+        EXPECT_EQ(parse_rate(text), std::nullopt) << text;
+    }
+}
+
+TEST(Rate, times_neither_drift_nor_overflow) {
+    const Rate rate{30000, 1001};
+    EXPECT_EQ(time_of(rate, 0), 0ns);
+    EXPECT_EQ(time_of(rate, 1), 33'366'666ns);
+    EXPECT_EQ(time_of(rate, 30000), 1001s);
+    EXPECT_EQ(time_of(rate, 30'000'000'000), 1'001'000'000s);
+    EXPECT_EQ(time_of({0, 1}, 7), 0ns);
+}
+
+TEST(Pacer, counts_from_the_first_frame) {
+    Pacer pacer({25, 1});
+    const Pacer::Clock::time_point begin{100s};
+    EXPECT_EQ(pacer.due(0, begin), begin);
+    EXPECT_EQ(pacer.due(1, begin + 39ms), begin + 40ms);
+    EXPECT_EQ(pacer.due(2, begin + 500ms), begin + 80ms) << "late frames catch up";
+    EXPECT_EQ(pacer.due(3, begin + 501ms), begin + 120ms);
+}
+
+TEST(Pacer, moves_its_schedule_after_a_long_stop) {
+    Pacer pacer({25, 1});
+    const Pacer::Clock::time_point begin{100s};
+    pacer.due(0, begin);
+    EXPECT_EQ(pacer.due(1, begin + 60s), begin + 60s);
+    EXPECT_EQ(pacer.due(2, begin + 60s), begin + 60s + 40ms);
+}
+
+TEST(Pacer, without_a_rate_lets_all_through) {
+    Pacer pacer({0, 1});
+    EXPECT_EQ(pacer.due(5, Pacer::Clock::time_point{3s}), Pacer::Clock::time_point{3s});
+}
+
+// ---- arguments ----
+
+TEST(Argument_Checks, name_the_value_and_the_limits) {
+    EXPECT_EQ(whole_number_mistake("7", 0, 7), "");
+    EXPECT_EQ(whole_number_mistake("8", 0, 7), "'8' is no whole number from 0 to 7");
+    for (const char* text : {"", "-1", "1.5", "x", "7 ", "0x1", "99999999999999999999999"}) {
+        EXPECT_NE(whole_number_mistake(text, 0, 7), "") << text;
+    }
+    EXPECT_EQ(number_mistake("0.5", 0.1, 2), "");
+    EXPECT_EQ(number_mistake("0.05", 0.1, 2), "'0.05' is no number from 0.1 to 2");
+    for (const char* text : {"", "nan", "inf", "1e9", "-1", "one"}) {
+        EXPECT_NE(number_mistake(text, 0.1, 2), "") << text;
+    }
+    EXPECT_EQ(name_mistake(std::string(31, 'x')), "");
+    EXPECT_NE(name_mistake(std::string(32, 'x')).find("32 characters"), std::string::npos);
+    EXPECT_NE(name_mistake(""), "");
+    EXPECT_EQ(folder_mistake("shm"), "");
+    for (const char* text : {"", ".", "..", "a/b", "/shm"}) {
+        EXPECT_NE(folder_mistake(text), "") << text;
+    }
+}
+
+// ---- two streams in turn ----
+
+TEST(Stream_Switch, changes_at_a_key_frame_of_the_other_stream_only) {
+    const Stream_Switch::Clock::time_point begin{10s};
+    Stream_Switch streams(1000ms, begin);
+    EXPECT_TRUE(streams.offer(0, true, begin));
+    EXPECT_FALSE(streams.offer(1, true, begin + 900ms)) << "too early";
+    EXPECT_FALSE(streams.offer(1, false, begin + 1100ms)) << "no key frame";
+    EXPECT_TRUE(streams.offer(0, false, begin + 1200ms)) << "the old one goes on";
+    EXPECT_TRUE(streams.offer(1, true, begin + 1500ms));
+    EXPECT_FALSE(streams.offer(0, false, begin + 1600ms));
+    EXPECT_FALSE(streams.offer(0, true, begin + 2400ms)) << "counted from the change";
+    EXPECT_TRUE(streams.offer(0, true, begin + 2500ms));
+    EXPECT_EQ(streams.switches(), 2U);
+}
+
+// ---- pattern ----
+
+TEST(Synthetic_Pattern, is_known_by_its_sequence_number) {
+    std::vector<std::byte> payload(1001);
+    fill_synthetic(payload, 7);
+    EXPECT_TRUE(is_synthetic(payload, 7));
+    EXPECT_FALSE(is_synthetic(payload, 8));
+    payload[1000] ^= std::byte{1};
+    EXPECT_FALSE(is_synthetic(payload, 7));
+    EXPECT_TRUE(is_synthetic({}, 7));
+}
+
+// ---- what is printed ----
+
+Subscriber_Counters some_counters() {
+    Subscriber_Counters counters;
+    counters.frames = 130;
+    counters.bytes = 2'250'000;
+    counters.lost = 5;
+    counters.torn = 1;
+    counters.last_key_frame_ns = 9'500'000'000;
+    for (int i = 0; i < 30; ++i) {
+        counters.latency.add(100'000);
+    }
+    return counters;
+}
+
+TEST(Watch_Line, shows_the_stretch_and_the_totals) {
+    Subscriber_Counters before;
+    before.frames = 100;
+    before.bytes = 1'000'000;
+    before.lost = 3;
+    const Watch_Sample sample =
+        sample_of(before, some_counters(), 1s, 10'000'000'000, Frame_State::connected);
+    const Json::Value line = parsed_json(json_of(sample));
+    EXPECT_EQ(line["frames"], 30);
+    EXPECT_EQ(line["frames_per_s"].asDouble(), 30);
+    EXPECT_EQ(line["mbit_per_s"].asDouble(), 10);
+    EXPECT_EQ(line["lost"], 2);
+    EXPECT_EQ(line["lost_total"], 5);
+    EXPECT_EQ(line["torn_total"], 1);
+    EXPECT_EQ(line["key_frame_age_s"].asDouble(), 0.5);
+    EXPECT_EQ(line["state"], "connected");
+    EXPECT_GE(line["latency_p50_us"].asDouble(), 100);
+    EXPECT_LE(line["latency_p99_us"].asDouble(), 125);
+    const std::string text = text_of(sample);
+    EXPECT_NE(text.find("30.0 frames/s"), std::string::npos) << text;
+    EXPECT_NE(text.find("lost 2 (total 5)"), std::string::npos) << text;
+    EXPECT_NE(text.find("key frame 0.5 s ago"), std::string::npos) << text;
+}
+
+TEST(Watch_Line, before_the_first_frame_has_no_key_frame) {
+    const Watch_Sample sample = sample_of({}, {}, 1s, 1, Frame_State::waiting_for_producer);
+    EXPECT_TRUE(parsed_json(json_of(sample))["key_frame_age_s"].isNull());
+    EXPECT_NE(text_of(sample).find("none yet"), std::string::npos);
+}
+
+TEST(Json_Text, of_any_origin_reads_as_something) {
+    EXPECT_TRUE(parsed_json("").isNull());
+    EXPECT_TRUE(parsed_json("{").isNull());
+    EXPECT_TRUE(parsed_json(std::string(100'000, '[')).isNull());
+    const Json::Value object = parsed_json(R"({"a":"x","b":-1,"c":7,"d":"7","e":1})");
+    EXPECT_EQ(text_at(object, "a"), "x");
+    EXPECT_EQ(text_at(object, "b"), "");
+    EXPECT_EQ(count_at(object, "b"), 0U);
+    EXPECT_EQ(count_at(object, "c"), 7U);
+    EXPECT_EQ(count_at(object, "d"), 0U);
+    EXPECT_FALSE(flag_at(object, "e"));
+    EXPECT_EQ(text_at(parsed_json("[1]"), "a"), "");
+    EXPECT_TRUE(list_at(object, "a").empty());
+}
+
+TEST(Status_Table, has_a_row_for_each_consumer) {
+    Center_Status status;
+    status.is_alive = true;
+    status.content = parsed_json(R"({"pid": 42, "version": "0.1.0", "configuration": "a.json",
+        "kick_idle": true, "started_utc": "2026-01-01T00:00:00Z", "channels": [
+        {"name": "CAM_LOOP", "channel": 0, "stream": 1, "cycles": 900, "frames": 300,
+         "presence_timeouts": 4, "frame_timeouts": 5, "read_timeouts": 6, "live": 2, "consumers": [
+            {"name": "PLAYER", "channel": 0, "stream": 1, "frames": 299, "missed_in_row": 0},
+            {"name": "RECODER", "channel": 0, "stream": 1, "frames": 298, "missed_in_row": 3}]},
+        {"name": "CAM_REC", "channel": 0, "stream": 0, "consumers": []}]})");
+    EXPECT_EQ(table_of(status),
+              "center 0.1.0, process 42, since 2026-01-01T00:00:00Z\n"
+              "configuration a.json, idle consumers are kicked\n"
+              "\n"
+              "channel       frames  cycles  absent  no frame  unread  live  consumer     frames  "
+              "missed in row\n"
+              "CAM_LOOP/0/1     300     900       4         5       6     2  PLAYER/0/1      299  "
+              "            0\n"
+              "                                                              RECODER/0/1     298  "
+              "            3\n"
+              "CAM_REC/0/0        0       0       0         0       0     0  -\n");
+}
+
+TEST(Status_Table, of_a_file_with_other_content_is_harmless) {
+    for (const char* text : {"{}", R"({"channels":5,"pid":"x","kick_idle":[]})",
+                             R"({"channels":[1,null,[],{"consumers":[3]}]})"}) {
+        Center_Status status;
+        status.content = parsed_json(text);
+        EXPECT_NE(table_of(status), "") << text;
+        EXPECT_TRUE(parsed_json(json_of(status)).isObject()) << text;
+    }
+}
+
+TEST(Status_File, that_is_missing_or_damaged_is_told_apart) {
+    const auto missing = read_center_status("/dev/shm/no_such_folder/center_status.json");
+    EXPECT_EQ(std::get<Problem>(missing).status, Exit_Status::no_center);
+    const auto folder = read_center_status("/dev");
+    EXPECT_EQ(std::get<Problem>(folder).status, Exit_Status::input_output);
+    EXPECT_EQ(std::get<Problem>(read_center_status("/dev/null")).status, Exit_Status::input_output);
+    EXPECT_EQ(std::get<Problem>(read_center_status(ZAV_TEST_STREAMS "/plain.h264")).status,
+              Exit_Status::input_output);
+}
+
+}  // namespace
