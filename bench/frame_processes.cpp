@@ -8,6 +8,7 @@
 #include "bench/bench_channel.h"
 #include "bench/frame_stamp.h"
 #include "bench/monotonic_clock.h"
+#include "bench/pace.h"
 #include "ipc/deadline.h"
 #include "stream/endpoint.h"
 
@@ -27,26 +28,6 @@ STREAM_FRAME_FORMAT frame_around(std::vector<unsigned char>& payload) {
     frame.payload = payload.data();
     return frame;
 }
-
-// The moments at which frames are due. After a frame that took longer than its period the
-// schedule stays as it was: a camera does not wait either.
-class Pace {
-public:
-    explicit Pace(int frames_per_second)
-        : period_ns_(frames_per_second == 0 ? 0 : ns_per_second / frames_per_second),
-          due_ns_(monotonic_ns()) {}
-
-    void wait_for_next() {
-        if (period_ns_ != 0) {
-            due_ns_ += period_ns_;
-            sleep_until_ns(due_ns_);
-        }
-    }
-
-private:
-    std::int64_t period_ns_;
-    std::int64_t due_ns_;
-};
 
 void count_frame(const STREAM_FRAME_FORMAT& frame, std::int64_t now_ns,
                  std::span<std::int64_t> latencies_ns, std::uint64_t& newest,

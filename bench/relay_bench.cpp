@@ -69,19 +69,20 @@ void add_full_rate_run(const Relay_Result& run, Cell_Figures& figures) {
     figures.repeated += run.repeated;
 }
 
-std::optional<Cell_Figures> measure(std::size_t payload_bytes, int consumers,
+std::optional<Cell_Figures> measure(std::size_t payload_bytes, int consumers, Layer layer,
                                     const Relay_Bench_Options& options) {
     Cell_Figures figures;
     for (int i = 0; i < full_rate_runs; ++i) {
-        const auto run = run_relay_cell(
-            {payload_bytes, consumers, 0, options.seconds / full_rate_runs, options.placement});
+        const auto run =
+            run_relay_cell({payload_bytes, consumers, 0, options.seconds / full_rate_runs,
+                            options.placement, layer});
         if (!run) {
             return {};
         }
         add_full_rate_run(*run, figures);
     }
     const auto paced = run_relay_cell({payload_bytes, consumers, paced_frames_per_second,
-                                       options.seconds * paced_share, options.placement});
+                                       options.seconds * paced_share, options.placement, layer});
     if (!paced) {
         return {};
     }
@@ -92,21 +93,33 @@ std::optional<Cell_Figures> measure(std::size_t payload_bytes, int consumers,
 }
 
 const std::vector<Table::Column> relay_columns{
-    {"bytes", 7},   {"consumers", 9}, {"frames/s", 8}, {"range", 13},
-    {"MB/s", 5},    {"CPU us", 6},    {"switches", 8}, {"missed", 7},
-    {"dropped", 7}, {"torn", 4},      {"repeated", 8}, {"30fps p50", 9},
-    {"p99", 5},     {"max us", 6},    {"missed", 7},   {"dropped", 7}};
+    {"layer", 8},  {"bytes", 7},    {"consumers", 9}, {"frames/s", 8}, {"range", 13},
+    {"MB/s", 5},   {"CPU us", 6},   {"switches", 8},  {"missed", 7},   {"dropped", 7},
+    {"torn", 4},   {"repeated", 8}, {"30fps p50", 9}, {"p99", 5},      {"max us", 6},
+    {"missed", 7}, {"dropped", 7}};
 
 std::string range(const std::vector<double>& values) {
     return fixed(percentile(values, 0), 0) + "-" + fixed(percentile(values, 100), 0);
 }
 
-void print_cell(const Table& table, std::size_t payload_bytes, int consumers,
+const char* name_of(Layer layer) {
+    switch (layer) {
+        case Layer::base:
+            return "base";
+        case Layer::safe:
+            return "safe";
+        case Layer::in_place:
+            return "in place";
+    }
+    return "";
+}
+
+void print_cell(const Table& table, std::size_t payload_bytes, int consumers, Layer layer,
                 const Cell_Figures& figures) {
     const double rate = median(figures.frames_per_second);
     const Relay_Result& paced = figures.paced;
-    table.row({std::to_string(payload_bytes), std::to_string(consumers), fixed(rate, 0),
-               range(figures.frames_per_second),
+    table.row({name_of(layer), std::to_string(payload_bytes), std::to_string(consumers),
+               fixed(rate, 0), range(figures.frames_per_second),
                fixed(rate * static_cast<double>(payload_bytes) / 1e6, 0),
                fixed(median(figures.cpu_us_per_frame), 1),
                fixed(median(figures.switches_per_frame), 1), joined(figures.missed),
@@ -134,11 +147,13 @@ int run(const Relay_Bench_Options& options) {
     const Table table(relay_columns, options.csv);
     for (const std::size_t bytes : options.payload_bytes) {
         for (const int consumers : options.consumers) {
-            const auto figures = measure(bytes, consumers, options);
-            if (!figures) {
-                return EXIT_FAILURE;
+            for (const Layer layer : options.layers) {
+                const auto figures = measure(bytes, consumers, layer, options);
+                if (!figures) {
+                    return EXIT_FAILURE;
+                }
+                print_cell(table, bytes, consumers, layer, *figures);
             }
-            print_cell(table, bytes, consumers, *figures);
         }
     }
     return EXIT_SUCCESS;

@@ -20,13 +20,15 @@ constexpr double most_payload_bytes = 64.0 * 1024 * 1024;
 
 constexpr const char* usage =
     "Usage: bench_relay [--seconds N] [--size BYTES] [--consumers N] [--cpus WHERE] "
-    "[--csv]\n"
+    "[--layers]\n"
+    "                   [--csv]\n"
     "\n"
     "  --seconds N     time per cell at full rate, 3 by default; the 30 fps part takes 5/3 of it\n"
     "  --size BYTES    one payload size instead of 4, 64, 256 and 1024 KiB\n"
     "  --consumers N   one number of consumer processes instead of 1, 2 and 4\n"
     "  --cpus WHERE    free: as the scheduler likes (default); one: all processes on one CPU;\n"
     "                  apart: the relay on a CPU without the others\n"
+    "  --layers        beside the endpoints the safe layer, with copies and in place\n"
     "  --csv           comma-separated values\n";
 
 /// The option's value, if it is a number within the limits; otherwise says what is wrong.
@@ -72,6 +74,9 @@ bool apply(int option, const char* text, Relay_Bench_Options& options) {
             return value.has_value();
         case 'p':
             return placement(text, options.placement);
+        case 'l':
+            options.layers = {Layer::base, Layer::safe, Layer::in_place};
+            return true;
         case 'v':
             options.csv = true;
             return true;
@@ -83,10 +88,11 @@ bool apply(int option, const char* text, Relay_Bench_Options& options) {
 }  // namespace
 
 std::optional<Relay_Bench_Options> read_options(int argc, char** argv, int& exit_status) {
-    static const std::array<option, 7> known{{{"seconds", required_argument, nullptr, 's'},
+    static const std::array<option, 8> known{{{"seconds", required_argument, nullptr, 's'},
                                               {"size", required_argument, nullptr, 'b'},
                                               {"consumers", required_argument, nullptr, 'c'},
                                               {"cpus", required_argument, nullptr, 'p'},
+                                              {"layers", no_argument, nullptr, 'l'},
                                               {"csv", no_argument, nullptr, 'v'},
                                               {"help", no_argument, nullptr, 'h'},
                                               {}}};

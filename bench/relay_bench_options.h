@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "bench/placement.h"
+#include "bench/relay_cell.h"
 
 namespace zav_shm::bench {
 
@@ -14,6 +15,7 @@ struct Relay_Bench_Options {
     std::vector<std::size_t> payload_bytes{4U << 10, 64U << 10, 256U << 10, 1U << 20};
     std::vector<int> consumers{1, 2, 4};
     Placement placement = Placement::free;
+    std::vector<Layer> layers{Layer::base};
     bool csv = false;
 };
 

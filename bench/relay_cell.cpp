@@ -16,6 +16,7 @@
 #include "bench/child_processes.h"
 #include "bench/frame_processes.h"
 #include "bench/monotonic_clock.h"
+#include "bench/safe_layer_processes.h"
 #include "bench/shared_memory.h"
 
 namespace zav_shm::bench {
@@ -24,6 +25,9 @@ namespace {
 
 int run_relay_process(const Relay_Cell& cell, Run_Control& control) {
     place_relay(cell.placement);
+    if (cell.layer != Layer::base) {
+        return run_center(cell.payload_bytes, cell.consumers, control);
+    }
     Bench_Center center(cell.payload_bytes, cell.consumers);
     if (!center.start()) {
         return EXIT_FAILURE;
@@ -77,7 +81,10 @@ private:
         for (int i = 0; i < cell_.consumers; ++i) {
             children_.start("consumer " + std::to_string(i), [&, i] {
                 place_client(cell_.placement, i + 1);
-                return consume_frames(i, cell_.payload_bytes, latencies_of(i), control);
+                return cell_.layer == Layer::base
+                           ? consume_frames(i, cell_.payload_bytes, latencies_of(i), control)
+                           : subscribe_frames(i, cell_.layer == Layer::in_place, latencies_of(i),
+                                              control);
             });
         }
         if (!control.wait_until_ready(cell_.consumers)) {
@@ -85,7 +92,10 @@ private:
         }
         producer_ = children_.start("producer", [&] {
             place_client(cell_.placement, 0);
-            return produce_frames(cell_.payload_bytes, cell_.frames_per_second, control);
+            return cell_.layer == Layer::base
+                       ? produce_frames(cell_.payload_bytes, cell_.frames_per_second, control)
+                       : publish_frames(cell_.payload_bytes, cell_.frames_per_second,
+                                        cell_.layer == Layer::in_place, control);
         });
         return control.wait_until_ready(1);
     }

@@ -10,6 +10,13 @@
 
 namespace zav_shm::bench {
 
+/// What carries the frames.
+enum class Layer {
+    base,      // the endpoints, with a copy in and a copy out
+    safe,      // publisher and subscribers, with copies and the subscriber's queue
+    in_place,  // the same, written and read in the slot
+};
+
 /// What one run measures: a relay, a producer and consumers, each a process of its own.
 struct Relay_Cell {
     std::size_t payload_bytes = 0;
@@ -17,6 +24,7 @@ struct Relay_Cell {
     int frames_per_second = 0;  // 0: the producer sends as fast as it can
     double seconds = 0;
     Placement placement = Placement::free;
+    Layer layer = Layer::base;
 };
 
 struct Relay_Result {

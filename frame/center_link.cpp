@@ -2,15 +2,16 @@
 #include "frame/center_link.h"
 
 #include <semaphore.h>
-#include <signal.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <mutex>
 #include <optional>
 
 #include "control/center_page.h"
+#include "control/center_status.h"
 #include "control/control_protocol.h"
 #include "ipc/zav_shm.h"
 
@@ -102,6 +103,16 @@ Registration Center_Link::pair(const std::string& producer, std::chrono::millise
         producer_ = producer;
     }
     return made;
+}
+
+std::string Center_Link::follow_pairing() {
+    const auto producer = producer_feeding(folder_, {name_, channel_, stream_});
+    if (!producer || *producer == producer_) {
+        return {};
+    }
+    producer_ = *producer;
+    return folder_ + "/" + producer_ + "_" + std::to_string(channel_) + "_" +
+           std::to_string(stream_);
 }
 
 void Center_Link::deregister_end(std::chrono::milliseconds limit) {

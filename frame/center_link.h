@@ -43,6 +43,12 @@ public:
     /// Moves a consumer to another producer, which is remembered unless the center refuses.
     Registration pair(const std::string& producer, std::chrono::milliseconds limit);
 
+    /// Looks up which producer feeds this consumer. When it is another one than it was paired with
+    /// here, that one is remembered.
+    ///
+    /// @return the name of its slot's segment; empty when nothing has changed, or nobody can tell.
+    std::string follow_pairing();
+
     void deregister_end(std::chrono::milliseconds limit);
 
     /// True when what was registered is not what the names lead to now: another center has

@@ -37,6 +37,9 @@ constexpr std::chrono::milliseconds least_exchange = 20ms;
 // consumer while it was stopped.
 constexpr auto unnoticed_limit = 400ms;
 
+// How often it is looked for another producer while the slot does not change.
+constexpr auto look_interval = 500ms;
+
 // Without a frame for this long the producer is what is waited for.
 constexpr auto producer_limit = 1s;
 
@@ -69,13 +72,14 @@ private:
     bool is_closing() const;
     void wait_for_retry();
     void take_one(Slot_Reader& reader);
+    void take_or_read(Slot_Reader& reader);
+    void follow_pairing();
     Slot_Reader::Take take_in_place(Slot_Reader& reader, const In_Place& by, bool& ends);
     void note(const Slot_Reader& reader, Slot_Reader::Take taken);
     bool is_wanted(Slot_Reader::Take taken);
     void count(Slot_Reader::Take taken);
     const In_Place* begin_in_place();
     void end_in_place(bool for_good);
-    void check_presence(const Slot_Reader& reader);
     std::shared_ptr<Slot_Reader> reader() const;
 
     const Options options_;
@@ -103,6 +107,8 @@ private:
     Received_Frame scratch_;
     Clock::time_point last_noticed_{};
     Clock::time_point last_frame_{};
+    Clock::time_point next_look_{};
+    std::uint64_t repeated_ = 0;
     bool was_connected_ = false;  // guarded by control_
 
     mutable std::mutex counters_mutex_;
@@ -261,6 +267,14 @@ void ZAV_SHM_Frame_Subscriber::Body::wait_for_retry() {
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader) {
+    const std::uint64_t repeated = repeated_;
+    take_or_read(reader);
+    if (repeated_ != repeated) {
+        follow_pairing();
+    }
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::take_or_read(Slot_Reader& reader) {
     if (const In_Place* const by = begin_in_place()) {
         bool ends = false;
         note(reader, take_in_place(reader, *by, ends));
@@ -297,13 +311,35 @@ Slot_Reader::Take ZAV_SHM_Frame_Subscriber::Body::take_in_place(Slot_Reader& rea
 
 void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader::Take taken) {
     count(taken);
-    if (taken == Slot_Reader::Take::nothing) {
-        check_presence(reader);
+    const auto now = Clock::now();
+    if (taken != Slot_Reader::Take::nothing || reader.is_noticed()) {
+        last_noticed_ = now;
+    }
+    if (now - last_frame_ > producer_limit) {
+        state_ = Frame_State::waiting_for_producer;
+    }
+    if (now - last_noticed_ > unnoticed_limit) {
+        state_ = Frame_State::waiting_for_center;
+        const std::lock_guard guard(small_);
+        reader_.reset();
+    }
+}
+
+// A slot that does not change while frames are announced is not the one that they are in: somebody
+// else has paired this consumer with another producer, whose slot is looked for and taken.
+void ZAV_SHM_Frame_Subscriber::Body::follow_pairing() {
+    const auto now = Clock::now();
+    if (now - last_frame_ < unnoticed_limit || now < next_look_) {
         return;
     }
-    last_noticed_ = last_frame_ = Clock::now();
-    if (state_ != Frame_State::connected) {
-        state_ = Frame_State::connected;
+    next_look_ = now + look_interval;
+    const std::lock_guard guard(control_);
+    const std::string segment = link_.follow_pairing();
+    if (!segment.empty()) {
+        const std::lock_guard small(small_);
+        if (reader_) {
+            reader_->change_shm(segment.c_str());
+        }
     }
 }
 
@@ -318,9 +354,11 @@ bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken) {
     const Verdict verdict = watch_.judge(scratch_);
     const std::lock_guard guard(counters_mutex_);
     if (verdict == Verdict::repeated) {
-        ++counters_.repeated;
+        counters_.repeated = ++repeated_;
         return false;
     }
+    last_frame_ = Clock::now();
+    state_ = Frame_State::connected;
     ++counters_.frames;
     counters_.bytes += scratch_.length;
     counters_.lost += watch_.lost_now();
@@ -351,21 +389,6 @@ void ZAV_SHM_Frame_Subscriber::Body::count(Slot_Reader::Take taken) {
         case Slot_Reader::Take::unmapped:
         case Slot_Reader::Take::frame:
             break;
-    }
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::check_presence(const Slot_Reader& reader) {
-    const auto now = Clock::now();
-    if (reader.is_noticed()) {
-        last_noticed_ = now;
-    }
-    if (now - last_frame_ > producer_limit) {
-        state_ = Frame_State::waiting_for_producer;
-    }
-    if (now - last_noticed_ > unnoticed_limit) {
-        state_ = Frame_State::waiting_for_center;
-        const std::lock_guard guard(small_);
-        reader_.reset();
     }
 }
 

@@ -19,7 +19,7 @@ inline void copy_payload(std::byte* to, std::span<const std::byte> payload,
 #ifdef ZAV_SHM_TEST_POINTS
     const std::size_t half = payload.size() / 2;
     std::memcpy(to, payload.data(), half);
-    ZAV_SHM_TEST_POINT("copy", object);
+    test_point("copy", object);
     std::memcpy(to + half, payload.data() + half, payload.size() - half);
 #else
     std::memcpy(to, payload.data(), payload.size());

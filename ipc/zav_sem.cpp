@@ -94,11 +94,11 @@ int SEM_CTRL::try_wait() {
 }
 
 void SEM_CTRL::post_if_zero() {
-    ZAV_SHM_TEST_POINT("before_post", name);
+    zav_shm::test_point("before_post", name);
     if (value() == 0) {
         sem_post(sem);
     }
-    ZAV_SHM_TEST_POINT("after_post", name);
+    zav_shm::test_point("after_post", name);
 }
 
 // Drained with sem_trywait, not sem_init: initialising under a blocked waiter loses glibc's

@@ -77,6 +77,31 @@ TEST_F(Tool_Daemon, status_shows_who_takes_frames_from_whom) {
     }
 }
 
+TEST_F(Tool_Daemon, consumer_that_runs_follows_a_pairing_by_the_tool) {
+    const auto publish = [this](const char* name, const char* size) {
+        return start(
+            {"publish", "--synthetic", "--name", name, "--size", size, "--fps", "25", "--quiet"});
+    };
+    Tool_Process loop = publish("CAM_LOOP", "4000");
+    Tool_Process rec = publish("CAM_REC", "5000");
+    Tool_Process recorder =
+        start({"record", "--name", "RECODER", "--pair", "CAM_LOOP", "-o", path("out"), "--index",
+               path("index"), "--verify-synthetic", "--quiet"});
+    const auto records = [this](const char* bytes) {
+        return becomes_true(
+            [&] { return content(path("index")).find(bytes) != std::string::npos; });
+    };
+    ASSERT_TRUE(records(" 4000 "));
+    Tool_Process pair = start({"pair", "--name", "RECODER", "--pair", "CAM_REC"});
+    EXPECT_EQ(pair.status(), 0) << pair.errors();
+    EXPECT_TRUE(records(" 5000 "));
+    for (Tool_Process* process : {&loop, &rec, &recorder}) {
+        process->signal(SIGTERM);
+        EXPECT_EQ(process->status(), 0);
+    }
+    EXPECT_EQ(recorder.figure("torn"), 0);
+}
+
 TEST_F(Tool_Daemon, kick_is_confirmed) {
     for (const bool on : {true, false}) {
         const std::string word = on ? "on" : "off";
