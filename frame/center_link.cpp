@@ -81,7 +81,19 @@ Json::Value Center_Link::request(const char* command) const {
     return request;
 }
 
+// A consumer that somebody has paired with another producer would stay in that one's relay, too,
+// and two relays would share its semaphores: so it leaves first, wherever it is.
 Registration Center_Link::register_end(std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    if (!producer_.empty()) {
+        const auto left = Control_Exchange::ask(request(control::command::deregister_end), limit);
+        if (left.outcome != Control_Exchange::Outcome::replied) {
+            return read(left);
+        }
+    }
+    limit = std::max(std::chrono::duration_cast<std::chrono::milliseconds>(
+                         end - std::chrono::steady_clock::now()),
+                     std::chrono::milliseconds(1));
     Json::Value registering = request(control::command::register_end);
     const std::string slot_name = producer_.empty() ? name_ : producer_;
     if (!producer_.empty()) {

@@ -33,6 +33,13 @@ constexpr auto inline_exchange = 50ms;
 // What open() gives it when it is to lose no time.
 constexpr std::chrono::milliseconds least_exchange = 20ms;
 
+// As for every producer: nobody present within 10 ms means that nobody wants this frame.
+constexpr long presence_wait_ms = 10;
+
+// Unless somebody read the one before: a reader that has just died costs its relay up to 20 ms for
+// that frame and 5 ms for this one, and the others want it all the same.
+constexpr long presence_wait_after_delivery_ms = 30;
+
 // While nobody reads, how often it is checked whether the center was restarted.
 constexpr auto check_interval = 100ms;
 
@@ -76,8 +83,9 @@ private:
     bool refused_ = false;
     bool was_connected_ = false;
     bool on_loan_ = false;
-    std::int64_t loan_ns_ = 0;  // when the write began
-    std::string reason_;        // why it is not connected
+    bool was_delivered_ = false;  // the frame before
+    std::int64_t loan_ns_ = 0;    // when the write began
+    std::string reason_;          // why it is not connected
 
     std::atomic<Frame_State> state_{Frame_State::closed};
     std::atomic<std::size_t> page_bytes_{0};
@@ -173,7 +181,9 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::begin_frame() {
     if (!be_connected()) {
         return counted(refused_ ? Publish_Outcome::refused : Publish_Outcome::no_center, 0);
     }
-    if (!writer_->wait_for_consumer()) {
+    const long wait_ms = was_delivered_ ? presence_wait_after_delivery_ms : presence_wait_ms;
+    was_delivered_ = false;
+    if (!writer_->wait_for_consumer(wait_ms)) {
         check_center();
         const bool gone = state_ == Frame_State::waiting_for_center;
         return counted(gone ? Publish_Outcome::no_center : Publish_Outcome::no_consumer, 0);
@@ -222,6 +232,7 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::write(std::size_t
                                                                      const Frame_Info& info) {
     const bool read_in_time = writer_->commit(header_of(payload_bytes, info));
     state_ = Frame_State::connected;
+    was_delivered_ = true;
     if (!read_in_time) {
         const std::lock_guard guard(counters_mutex_);
         ++counters_.slow_reads;

@@ -23,8 +23,9 @@
 ///          stream writes over the first one's frames.
 /// Threads  publish(), loan() and commit() from one thread at a time; state() and counters() from
 ///          any. Several publishers of one process may be used from several threads.
-/// Blocking publish() takes at most 10 ms when nobody reads, 33 ms more when the slowest reader
-///          is slow, and 50 ms more at a moment when it registers again. open() and close() take
+/// Blocking publish() takes at most 10 ms when nobody reads, 30 ms when the last reader has just
+///          gone, 33 ms more when the slowest reader is slow, and 50 ms more at a moment when it
+///          registers again. open() and close() take
 ///          as long as the time that they are given.
 /// Errors   are values. Nothing throws and nothing is printed but the documented lines of the
 ///          base layers.

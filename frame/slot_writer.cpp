@@ -11,9 +11,7 @@ namespace zav_shm {
 
 namespace {
 
-// As for every producer: nobody present within 10 ms means that nobody wants this frame, and 33 ms
-// are one frame at 30 frames per second.
-constexpr long presence_wait_ms = 10;
+// As for every producer: one frame at 30 frames per second.
 constexpr long slot_free_wait_ms = 33;
 
 void store_commit(std::byte* slot, std::uint32_t commit, int order) {
@@ -39,8 +37,8 @@ std::byte* Slot_Writer::slot() const { return static_cast<std::byte*>(shm->mem_a
 
 std::size_t Slot_Writer::capacity() const { return shm->size - frame_header_bytes; }
 
-bool Slot_Writer::wait_for_consumer() {
-    return semaphore(producer_side::consumer_present)->wait_steady(presence_wait_ms) == 0;
+bool Slot_Writer::wait_for_consumer(long ms) {
+    return semaphore(producer_side::consumer_present)->wait_steady(ms) == 0;
 }
 
 // The fence keeps the writes of header and payload behind the store of 0. With the magic in place

@@ -23,8 +23,8 @@ public:
     /// Bytes of the largest payload.
     std::size_t capacity() const;
 
-    /// Waits up to 10 ms until a consumer is present.
-    bool wait_for_consumer();
+    /// Waits up to `ms` milliseconds until a consumer is present.
+    bool wait_for_consumer(long ms);
 
     /// Takes the slot's frame back: from here to commit() it holds none.
     void begin();

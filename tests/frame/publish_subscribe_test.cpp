@@ -2,6 +2,7 @@
 //
 // Publishers and subscribers of this process at a center of this process.
 #include <algorithm>
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -131,9 +132,10 @@ TEST_F(Frames, can_be_read_in_place_one_after_the_other) {
     Received_Frame frame;
     ASSERT_TRUE(pass_one(camera, player, frame));
     const auto sent = payload(300, 5);
+    std::atomic<bool> ends{false};
     std::thread producer([&] {
-        for (int delivered = 0; delivered < 20;) {
-            delivered += camera.publish(sent).delivered() ? 1 : 0;
+        while (!ends) {
+            camera.publish(sent);
         }
     });
     int whole = 0;
@@ -150,7 +152,8 @@ TEST_F(Frames, can_be_read_in_place_one_after_the_other) {
     EXPECT_EQ(status, Receive_Status::frame);
     EXPECT_EQ(whole, 15);
     EXPECT_TRUE(same);
-    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);  // the queue takes over again
+    EXPECT_EQ(player.receive(frame, 5s), Receive_Status::frame);  // the queue takes over again
+    ends = true;
     producer.join();
 }
 
@@ -279,6 +282,26 @@ TEST_F(Frames, pairing_with_an_unknown_producer_is_refused_and_changes_nothing) 
     EXPECT_EQ(paired.reason, "PLAYER/0/0: Can't Find Shm Pair Name NOBODY");
     Received_Frame frame;
     EXPECT_TRUE(pass_one(camera, player, frame));
+}
+
+TEST_F(Frames, come_from_one_producer_only_whoever_fed_the_consumer_before) {
+    ZAV_SHM_Frame_Publisher loop({.name = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher rec({.name = "CAM_REC"});
+    ASSERT_TRUE(loop.open());
+    ASSERT_TRUE(rec.open());
+    client.ask(R"({"command":"pair_src","type":"Receiver","name":"PLAYER","pair_name":"CAM_REC",
+                   "channel":0,"stream":0})");
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    Received_Frame frame;
+    ASSERT_TRUE(pass_one(loop, player, frame));
+    EXPECT_TRUE(becomes_lonely(rec));
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(rec.publish(payload(5, 1)).outcome, Publish_Outcome::no_consumer);
+        ASSERT_TRUE(loop.publish(payload(5, 1)).delivered()) << i;
+        ASSERT_EQ(player.receive(frame, 1s), Receive_Status::frame);
+        EXPECT_EQ(frame.lost, 0U);
+    }
 }
 
 TEST_F(Frames, refused_names_are_told_with_the_centers_reason) {

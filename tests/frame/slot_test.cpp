@@ -2,7 +2,9 @@
 //
 // The writer and the reader of one slot, with the test in the place of the relay.
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <random>
 #include <thread>
 
 #include "frame/slot_reader.h"
@@ -183,6 +185,44 @@ TEST_F(Slot, is_noticed_once_the_relay_has_taken_the_announcement) {
     EXPECT_FALSE(reader_->is_noticed());
     EXPECT_TRUE(relay_->take(zav_shm::consumer_side::consumer_present));
     EXPECT_TRUE(reader_->is_noticed());
+}
+
+// Whatever a broken or hostile producer writes, at full rate: no frame is longer than the slot, and
+// what is handed out as verified was committed.
+TEST_F(Slot, random_headers_at_full_rate_do_no_harm) {
+    std::atomic<bool> ends{false};
+    std::thread hostile([this, &ends] {
+        std::mt19937 random(1);
+        while (!ends) {
+            ZAV_SHM_Frame_Header made = {};
+            auto* const bytes = reinterpret_cast<unsigned char*>(&made);
+            std::generate_n(bytes, sizeof made,
+                            [&] { return static_cast<unsigned char>(random()); });
+            if (random() % 2 == 0) {
+                made.magic = zav_shm::frame_magic;
+                made.version = zav_shm::frame_version;
+                made.payload_length %= 2 * page;
+                made.commit = random() % 2 == 0 ? zav_shm::commit_of(made.sequence) : made.commit;
+            }
+            *header() = made;
+        }
+    });
+    Received_Frame frame;
+    std::array<int, 5> taken = {};
+    for (int i = 0; i < 100'000; ++i) {
+        relay_->post(zav_shm::consumer_side::frame_ready);
+        const Take result = take(frame);
+        ++taken.at(static_cast<std::size_t>(result));
+        ASSERT_LE(result == Take::frame ? frame.payload().size() : 0, page);
+        if (result == Take::frame && frame.verified) {
+            ASSERT_EQ(frame.header.magic, zav_shm::frame_magic);
+        }
+    }
+    ends = true;
+    hostile.join();
+    std::printf("%d frames, %d torn, %d invalid\n", taken[1], taken[2], taken[3]);
+    EXPECT_GT(taken[static_cast<std::size_t>(Take::torn)], 0);
+    EXPECT_GT(taken[static_cast<std::size_t>(Take::invalid)], 0);
 }
 
 // A writer that pays no heed to the reader overwrites the slot under every copy. A frame that is
