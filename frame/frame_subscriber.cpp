@@ -92,10 +92,11 @@ private:
     bool refused_ = false;
     std::string reason_;  // why it is not connected; guarded by control_
 
-    mutable std::mutex small_;  // never held while waiting for anything; guards the next six
+    mutable std::mutex small_;  // never held while waiting for anything; guards the next seven
     std::condition_variable wake_;
     std::shared_ptr<Slot_Reader> reader_;  // null while not connected
     bool closing_ = false;
+    bool retries_now_ = false;            // pair() wants the thread to register at once
     bool unpaired_ = false;               // by pair("NONE"): not connected on purpose
     const In_Place* in_place_ = nullptr;  // who reads in place; null: frames go into the queue
     bool in_place_busy_ = false;          // the thread is using it
@@ -127,7 +128,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
         return std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
     };
     state_ = Frame_State::waiting_for_center;
-    closing_ = false;
+    closing_ = retries_now_ = unpaired_ = false;
     was_connected_ = false;
     watch_ = {options_.start_at_key_frame, options_.key_frame_after_loss};
     queue_.open();
@@ -198,7 +199,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
         reader_->change_shm(made.segment.c_str());
         state_ = Frame_State::connected;
     } else {
-        retry_.reset();
+        retries_now_ = true;
     }
     wake_.notify_all();
     return {Frame_State::connected, {}};
@@ -248,6 +249,8 @@ std::shared_ptr<Slot_Reader> ZAV_SHM_Frame_Subscriber::Body::reader() const {
     return reader_;
 }
 
+// Until the next attempt is due, or pair() has asked for one; for as long as it takes while not
+// paired on purpose.
 void ZAV_SHM_Frame_Subscriber::Body::wait_for_retry() {
     Clock::time_point next;
     {
@@ -256,9 +259,14 @@ void ZAV_SHM_Frame_Subscriber::Body::wait_for_retry() {
     }
     {
         std::unique_lock lock(small_);
-        if (wake_.wait_until(lock, unpaired_ ? Clock::now() + 1h : next,
-                             [this] { return closing_ || reader_; }) ||
-            unpaired_) {
+        const auto wakes = [this] { return closing_ || retries_now_; };
+        if (unpaired_) {
+            wake_.wait(lock, wakes);
+        } else {
+            wake_.wait_until(lock, next, wakes);
+        }
+        retries_now_ = false;
+        if (closing_ || unpaired_) {
             return;
         }
     }

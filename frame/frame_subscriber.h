@@ -118,6 +118,9 @@ public:
     zav_shm::Receive_Status read_in_place(const In_Place& reader, std::chrono::milliseconds time);
 
     /// Moves to another producer, or to none with "NONE". What the queue holds stays.
+    ///
+    /// @return connected; or why not, while the subscriber stays as it was. With "NONE" it is
+    ///         waiting_for_producer, without a reason.
     Opened pair(const std::string& producer,
                 std::chrono::milliseconds limit = std::chrono::milliseconds(1000));
 

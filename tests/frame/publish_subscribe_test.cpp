@@ -272,6 +272,20 @@ TEST_F(Frames, of_another_producer_come_after_pairing_while_a_thread_is_receivin
     EXPECT_TRUE(becomes_lonely(loop));
 }
 
+TEST_F(Frames, end_when_the_consumer_is_paired_with_none_and_come_again) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    Received_Frame frame;
+    ASSERT_TRUE(pass_one(camera, player, frame));
+    EXPECT_FALSE(player.pair("NONE"));
+    EXPECT_TRUE(becomes_lonely(camera));
+    EXPECT_EQ(player.state(), Frame_State::waiting_for_producer);
+    EXPECT_TRUE(player.pair("CAM_LOOP"));
+    EXPECT_TRUE(pass_one(camera, player, frame));
+}
+
 TEST_F(Frames, pairing_with_an_unknown_producer_is_refused_and_changes_nothing) {
     ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
     ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "../centerd/daemon_fixture.h"
+#include "frame_log.h"
+#include "support/child_process.h"
+
+/// Fixture with a whole device as processes: the daemon, a producer and three subscribers of the
+/// safe layer, each with a log.
+class Device : public Daemon_Process {
+protected:
+    static constexpr int subscriber_count = 3;
+
+    enum class Role { center, producer, consumer };
+
+    void SetUp() override;
+    void TearDown() override;
+
+    /// Starts, or starts again, the process of a role; consumer means the first subscriber.
+    ///
+    /// @param test_point  where it is to end or stop (ipc/test_point.h); empty: nowhere
+    void start_role(Role role, const std::string& test_point = "");
+    void start_subscriber(int index, const std::string& test_point = "", int work_ms = 0);
+    void start_all(long fps);
+    Child_Process& process_of(Role role);
+
+    /// Ends everything in order.
+    void end_all();
+
+    Frame_Log& log_of_producer() { return *logs_.at("producer"); }
+    Frame_Log& log_of(int subscriber) { return *logs_.at(name_of(subscriber)); }
+    std::string log_file_of(int subscriber) const;
+    static std::string name_of(int subscriber);
+
+    /// True when each subscriber has got nearly every frame of the last 300 ms.
+    bool is_at_full_rate();
+    bool becomes_full(std::chrono::milliseconds limit);
+
+    std::uint64_t wrong_frames();
+
+    /// Set in the environment of every process that is started from now on.
+    std::vector<std::string> client_environment;
+
+    std::optional<Child_Process> producer;
+    std::map<int, Child_Process> subscribers;
+    long fps_ = 60;
+
+private:
+    Child_Process started(std::vector<std::string> command, const std::string& test_point) const;
+
+    std::map<std::string, Frame_Log*> logs_;
+};

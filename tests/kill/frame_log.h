@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+/// What a process under test has sent or received, in a file that it shares with the test: it is
+/// there to the last frame also when the process is killed.
+struct Frame_Log {
+    struct Entry {
+        std::int64_t ns;  // CLOCK_MONOTONIC
+        std::uint64_t epoch;
+        std::uint64_t sequence;
+        std::uint64_t lost;     // reported with this frame, by all causes
+        std::uint64_t outcome;  // of a producer's
+    };
+    static constexpr std::size_t capacity = std::size_t{1} << 14U;  // the newest are kept
+
+    void add(const Entry& entry) {
+        const std::uint64_t number = count.load(std::memory_order_relaxed);
+        entries[number % capacity] = entry;
+        count.store(number + 1, std::memory_order_release);
+    }
+
+    std::atomic<std::uint64_t> count;  // one process writes, the test reads
+    std::atomic<std::uint64_t> wrong;  // frames handed out whose payload was not theirs
+    std::array<Entry, capacity> entries;
+};
+
+/// Maps the file, which is made with zero bytes when there is none; null on failure.
+Frame_Log* map_frame_log(const std::string& file);
+void unmap_frame_log(Frame_Log* log);

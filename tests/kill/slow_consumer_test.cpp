@@ -1,0 +1,160 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Consumers that work on frames for long, and consumers that are kept from the processor: what is
+// lost is told, frame by frame, and nobody else notices.
+#include <csignal>
+#include <cstdio>
+#include <map>
+#include <thread>
+
+#include "device.h"
+#include "support/threads.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// Of some 70 to 200 frames that a consumer gets beside one that is stalled ten times; nearly always
+// it misses none.
+constexpr std::uint64_t missed_beside_max = 2;
+
+class Slow_Consumer : public Device {
+protected:
+    void start_with(long fps, int work_ms, bool beside_a_fast_one) {
+        fps_ = fps;
+        start_role(Role::center);
+        start_subscriber(0, "", work_ms);
+        if (beside_a_fast_one) {
+            start_subscriber(1);
+        }
+        start_role(Role::producer);
+    }
+
+    /// Every frame from the first that a subscriber got to its last: the sum of what it was told
+    /// to have lost and what it got has to be what the producer offered, gap by gap.
+    struct Account {
+        std::uint64_t received = 0;
+        std::uint64_t told = 0;    // lost, by the subscriber
+        std::uint64_t missed = 0;  // lost, by the producer's log
+        std::uint64_t wrong_gaps = 0;
+    };
+
+    Account account_of(int subscriber) {
+        std::map<std::uint64_t, int> offered;
+        const Frame_Log& sent = log_of_producer();
+        for (std::uint64_t i = 0; i < sent.count; ++i) {
+            ++offered[sent.entries.at(i).sequence];
+        }
+        Account account;
+        const Frame_Log& log = log_of(subscriber);
+        account.received = log.count;
+        for (std::uint64_t i = 1; i < log.count; ++i) {
+            const auto& before = log.entries.at(i - 1);
+            const auto& frame = log.entries.at(i);
+            const auto missed = static_cast<std::uint64_t>(std::distance(
+                offered.upper_bound(before.sequence), offered.lower_bound(frame.sequence)));
+            account.told += frame.lost;
+            account.missed += missed;
+            account.wrong_gaps += missed == frame.lost ? 0U : 1U;
+        }
+        return account;
+    }
+
+    /// Three seconds with an application that works on each frame.
+    void expect_every_frame(long fps, int work_ms, bool beside_a_fast_one) {
+        start_with(fps, work_ms, beside_a_fast_one);
+        const auto wanted = static_cast<std::uint64_t>(3 * fps);
+        EXPECT_TRUE(becomes_true([&] { return log_of(0).count >= wanted; }, 6s))
+            << log_of(0).count << " of " << wanted;
+        end_all();
+        const Account account = account_of(0);
+        std::printf("%ld fps, %d ms of work, %s: %llu frames, %llu lost\n", fps, work_ms,
+                    beside_a_fast_one ? "beside a fast one" : "alone",
+                    static_cast<unsigned long long>(account.received),
+                    static_cast<unsigned long long>(account.missed));
+        EXPECT_EQ(account.missed, 0U);
+        EXPECT_EQ(wrong_frames(), 0U);
+    }
+
+    /// Ten stalls of the whole process.
+    void expect_true_losses(long fps, std::chrono::milliseconds stall) {
+        start_all(fps);
+        ASSERT_TRUE(becomes_full(10s));
+        for (int i = 0; i < 10; ++i) {
+            subscribers.at(0).signal(SIGSTOP);
+            std::this_thread::sleep_for(stall);
+            subscribers.at(0).signal(SIGCONT);
+            std::this_thread::sleep_for(150ms);
+        }
+        end_all();
+        const Account stalled = account_of(0);
+        std::printf("%ld fps, stalls of %ld ms: %llu frames, %llu told to be lost, %llu lost\n",
+                    fps, static_cast<long>(stall.count()),
+                    static_cast<unsigned long long>(stalled.received),
+                    static_cast<unsigned long long>(stalled.told),
+                    static_cast<unsigned long long>(stalled.missed));
+        EXPECT_EQ(stalled.wrong_gaps, 0U);
+        EXPECT_EQ(stalled.told, stalled.missed);
+        for (int other = 1; other < subscriber_count; ++other) {
+            const Account account = account_of(other);
+            EXPECT_EQ(account.wrong_gaps, 0U) << other;
+            EXPECT_LE(account.missed, missed_beside_max) << other;
+        }
+        EXPECT_EQ(wrong_frames(), 0U);
+    }
+};
+
+TEST_F(Slow_Consumer, gets_every_frame_while_it_works_6_ms_at_30_fps) {
+    expect_every_frame(30, 6, true);
+}
+TEST_F(Slow_Consumer, gets_every_frame_while_it_works_12_ms_at_30_fps) {
+    expect_every_frame(30, 12, true);
+}
+TEST_F(Slow_Consumer, gets_every_frame_while_it_works_25_ms_at_30_fps) {
+    expect_every_frame(30, 25, true);
+}
+TEST_F(Slow_Consumer, gets_every_frame_while_it_works_6_ms_at_60_fps) {
+    expect_every_frame(60, 6, true);
+}
+TEST_F(Slow_Consumer, gets_every_frame_while_it_works_12_ms_at_60_fps) {
+    expect_every_frame(60, 12, true);
+}
+TEST_F(Slow_Consumer, gets_every_frame_while_it_works_25_ms_at_30_fps_alone) {
+    expect_every_frame(30, 25, false);
+}
+TEST_F(Slow_Consumer, gets_every_frame_while_it_works_12_ms_at_60_fps_alone) {
+    expect_every_frame(60, 12, false);
+}
+
+TEST_F(Slow_Consumer, is_told_its_losses_of_25_ms_stalls_at_30_fps) {
+    expect_true_losses(30, 25ms);
+}
+TEST_F(Slow_Consumer, is_told_its_losses_of_40_ms_stalls_at_30_fps) {
+    expect_true_losses(30, 40ms);
+}
+TEST_F(Slow_Consumer, is_told_its_losses_of_60_ms_stalls_at_30_fps) {
+    expect_true_losses(30, 60ms);
+}
+TEST_F(Slow_Consumer, is_told_its_losses_of_100_ms_stalls_at_30_fps) {
+    expect_true_losses(30, 100ms);
+}
+TEST_F(Slow_Consumer, is_told_its_losses_of_500_ms_stalls_at_30_fps) {
+    expect_true_losses(30, 500ms);
+}
+TEST_F(Slow_Consumer, is_told_its_losses_of_25_ms_stalls_at_60_fps) {
+    expect_true_losses(60, 25ms);
+}
+TEST_F(Slow_Consumer, is_told_its_losses_of_40_ms_stalls_at_60_fps) {
+    expect_true_losses(60, 40ms);
+}
+TEST_F(Slow_Consumer, is_told_its_losses_of_60_ms_stalls_at_60_fps) {
+    expect_true_losses(60, 60ms);
+}
+TEST_F(Slow_Consumer, is_told_its_losses_of_100_ms_stalls_at_60_fps) {
+    expect_true_losses(60, 100ms);
+}
+TEST_F(Slow_Consumer, is_told_its_losses_of_500_ms_stalls_at_60_fps) {
+    expect_true_losses(60, 500ms);
+}
+
+}  // namespace
