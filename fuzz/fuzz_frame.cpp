@@ -41,13 +41,16 @@ public:
 
     Slot_Reader::Take take(const uint8_t* data, std::size_t size, Received_Frame& frame) {
         std::memset(segment_.mem_addr, 0, slot_bytes);
-        std::memcpy(segment_.mem_addr, data, std::min(size, slot_bytes));
+        if (size > 0) {
+            std::memcpy(segment_.mem_addr, data, std::min(size, slot_bytes));
+        }
         ready_.post_if_zero();
         return reader_.take(frame);
     }
 
     bool holds(const Received_Frame& frame) const {
-        return std::memcmp(static_cast<const char*>(segment_.mem_addr) + frame_header_bytes,
+        return frame.length == 0 ||
+               std::memcmp(static_cast<const char*>(segment_.mem_addr) + frame_header_bytes,
                            frame.bytes.data(), frame.length) == 0;
     }
 
