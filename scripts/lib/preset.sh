@@ -41,7 +41,7 @@ run_ctest() {
         runner=(without_randomised_addresses)
         left_out=(--label-exclude '^system$')
     elif [[ $preset == asan ]]; then
-        left_out=(--exclude-regex '^(Consumers/|Disturbed\.)')
+        left_out=(--exclude-regex '^(Consumers/|Disturbed\.|Client_Exchange\.|Frames_Through_Center\.)')
     fi
     export_sanitizer_options
     rm -f "$junit"
