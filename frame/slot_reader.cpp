@@ -15,6 +15,10 @@ namespace {
 // How long a consumer waits before it announces itself again; the same for every consumer.
 constexpr long frame_wait_ms = 30;
 
+// Within that, how often it announces itself again. A relay that has waited in vain for a late
+// frame has used the announcements up, and asks for new ones for 5 ms only.
+constexpr long announce_every_ms = 4;
+
 constexpr std::size_t commit_offset = offsetof(ZAV_SHM_Frame_Header, commit);
 
 std::uint32_t load(const std::byte* slot, std::size_t offset, int order) {
@@ -45,7 +49,7 @@ bool Slot_Reader::is_usable() const {
 const std::byte* Slot_Reader::slot() const { return static_cast<const std::byte*>(shm->mem_addr); }
 
 bool Slot_Reader::is_noticed() const {
-    return semaphore(consumer_side::consumer_present)->value() == 0;
+    return was_noticed_ || semaphore(consumer_side::consumer_present)->value() == 0;
 }
 
 Slot_Reader::Take Slot_Reader::take(Received_Frame& frame) {
@@ -59,13 +63,24 @@ Slot_Reader::Take Slot_Reader::take(Received_Frame& frame) {
 }
 
 Slot_Reader::Take Slot_Reader::take_with(Received_Frame& frame, const Use& use) {
-    post_transmission_receiver_exist();
-    if (semaphore(consumer_side::frame_ready)->wait_steady(frame_wait_ms) != 0) {
+    if (!wait_for_frame()) {
         return Take::nothing;
     }
     const Take taken = use_checked(frame, use);
     post_transmission();
     return taken;
+}
+
+bool Slot_Reader::wait_for_frame() {
+    was_noticed_ = false;
+    for (long waited_ms = 0; waited_ms < frame_wait_ms; waited_ms += announce_every_ms) {
+        was_noticed_ = was_noticed_ || (waited_ms > 0 && is_noticed());
+        post_transmission_receiver_exist();
+        if (semaphore(consumer_side::frame_ready)->wait_steady(announce_every_ms) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // A second try, since a writer that was early is often done by then.

@@ -45,15 +45,19 @@ public:
     /// time proved torn. It holds up change_shm(), and the producer for 20 ms.
     Take take_with(Received_Frame& frame, const Use& use);
 
-    /// True when the center has taken the latest announcement: this consumer is in a relay's list.
-    /// Tells nothing right after an announcement: a cycle of the relay takes its time.
+    /// True when the center has taken an announcement of the latest wait: this consumer is in a
+    /// relay's list. Tells nothing right after an announcement: a cycle of the relay takes its
+    /// time.
     bool is_noticed() const;
 
 private:
+    bool wait_for_frame();
     Take use_checked(Received_Frame& frame, const Use& use);
     Take use_once(Received_Frame& frame, const Use& use) const;
     bool still_holds_frame(const ZAV_SHM_Frame_Header& header, std::uint32_t commit) const;
     const std::byte* slot() const;
+
+    bool was_noticed_ = false;  // during the latest wait
 };
 
 }  // namespace zav_shm
