@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <string>
 
 #include "frame/frame_header.h"
 
@@ -42,6 +43,14 @@ enum class Frame_State {
     connected,            // registered; frames flow when there are any
     waiting_for_center,   // none is running, or it does not answer
     waiting_for_producer  // registered, and no frame has come for a second
+};
+
+/// What opening or pairing came to.
+struct [[nodiscard]] Opened {
+    Frame_State state = Frame_State::closed;
+    std::string reason;  // why it is not connected, in one line
+
+    explicit operator bool() const { return state == Frame_State::connected; }
 };
 
 const char* name_of(Publish_Outcome outcome);

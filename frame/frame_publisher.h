@@ -50,13 +50,7 @@ public:
         bool delivered() const { return outcome == zav_shm::Publish_Outcome::delivered; }
     };
 
-    /// What open() came to.
-    struct [[nodiscard]] Opened {
-        zav_shm::Frame_State state = zav_shm::Frame_State::closed;
-        std::string reason;  // why it is not connected, in one line
-
-        explicit operator bool() const { return state == zav_shm::Frame_State::connected; }
-    };
+    using Opened = zav_shm::Opened;
 
     explicit ZAV_SHM_Frame_Publisher(Options options);
     ZAV_SHM_Frame_Publisher(const ZAV_SHM_Frame_Publisher&) = delete;

@@ -70,13 +70,7 @@ public:
         bool key_frame_after_loss = false;  // leave out what comes between a loss and the next
     };
 
-    /// What open() or pair() came to.
-    struct [[nodiscard]] Opened {
-        zav_shm::Frame_State state = zav_shm::Frame_State::closed;
-        std::string reason;  // why it is not connected, in one line
-
-        explicit operator bool() const { return state == zav_shm::Frame_State::connected; }
-    };
+    using Opened = zav_shm::Opened;
 
     explicit ZAV_SHM_Frame_Subscriber(Options options);
     ZAV_SHM_Frame_Subscriber(const ZAV_SHM_Frame_Subscriber&) = delete;

@@ -14,6 +14,8 @@
 #include "control/control_protocol.h"
 #include "control/replaced_file.h"
 
+#include "control/center_status.h"
+
 namespace zav_shm::centerd {
 
 namespace {
@@ -114,9 +116,6 @@ void Status_Page::remove() const {
     unlink((status_path() + ".new").c_str());
 }
 
-std::string Status_Page::status_path() const {
-    const std::string page = center_page_path(folder_);
-    return page.substr(0, page.rfind('/')) + "/center_status.json";
-}
+std::string Status_Page::status_path() const { return center_status_path(folder_); }
 
 }  // namespace zav_shm::centerd

@@ -13,6 +13,7 @@
 #include <optional>
 
 #include "apps/tool/json_text.h"
+#include "control/center_status.h"
 
 namespace zav_shm::tool {
 
@@ -77,9 +78,7 @@ bool exists(Json::UInt64 pid) {
 
 }  // namespace
 
-std::string status_path(const std::string& folder) {
-    return "/dev/shm/" + folder + "/center_status.json";
-}
+std::string status_path(const std::string& folder) { return center_status_path(folder); }
 
 std::variant<Center_Status, Problem> read_center_status(const std::string& path) {
     const auto file = read_file(path);
