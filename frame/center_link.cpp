@@ -82,14 +82,17 @@ Json::Value Center_Link::request(const char* command) const {
 }
 
 // A consumer that somebody has paired with another producer would stay in that one's relay, too,
-// and two relays would share its semaphores: so it leaves first, wherever it is.
+// and two relays would share its semaphores: so it leaves first, wherever it is. Not again while
+// the registration behind that is unanswered: it may be served any time, and is not asked for
+// twice.
 Registration Center_Link::register_end(std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
-    if (!producer_.empty()) {
+    if (!producer_.empty() && !has_left_) {
         const auto left = Control_Exchange::ask(request(control::command::deregister_end), limit);
         if (left.outcome != Control_Exchange::Outcome::replied) {
             return read(left);
         }
+        has_left_ = true;
     }
     limit = std::max(std::chrono::duration_cast<std::chrono::milliseconds>(
                          end - std::chrono::steady_clock::now()),
@@ -101,10 +104,13 @@ Registration Center_Link::register_end(std::chrono::milliseconds limit) {
     }
     const std::string slot =
         "/" + slot_name + "_" + std::to_string(channel_) + "_" + std::to_string(stream_);
-    return read(Control_Exchange::ask(std::move(registering), limit, [&](const auto& reply) {
-        const std::string segment = text_of(reply, control::field::shm_path);
-        return segment.empty() || ends_with(segment, slot);
-    }));
+    const Registration made =
+        read(Control_Exchange::ask(std::move(registering), limit, [&](const auto& reply) {
+            const std::string segment = text_of(reply, control::field::shm_path);
+            return segment.empty() || ends_with(segment, slot);
+        }));
+    has_left_ = has_left_ && made.outcome == Outcome::no_center;
+    return made;
 }
 
 Registration Center_Link::pair(const std::string& producer, std::chrono::milliseconds limit) {

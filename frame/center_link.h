@@ -68,6 +68,7 @@ private:
     const char* type_;
     const std::string name_;
     std::string producer_;
+    bool has_left_ = false;  // the former producer, for a registration that is unanswered
     const int channel_;
     const int stream_;
 
