@@ -66,9 +66,21 @@ Slot_Reader::Take Slot_Reader::take_with(Received_Frame& frame, const Use& use) 
     if (!wait_for_frame()) {
         return Take::nothing;
     }
+    // For the next frame, already: what keeps this thread from the processor from here on does not
+    // make it absent.
+    post_transmission_receiver_exist();
     const Take taken = use_checked(frame, use);
-    post_transmission();
+    if (!relay_has_gone_on()) {
+        post_transmission();
+    }
     return taken;
+}
+
+// A relay that has given this frame up asks for the next one's presence. It would take a post that
+// comes after that for the next frame's, and have the producer overwrite that one while it is being
+// copied.
+bool Slot_Reader::relay_has_gone_on() const {
+    return semaphore(consumer_side::consumer_present)->value() == 0;
 }
 
 bool Slot_Reader::wait_for_frame() {

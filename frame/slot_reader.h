@@ -52,6 +52,7 @@ public:
 
 private:
     bool wait_for_frame();
+    bool relay_has_gone_on() const;
     Take use_checked(Received_Frame& frame, const Use& use);
     Take use_once(Received_Frame& frame, const Use& use) const;
     bool still_holds_frame(const ZAV_SHM_Frame_Header& header, std::uint32_t commit) const;

@@ -2,6 +2,7 @@
 #include "frame/slot_writer.h"
 
 #include <cstring>
+#include <utility>
 
 #include "frame/payload_copy.h"
 #include "frame/slot_fence.h"
@@ -37,7 +38,13 @@ std::byte* Slot_Writer::slot() const { return static_cast<std::byte*>(shm->mem_a
 
 std::size_t Slot_Writer::capacity() const { return shm->size - frame_header_bytes; }
 
+// A relay that is still at the frame before gives the slot back for that one: taken for the next
+// frame's, it would have that one overwritten before anybody was told of it.
 bool Slot_Writer::wait_for_consumer(long ms) {
+    if (!std::exchange(is_given_back_, true) &&
+        semaphore(producer_side::slot_free)->wait_steady(ms) != 0) {
+        return false;
+    }
     return semaphore(producer_side::consumer_present)->wait_steady(ms) == 0;
 }
 
@@ -67,7 +74,8 @@ bool Slot_Writer::commit(const ZAV_SHM_Frame_Header& header) {
     SEM_CTRL& slot_free = *semaphore(producer_side::slot_free);
     slot_free.try_wait();
     post_transmission();
-    return slot_free.wait_steady(slot_free_wait_ms) == 0;
+    is_given_back_ = slot_free.wait_steady(slot_free_wait_ms) == 0;
+    return is_given_back_;
 }
 
 }  // namespace zav_shm

@@ -23,7 +23,8 @@ public:
     /// Bytes of the largest payload.
     std::size_t capacity() const;
 
-    /// Waits up to `ms` milliseconds until a consumer is present.
+    /// Waits up to `ms` milliseconds until a consumer is present; before that, if commit() returned
+    /// false, until the relay is done with that frame.
     bool wait_for_consumer(long ms);
 
     /// Takes the slot's frame back: from here to commit() it holds none.
@@ -43,6 +44,8 @@ public:
 
 private:
     std::byte* slot() const;
+
+    bool is_given_back_ = true;  // the relay is done with the latest frame
 };
 
 }  // namespace zav_shm
