@@ -46,7 +46,16 @@ run_ctest() {
     export_sanitizer_options
     rm -f "$junit"
     "${runner[@]}" ctest --test-dir "build/$preset" -j"$(nproc)" --output-on-failure \
-        --no-tests=error --output-junit "$junit" "${left_out[@]}" "$@"
+        --no-tests=error --output-junit "$junit" "${left_out[@]}" "$@" | without_passed_tests
+}
+
+# On a terminal every test is seen as it runs; in a log only what did not pass is of use.
+without_passed_tests() {
+    if [[ -t 1 ]]; then
+        cat
+    else
+        grep --line-buffered -vE '^ +Start +[0-9]+: |^ *[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed '
+    fi
 }
 
 # Prints "N passed, N failed", and ", N skipped" behind it if there are any.
