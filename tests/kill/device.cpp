@@ -146,6 +146,11 @@ bool Device::becomes_full(std::chrono::milliseconds limit) {
     return becomes_true([this] { return is_at_full_rate(); }, limit);
 }
 
+std::uint64_t Device::lost_to_stalls(std::int64_t from_ns) const {
+    const std::int64_t stalled = machine.stalled_ns(from_ns, zav_shm::monotonic_ns());
+    return stalled == 0 ? 0 : static_cast<std::uint64_t>(stalled * fps_ / 1'000'000'000 + 2);
+}
+
 std::uint64_t Device::wrong_frames() {
     std::uint64_t wrong = 0;
     for (int i = 0; i < subscriber_count; ++i) {

@@ -10,6 +10,7 @@
 #include "../centerd/daemon_fixture.h"
 #include "frame_log.h"
 #include "support/child_process.h"
+#include "support/stall_watch.h"
 
 /// Fixture with a whole device as processes: the daemon, a producer and three subscribers of the
 /// safe layer, each with a log.
@@ -43,6 +44,12 @@ protected:
     bool becomes_full(std::chrono::milliseconds limit);
 
     std::uint64_t wrong_frames();
+
+    /// How many frames the machine's own stalls may have cost since `from_ns`: all that were due
+    /// meanwhile, and those that were under way.
+    std::uint64_t lost_to_stalls(std::int64_t from_ns) const;
+
+    Stall_Watch machine;
 
     /// Set in the environment of every process that is started from now on.
     std::vector<std::string> client_environment;

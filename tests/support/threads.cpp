@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/threads.h"
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -29,4 +32,17 @@ bool becomes_true(const std::function<bool()>& condition, std::chrono::milliseco
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+bool stay_on_processor(int processor) {
+    cpu_set_t only;
+    CPU_ZERO(&only);
+    CPU_SET(static_cast<std::size_t>(processor), &only);
+    return pthread_setaffinity_np(pthread_self(), sizeof only, &only) == 0;
+}
+
+bool go_before_all_others() {
+    sched_param highest = {};
+    highest.sched_priority = sched_get_priority_max(SCHED_FIFO);
+    return pthread_setschedparam(pthread_self(), SCHED_FIFO, &highest) == 0;
 }

@@ -12,6 +12,12 @@ std::size_t thread_count();
 /// True when the thread of this process sleeps in the kernel, for instance in a semaphore wait.
 bool is_asleep(pid_t thread);
 
+/// Binds the calling thread to one processor; false where that is not allowed.
+bool stay_on_processor(int processor);
+
+/// Gives the calling thread the highest real-time priority; false where that is not allowed.
+bool go_before_all_others();
+
 /// Asks again and again until `condition` holds or `limit` is over.
 bool becomes_true(const std::function<bool()>& condition,
                   std::chrono::milliseconds limit = std::chrono::seconds(10));

@@ -2,7 +2,8 @@
 //
 // One producer process, one relay process and some consumer processes exchange frames through
 // one slot. Integrity and order are demanded always; that nothing is missed, and that no process
-// is kept from the processor for longer than the others wait for it, is granted a second try.
+// is kept from the processor for longer than the others wait for it, is granted a second try, and
+// some more while the machine itself stands still.
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -12,9 +13,11 @@
 #include <sstream>
 #include <thread>
 
+#include "frame/monotonic_clock.h"
 #include "roles.h"
 #include "support/child_process.h"
 #include "support/kernel_objects.h"
+#include "support/stall_watch.h"
 
 namespace {
 
@@ -84,9 +87,23 @@ protected:
         relay_.clear();
     }
 
+    template <class Attempt>
+    bool succeeds(Attempt attempt) const {
+        int stalled = 0;
+        for (int tries = 0; tries < 2 + std::min(stalled, 4); ++tries) {
+            const std::int64_t begin = zav_shm::monotonic_ns();
+            if (attempt()) {
+                return true;
+            }
+            stalled += machine_.stalled_ns(begin, zav_shm::monotonic_ns()) > 0 ? 1 : 0;
+        }
+        return false;
+    }
+
     std::deque<Child_Process> consumers;
 
 private:
+    Stall_Watch machine_;
     std::deque<Child_Process> relay_;
 };
 
@@ -126,7 +143,7 @@ protected:
 };
 
 TEST_P(At_Full_Rate, ten_thousand_frames_of_every_length_arrive_right_and_in_order) {
-    EXPECT_TRUE(exchange_without_a_stall(GetParam()) || exchange_without_a_stall(GetParam()));
+    EXPECT_TRUE(succeeds([this] { return exchange_without_a_stall(GetParam()); }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Consumers, At_Full_Rate, testing::Values(1, 2, 4));
@@ -145,7 +162,7 @@ protected:
 };
 
 TEST_P(At_Thirty_Per_Second, no_frame_is_missed) {
-    EXPECT_TRUE(exchange_without_a_miss(GetParam()) || exchange_without_a_miss(GetParam()));
+    EXPECT_TRUE(succeeds([this] { return exchange_without_a_miss(GetParam()); }));
 }
 
 INSTANTIATE_TEST_SUITE_P(Consumers, At_Thirty_Per_Second, testing::Values(1, 2, 4));
@@ -174,12 +191,12 @@ TEST_F(Disturbed, consumer_stopped_for_200_ms_does_not_disturb_the_others) {
         std::this_thread::sleep_for(milliseconds(200));
         consumer.signal(SIGCONT);
     };
-    EXPECT_TRUE(others_miss_nothing(stop_for_a_while) || others_miss_nothing(stop_for_a_while));
+    EXPECT_TRUE(succeeds([&] { return others_miss_nothing(stop_for_a_while); }));
 }
 
 TEST_F(Disturbed, killed_consumer_does_not_disturb_the_others) {
     const auto kill = [](Child_Process& consumer) { consumer.kill(); };
-    EXPECT_TRUE(others_miss_nothing(kill) || others_miss_nothing(kill));
+    EXPECT_TRUE(succeeds([&] { return others_miss_nothing(kill); }));
 }
 
 TEST_F(Disturbed, killed_consumer_that_comes_back_gets_frames_again) {
@@ -215,7 +232,7 @@ TEST_F(Disturbed, killed_producer_that_comes_back_continues) {
             return report["frames"] > 200 && report["after_stall"] == 0;
         });
     };
-    EXPECT_TRUE(kill_three_times() || kill_three_times());
+    EXPECT_TRUE(succeeds(kill_three_times));
 }
 
 }  // namespace
