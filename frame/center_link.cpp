@@ -104,7 +104,7 @@ Registration Center_Link::register_end(std::chrono::milliseconds limit) {
     }
     const std::string slot =
         "/" + slot_name + "_" + std::to_string(channel_) + "_" + std::to_string(stream_);
-    const Registration made =
+    Registration made =
         read(Control_Exchange::ask(std::move(registering), limit, [&](const auto& reply) {
             const std::string segment = text_of(reply, control::field::shm_path);
             return segment.empty() || ends_with(segment, slot);
