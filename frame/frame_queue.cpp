@@ -31,16 +31,36 @@ Frame_Queue::Frame_Queue(const Limits& limits)
     : limits_(limits),
       ring_(limits.overflow == Overflow_Policy::newest_only
                 ? 1
-                : std::max<std::size_t>(limits.frames, 1)) {}
+                : std::max<std::size_t>(limits.frames, 1)) {
+    spare_.reserve(ring_.size() + 1);
+}
 
 bool Frame_Queue::is_full_for(const Received_Frame& frame) const {
     return count_ == ring_.size() || (count_ > 0 && bytes_ + frame.length > limits_.bytes);
+}
+
+void Frame_Queue::keep(std::vector<std::byte>&& buffer) {
+    if (!buffer.empty() && spare_bytes_ + buffer.size() <= limits_.bytes) {
+        spare_bytes_ += buffer.size();
+        spare_.push_back(std::move(buffer));
+    }
+}
+
+std::vector<std::byte> Frame_Queue::spare_buffer() {
+    if (spare_.empty()) {
+        return {};
+    }
+    std::vector<std::byte> buffer = std::move(spare_.back());
+    spare_.pop_back();
+    spare_bytes_ -= buffer.size();
+    return buffer;
 }
 
 std::uint64_t Frame_Queue::drop_oldest() {
     Received_Frame& oldest = ring_[first_];
     before_first_.swallow(oldest);
     bytes_ -= oldest.length;
+    keep(std::move(oldest.bytes));
     first_ = index(1);
     --count_;
     return 1;
@@ -88,7 +108,8 @@ std::uint64_t Frame_Queue::push(Received_Frame& frame) {
         before_first_.leave_to(frame);
     }
     bytes_ += frame.length;
-    std::swap(ring_[index(count_)], frame);
+    ring_[index(count_)] = std::move(frame);
+    frame.bytes = spare_buffer();
     ++count_;
     changed_.notify_one();
     return dropped;
@@ -106,7 +127,8 @@ Receive_Status Frame_Queue::pop(Received_Frame& frame, std::chrono::milliseconds
     Received_Frame& oldest = ring_[first_];
     before_first_.leave_to(oldest);
     bytes_ -= oldest.length;
-    std::swap(oldest, frame);
+    keep(std::move(frame.bytes));
+    frame = std::move(oldest);
     first_ = index(1);
     --count_;
     return Receive_Status::frame;

@@ -13,8 +13,9 @@
 
 namespace zav_shm {
 
-/// The bounded queue between the thread that takes frames and the application. Frames go in and
-/// out by swapping buffers, so that the same ones go round.
+/// The bounded queue between the thread that takes frames and the application. Buffers move with
+/// their frames, and those that come free are used again, the latest first: as few go round as
+/// frames ever waited at once.
 ///
 /// Threads  one pushes, one pops, any closes.
 class Frame_Queue {
@@ -57,12 +58,16 @@ private:
     std::uint64_t drop_oldest();
     std::uint64_t drop_all();
     std::uint64_t make_room(const Received_Frame& frame);
+    void keep(std::vector<std::byte>&& buffer);
+    std::vector<std::byte> spare_buffer();
     std::size_t index(std::size_t position) const { return (first_ + position) % ring_.size(); }
 
     const Limits limits_;
     mutable std::mutex mutex_;  // guards all below
     std::condition_variable changed_;
     std::vector<Received_Frame> ring_;
+    std::vector<std::vector<std::byte>> spare_;  // buffers, of no more than limits_.bytes in all
+    std::size_t spare_bytes_ = 0;
     std::size_t first_ = 0;
     std::size_t count_ = 0;
     std::size_t bytes_ = 0;
