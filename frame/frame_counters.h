@@ -54,11 +54,12 @@ struct Subscriber_Counters {
     std::uint64_t foreign = 0;     // without a header of ours
     std::uint64_t dropped = 0;     // the queue was full
     std::uint64_t skipped = 0;     // on the way to a key frame
-    std::uint64_t timeouts = 0;    // waits of 30 ms without a frame
-    std::uint64_t recoveries = 0;  // registered again
-    std::uint64_t queued = 0;      // frames in the queue at this moment
-    std::int64_t last_key_frame_ns = 0;  // CLOCK_MONOTONIC when the last one came; 0 never
-    Latency_Histogram latency;           // from the begin of writing to the end of copying
+    std::uint64_t timeouts_no_frame = 0;  // waits of 30 ms that a relay noticed: a silent producer
+    std::uint64_t timeouts_no_relay = 0;  // not noticed: not paired, or the center is away
+    std::uint64_t recoveries = 0;         // registered again
+    std::uint64_t queued = 0;             // frames in the queue at this moment
+    std::int64_t last_key_frame_ns = 0;   // CLOCK_MONOTONIC when the last one came; 0 never
+    Latency_Histogram latency;            // from the begin of writing to the end of copying
 };
 
 }  // namespace zav_shm

@@ -48,7 +48,8 @@ enum class Frame_State {
 /// What opening or pairing came to.
 struct [[nodiscard]] Opened {
     Frame_State state = Frame_State::closed;
-    std::string reason;  // why it is not connected, in one line
+    std::string reason;    // why it is not connected, in one line
+    bool refused = false;  // by the center: its configuration does not know what was asked for
 
     explicit operator bool() const { return state == Frame_State::connected; }
 };

@@ -105,7 +105,7 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
     while (!connect(std::max(left(), least_exchange)) && !refused_ && left() > 0ms) {
         std::this_thread::sleep_until(std::min(retry_.next(), end));
     }
-    return {state_, reason_};
+    return {state_, reason_, refused_};
 }
 
 bool ZAV_SHM_Frame_Publisher::Body::connect(std::chrono::milliseconds limit) {

@@ -12,8 +12,9 @@
 
 #include "control/control_protocol.h"
 #include "frame/center_link.h"
+#include "frame/frame_ledger.h"
 #include "frame/frame_queue.h"
-#include "frame/sequence_watch.h"
+#include "frame/in_place_turn.h"
 #include "frame/slot_reader.h"
 
 using namespace std::chrono_literals;
@@ -50,14 +51,16 @@ public:
     explicit Body(Options options)
         : options_(std::move(options)),
           queue_({options_.queue_frames, options_.queue_bytes, options_.overflow}),
+          ledger_(options_.start_at_key_frame, options_.key_frame_after_loss),
           link_(zav_shm::control::type::receiver, options_.name, options_.producer,
-                options_.channel, options_.stream),
-          watch_(options_.start_at_key_frame, options_.key_frame_after_loss) {}
+                options_.channel, options_.stream) {}
 
     Opened open();
     void close(std::chrono::milliseconds limit);
     zav_shm::Receive_Status receive(Received_Frame& frame, std::chrono::milliseconds timeout);
-    zav_shm::Receive_Status read_in_place(const In_Place& reader, std::chrono::milliseconds time);
+    zav_shm::Receive_Status read_in_place(const In_Place& by, std::chrono::milliseconds time) {
+        return in_place_.read(by, time);
+    }
     Opened pair(const std::string& producer, std::chrono::milliseconds limit);
 
     Frame_State state() const { return state_; }
@@ -72,18 +75,16 @@ private:
     bool is_closing() const;
     void wait_for_retry();
     void take_one(Slot_Reader& reader);
-    void take_or_read(Slot_Reader& reader);
     void follow_pairing();
     Slot_Reader::Take take_in_place(Slot_Reader& reader, const In_Place& by, bool& ends);
     void note(const Slot_Reader& reader, Slot_Reader::Take taken);
     bool is_wanted(Slot_Reader::Take taken);
-    void count(Slot_Reader::Take taken);
-    const In_Place* begin_in_place();
-    void end_in_place(bool for_good);
     std::shared_ptr<Slot_Reader> reader() const;
 
     const Options options_;
     zav_shm::Frame_Queue queue_;
+    zav_shm::In_Place_Turn in_place_;
+    zav_shm::Frame_Ledger ledger_;
     std::atomic<Frame_State> state_{Frame_State::closed};
 
     std::mutex control_;  // held through exchanges; guards link_, retry_ and refused_
@@ -92,28 +93,22 @@ private:
     bool refused_ = false;
     std::string reason_;  // why it is not connected; guarded by control_
 
-    mutable std::mutex small_;  // never held while waiting for anything; guards the next seven
+    mutable std::mutex small_;  // never held while waiting for anything; guards the next five
     std::condition_variable wake_;
     std::shared_ptr<Slot_Reader> reader_;  // null while not connected
     bool closing_ = false;
-    bool retries_now_ = false;            // pair() wants the thread to register at once
-    bool unpaired_ = false;               // by pair("NONE"): not connected on purpose
-    const In_Place* in_place_ = nullptr;  // who reads in place; null: frames go into the queue
-    bool in_place_busy_ = false;          // the thread is using it
+    bool retries_now_ = false;  // pair() wants the thread to register at once
+    bool unpaired_ = false;     // by pair("NONE"): not connected on purpose
 
     std::thread thread_;  // open() and close()
 
     // The thread's own.
-    zav_shm::Sequence_Watch watch_;
     Received_Frame scratch_;
     Clock::time_point last_noticed_{};
     Clock::time_point last_frame_{};
     Clock::time_point next_look_{};
-    std::uint64_t repeated_ = 0;
+    bool repeats_ = false;        // the latest frame had been taken before
     bool was_connected_ = false;  // guarded by control_
-
-    mutable std::mutex counters_mutex_;
-    zav_shm::Subscriber_Counters counters_;  // guarded by counters_mutex_
 };
 
 // ---- standing with the center ----
@@ -121,7 +116,7 @@ private:
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     if (thread_.joinable()) {
         const std::lock_guard guard(control_);
-        return {state_, reason_};
+        return {state_, reason_, refused_};
     }
     const auto end = Clock::now() + options_.center_wait;
     const auto left = [&end] {
@@ -130,12 +125,13 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     state_ = Frame_State::waiting_for_center;
     closing_ = retries_now_ = unpaired_ = false;
     was_connected_ = false;
-    watch_ = {options_.start_at_key_frame, options_.key_frame_after_loss};
+    ledger_.begin_anew();
     queue_.open();
+    in_place_.open();
     while (!connect(std::max(left(), least_exchange)) && !refused_ && left() > 0ms) {
         std::this_thread::sleep_until(std::min(retry_.next(), end));
     }
-    Opened opened{state_, reason_};
+    Opened opened{state_, reason_, refused_};
     thread_ = std::thread([this] { run(); });
     return opened;
 }
@@ -171,8 +167,7 @@ bool ZAV_SHM_Frame_Subscriber::Body::use(const Center_Link::Registration& made) 
     }
     state_ = Frame_State::connected;
     if (std::exchange(was_connected_, true)) {
-        const std::lock_guard guard(counters_mutex_);
-        ++counters_.recoveries;
+        ledger_.recovered();
     }
     return true;
 }
@@ -187,11 +182,12 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
         unpaired_ = true;
         reader_.reset();
         state_ = Frame_State::waiting_for_producer;
-        return {state_, {}};
+        return {state_, {}, false};
     }
     const Center_Link::Registration made = link_.pair(producer, limit);
     if (!made) {
-        return {Frame_State::waiting_for_center, made.reason};
+        return {Frame_State::waiting_for_center, made.reason,
+                made.outcome == Center_Link::Outcome::refused};
     }
     const std::lock_guard small(small_);
     unpaired_ = false;
@@ -202,7 +198,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
         retries_now_ = true;
     }
     wake_.notify_all();
-    return {Frame_State::connected, {}};
+    return {Frame_State::connected, {}, false};
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
@@ -215,6 +211,7 @@ void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
         wake_.notify_all();
     }
     queue_.close();
+    in_place_.close();
     thread_.join();
     const std::lock_guard guard(control_);
     if (reader()) {
@@ -275,28 +272,20 @@ void ZAV_SHM_Frame_Subscriber::Body::wait_for_retry() {
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader) {
-    const std::uint64_t repeated = repeated_;
-    take_or_read(reader);
-    if (repeated_ != repeated) {
-        follow_pairing();
-    }
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::take_or_read(Slot_Reader& reader) {
-    if (const In_Place* const by = begin_in_place()) {
+    repeats_ = false;
+    if (const In_Place* const by = in_place_.begin()) {
         bool ends = false;
         note(reader, take_in_place(reader, *by, ends));
-        end_in_place(ends);
-        return;
-    }
-    const Slot_Reader::Take taken = reader.take(scratch_);
-    note(reader, taken);
-    if (is_wanted(taken)) {
-        const std::uint64_t dropped = queue_.push(scratch_);
-        if (dropped > 0) {
-            const std::lock_guard guard(counters_mutex_);
-            counters_.dropped += dropped;
+        in_place_.end(ends);
+    } else {
+        const Slot_Reader::Take taken = reader.take(scratch_);
+        note(reader, taken);
+        if (is_wanted(taken)) {
+            ledger_.dropped(queue_.push(scratch_));
         }
+    }
+    if (repeats_) {
+        follow_pairing();
     }
 }
 
@@ -310,17 +299,17 @@ Slot_Reader::Take ZAV_SHM_Frame_Subscriber::Body::take_in_place(Slot_Reader& rea
         });
     const bool whole = is_wanted(taken);
     if (whole) {
-        const std::lock_guard guard(counters_mutex_);
-        ++counters_.handed_out;
+        ledger_.handed_out();
     }
     ends = used && !by.judged(scratch_, whole);
     return taken;
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader::Take taken) {
-    count(taken);
+    const bool noticed = taken != Slot_Reader::Take::nothing || reader.is_noticed();
+    ledger_.count(taken, noticed);
     const auto now = Clock::now();
-    if (taken != Slot_Reader::Take::nothing || reader.is_noticed()) {
+    if (noticed) {
         last_noticed_ = now;
     }
     if (now - last_frame_ > producer_limit) {
@@ -351,53 +340,19 @@ void ZAV_SHM_Frame_Subscriber::Body::follow_pairing() {
     }
 }
 
-// Judges and counts what was taken; true when it is for the application.
+// True when what was taken is for the application.
 bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken) {
     if (taken != Slot_Reader::Take::frame) {
         return false;
     }
     using Verdict = zav_shm::Sequence_Watch::Verdict;
-    scratch_.lost = scratch_.dropped = scratch_.skipped = 0;
-    scratch_.epoch_changed = false;
-    const Verdict verdict = watch_.judge(scratch_);
-    const std::lock_guard guard(counters_mutex_);
-    if (verdict == Verdict::repeated) {
-        counters_.repeated = ++repeated_;
-        return false;
-    }
-    last_frame_ = Clock::now();
-    state_ = Frame_State::connected;
-    ++counters_.frames;
-    counters_.bytes += scratch_.length;
-    counters_.lost += watch_.lost_now();
-    counters_.skipped += verdict == Verdict::skipped ? 1 : 0;
-    counters_.foreign += scratch_.verified ? 0 : 1;
-    if (scratch_.verified) {
-        counters_.latency.add(scratch_.received_ns - scratch_.header.publish_ns);
-    }
-    if (scratch_.is_key_frame()) {
-        ++counters_.key_frames;
-        counters_.last_key_frame_ns = scratch_.received_ns;
+    const Verdict verdict = ledger_.judge(scratch_);
+    repeats_ = verdict == Verdict::repeated;
+    if (!repeats_) {
+        last_frame_ = Clock::now();
+        state_ = Frame_State::connected;
     }
     return verdict == Verdict::hand_out;
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::count(Slot_Reader::Take taken) {
-    const std::lock_guard guard(counters_mutex_);
-    switch (taken) {
-        case Slot_Reader::Take::nothing:
-            ++counters_.timeouts;
-            break;
-        case Slot_Reader::Take::torn:
-            ++counters_.torn;
-            break;
-        case Slot_Reader::Take::invalid:
-            ++counters_.invalid;
-            break;
-        case Slot_Reader::Take::unmapped:
-        case Slot_Reader::Take::frame:
-            break;
-    }
 }
 
 // ---- the application's side ----
@@ -406,49 +361,14 @@ zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::receive(Received_Frame& 
                                                                 std::chrono::milliseconds timeout) {
     const zav_shm::Receive_Status status = queue_.pop(frame, timeout);
     if (status == zav_shm::Receive_Status::frame) {
-        const std::lock_guard guard(counters_mutex_);
-        ++counters_.handed_out;
+        ledger_.handed_out();
     }
     return status;
 }
 
-zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::read_in_place(
-    const In_Place& reader, std::chrono::milliseconds time) {
-    std::unique_lock lock(small_);
-    if (closing_ || state_ == Frame_State::closed) {
-        return zav_shm::Receive_Status::closed;
-    }
-    in_place_ = &reader;
-    const bool ended =
-        wake_.wait_for(lock, time, [this] { return in_place_ == nullptr || closing_; });
-    in_place_ = nullptr;
-    wake_.wait(lock, [this] { return !in_place_busy_; });
-    if (closing_) {
-        return zav_shm::Receive_Status::closed;
-    }
-    return ended ? zav_shm::Receive_Status::frame : zav_shm::Receive_Status::timeout;
-}
-
-const ZAV_SHM_Frame_Subscriber::In_Place* ZAV_SHM_Frame_Subscriber::Body::begin_in_place() {
-    const std::lock_guard guard(small_);
-    in_place_busy_ = in_place_ != nullptr;
-    return in_place_;
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::end_in_place(bool for_good) {
-    const std::lock_guard guard(small_);
-    in_place_busy_ = false;
-    if (for_good) {
-        in_place_ = nullptr;
-    }
-    wake_.notify_all();
-}
-
 zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {
-    const std::uint64_t queued = queue_.size();
-    const std::lock_guard guard(counters_mutex_);
-    zav_shm::Subscriber_Counters now = counters_;
-    now.queued = queued;
+    zav_shm::Subscriber_Counters now = ledger_.counters();
+    now.queued = queue_.size();
     return now;
 }
 

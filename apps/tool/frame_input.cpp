@@ -30,11 +30,14 @@ std::optional<Problem> Frame_Input::open() {
             return *problem;
         }
     }
-    // The center has just answered, so it is not absent but refuses.
-    if (const auto opened = subscriber_.open(); !opened) {
+    const auto opened = subscriber_.open();
+    if (opened.refused) {
         return Problem{Exit_Status::refused, "the center refuses " + consumer_channel_ +
                                                  " fed by " + producer_channel_ + ": " +
                                                  opened.reason};
+    }
+    if (!opened) {
+        return Problem{Exit_Status::no_center, opened.reason};
     }
     tell_state();
     return {};

@@ -42,10 +42,13 @@ std::optional<Problem> Frame_Output::open() {
     if (const auto* problem = std::get_if<Problem>(&known)) {
         return *problem;
     }
-    // The center has just answered, so it is not absent but refuses.
-    if (const auto opened = publisher_.open(); !opened) {
+    const auto opened = publisher_.open();
+    if (opened.refused) {
         return Problem{Exit_Status::refused,
                        "the center refuses " + channel_ + ": " + opened.reason};
+    }
+    if (!opened) {
+        return Problem{Exit_Status::no_center, opened.reason};
     }
     if (auto problem = index_.open()) {
         return problem;

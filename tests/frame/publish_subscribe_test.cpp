@@ -322,6 +322,7 @@ TEST_F(Frames, refused_names_are_told_with_the_centers_reason) {
     ZAV_SHM_Frame_Publisher camera({.name = "NOBODY"});
     const auto opened = camera.open();
     EXPECT_FALSE(opened);
+    EXPECT_TRUE(opened.refused);
     EXPECT_EQ(opened.reason, "NOBODY/0/0: Can't Find Channel 0, Stream 0 Distributor");
     EXPECT_EQ(camera.publish(payload(1, 1)).outcome, Publish_Outcome::refused);
     ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP", .channel = 9});
@@ -372,6 +373,16 @@ TEST_F(Frames, go_on_after_the_consumer_was_kicked) {
     EXPECT_EQ(player.counters().recoveries, 1U);
 }
 
+TEST_F(Frames, that_do_not_come_are_counted_by_cause) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    EXPECT_TRUE(becomes_true([&] { return player.counters().timeouts_no_frame >= 3; }));
+    const auto before = player.counters().timeouts_no_relay;
+    client.ask(
+        R"({"command":"deregister","type":"Receiver","name":"PLAYER","channel":0,"stream":0})");
+    EXPECT_TRUE(becomes_true([&] { return player.counters().timeouts_no_relay >= before + 3; }));
+}
+
 class Frames_Without_Center : public Control_Queues {};
 
 TEST_F(Frames_Without_Center, are_told_so_within_the_time_given) {
@@ -380,6 +391,7 @@ TEST_F(Frames_Without_Center, are_told_so_within_the_time_given) {
     const auto opened = camera.open();
     EXPECT_FALSE(opened);
     EXPECT_EQ(opened.reason, "no center is running");
+    EXPECT_FALSE(opened.refused);
     EXPECT_EQ(opened.state, Frame_State::waiting_for_center);
     EXPECT_GE(watch.elapsed(), 200ms);
     EXPECT_EQ(camera.publish({}).outcome, Publish_Outcome::no_center);
