@@ -96,10 +96,13 @@ void read_in_place(ZAV_SHM_Frame_Subscriber& consumer, Frame_Count& count, Run_C
         100ms);
 }
 
-void receive_one(ZAV_SHM_Frame_Subscriber& consumer, Received_Frame& frame, Frame_Count& count) {
-    if (consumer.receive(frame, 100ms) == Receive_Status::frame) {
-        count.add(frame.header, is_stamped(frame.payload(), frame.header.sequence), monotonic_ns());
+bool receive_one(ZAV_SHM_Frame_Subscriber& consumer, Received_Frame& frame, Frame_Count& count,
+                 std::chrono::milliseconds timeout) {
+    if (consumer.receive(frame, timeout) != Receive_Status::frame) {
+        return false;
     }
+    count.add(frame.header, is_stamped(frame.payload(), frame.header.sequence), monotonic_ns());
+    return true;
 }
 
 }  // namespace
@@ -174,8 +177,10 @@ int subscribe_frames(int consumer, bool in_place, std::span<std::int64_t> latenc
     while (control.consumers_stopping == 0) {
         if (in_place) {
             read_in_place(subscriber, count, control);
+            while (receive_one(subscriber, frame, count, 0ms)) {  // what came between two turns
+            }
         } else {
-            receive_one(subscriber, frame, count);
+            receive_one(subscriber, frame, count, 100ms);
         }
     }
     control.consumers[static_cast<std::size_t>(consumer)] = report;
