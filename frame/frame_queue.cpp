@@ -117,7 +117,10 @@ std::uint64_t Frame_Queue::push(Received_Frame& frame) {
 
 Receive_Status Frame_Queue::pop(Received_Frame& frame, std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, timeout, [this] { return closed_ || count_ > 0; });
+    // The C++ library enters the kernel, for the least time that it can wait, also for 0.
+    if (timeout > std::chrono::milliseconds(0)) {
+        changed_.wait_for(lock, timeout, [this] { return closed_ || count_ > 0; });
+    }
     if (closed_) {
         return Receive_Status::closed;
     }

@@ -16,6 +16,7 @@
 #include "frame/frame_queue.h"
 #include "frame/in_place_turn.h"
 #include "frame/slot_reader.h"
+#include "frame/taking_turn.h"
 
 using namespace std::chrono_literals;
 using zav_shm::Backoff;
@@ -40,6 +41,9 @@ constexpr auto unnoticed_limit = 400ms;
 
 // How often it is looked for another producer while the slot does not change.
 constexpr auto look_interval = 500ms;
+
+// How long a wait is that the counters of timeouts count.
+constexpr auto wait_counted = 30ms;
 
 // Without a frame for this long the producer is what is waited for.
 constexpr auto producer_limit = 1s;
@@ -74,9 +78,13 @@ private:
     void run();
     bool is_closing() const;
     void wait_for_retry();
-    void take_one(Slot_Reader& reader);
+    bool needs_thread();
+    void take_as_thread();
+    void take_as_application(Received_Frame& frame, Clock::time_point end);
+    void take_one(Slot_Reader& reader, const Slot_Reader::Patience& patience);
+    void read_one(Slot_Reader& reader, const In_Place& by);
+    void look_if_repeated();
     void follow_pairing();
-    Slot_Reader::Take take_in_place(Slot_Reader& reader, const In_Place& by, bool& ends);
     void note(const Slot_Reader& reader, Slot_Reader::Take taken);
     bool is_wanted(Slot_Reader::Take taken);
     std::shared_ptr<Slot_Reader> reader() const;
@@ -84,6 +92,7 @@ private:
     const Options options_;
     zav_shm::Frame_Queue queue_;
     zav_shm::In_Place_Turn in_place_;
+    zav_shm::Taking_Turn turn_;
     zav_shm::Frame_Ledger ledger_;
     std::atomic<Frame_State> state_{Frame_State::closed};
 
@@ -102,13 +111,17 @@ private:
 
     std::thread thread_;  // open() and close()
 
-    // The thread's own.
+    // Of whoever has the turn.
     Received_Frame scratch_;
-    Clock::time_point last_noticed_{};
-    Clock::time_point last_frame_{};
     Clock::time_point next_look_{};
+    Clock::time_point wait_began_{};
+    bool waits_noticed_ = false;  // since then
     bool repeats_ = false;        // the latest frame had been taken before
-    bool was_connected_ = false;  // guarded by control_
+
+    std::atomic<Clock::time_point> last_noticed_{};
+    std::atomic<Clock::time_point> last_frame_{};
+    std::atomic<bool> looks_{false};  // the thread is to look for another producer
+    bool was_connected_ = false;      // guarded by control_
 };
 
 // ---- standing with the center ----
@@ -125,9 +138,11 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     state_ = Frame_State::waiting_for_center;
     closing_ = retries_now_ = unpaired_ = false;
     was_connected_ = false;
+    looks_ = false;
     ledger_.begin_anew();
     queue_.open();
     in_place_.open();
+    turn_.open();
     while (!connect(std::max(left(), least_exchange)) && !refused_ && left() > 0ms) {
         std::this_thread::sleep_until(std::min(retry_.next(), end));
     }
@@ -161,6 +176,7 @@ bool ZAV_SHM_Frame_Subscriber::Body::use(const Center_Link::Registration& made) 
     }
     reason_.clear();
     retry_.reset();
+    last_noticed_ = last_frame_ = Clock::now();
     {
         const std::lock_guard guard(small_);
         reader_ = std::move(made_reader);
@@ -212,6 +228,7 @@ void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
     }
     queue_.close();
     in_place_.close();
+    turn_.close();
     thread_.join();
     const std::lock_guard guard(control_);
     if (reader()) {
@@ -226,15 +243,22 @@ void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
 
 void ZAV_SHM_Frame_Subscriber::Body::run() {
     pthread_setname_np(pthread_self(), "zav_subscriber");
-    last_noticed_ = last_frame_ = Clock::now();
     while (!is_closing()) {
-        if (const auto current = reader()) {
-            take_one(*current);
-        } else {
+        if (looks_) {
+            follow_pairing();
+            looks_ = false;
+            turn_.tell();
+        } else if (!reader()) {
             wait_for_retry();
+        } else if (turn_.stand_in([this] { return needs_thread(); })) {
+            take_as_thread();
+            turn_.step_back();
         }
     }
 }
+
+// What the application cannot do in receive(), as it may take longer than the time that it gave.
+bool ZAV_SHM_Frame_Subscriber::Body::needs_thread() { return looks_ || !reader(); }
 
 bool ZAV_SHM_Frame_Subscriber::Body::is_closing() const {
     const std::lock_guard guard(small_);
@@ -267,31 +291,56 @@ void ZAV_SHM_Frame_Subscriber::Body::wait_for_retry() {
             return;
         }
     }
-    connect(exchange_limit);
-    last_noticed_ = last_frame_ = Clock::now();
+    if (connect(exchange_limit)) {
+        turn_.tell();
+    }
 }
 
-void ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader) {
-    repeats_ = false;
-    if (const In_Place* const by = in_place_.begin()) {
-        bool ends = false;
-        note(reader, take_in_place(reader, *by, ends));
-        in_place_.end(ends);
-    } else {
-        const Slot_Reader::Take taken = reader.take(scratch_);
-        note(reader, taken);
-        if (is_wanted(taken)) {
-            ledger_.dropped(queue_.push(scratch_));
+void ZAV_SHM_Frame_Subscriber::Body::take_as_thread() {
+    const auto patience = [this] {
+        return is_closing() || turn_.is_wanted() ? 0ms : producer_limit;
+    };
+    for (auto current = reader(); current && patience() > 0ms && !looks_; current = reader()) {
+        if (const In_Place* const by = in_place_.begin()) {
+            read_one(*current, *by);
+        } else {
+            take_one(*current, patience);
+            turn_.tell();
         }
     }
-    if (repeats_) {
-        follow_pairing();
+}
+
+// Into the application's buffer: the same one every time stays in the processor's cache.
+void ZAV_SHM_Frame_Subscriber::Body::take_as_application(Received_Frame& frame,
+                                                         Clock::time_point end) {
+    const auto patience = [this, end] {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        return is_closing() ? 0ms : left;
+    };
+    std::swap(scratch_.bytes, frame.bytes);
+    for (auto current = reader(); current && patience() > 0ms && !looks_ && queue_.size() == 0;
+         current = reader()) {
+        take_one(*current, patience);
+    }
+    if (queue_.size() == 0) {
+        std::swap(scratch_.bytes, frame.bytes);
     }
 }
 
-Slot_Reader::Take ZAV_SHM_Frame_Subscriber::Body::take_in_place(Slot_Reader& reader,
-                                                                const In_Place& by, bool& ends) {
+void ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader,
+                                              const Slot_Reader::Patience& patience) {
+    repeats_ = false;
+    const Slot_Reader::Take taken = reader.take(scratch_, patience);
+    note(reader, taken);
+    if (is_wanted(taken)) {
+        ledger_.dropped(queue_.push(scratch_));
+    }
+    look_if_repeated();
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::read_one(Slot_Reader& reader, const In_Place& by) {
     bool used = false;
+    repeats_ = false;
     const Slot_Reader::Take taken =
         reader.take_with(scratch_, [&](const Received_Frame& frame, auto payload) {
             used = true;
@@ -301,21 +350,26 @@ Slot_Reader::Take ZAV_SHM_Frame_Subscriber::Body::take_in_place(Slot_Reader& rea
     if (whole) {
         ledger_.handed_out();
     }
-    ends = used && !by.judged(scratch_, whole);
-    return taken;
+    in_place_.end(used && !by.judged(scratch_, whole));
+    note(reader, taken);
+    look_if_repeated();
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader::Take taken) {
-    const bool noticed = taken != Slot_Reader::Take::nothing || reader.is_noticed();
-    ledger_.count(taken, noticed);
     const auto now = Clock::now();
-    if (noticed) {
+    if (taken != Slot_Reader::Take::nothing || reader.is_noticed()) {
         last_noticed_ = now;
+        waits_noticed_ = true;
     }
-    if (now - last_frame_ > producer_limit) {
+    if (taken != Slot_Reader::Take::nothing || now - wait_began_ >= wait_counted) {
+        ledger_.count(taken, waits_noticed_);
+        wait_began_ = now;
+        waits_noticed_ = false;
+    }
+    if (now - last_frame_.load() > producer_limit) {
         state_ = Frame_State::waiting_for_producer;
     }
-    if (now - last_noticed_ > unnoticed_limit) {
+    if (now - last_noticed_.load() > unnoticed_limit) {
         state_ = Frame_State::waiting_for_center;
         const std::lock_guard guard(small_);
         reader_.reset();
@@ -324,12 +378,15 @@ void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader
 
 // A slot that does not change while frames are announced is not the one that they are in: somebody
 // else has paired this consumer with another producer, whose slot is looked for and taken.
-void ZAV_SHM_Frame_Subscriber::Body::follow_pairing() {
+void ZAV_SHM_Frame_Subscriber::Body::look_if_repeated() {
     const auto now = Clock::now();
-    if (now - last_frame_ < unnoticed_limit || now < next_look_) {
-        return;
+    if (repeats_ && now - last_frame_.load() >= unnoticed_limit && now >= next_look_) {
+        next_look_ = now + look_interval;
+        looks_ = true;
     }
-    next_look_ = now + look_interval;
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::follow_pairing() {
     const std::lock_guard guard(control_);
     const std::string segment = link_.follow_pairing();
     if (!segment.empty()) {
@@ -359,7 +416,17 @@ bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken) {
 
 zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::receive(Received_Frame& frame,
                                                                 std::chrono::milliseconds timeout) {
-    const zav_shm::Receive_Status status = queue_.pop(frame, timeout);
+    const auto end = Clock::now() + timeout;
+    const zav_shm::Taking_Turn::Reasons reasons{.is_queued = [this] { return queue_.size() > 0; },
+                                                .is_in_the_way = [this] { return needs_thread(); }};
+    zav_shm::Receive_Status status = queue_.pop(frame, 0ms);
+    while (status == zav_shm::Receive_Status::timeout && Clock::now() < end) {
+        if (turn_.enter(end, reasons)) {
+            take_as_application(frame, end);
+            turn_.leave();
+        }
+        status = queue_.pop(frame, 0ms);
+    }
     if (status == zav_shm::Receive_Status::frame) {
         ledger_.handed_out();
     }

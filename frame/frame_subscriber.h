@@ -32,24 +32,24 @@ enum class Receive_Status {
 }  // namespace zav_shm
 
 /// What a consumer process builds for each stream that it takes: registers with the center, takes
-/// frames on a thread of its own into a bounded queue, hands out whole frames only and says what
-/// was lost, and finds its way back when the center or the producer is restarted.
+/// frames also while the application works, into a bounded queue, hands out whole frames only and
+/// says what was lost, and finds its way back when the center or the producer is restarted.
 ///
 ///   ZAV_SHM_Frame_Subscriber recorder({.name = "RECODER", .producer = "CAM_LOOP"});
 ///   if (const auto opened = recorder.open(); !opened) { ... opened.reason ... }
 ///   zav_shm::Received_Frame frame;
 ///   while (recorder.receive(frame, 1s) == zav_shm::Receive_Status::frame) write(frame.payload());
 ///
-/// A thread of its own, because a consumer that is not back within 5 ms after a frame misses the
-/// next one; an application may therefore take its time between two calls.
+/// A consumer that is not back within 5 ms after a frame misses the next one. So a thread stands in
+/// for the application whenever it is not waiting in receive(), which may take its time between two
+/// calls; while it waits, frames come to it without a hand-over from thread to thread.
 ///
 /// Owner    owns its endpoint, thread and queue. One subscriber per consumer name, channel and
 ///          stream on a device.
-/// Threads  "zav_subscriber" takes the frames. receive() from one thread at a time; pair(),
-///          state(), counters() and close() from any, also while receive() is blocked.
+/// Threads  "zav_subscriber" stands in for the application. receive() from one thread at a time;
+///          pair(), state(), counters() and close() from any, also while receive() is blocked.
 /// Blocking receive() takes at most the time given. open(), pair(), close() and read_in_place()
-/// take as long as the
-///          time that they are given, plus one wait of the thread (30 ms).
+///          take as long as the time that they are given, plus one wait of the thread (30 ms).
 /// Errors   are values. Nothing throws and nothing is printed but the documented lines of the
 ///          base layers.
 /// Crash    a killed subscriber costs the other consumers nothing but 20 ms once; the center's
@@ -88,8 +88,8 @@ public:
     /// returns.
     void close(std::chrono::milliseconds limit = std::chrono::milliseconds(200));
 
-    /// Takes the next frame out of the queue, waiting up to `timeout` for one. `frame` is changed
-    /// only when there is one.
+    /// Takes the next frame, out of the queue or off the slot, waiting up to `timeout` for one.
+    /// Without one only the bytes of `frame` may have changed.
     zav_shm::Receive_Status receive(zav_shm::Received_Frame& frame,
                                     std::chrono::milliseconds timeout);
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "frame/slot_reader.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "frame/monotonic_clock.h"
@@ -52,18 +53,19 @@ bool Slot_Reader::is_noticed() const {
     return was_noticed_ || semaphore(consumer_side::consumer_present)->value() == 0;
 }
 
-Slot_Reader::Take Slot_Reader::take(Received_Frame& frame) {
+Slot_Reader::Take Slot_Reader::take(Received_Frame& frame, const Patience& patience) {
     const auto copy = [](Received_Frame& into, std::span<const std::byte> payload) {
         if (into.bytes.size() < payload.size()) {
             into.bytes.resize(payload.size());
         }
         copy_payload(into.bytes.data(), payload, "read");
     };
-    return take_with(frame, copy);
+    return take_with(frame, copy, patience);
 }
 
-Slot_Reader::Take Slot_Reader::take_with(Received_Frame& frame, const Use& use) {
-    if (!wait_for_frame()) {
+Slot_Reader::Take Slot_Reader::take_with(Received_Frame& frame, const Use& use,
+                                         const Patience& patience) {
+    if (!wait_for_frame(patience)) {
         return Take::nothing;
     }
     // For the next frame, already: what keeps this thread from the processor from here on does not
@@ -83,12 +85,19 @@ bool Slot_Reader::relay_has_gone_on() const {
     return semaphore(consumer_side::consumer_present)->value() == 0;
 }
 
-bool Slot_Reader::wait_for_frame() {
+bool Slot_Reader::wait_for_frame(const Patience& patience) {
     was_noticed_ = false;
     for (long waited_ms = 0; waited_ms < frame_wait_ms; waited_ms += announce_every_ms) {
+        long wait_ms = announce_every_ms;
+        if (patience) {
+            wait_ms = std::min<long>(wait_ms, patience().count());
+        }
+        if (wait_ms <= 0) {
+            return false;
+        }
         was_noticed_ = was_noticed_ || (waited_ms > 0 && is_noticed());
         post_transmission_receiver_exist();
-        if (semaphore(consumer_side::frame_ready)->wait_steady(announce_every_ms) == 0) {
+        if (semaphore(consumer_side::frame_ready)->wait_steady(wait_ms) == 0) {
             return true;
         }
     }

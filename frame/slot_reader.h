@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -21,7 +22,7 @@ public:
     using ZAV_SHM_Stream_Receiver::ZAV_SHM_Stream_Receiver;
 
     enum class Take {
-        nothing,  // no frame within the time
+        nothing,  // no frame within the time, or the caller's patience was over
         frame,    // whole, or of a foreign producer
         torn,     // overwritten during the copy, and again during a second one
         invalid,  // its length field is beyond the slot
@@ -35,15 +36,19 @@ public:
     /// result of taking tells whether it was one whole frame.
     using Use = std::function<void(Received_Frame& frame, std::span<const std::byte> payload)>;
 
+    /// How much longer the caller is ready to wait; asked again and again.
+    using Patience = std::function<std::chrono::milliseconds()>;
+
     /// Announces this consumer, waits up to 30 ms for a frame and copies it.
     ///
+    /// @param patience  ends the wait when it is 0; null: none does
     /// @param frame  changed also when the result is not `frame`. Set are header, bytes, length,
     ///               received_ns and verified.
-    Take take(Received_Frame& frame);
+    Take take(Received_Frame& frame, const Patience& patience = {});
 
     /// The same with `use` in the place of the copy: it is called once, or twice when the first
     /// time proved torn. It holds up change_shm(), and the producer for 20 ms.
-    Take take_with(Received_Frame& frame, const Use& use);
+    Take take_with(Received_Frame& frame, const Use& use, const Patience& patience = {});
 
     /// True when the center has taken an announcement of the latest wait: this consumer is in a
     /// relay's list. Tells nothing right after an announcement: a cycle of the relay takes its
@@ -51,7 +56,7 @@ public:
     bool is_noticed() const;
 
 private:
-    bool wait_for_frame();
+    bool wait_for_frame(const Patience& patience);
     bool relay_has_gone_on() const;
     Take use_checked(Received_Frame& frame, const Use& use);
     Take use_once(Received_Frame& frame, const Use& use) const;

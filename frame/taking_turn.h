@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+
+namespace zav_shm {
+
+/// Whose turn it is to take frames off the slot: the application's own thread while it waits in
+/// receive(), which saves a hand-over from thread to thread for each frame, and else the
+/// subscriber's thread.
+///
+/// An application that is back in receive() at once gives the turn back without waking anybody:
+/// the subscriber's thread looks every few milliseconds whether it is needed, and the consumer's
+/// presence for the next frame is announced by then. One that works on each frame wakes the thread
+/// when it leaves.
+///
+/// Threads  one application, one subscriber's thread, any close.
+class Taking_Turn {
+public:
+    void open();
+
+    /// Nobody waits any more. Returns when the application has left.
+    void close();
+
+    /// The application's side. Waits until it is the application's turn, there is something queued,
+    /// or the time is over. While something is in the
+    /// way nobody takes it.
+    ///
+    /// @return true when it has the turn; leave() has to follow.
+    struct Reasons {
+        std::function<bool()> is_queued;
+        std::function<bool()> is_in_the_way;
+    };
+    bool enter(std::chrono::steady_clock::time_point end, const Reasons& reasons);
+    void leave();
+
+    /// Wakes the application, which waits in enter(), to ask for its reasons.
+    void tell();
+
+    /// The thread's side. Waits until nobody has the turn and the application does not want it, or
+    /// there is something else to do.
+    ///
+    /// @return true when it has the turn; step_back() has to follow. False also when closed.
+    bool stand_in(const std::function<bool()>& has_other_work);
+    void step_back();
+
+    /// The application waits for the turn that the thread has.
+    bool is_wanted();
+
+private:
+    enum class Holder { nobody, application, thread };
+
+    std::mutex mutex_;  // guards all below
+    std::condition_variable application_;
+    std::condition_variable thread_;
+    Holder holder_ = Holder::nobody;
+    std::chrono::steady_clock::time_point left_{};  // when the application left
+    bool is_quick_ = false;                         // the application was back at once
+    bool wanted_ = false;
+    bool closed_ = true;
+};
+
+}  // namespace zav_shm
