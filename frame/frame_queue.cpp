@@ -108,7 +108,7 @@ std::uint64_t Frame_Queue::push(Received_Frame& frame) {
         before_first_.leave_to(frame);
     }
     bytes_ += frame.length;
-    ring_[index(count_)] = std::move(frame);
+    ring_[index(count_)] = std::exchange(frame, {});
     frame.bytes = spare_buffer();
     ++count_;
     changed_.notify_one();
