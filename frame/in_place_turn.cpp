@@ -42,7 +42,9 @@ void In_Place_Turn::end(bool for_good) {
     if (for_good) {
         lent_ = nullptr;
     }
-    changed_.notify_all();
+    if (lent_ == nullptr) {
+        changed_.notify_all();
+    }
 }
 
 }  // namespace zav_shm
