@@ -28,6 +28,9 @@ Center_Lock::Center_Lock(std::string path, std::string guarded)
     : path_(std::move(path)), guarded_(std::move(guarded)) {}
 
 Outcome Center_Lock::take() {
+    if (file_.is_open()) {
+        return std::nullopt;
+    }
     for (int i = 0; i < attempts_max; ++i) {
         Descriptor file = open_file();
         if (!file.is_open()) {
@@ -41,18 +44,33 @@ Outcome Center_Lock::take() {
             return system_failure("lock " + path_, error,
                                   "it may be another user's: run as that user, or remove it");
         }
-        if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
-            const int error = errno;
-            return error == EWOULDBLOCK
-                       ? held_by(lock_holder(path_))
-                       : system_failure("lock " + path_, error, "check the file system");
+        if (Outcome failed = lock(std::move(file))) {
+            return failed;
         }
-        if (has_name(file)) {
-            file_ = std::move(file);
+        if (file_.is_open()) {
             return std::nullopt;
         }
     }
     return system_failure("lock " + path_, EAGAIN, "something removes it again and again");
+}
+
+Outcome Center_Lock::take_existing() {
+    Descriptor file(open(path_.c_str(), lock_flags));
+    return file.is_open() ? lock(std::move(file)) : find_holder();
+}
+
+// Keeps the file when that is still the one of this name.
+Outcome Center_Lock::lock(Descriptor file) {
+    if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno;
+        return error == EWOULDBLOCK
+                   ? held_by(lock_holder(path_))
+                   : system_failure("lock " + path_, error, "check the file system");
+    }
+    if (has_name(file)) {
+        file_ = std::move(file);
+    }
+    return std::nullopt;
 }
 
 Outcome Center_Lock::find_holder() const {
@@ -93,7 +111,8 @@ Failure Center_Lock::held_by(std::optional<pid_t> pid) const {
 }
 
 // The kernel's list knows the holder also of a file that may not be opened, and never names a
-// process that is dead.
+// process that is dead. Whoever reads it waits until every processor has switched tasks, which
+// takes seconds on a machine that is busy enough: not to be read where all is well.
 std::optional<pid_t> lock_holder(const std::string& path) {
     struct stat found {};
     if (lstat(path.c_str(), &found) != 0) {

@@ -25,11 +25,16 @@ public:
     Center_Lock(const Center_Lock&) = delete;
     Center_Lock& operator=(const Center_Lock&) = delete;
 
-    /// Takes the lock without waiting; the folder of the file has to be there.
+    /// Takes the lock without waiting, unless it is held here already; the folder of the file has
+    /// to be there.
     Outcome take();
 
+    /// The same when the file is there: a killed center has left it, or one that runs holds it.
+    /// Otherwise makes nothing; take() is still to come.
+    Outcome take_existing();
+
     /// The failure that take() would report because somebody holds the lock. Makes nothing and
-    /// takes nothing, not even for a moment.
+    /// takes nothing, not even for a moment; may last seconds on a busy machine.
     Outcome find_holder() const;
 
     /// Removes the file and gives the lock up, in this order, so that nobody can have locked the
@@ -38,6 +43,7 @@ public:
 
 private:
     Descriptor open_file() const;
+    Outcome lock(Descriptor file);
     bool has_name(const Descriptor& file) const;
     Failure held_by(std::optional<pid_t> pid) const;
 

@@ -60,18 +60,18 @@ Outcome Daemon::check() const {
     for (const std::string& warning : lock_limit_warning(inventory_)) {
         std::printf("warning: %s\n", warning.c_str());
     }
-    Outcome obstacle = find_obstacles(room);
+    Outcome held = find_holder();
+    Outcome obstacle = held ? held : find_obstacles(room);
     std::puts(obstacle ? "cannot start" : "can start");
     return obstacle;
 }
 
+Outcome Daemon::find_holder() const {
+    Outcome held = folder_lock_.find_holder();
+    return held ? held : queue_lock_.find_holder();
+}
+
 Outcome Daemon::find_obstacles(const Room& room) const {
-    if (Outcome held = folder_lock_.find_holder()) {
-        return held;
-    }
-    if (Outcome held = queue_lock_.find_holder()) {
-        return held;
-    }
     if (Outcome foreign = Access_Rights::check_leftovers(inventory_)) {
         return foreign;
     }
@@ -81,9 +81,6 @@ Outcome Daemon::find_obstacles(const Room& room) const {
 // ---- start and end ----
 
 Outcome Daemon::run() {
-    if (Outcome obstacle = find_obstacles(Room::for_start_of(inventory_))) {
-        return obstacle;
-    }
     Outcome failed = take_locks();
     if (!failed) {
         failed = queues_.prepare(rights_.file());
@@ -98,7 +95,17 @@ Outcome Daemon::run() {
     return failed;
 }
 
+// Nothing is made before it is clear that nobody else serves here and that nothing hinders.
 Outcome Daemon::take_locks() {
+    if (Outcome held = folder_lock_.take_existing()) {
+        return held;
+    }
+    if (Outcome held = queue_lock_.take_existing()) {
+        return held;
+    }
+    if (Outcome obstacle = find_obstacles(Room::for_start_of(inventory_))) {
+        return obstacle;
+    }
     if (Outcome failed = Access_Rights::prepare_folder(inventory_.segment_folder)) {
         return failed;
     }

@@ -33,6 +33,7 @@ public:
     Outcome run();
 
 private:
+    Outcome find_holder() const;
     Outcome find_obstacles(const Room& room) const;
     Outcome take_locks();
     void release_locks();

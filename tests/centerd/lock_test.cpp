@@ -54,7 +54,7 @@ TEST_F(Lock, is_taken_and_given_up_without_a_trace) {
 TEST_F(Lock, of_another_process_is_refused_naming_it) {
     const pid_t holder = start_holder();
     Center_Lock lock(path, "the thing");
-    for (const auto& refused : {lock.find_holder(), lock.take()}) {
+    for (const auto& refused : {lock.find_holder(), lock.take_existing(), lock.take()}) {
         ASSERT_TRUE(refused);
         EXPECT_EQ(refused->status, Exit_Status::already_running);
         ASSERT_EQ(refused->lines.size(), 1U);
@@ -77,6 +77,18 @@ TEST_F(Lock, of_a_killed_process_is_free) {
     Center_Lock lock(path, "the thing");
     EXPECT_FALSE(lock.take());
     lock.release();
+}
+
+TEST_F(Lock, whose_file_is_left_is_taken_and_that_of_none_is_not_made) {
+    Center_Lock lock(path, "the thing");
+    EXPECT_FALSE(lock.take_existing());
+    EXPECT_FALSE(exists("lock"));
+    kill_holder(start_holder());
+    EXPECT_FALSE(lock.take_existing());
+    EXPECT_EQ(lock_holder(path), getpid());
+    EXPECT_FALSE(lock.take()) << "it is held already";
+    lock.release();
+    EXPECT_FALSE(exists("lock"));
 }
 
 TEST_F(Lock, is_not_taken_through_a_link_or_on_a_folder) {
