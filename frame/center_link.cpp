@@ -9,6 +9,7 @@
 #include <csignal>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 #include "control/center_page.h"
 #include "control/center_status.h"
@@ -20,6 +21,9 @@ namespace zav_shm {
 namespace {
 
 constexpr const char* shared_memory_directory = "/dev/shm";
+
+// How often it is looked whether a center has come: a few system calls each time.
+constexpr std::chrono::milliseconds look_interval{50};
 
 using Outcome = Center_Link::Outcome;
 using Registration = Center_Link::Registration;
@@ -87,6 +91,7 @@ Json::Value Center_Link::request(const char* command) const {
 // twice.
 Registration Center_Link::register_end(std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
+    tried_epoch_ = epoch_of_center();
     if (!producer_.empty() && !has_left_) {
         const auto left = Control_Exchange::ask(request(control::command::deregister_end), limit);
         if (left.outcome != Control_Exchange::Outcome::replied) {
@@ -164,8 +169,12 @@ void Center_Link::remember(const Registration& made) {
     folder_ = made.segment.substr(0, made.segment.rfind('/'));
     semaphore_file_ = file_of_semaphore(made.sem_src);
     semaphore_ = inode_of(semaphore_file_);
+    epoch_ = epoch_of_center();
+}
+
+std::uint64_t Center_Link::epoch_of_center() const {
     const auto page = read_center_page(folder_);
-    epoch_ = page ? page->epoch : 0;
+    return page ? page->epoch : 0;
 }
 
 // The page tells a restarted daemon; the semaphore's file also tells a center that has no page.
@@ -184,6 +193,25 @@ bool Center_Link::center_is_gone() const {
     }
     const auto page = read_center_page(folder_);
     return !page || (kill(static_cast<pid_t>(page->pid), 0) != 0 && errno == ESRCH);
+}
+
+// The page is there once the center answers; a killed one's is removed by the next before it
+// begins, so what is met again was there at the attempt.
+bool Center_Link::center_has_come() {
+    const auto now = std::chrono::steady_clock::now();
+    if (now < next_look_) {
+        return false;
+    }
+    next_look_ = now + look_interval;
+    const std::uint64_t epoch = epoch_of_center();
+    return epoch != 0 && epoch != tried_epoch_;
+}
+
+void Center_Link::wait_for_center(std::chrono::steady_clock::time_point until) {
+    for (auto now = std::chrono::steady_clock::now(); now < until && !center_has_come();
+         now = std::chrono::steady_clock::now()) {
+        std::this_thread::sleep_until(std::min(until, now + look_interval));
+    }
 }
 
 void Backoff::failed() {

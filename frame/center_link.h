@@ -58,12 +58,20 @@ public:
     /// True when the page of the center names a process that is gone, or there is none.
     bool center_is_gone() const;
 
+    /// True once a center answers that has come up since the last attempt to register. Looks at
+    /// its page, at most every 50 ms; while nobody has registered yet at the usual place.
+    bool center_has_come();
+
+    /// Sleeps until then, or until a center has come.
+    void wait_for_center(std::chrono::steady_clock::time_point until);
+
     const std::string& producer() const { return producer_; }
 
 private:
     Registration read(const Control_Exchange::Answer& answer);
     Json::Value request(const char* command) const;
     void remember(const Registration& made);
+    std::uint64_t epoch_of_center() const;  // 0 without a page
 
     const char* type_;
     const std::string name_;
@@ -72,10 +80,12 @@ private:
     const int channel_;
     const int stream_;
 
-    std::string folder_;          // of the segments, as in their names: "/shm"
-    std::string semaphore_file_;  // the first one's file, and what it was at registration
+    std::string folder_ = "/shm";  // of the segments, as in their names; where the page lies
+    std::string semaphore_file_;   // the first one's file, and what it was at registration
     ino_t semaphore_ = 0;
-    std::uint64_t epoch_ = 0;  // of the center; 0 while it is unknown
+    std::uint64_t epoch_ = 0;        // of the center; 0 while it is unknown
+    std::uint64_t tried_epoch_ = 0;  // of the center at the last attempt; 0 when there was none
+    std::chrono::steady_clock::time_point next_look_{};
 };
 
 /// Delays between attempts: each twice the former, up to a greatest one.

@@ -192,16 +192,19 @@ public:
         if (entry == sent_.end()) {
             return false;
         }
-        const auto age = Clock::now() - entry->second;
         // Taken off the queue, it is answered within some relay cycles; or a center that started
-        // has thrown it away.
-        return age < (is_empty(requests) ? served_within : given_up_after);
+        // has thrown it away, and serves another queue or the rest of this one.
+        const Sent& sent = entry->second;
+        const State now = state_of(requests);
+        const bool may_wait =
+            now.waiting > 0 && now.id == sent.queue.id && now.server == sent.queue.server;
+        return Clock::now() - sent.at < (may_wait ? given_up_after : served_within);
     }
-    void sent(const std::string& text) {
+    void sent(const std::string& text, const ZAV_MSG_Q& requests) {
         if (sent_.size() >= remembered_max) {
             sent_.clear();
         }
-        sent_[text] = Clock::now();
+        sent_[text] = {Clock::now(), state_of(requests)};
     }
     void answered(const std::string& text) { sent_.erase(text); }
 
@@ -210,12 +213,25 @@ private:
     static constexpr std::chrono::milliseconds given_up_after{5000};
     static constexpr std::size_t remembered_max = 64;
 
-    static bool is_empty(const ZAV_MSG_Q& queue) {
+    struct State {
+        int id;
+        pid_t server;         // who took a request last
+        std::size_t waiting;  // how many there are
+    };
+    struct Sent {
+        Clock::time_point at;
+        State queue{};
+    };
+
+    static State state_of(const ZAV_MSG_Q& queue) {
         msqid_ds status{};
-        return msgctl(queue.id, IPC_STAT, &status) != 0 || status.msg_qnum == 0;
+        if (msgctl(queue.id, IPC_STAT, &status) != 0) {
+            return {queue.id, 0, 0};
+        }
+        return {queue.id, status.msg_lrpid, status.msg_qnum};
     }
 
-    std::map<std::string, Clock::time_point> sent_;
+    std::map<std::string, Sent> sent_;
 };
 
 Unanswered unanswered;
@@ -277,7 +293,7 @@ Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limi
         if (auto problem = send(queues.requests, text, end, limit)) {
             return *problem;
         }
-        unanswered.sent(text);
+        unanswered.sent(text, queues.requests);
     }
     Answer answer = receive(queues.replies, request, end, limit, judge);
     if (answer.outcome == Outcome::replied) {

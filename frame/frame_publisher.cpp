@@ -103,7 +103,7 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
     state_ = Frame_State::waiting_for_center;
     retry_.reset();
     while (!connect(std::max(left(), least_exchange)) && !refused_ && left() > 0ms) {
-        std::this_thread::sleep_until(std::min(retry_.next(), end));
+        link_.wait_for_center(std::min(retry_.next(), end));
     }
     return {state_, reason_, refused_};
 }
@@ -140,7 +140,13 @@ bool ZAV_SHM_Frame_Publisher::Body::be_connected() {
     if (writer_) {
         return true;
     }
-    return state_ != Frame_State::closed && retry_.is_due() && connect(inline_exchange);
+    if (state_ == Frame_State::closed) {
+        return false;
+    }
+    if (link_.center_has_come()) {
+        retry_.reset();
+    }
+    return retry_.is_due() && connect(inline_exchange);
 }
 
 // Called when nobody wanted a frame, which is also what a producer of a dead center sees.

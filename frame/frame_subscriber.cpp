@@ -39,6 +39,9 @@ constexpr std::chrono::milliseconds least_exchange = 20ms;
 // consumer while it was stopped.
 constexpr auto unnoticed_limit = 400ms;
 
+// How often it is looked for a center while there is none.
+constexpr auto retry_look = 50ms;
+
 // How often it is looked for another producer while the slot does not change.
 constexpr auto look_interval = 500ms;
 
@@ -77,7 +80,8 @@ private:
     bool use(const Center_Link::Registration& made);
     void run();
     bool is_closing() const;
-    void wait_for_retry();
+    void register_when_due();
+    bool wait_for_attempt();
     bool needs_thread();
     void take_as_thread();
     void take_as_application(Received_Frame& frame, Clock::time_point end);
@@ -144,7 +148,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     in_place_.open();
     turn_.open();
     while (!connect(std::max(left(), least_exchange)) && !refused_ && left() > 0ms) {
-        std::this_thread::sleep_until(std::min(retry_.next(), end));
+        link_.wait_for_center(std::min(retry_.next(), end));
     }
     Opened opened{state_, reason_, refused_};
     thread_ = std::thread([this] { run(); });
@@ -249,7 +253,7 @@ void ZAV_SHM_Frame_Subscriber::Body::run() {
             looks_ = false;
             turn_.tell();
         } else if (!reader()) {
-            wait_for_retry();
+            register_when_due();
         } else if (turn_.stand_in([this] { return needs_thread(); })) {
             take_as_thread();
             turn_.step_back();
@@ -270,30 +274,34 @@ std::shared_ptr<Slot_Reader> ZAV_SHM_Frame_Subscriber::Body::reader() const {
     return reader_;
 }
 
-// Until the next attempt is due, or pair() has asked for one; for as long as it takes while not
-// paired on purpose.
-void ZAV_SHM_Frame_Subscriber::Body::wait_for_retry() {
+void ZAV_SHM_Frame_Subscriber::Body::register_when_due() {
+    if (wait_for_attempt() && connect(exchange_limit)) {
+        turn_.tell();
+    }
+}
+
+// When an attempt is due, a center has come or pair() asks for one: at once. Otherwise it waits a
+// little; for as long as it takes while not paired on purpose.
+bool ZAV_SHM_Frame_Subscriber::Body::wait_for_attempt() {
+    bool due = false;
     Clock::time_point next;
     {
         const std::lock_guard guard(control_);
-        next = retry_.next();
-    }
-    {
-        std::unique_lock lock(small_);
-        const auto wakes = [this] { return closing_ || retries_now_; };
-        if (unpaired_) {
-            wake_.wait(lock, wakes);
-        } else {
-            wake_.wait_until(lock, next, wakes);
+        if (link_.center_has_come()) {
+            retry_.reset();
         }
-        retries_now_ = false;
-        if (closing_ || unpaired_) {
-            return;
-        }
+        due = retry_.is_due();
+        next = std::min(retry_.next(), Clock::now() + retry_look);
     }
-    if (connect(exchange_limit)) {
-        turn_.tell();
+    std::unique_lock lock(small_);
+    const auto wakes = [this] { return closing_ || retries_now_; };
+    if (unpaired_) {
+        wake_.wait(lock, wakes);
+    } else if (!due) {
+        wake_.wait_until(lock, next, wakes);
     }
+    due = std::exchange(retries_now_, false) || due;
+    return due && !closing_ && !unpaired_;
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::take_as_thread() {

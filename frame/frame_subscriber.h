@@ -81,7 +81,7 @@ public:
 
     /// Registers, waiting up to `center_wait` for a center, and starts the thread. Without a
     /// center, and also when refused, the subscriber stays open and its thread tries again with a
-    /// growing delay of 2 s at most.
+    /// growing delay of 2 s at most, and at once when a center comes.
     Opened open();
 
     /// Leaves the producer, ends the thread and drops what the queue holds; a blocked receive()

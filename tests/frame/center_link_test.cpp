@@ -3,9 +3,11 @@
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <thread>
 
 #include "../center/center_fixture.h"
+#include "control/center_page.h"
 #include "control/control_protocol.h"
 
 using namespace std::chrono_literals;
@@ -35,16 +37,33 @@ protected:
                      getpid());
     }
 
+    /// What a center answers to a consumer that it knows nothing about.
+    std::thread answer_leaving_and_registering() {
+        return std::thread([this] {
+            expect_request("deregister");
+            grant("deregister");
+            expect_request("register");
+            grant("register");
+        });
+    }
+
+    /// As another center's host does when that answers.
+    void publish_page(std::uint64_t epoch) {
+        leaves_segment("shm/center_page");
+        std::filesystem::create_directory("/dev/shm/shm");
+        zav_shm::Center_Page page;
+        page.epoch = epoch;
+        page.pid = static_cast<std::uint32_t>(getpid());
+        page.semaphore_bytes = sizeof(sem_t);
+        EXPECT_TRUE(zav_shm::write_center_page("/shm", page));
+        std::this_thread::sleep_for(60ms);  // it is looked for every 50 ms
+    }
+
     Center_Link link_{zav_shm::control::type::receiver, "PLAYER", "CAM_LOOP", 0, 0};
 };
 
 TEST_F(Link, of_a_consumer_leaves_before_it_registers) {
-    std::thread answering([this] {
-        expect_request("deregister");
-        grant("deregister");
-        expect_request("register");
-        grant("register");
-    });
+    std::thread answering = answer_leaving_and_registering();
     EXPECT_EQ(link_.register_end(5s).outcome, Outcome::registered);
     answering.join();
 }
@@ -66,15 +85,47 @@ TEST_F(Link, does_not_leave_again_behind_a_registration_that_is_answered_late) {
 
 TEST_F(Link, leaves_again_before_the_next_registration) {
     for (int time = 0; time < 2; ++time) {
-        std::thread answering([this] {
-            expect_request("deregister");
-            grant("deregister");
-            expect_request("register");
-            grant("register");
-        });
+        std::thread answering = answer_leaving_and_registering();
         EXPECT_EQ(link_.register_end(5s).outcome, Outcome::registered);
         answering.join();
     }
+}
+
+TEST_F(Link, notices_a_center_that_comes_after_an_attempt) {
+    EXPECT_FALSE(link_.center_has_come());
+    publish_page(1);
+    EXPECT_TRUE(link_.center_has_come());
+    EXPECT_EQ(link_.register_end(1ms).outcome, Outcome::no_center);
+    std::this_thread::sleep_for(60ms);
+    EXPECT_FALSE(link_.center_has_come()) << "the one that did not answer";
+    publish_page(2);
+    EXPECT_TRUE(link_.center_has_come());
+    EXPECT_FALSE(link_.center_has_come()) << "looks every 50 ms only";
+}
+
+TEST_F(Link, waits_for_a_center_until_the_time_is_over_or_it_comes) {
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + 80ms;
+    link_.wait_for_center(end);
+    EXPECT_GE(Clock::now(), end);
+    std::thread coming([this] { publish_page(1); });
+    const auto far_end = Clock::now() + 60s;
+    link_.wait_for_center(far_end);
+    EXPECT_LT(Clock::now(), far_end);
+    coming.join();
+}
+
+// The center that starts throws away what has waited for it, while others ask it already: what was
+// thrown away is asked for again.
+TEST_F(Link, repeats_what_another_server_of_the_queue_has_thrown_away) {
+    EXPECT_EQ(link_.register_end(10ms).outcome, Outcome::no_center);
+    std::this_thread::sleep_for(300ms);  // what is taken off is answered within that
+    EXPECT_EQ(link_.register_end(10ms).outcome, Outcome::no_center);
+    EXPECT_EQ(requests.messages(), 1U) << "still in the queue, and may be served";
+    expect_request("deregister");
+    client.send(R"({"command":"query_status"})");
+    EXPECT_EQ(link_.register_end(10ms).outcome, Outcome::no_center);
+    EXPECT_EQ(requests.messages(), 2U);
 }
 
 }  // namespace
