@@ -26,8 +26,7 @@ public:
     void close();
 
     /// The application's side. Waits until it is the application's turn, there is something queued,
-    /// or the time is over. While something is in the
-    /// way nobody takes it.
+    /// or the time is over. While something is in the way nobody takes it.
     ///
     /// @return true when it has the turn; leave() has to follow.
     struct Reasons {

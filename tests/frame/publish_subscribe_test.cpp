@@ -55,6 +55,26 @@ protected:
     }
 };
 
+// Of a producer and a consumer that are both at work.
+class Flowing_Frames : public Frames {
+protected:
+    void SetUp() override {
+        Frames::SetUp();
+        ASSERT_TRUE(player.open());
+        ASSERT_TRUE(camera.open());
+        ASSERT_TRUE(pass_one(camera, player, frame));
+    }
+    void TearDown() override {
+        player.close();
+        camera.close();
+        Frames::TearDown();
+    }
+
+    ZAV_SHM_Frame_Subscriber player{{.name = "PLAYER", .producer = "CAM_LOOP"}};
+    ZAV_SHM_Frame_Publisher camera{{.name = "CAM_LOOP"}};
+    Received_Frame frame;
+};
+
 TEST_F(Frames, arrive_byte_for_byte_with_what_was_said_of_them) {
     ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
     ZAV_SHM_Frame_Publisher camera(
@@ -124,13 +144,7 @@ TEST_F(Frames, can_be_written_in_place) {
     EXPECT_EQ(camera.commit(10).outcome, Publish_Outcome::no_consumer);
 }
 
-TEST_F(Frames, can_be_read_in_place_one_after_the_other) {
-    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
-    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
-    ASSERT_TRUE(player.open());
-    ASSERT_TRUE(camera.open());
-    Received_Frame frame;
-    ASSERT_TRUE(pass_one(camera, player, frame));
+TEST_F(Flowing_Frames, can_be_read_in_place_one_after_the_other) {
     const auto sent = payload(300, 5);
     std::atomic<bool> ends{false};
     std::thread producer([&] {
@@ -272,13 +286,7 @@ TEST_F(Frames, of_another_producer_come_after_pairing_while_a_thread_is_receivin
     EXPECT_TRUE(becomes_lonely(loop));
 }
 
-TEST_F(Frames, end_when_the_consumer_is_paired_with_none_and_come_again) {
-    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
-    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
-    ASSERT_TRUE(player.open());
-    ASSERT_TRUE(camera.open());
-    Received_Frame frame;
-    ASSERT_TRUE(pass_one(camera, player, frame));
+TEST_F(Flowing_Frames, end_when_the_consumer_is_paired_with_none_and_come_again) {
     EXPECT_FALSE(player.pair("NONE"));
     EXPECT_TRUE(becomes_lonely(camera));
     EXPECT_EQ(player.state(), Frame_State::waiting_for_producer);
@@ -343,13 +351,7 @@ TEST_F(Frames, closing_ends_a_blocked_receive_and_leaves_the_producer) {
     EXPECT_EQ(player.receive(frame, 0ms), Receive_Status::closed);
 }
 
-TEST_F(Frames, go_on_by_themselves_after_the_center_was_restarted) {
-    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
-    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
-    ASSERT_TRUE(player.open());
-    ASSERT_TRUE(camera.open());
-    Received_Frame frame;
-    ASSERT_TRUE(pass_one(camera, player, frame));
+TEST_F(Flowing_Frames, go_on_by_themselves_after_the_center_was_restarted) {
     stop();
     EXPECT_TRUE(becomes_lonely(camera));
     start();
@@ -360,13 +362,7 @@ TEST_F(Frames, go_on_by_themselves_after_the_center_was_restarted) {
     EXPECT_EQ(player.counters().recoveries, 1U);
 }
 
-TEST_F(Frames, go_on_after_the_consumer_was_kicked) {
-    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
-    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
-    ASSERT_TRUE(player.open());
-    ASSERT_TRUE(camera.open());
-    Received_Frame frame;
-    ASSERT_TRUE(pass_one(camera, player, frame));
+TEST_F(Flowing_Frames, go_on_after_the_consumer_was_kicked) {
     client.ask(
         R"({"command":"deregister","type":"Receiver","name":"PLAYER","channel":0,"stream":0})");
     ASSERT_TRUE(pass_one(camera, player, frame));

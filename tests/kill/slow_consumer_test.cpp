@@ -103,57 +103,40 @@ protected:
     }
 };
 
-TEST_F(Slow_Consumer, gets_every_frame_while_it_works_6_ms_at_30_fps) {
-    expect_every_frame(30, 6, true);
-}
-TEST_F(Slow_Consumer, gets_every_frame_while_it_works_12_ms_at_30_fps) {
-    expect_every_frame(30, 12, true);
-}
-TEST_F(Slow_Consumer, gets_every_frame_while_it_works_25_ms_at_30_fps) {
-    expect_every_frame(30, 25, true);
-}
-TEST_F(Slow_Consumer, gets_every_frame_while_it_works_6_ms_at_60_fps) {
-    expect_every_frame(60, 6, true);
-}
-TEST_F(Slow_Consumer, gets_every_frame_while_it_works_12_ms_at_60_fps) {
-    expect_every_frame(60, 12, true);
-}
-TEST_F(Slow_Consumer, gets_every_frame_while_it_works_25_ms_at_30_fps_alone) {
-    expect_every_frame(30, 25, false);
-}
-TEST_F(Slow_Consumer, gets_every_frame_while_it_works_12_ms_at_60_fps_alone) {
-    expect_every_frame(60, 12, false);
-}
+struct Work {
+    long fps;
+    int ms;
+    bool beside_a_fast_one;
+};
 
-TEST_F(Slow_Consumer, is_told_its_losses_of_25_ms_stalls_at_30_fps) {
-    expect_true_losses(30, 25ms);
+class Working_Consumer : public Slow_Consumer, public testing::WithParamInterface<Work> {};
+
+TEST_P(Working_Consumer, gets_every_frame) {
+    expect_every_frame(GetParam().fps, GetParam().ms, GetParam().beside_a_fast_one);
 }
-TEST_F(Slow_Consumer, is_told_its_losses_of_40_ms_stalls_at_30_fps) {
-    expect_true_losses(30, 40ms);
+INSTANTIATE_TEST_SUITE_P(With, Working_Consumer,
+                         testing::Values(Work{30, 6, true}, Work{30, 12, true}, Work{30, 25, true},
+                                         Work{60, 6, true}, Work{60, 12, true}, Work{30, 25, false},
+                                         Work{60, 12, false}),
+                         [](const auto& cell) {
+                             return std::to_string(cell.param.ms) + "_ms_at_" +
+                                    std::to_string(cell.param.fps) + "_fps" +
+                                    (cell.param.beside_a_fast_one ? "" : "_alone");
+                         });
+
+class Stalled_Consumer : public Slow_Consumer,
+                         public testing::WithParamInterface<std::tuple<long, int>> {};
+
+TEST_P(Stalled_Consumer, is_told_its_losses) {
+    const auto [fps, stall_ms] = GetParam();
+    expect_true_losses(fps, std::chrono::milliseconds(stall_ms));
 }
-TEST_F(Slow_Consumer, is_told_its_losses_of_60_ms_stalls_at_30_fps) {
-    expect_true_losses(30, 60ms);
-}
-TEST_F(Slow_Consumer, is_told_its_losses_of_100_ms_stalls_at_30_fps) {
-    expect_true_losses(30, 100ms);
-}
-TEST_F(Slow_Consumer, is_told_its_losses_of_500_ms_stalls_at_30_fps) {
-    expect_true_losses(30, 500ms);
-}
-TEST_F(Slow_Consumer, is_told_its_losses_of_25_ms_stalls_at_60_fps) {
-    expect_true_losses(60, 25ms);
-}
-TEST_F(Slow_Consumer, is_told_its_losses_of_40_ms_stalls_at_60_fps) {
-    expect_true_losses(60, 40ms);
-}
-TEST_F(Slow_Consumer, is_told_its_losses_of_60_ms_stalls_at_60_fps) {
-    expect_true_losses(60, 60ms);
-}
-TEST_F(Slow_Consumer, is_told_its_losses_of_100_ms_stalls_at_60_fps) {
-    expect_true_losses(60, 100ms);
-}
-TEST_F(Slow_Consumer, is_told_its_losses_of_500_ms_stalls_at_60_fps) {
-    expect_true_losses(60, 500ms);
-}
+INSTANTIATE_TEST_SUITE_P(With, Stalled_Consumer,
+                         testing::Combine(testing::Values(30L, 60L),
+                                          testing::Values(25, 40, 60, 100, 500)),
+                         [](const auto& cell) {
+                             return std::to_string(std::get<1>(cell.param)) + "_ms_at_" +
+                                    std::to_string(std::get<0>(cell.param)) + "_fps";
+                         });
 
 }  // namespace
