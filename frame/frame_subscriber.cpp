@@ -5,13 +5,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <utility>
 
-#include "control/control_protocol.h"
-#include "frame/center_link.h"
+#include "frame/consumer_link.h"
 #include "frame/frame_ledger.h"
 #include "frame/frame_queue.h"
 #include "frame/in_place_turn.h"
@@ -19,8 +16,7 @@
 #include "frame/taking_turn.h"
 
 using namespace std::chrono_literals;
-using zav_shm::Backoff;
-using zav_shm::Center_Link;
+using zav_shm::Consumer_Link;
 using zav_shm::Frame_State;
 using zav_shm::Received_Frame;
 using zav_shm::Slot_Reader;
@@ -39,9 +35,6 @@ constexpr std::chrono::milliseconds least_exchange = 20ms;
 // consumer while it was stopped.
 constexpr auto unnoticed_limit = 400ms;
 
-// How often it is looked for a center while there is none.
-constexpr auto retry_look = 50ms;
-
 // How often it is looked for another producer while the slot does not change.
 constexpr auto look_interval = 500ms;
 
@@ -59,8 +52,7 @@ public:
         : options_(std::move(options)),
           queue_({options_.queue_frames, options_.queue_bytes, options_.overflow}),
           ledger_(options_.start_at_key_frame, options_.key_frame_after_loss),
-          link_(zav_shm::control::type::receiver, options_.name, options_.producer,
-                options_.channel, options_.stream) {}
+          link_(options_.name, options_.producer, options_.channel, options_.stream) {}
 
     Opened open();
     void close(std::chrono::milliseconds limit);
@@ -68,51 +60,38 @@ public:
     zav_shm::Receive_Status read_in_place(const In_Place& by, std::chrono::milliseconds time) {
         return in_place_.read(by, time);
     }
-    Opened pair(const std::string& producer, std::chrono::milliseconds limit);
+    Opened pair(const std::string& producer, std::chrono::milliseconds limit) {
+        return link_.pair(producer, limit);
+    }
 
-    Frame_State state() const { return state_; }
+    Frame_State state() const { return link_.state(); }
     zav_shm::Subscriber_Counters counters() const;
 
 private:
-    using Clock = Backoff::Clock;
+    using Clock = std::chrono::steady_clock;
 
     bool connect(std::chrono::milliseconds limit);
-    bool use(const Center_Link::Registration& made);
     void run();
-    bool is_closing() const;
-    void register_when_due();
-    bool wait_for_attempt();
-    bool needs_thread();
+    bool needs_thread() const;
     void take_as_thread();
     void take_as_application(Received_Frame& frame, Clock::time_point end);
     void take_one(Slot_Reader& reader, const Slot_Reader::Patience& patience);
     void read_one(Slot_Reader& reader, const In_Place& by);
     void look_if_repeated();
-    void follow_pairing();
     void note(const Slot_Reader& reader, Slot_Reader::Take taken);
     bool is_wanted(Slot_Reader::Take taken);
-    std::shared_ptr<Slot_Reader> reader() const;
+
+    // When it was last so, but not before this registration.
+    Clock::time_point since(const std::atomic<Clock::time_point>& event) const {
+        return std::max(event.load(), link_.registered_at());
+    }
 
     const Options options_;
     zav_shm::Frame_Queue queue_;
     zav_shm::In_Place_Turn in_place_;
     zav_shm::Taking_Turn turn_;
     zav_shm::Frame_Ledger ledger_;
-    std::atomic<Frame_State> state_{Frame_State::closed};
-
-    std::mutex control_;  // held through exchanges; guards link_, retry_ and refused_
-    Center_Link link_;
-    Backoff retry_{50ms, 2000ms};
-    bool refused_ = false;
-    std::string reason_;  // why it is not connected; guarded by control_
-
-    mutable std::mutex small_;  // never held while waiting for anything; guards the next five
-    std::condition_variable wake_;
-    std::shared_ptr<Slot_Reader> reader_;  // null while not connected
-    bool closing_ = false;
-    bool retries_now_ = false;  // pair() wants the thread to register at once
-    bool unpaired_ = false;     // by pair("NONE"): not connected on purpose
-
+    Consumer_Link link_;
     std::thread thread_;  // open() and close()
 
     // Of whoever has the turn.
@@ -125,135 +104,65 @@ private:
     std::atomic<Clock::time_point> last_noticed_{};
     std::atomic<Clock::time_point> last_frame_{};
     std::atomic<bool> looks_{false};  // the thread is to look for another producer
-    bool was_connected_ = false;      // guarded by control_
 };
 
-// ---- standing with the center ----
+// ---- open and close ----
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     if (thread_.joinable()) {
-        const std::lock_guard guard(control_);
-        return {state_, reason_, refused_};
+        return link_.opened();
     }
     const auto end = Clock::now() + options_.center_wait;
     const auto left = [&end] {
         return std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
     };
-    state_ = Frame_State::waiting_for_center;
-    closing_ = retries_now_ = unpaired_ = false;
-    was_connected_ = false;
     looks_ = false;
+    link_.open();
     ledger_.begin_anew();
     queue_.open();
     in_place_.open();
     turn_.open();
-    while (!connect(std::max(left(), least_exchange)) && !refused_ && left() > 0ms) {
-        link_.wait_for_center(std::min(retry_.next(), end));
+    while (!connect(std::max(left(), least_exchange)) && !link_.opened().refused && left() > 0ms) {
+        link_.wait_for_retry(end);
     }
-    Opened opened{state_, reason_, refused_};
+    Opened opened = link_.opened();
     thread_ = std::thread([this] { run(); });
     return opened;
 }
 
 bool ZAV_SHM_Frame_Subscriber::Body::connect(std::chrono::milliseconds limit) {
-    const std::lock_guard guard(control_);
-    return use(link_.register_end(limit));
-}
-
-// Called with control_ held.
-bool ZAV_SHM_Frame_Subscriber::Body::use(const Center_Link::Registration& made) {
-    refused_ = made.outcome == Center_Link::Outcome::refused;
-    reason_ = made.reason;
-    std::shared_ptr<Slot_Reader> made_reader;
-    if (made) {
-        made_reader =
-            std::make_shared<Slot_Reader>(made.segment, made.sem_src, made.sem_dst, made.sem_exist);
-        if (!made_reader->is_usable()) {
-            made_reader.reset();
-            reason_ = "cannot use the segment or the semaphores of " + made.segment;
-        }
-    }
-    if (!made_reader) {
-        retry_.failed();
-        state_ = Frame_State::waiting_for_center;
-        return false;
-    }
-    reason_.clear();
-    retry_.reset();
-    last_noticed_ = last_frame_ = Clock::now();
-    {
-        const std::lock_guard guard(small_);
-        reader_ = std::move(made_reader);
-    }
-    state_ = Frame_State::connected;
-    if (std::exchange(was_connected_, true)) {
+    const Consumer_Link::Attempt attempt = link_.attempt(limit);
+    if (attempt == Consumer_Link::Attempt::again) {
         ledger_.recovered();
     }
-    return true;
-}
-
-ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
-    const std::string& producer, std::chrono::milliseconds limit) {
-    const std::lock_guard guard(control_);
-    const bool leave = producer == zav_shm::control::no_producer;
-    if (leave) {
-        link_.deregister_end(limit);
-        const std::lock_guard small(small_);
-        unpaired_ = true;
-        reader_.reset();
-        state_ = Frame_State::waiting_for_producer;
-        return {state_, {}, false};
-    }
-    const Center_Link::Registration made = link_.pair(producer, limit);
-    if (!made) {
-        return {Frame_State::waiting_for_center, made.reason,
-                made.outcome == Center_Link::Outcome::refused};
-    }
-    const std::lock_guard small(small_);
-    unpaired_ = false;
-    if (reader_) {
-        reader_->change_shm(made.segment.c_str());
-        state_ = Frame_State::connected;
-    } else {
-        retries_now_ = true;
-    }
-    wake_.notify_all();
-    return {Frame_State::connected, {}, false};
+    return attempt != Consumer_Link::Attempt::failed;
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
     if (!thread_.joinable()) {
         return;
     }
-    {
-        const std::lock_guard guard(small_);
-        closing_ = true;
-        wake_.notify_all();
-    }
+    link_.begin_to_close();
     queue_.close();
     in_place_.close();
     turn_.close();
     thread_.join();
-    const std::lock_guard guard(control_);
-    if (reader()) {
-        link_.deregister_end(limit);
-    }
-    const std::lock_guard small(small_);
-    reader_.reset();
-    state_ = Frame_State::closed;
+    link_.leave(limit);
 }
 
 // ---- the thread ----
 
 void ZAV_SHM_Frame_Subscriber::Body::run() {
     pthread_setname_np(pthread_self(), "zav_subscriber");
-    while (!is_closing()) {
+    while (!link_.is_closing()) {
         if (looks_) {
-            follow_pairing();
+            link_.follow_pairing();
             looks_ = false;
             turn_.tell();
-        } else if (!reader()) {
-            register_when_due();
+        } else if (!link_.reader()) {
+            if (link_.wait_for_attempt() && connect(exchange_limit)) {
+                turn_.tell();
+            }
         } else if (turn_.stand_in([this] { return needs_thread(); })) {
             take_as_thread();
             turn_.step_back();
@@ -262,53 +171,14 @@ void ZAV_SHM_Frame_Subscriber::Body::run() {
 }
 
 // What the application cannot do in receive(), as it may take longer than the time that it gave.
-bool ZAV_SHM_Frame_Subscriber::Body::needs_thread() { return looks_ || !reader(); }
-
-bool ZAV_SHM_Frame_Subscriber::Body::is_closing() const {
-    const std::lock_guard guard(small_);
-    return closing_;
-}
-
-std::shared_ptr<Slot_Reader> ZAV_SHM_Frame_Subscriber::Body::reader() const {
-    const std::lock_guard guard(small_);
-    return reader_;
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::register_when_due() {
-    if (wait_for_attempt() && connect(exchange_limit)) {
-        turn_.tell();
-    }
-}
-
-// When an attempt is due, a center has come or pair() asks for one: at once. Otherwise it waits a
-// little; for as long as it takes while not paired on purpose.
-bool ZAV_SHM_Frame_Subscriber::Body::wait_for_attempt() {
-    bool due = false;
-    Clock::time_point next;
-    {
-        const std::lock_guard guard(control_);
-        if (link_.center_has_come()) {
-            retry_.reset();
-        }
-        due = retry_.is_due();
-        next = std::min(retry_.next(), Clock::now() + retry_look);
-    }
-    std::unique_lock lock(small_);
-    const auto wakes = [this] { return closing_ || retries_now_; };
-    if (unpaired_) {
-        wake_.wait(lock, wakes);
-    } else if (!due) {
-        wake_.wait_until(lock, next, wakes);
-    }
-    due = std::exchange(retries_now_, false) || due;
-    return due && !closing_ && !unpaired_;
-}
+bool ZAV_SHM_Frame_Subscriber::Body::needs_thread() const { return looks_ || !link_.reader(); }
 
 void ZAV_SHM_Frame_Subscriber::Body::take_as_thread() {
     const auto patience = [this] {
-        return is_closing() || turn_.is_wanted() ? 0ms : producer_limit;
+        return link_.is_closing() || turn_.is_wanted() ? 0ms : producer_limit;
     };
-    for (auto current = reader(); current && patience() > 0ms && !looks_; current = reader()) {
+    for (auto current = link_.reader(); current && patience() > 0ms && !looks_;
+         current = link_.reader()) {
         if (const In_Place* const by = in_place_.begin()) {
             read_one(*current, *by);
         } else {
@@ -323,11 +193,11 @@ void ZAV_SHM_Frame_Subscriber::Body::take_as_application(Received_Frame& frame,
                                                          Clock::time_point end) {
     const auto patience = [this, end] {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
-        return is_closing() ? 0ms : left;
+        return link_.is_closing() ? 0ms : left;
     };
     std::swap(scratch_.bytes, frame.bytes);
-    for (auto current = reader(); current && patience() > 0ms && !looks_ && queue_.size() == 0;
-         current = reader()) {
+    for (auto current = link_.reader();
+         current && patience() > 0ms && !looks_ && queue_.size() == 0; current = link_.reader()) {
         take_one(*current, patience);
     }
     if (queue_.size() == 0) {
@@ -374,13 +244,11 @@ void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader
         wait_began_ = now;
         waits_noticed_ = false;
     }
-    if (now - last_frame_.load() > producer_limit) {
-        state_ = Frame_State::waiting_for_producer;
+    if (now - since(last_frame_) > producer_limit) {
+        link_.no_frame_comes();
     }
-    if (now - last_noticed_.load() > unnoticed_limit) {
-        state_ = Frame_State::waiting_for_center;
-        const std::lock_guard guard(small_);
-        reader_.reset();
+    if (now - since(last_noticed_) > unnoticed_limit) {
+        link_.nobody_answers();
     }
 }
 
@@ -388,20 +256,9 @@ void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader
 // else has paired this consumer with another producer, whose slot is looked for and taken.
 void ZAV_SHM_Frame_Subscriber::Body::look_if_repeated() {
     const auto now = Clock::now();
-    if (repeats_ && now - last_frame_.load() >= unnoticed_limit && now >= next_look_) {
+    if (repeats_ && now - since(last_frame_) >= unnoticed_limit && now >= next_look_) {
         next_look_ = now + look_interval;
         looks_ = true;
-    }
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::follow_pairing() {
-    const std::lock_guard guard(control_);
-    const std::string segment = link_.follow_pairing();
-    if (!segment.empty()) {
-        const std::lock_guard small(small_);
-        if (reader_) {
-            reader_->change_shm(segment.c_str());
-        }
     }
 }
 
@@ -415,7 +272,7 @@ bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken) {
     repeats_ = verdict == Verdict::repeated;
     if (!repeats_) {
         last_frame_ = Clock::now();
-        state_ = Frame_State::connected;
+        link_.frame_has_come();
     }
     return verdict == Verdict::hand_out;
 }

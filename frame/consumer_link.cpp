@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "frame/consumer_link.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "control/control_protocol.h"
+
+using namespace std::chrono_literals;
+
+namespace zav_shm {
+
+namespace {
+
+constexpr auto first_pause = 50ms;
+constexpr auto greatest_pause = 2000ms;
+
+// How often it is looked for a center while there is none.
+constexpr auto look_interval = 50ms;
+
+using Clock = Backoff::Clock;
+
+}  // namespace
+
+Consumer_Link::Consumer_Link(std::string name, std::string producer, int channel, int stream)
+    : link_(control::type::receiver, std::move(name), std::move(producer), channel, stream),
+      retry_(first_pause, greatest_pause) {}
+
+void Consumer_Link::open() {
+    const std::lock_guard guard(control_);
+    was_registered_ = false;
+    state_ = Frame_State::waiting_for_center;
+    const std::lock_guard small(small_);
+    closing_ = retries_now_ = unpaired_ = false;
+}
+
+void Consumer_Link::begin_to_close() {
+    const std::lock_guard guard(small_);
+    closing_ = true;
+    wake_.notify_all();
+}
+
+bool Consumer_Link::is_closing() const {
+    const std::lock_guard guard(small_);
+    return closing_;
+}
+
+void Consumer_Link::leave(std::chrono::milliseconds limit) {
+    const std::lock_guard guard(control_);
+    if (reader()) {
+        link_.deregister_end(limit);
+    }
+    const std::lock_guard small(small_);
+    reader_.reset();
+    state_ = Frame_State::closed;
+}
+
+// ---- registering ----
+
+Consumer_Link::Attempt Consumer_Link::attempt(std::chrono::milliseconds limit) {
+    const std::lock_guard guard(control_);
+    if (is_unpaired()) {
+        return Attempt::failed;
+    }
+    if (!use(link_.register_end(limit))) {
+        retry_.failed();
+        state_ = Frame_State::waiting_for_center;
+        return Attempt::failed;
+    }
+    retry_.reset();
+    state_ = Frame_State::connected;
+    return std::exchange(was_registered_, true) ? Attempt::again : Attempt::first;
+}
+
+bool Consumer_Link::is_unpaired() const {
+    const std::lock_guard guard(small_);
+    return unpaired_;
+}
+
+// Called with control_ held.
+bool Consumer_Link::use(const Center_Link::Registration& made) {
+    refused_ = made.outcome == Center_Link::Outcome::refused;
+    reason_ = made.reason;
+    if (!made) {
+        return false;
+    }
+    auto reader =
+        std::make_shared<Slot_Reader>(made.segment, made.sem_src, made.sem_dst, made.sem_exist);
+    if (!reader->is_usable()) {
+        reason_ = "cannot use the segment or the semaphores of " + made.segment;
+        return false;
+    }
+    reason_.clear();
+    registered_at_ = Clock::now();  // before anybody uses it
+    const std::lock_guard small(small_);
+    reader_ = std::move(reader);
+    return true;
+}
+
+Opened Consumer_Link::opened() const {
+    const std::lock_guard guard(control_);
+    return {state_, reason_, refused_};
+}
+
+void Consumer_Link::wait_for_retry(Clock::time_point end) {
+    link_.wait_for_center(std::min(retry_.next(), end));
+}
+
+bool Consumer_Link::wait_for_attempt() {
+    bool due = false;
+    Clock::time_point next;
+    {
+        const std::lock_guard guard(control_);
+        if (link_.center_has_come()) {
+            retry_.reset();
+        }
+        due = retry_.is_due();
+        next = std::min(retry_.next(), Clock::now() + look_interval);
+    }
+    std::unique_lock lock(small_);
+    const auto wakes = [this] { return closing_ || retries_now_; };
+    if (unpaired_) {
+        wake_.wait(lock, wakes);
+    } else if (!due) {
+        wake_.wait_until(lock, next, wakes);
+    }
+    due = std::exchange(retries_now_, false) || due;
+    return due && !closing_ && !unpaired_;
+}
+
+std::shared_ptr<Slot_Reader> Consumer_Link::reader() const {
+    const std::lock_guard guard(small_);
+    return reader_;
+}
+
+void Consumer_Link::nobody_answers() {
+    state_ = Frame_State::waiting_for_center;
+    const std::lock_guard guard(small_);
+    reader_.reset();
+}
+
+// ---- pairing ----
+
+Opened Consumer_Link::pair(const std::string& producer, std::chrono::milliseconds limit) {
+    const std::lock_guard guard(control_);
+    if (producer == control::no_producer) {
+        link_.deregister_end(limit);
+        const std::lock_guard small(small_);
+        unpaired_ = true;
+        reader_.reset();
+        state_ = Frame_State::waiting_for_producer;
+        return {state_, {}, false};
+    }
+    const Center_Link::Registration made = link_.pair(producer, limit);
+    if (!made) {
+        return {Frame_State::waiting_for_center, made.reason,
+                made.outcome == Center_Link::Outcome::refused};
+    }
+    const std::lock_guard small(small_);
+    unpaired_ = false;
+    if (reader_) {
+        reader_->change_shm(made.segment.c_str());
+        state_ = Frame_State::connected;
+    } else {
+        retries_now_ = true;
+    }
+    wake_.notify_all();
+    return {Frame_State::connected, {}, false};
+}
+
+void Consumer_Link::follow_pairing() {
+    const std::lock_guard guard(control_);
+    const std::string segment = link_.follow_pairing();
+    if (!segment.empty()) {
+        const std::lock_guard small(small_);
+        if (reader_) {
+            reader_->change_shm(segment.c_str());
+        }
+    }
+}
+
+}  // namespace zav_shm
