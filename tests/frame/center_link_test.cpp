@@ -48,13 +48,13 @@ protected:
     }
 
     /// As another center's host does when that answers.
-    void publish_page(std::uint64_t epoch) {
+    void publish_page(std::uint64_t epoch, std::uint32_t semaphore_bytes = sizeof(sem_t)) {
         leaves_segment("shm/center_page");
         std::filesystem::create_directory("/dev/shm/shm");
         zav_shm::Center_Page page;
         page.epoch = epoch;
         page.pid = static_cast<std::uint32_t>(getpid());
-        page.semaphore_bytes = sizeof(sem_t);
+        page.semaphore_bytes = semaphore_bytes;
         EXPECT_TRUE(zav_shm::write_center_page("/shm", page));
         std::this_thread::sleep_for(60ms);  // it is looked for every 50 ms
     }
@@ -113,6 +113,17 @@ TEST_F(Link, waits_for_a_center_until_the_time_is_over_or_it_comes) {
     link_.wait_for_center(far_end);
     EXPECT_LT(Clock::now(), far_end);
     coming.join();
+}
+
+TEST_F(Link, is_refused_by_a_center_of_another_word_size) {
+    publish_page(1, sizeof(sem_t) / 2);
+    std::thread answering = answer_leaving_and_registering();
+    const auto made = link_.register_end(5s);
+    answering.join();
+    EXPECT_EQ(made.outcome, Outcome::refused);
+    EXPECT_EQ(made.reason, "the center's semaphores have " + std::to_string(sizeof(sem_t) / 2) +
+                               " bytes and this process's " + std::to_string(sizeof(sem_t)) +
+                               ": 32- and 64-bit processes cannot share a channel");
 }
 
 // The center that starts throws away what has waited for it, while others ask it already: what was

@@ -168,6 +168,55 @@ TEST_F(Exchange, telling_returns_when_the_center_has_done_it) {
     EXPECT_EQ(replies.messages(), 0U);
 }
 
+TEST_F(Exchange, telling_without_a_center_fails_in_time) {
+    Json::Value request;
+    request["command"] = "kick_idle";
+    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Outcome::no_center);
+    requests.make();
+    replies.make();
+    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Outcome::no_center);
+    while (requests.send(std::string(1028, 'x'), 1, 0ms)) {
+    }
+    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Outcome::no_center);
+    request["name"] = std::string(2000, 'x');
+    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Outcome::failed);
+}
+
+TEST_F(Exchange, notices_that_the_queue_is_removed_while_it_waits) {
+    requests.make();
+    replies.make();
+    std::thread removing([this] {
+        requests.take(1);
+        replies.remove();
+    });
+    const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 10s);
+    removing.join();
+    EXPECT_EQ(answer.outcome, Outcome::no_center);
+    EXPECT_EQ(answer.reason(), "the center's queue was removed");
+}
+
+// Of many that were never answered only so many are remembered.
+TEST_F(Exchange, asks_on_after_many_requests_without_an_answer) {
+    requests.make();
+    replies.make();
+    for (int i = 0; i < 100; ++i) {
+        const auto answer = Control_Exchange::ask(query("NOBODY_" + std::to_string(i)), 1ms);
+        EXPECT_EQ(answer.outcome, Outcome::no_center);
+        EXPECT_TRUE(requests.take(1)) << i;
+    }
+}
+
+TEST_F(Exchange, whose_turn_does_not_come_ends_in_time) {
+    requests.make();
+    replies.make();
+    std::thread first([] { static_cast<void>(Control_Exchange::ask(query("FIRST"), 300ms)); });
+    EXPECT_TRUE(requests.take(1));
+    const auto answer = Control_Exchange::ask(query("SECOND"), 20ms);
+    EXPECT_EQ(answer.outcome, Outcome::no_center);
+    EXPECT_EQ(requests.messages(), 0U) << "it did not ask";
+    first.join();
+}
+
 TEST_F(Exchange, without_the_right_says_what_to_do) {
     start();
     const pid_t child = fork();

@@ -144,6 +144,19 @@ TEST_F(Frames, can_be_written_in_place) {
     EXPECT_EQ(camera.commit(10).outcome, Publish_Outcome::no_consumer);
 }
 
+TEST_F(Flowing_Frames, may_be_published_after_a_loan_that_was_not_used) {
+    const std::uint64_t last = frame.header.sequence;
+    EXPECT_TRUE(becomes_true([&] { return !camera.loan().empty(); }));
+    EXPECT_EQ(camera.commit(4097).outcome, Publish_Outcome::too_large);
+    EXPECT_TRUE(becomes_true([&] { return !camera.loan().empty(); }));
+    EXPECT_TRUE(camera.publish(payload(20, 3)).delivered());
+    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    EXPECT_EQ(frame.payload().size(), 20U);
+    EXPECT_EQ(frame.header.sequence, last + 1 + frame.lost);
+    camera.close();
+    EXPECT_EQ(camera.publish(payload(20, 3)).outcome, Publish_Outcome::no_center);
+}
+
 TEST_F(Flowing_Frames, can_be_read_in_place_one_after_the_other) {
     const auto sent = payload(300, 5);
     std::atomic<bool> ends{false};
@@ -266,6 +279,49 @@ TEST_F(Frames, of_the_present_stream_go_on_when_a_change_is_taken_back) {
     }
     player.close();
     EXPECT_EQ(player.receive(frame, 1s), Receive_Status::closed);
+}
+
+// Both streams have been taken when the application comes: the older pictures are not lost.
+TEST_F(Frames, of_the_present_stream_from_before_the_change_come_first) {
+    ZAV_SHM_Frame_Publisher main({.name = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher sub({.name = "CAM_LOOP", .stream = 1});
+    ASSERT_TRUE(main.open());
+    ASSERT_TRUE(sub.open());
+    ZAV_SHM_Frame_Dual_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"}, 1);
+    EXPECT_EQ(player.state(), Frame_State::closed);
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(player.select(ZAV_SHM_Frame_Dual_Subscriber::sub));
+    const zav_shm::Frame_Info key{.flags = zav_shm::frame_flag::key_frame};
+    EXPECT_TRUE(becomes_true([&] {
+        static_cast<void>(main.publish(payload(10, 1), key));
+        return player.counters(ZAV_SHM_Frame_Dual_Subscriber::main).queued == 3;
+    }));
+    EXPECT_TRUE(becomes_true([&] {
+        return sub.publish(payload(10, 2), key).delivered() &&
+               player.counters(ZAV_SHM_Frame_Dual_Subscriber::sub).queued == 1;
+    }));
+    Received_Frame frame;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+        EXPECT_EQ(frame.header.epoch, main.epoch()) << i;
+    }
+    EXPECT_EQ(player.changes(), 0U);
+    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    EXPECT_EQ(frame.header.epoch, sub.epoch());
+    EXPECT_EQ(player.changes(), 1U);
+    EXPECT_EQ(player.state(), Frame_State::connected);
+}
+
+TEST_F(Frames, of_the_stream_that_was_chosen_before_opening_come) {
+    ZAV_SHM_Frame_Dual_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"}, 1);
+    EXPECT_FALSE(player.select(ZAV_SHM_Frame_Dual_Subscriber::sub));
+    const Camera camera;
+    ASSERT_TRUE(player.open());
+    Received_Frame frame;
+    EXPECT_TRUE(becomes_true([&] {
+        return player.receive(frame, 1s) == Receive_Status::frame &&
+               frame.header.epoch == camera.epoch(1);
+    }));
 }
 
 TEST_F(Frames, of_another_producer_come_after_pairing_while_a_thread_is_receiving) {

@@ -152,6 +152,26 @@ TEST_F(Slot, writer_waits_once_for_a_slot_that_is_not_given_back) {
     EXPECT_TRUE(writer_->wait_for_consumer(5));
 }
 
+TEST_F(Slot, that_is_too_small_or_missing_is_not_usable) {
+    leaves_segment("shm/SMALL");
+    const IPC_SHMEMORY small("/shm/SMALL", O_CREAT | O_RDWR, 0600, 64);
+    const std::string& src = names_->sem_path_src;
+    const std::string& dst = names_->sem_path_dst;
+    const std::string& exist = names_->sem_path_exist;
+    EXPECT_FALSE(Slot_Writer("/shm/SMALL", src, dst, exist).is_usable());
+    EXPECT_FALSE(Slot_Writer("/shm/NONE", src, dst, exist).is_usable());
+    EXPECT_FALSE(Slot_Writer(names_->shm_path, "/NONE", dst, exist).is_usable());
+    EXPECT_FALSE(Slot_Reader("/shm/NONE", src, dst, exist).is_usable());
+    EXPECT_FALSE(Slot_Reader(names_->shm_path, src, "/NONE", exist).is_usable());
+    EXPECT_TRUE(writer_->is_usable());
+    EXPECT_TRUE(reader_->is_usable());
+
+    reader_->change_shm("/shm/SMALL");
+    relay_->post(zav_shm::consumer_side::frame_ready);
+    Received_Frame frame;
+    EXPECT_EQ(reader_->take(frame), Take::unmapped);
+}
+
 TEST_F(Slot, without_a_post_there_is_nothing) {
     Received_Frame frame;
     EXPECT_EQ(take(frame), Take::nothing);
