@@ -30,8 +30,9 @@
 //                                    sequence (0 becomes 1)
 //
 // Writer: commit = 0, fence, header and payload, commit = commit_of(sequence) with release.
-// Reader: load commit with acquire, copy, fence, load commit, sequence and epoch again. If one of
-// them differs, or commit was 0, the copy is torn: it is not handed out.
+// Reader: load epoch, fence, load commit with acquire, copy, fence, load commit with acquire, then
+// sequence and epoch again. If one of them differs from the copy, or commit was 0, the copy is
+// torn: it is not handed out.
 struct ZAV_SHM_Frame_Header {
     std::uint32_t magic;
     std::uint16_t version;

@@ -7,6 +7,7 @@
 #include "frame/monotonic_clock.h"
 #include "frame/payload_copy.h"
 #include "frame/slot_fence.h"
+#include "ipc/test_point.h"
 #include "stream/semaphore_roles.h"
 
 namespace zav_shm {
@@ -21,6 +22,8 @@ constexpr long frame_wait_ms = 30;
 constexpr long announce_every_ms = 4;
 
 constexpr std::size_t commit_offset = offsetof(ZAV_SHM_Frame_Header, commit);
+constexpr std::size_t sequence_offset = offsetof(ZAV_SHM_Frame_Header, sequence);
+constexpr std::size_t epoch_offset = offsetof(ZAV_SHM_Frame_Header, epoch);
 
 std::uint32_t load(const std::byte* slot, std::size_t offset, int order) {
     const void* const field = slot + offset;
@@ -28,12 +31,13 @@ std::uint32_t load(const std::byte* slot, std::size_t offset, int order) {
 }
 
 // In halves: a 64-bit load is not one instruction everywhere, and what is asked is only whether
-// the field is still the same.
-bool still_holds(const std::byte* slot, std::size_t offset, std::uint64_t value) {
-    std::uint32_t halves[2];
-    std::memcpy(halves, &value, sizeof halves);
-    return load(slot, offset, __ATOMIC_RELAXED) == halves[0] &&
-           load(slot, offset + sizeof halves[0], __ATOMIC_RELAXED) == halves[1];
+// the field is the same as at another time.
+std::uint64_t load_halves(const std::byte* slot, std::size_t offset) {
+    const std::uint32_t halves[2] = {load(slot, offset, __ATOMIC_RELAXED),
+                                     load(slot, offset + sizeof halves[0], __ATOMIC_RELAXED)};
+    std::uint64_t value = 0;
+    std::memcpy(&value, halves, sizeof value);
+    return value;
 }
 
 }  // namespace
@@ -116,12 +120,19 @@ Slot_Reader::Take Slot_Reader::use_checked(Received_Frame& frame, const Use& use
 
 Slot_Reader::Take Slot_Reader::use_once(Received_Frame& frame, const Use& use) const {
     ZAV_SHM_Frame_Header& header = frame.header;
+    // A producer that was started again may be writing its frame of the same number as the one that
+    // its predecessor completed. It has cleared commit before it writes its epoch: with an epoch
+    // that was there before, commit is that epoch's.
+    const std::uint64_t epoch = load_halves(slot(), epoch_offset);
+    acquire_fence();
     const std::uint32_t commit = load(slot(), commit_offset, __ATOMIC_ACQUIRE);
+    test_point("copy", "header");
     std::memcpy(&header, slot(), sizeof header);
     // A header that is seen here has its payload seen below; pairs with Slot_Writer::commit().
     acquire_fence();
     frame.verified = header.magic == frame_magic && header.version == frame_version;
-    if (frame.verified && (commit == 0 || commit != commit_of(header.sequence))) {
+    if (frame.verified &&
+        (commit == 0 || commit != commit_of(header.sequence) || epoch != header.epoch)) {
         return Take::torn;
     }
     if (header.payload_length > shm->size - frame_header_bytes) {
@@ -138,13 +149,14 @@ Slot_Reader::Take Slot_Reader::use_once(Received_Frame& frame, const Use& use) c
 }
 
 // The fence keeps the loads behind the reading of the payload; pairs with the one in
-// Slot_Writer::begin().
+// Slot_Writer::begin(). Commit is loaded before the others: behind them, a producer that has stored
+// these might complete its frame in between.
 bool Slot_Reader::still_holds_frame(const ZAV_SHM_Frame_Header& header,
                                     std::uint32_t commit) const {
     acquire_fence();
-    return load(slot(), commit_offset, __ATOMIC_RELAXED) == commit &&
-           still_holds(slot(), offsetof(ZAV_SHM_Frame_Header, sequence), header.sequence) &&
-           still_holds(slot(), offsetof(ZAV_SHM_Frame_Header, epoch), header.epoch);
+    return load(slot(), commit_offset, __ATOMIC_ACQUIRE) == commit &&
+           load_halves(slot(), sequence_offset) == header.sequence &&
+           load_halves(slot(), epoch_offset) == header.epoch;
 }
 
 }  // namespace zav_shm

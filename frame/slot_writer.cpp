@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "frame/slot_writer.h"
 
+#include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "frame/payload_copy.h"
 #include "frame/slot_fence.h"
@@ -14,6 +14,9 @@ namespace {
 
 // As for every producer: one frame at 30 frames per second.
 constexpr long slot_free_wait_ms = 33;
+
+// The relay waits 30 ms for a frame before it begins a cycle anew.
+constexpr long new_presence_wait_ms = 40;
 
 void store_commit(std::byte* slot, std::uint32_t commit, int order) {
     void* const field = slot + offsetof(ZAV_SHM_Frame_Header, commit);
@@ -41,11 +44,36 @@ std::size_t Slot_Writer::capacity() const { return shm->size - frame_header_byte
 // A relay that is still at the frame before gives the slot back for that one: taken for the next
 // frame's, it would have that one overwritten before anybody was told of it.
 bool Slot_Writer::wait_for_consumer(long ms) {
-    if (!std::exchange(is_given_back_, true) &&
-        semaphore(producer_side::slot_free)->wait_steady(ms) != 0) {
-        return false;
+    if (step_ == Step::late) {
+        const bool is_free = semaphore(producer_side::slot_free)->wait_steady(ms) == 0;
+        step_ = is_free ? Step::same : Step::unknown;
+        if (!is_free) {
+            return false;
+        }
+    }
+    if (step_ == Step::unknown) {
+        if (!fall_into_step(ms)) {
+            return false;
+        }
+        ms = std::max(ms, new_presence_wait_ms);
     }
     return semaphore(producer_side::consumer_present)->wait_steady(ms) == 0;
+}
+
+// A producer that comes in the middle of a frame must not take the presence that is posted already:
+// the slot would be given back for that frame while its own is being read, and it would stay one
+// frame ahead of the relay from then on. The presence behind it comes with the next cycle.
+bool Slot_Writer::fall_into_step(long ms) {
+    const SEM_CTRL& written = *semaphore(producer_side::frame_written);
+    if (written.value() > 0) {
+        semaphore(producer_side::slot_free)->wait_steady(ms);
+        if (written.value() > 0) {
+            return false;
+        }
+    }
+    semaphore(producer_side::consumer_present)->try_wait();
+    step_ = Step::same;
+    return true;
 }
 
 // The fence keeps the writes of header and payload behind the store of 0. With the magic in place
@@ -74,8 +102,8 @@ bool Slot_Writer::commit(const ZAV_SHM_Frame_Header& header) {
     SEM_CTRL& slot_free = *semaphore(producer_side::slot_free);
     slot_free.try_wait();
     post_transmission();
-    is_given_back_ = slot_free.wait_steady(slot_free_wait_ms) == 0;
-    return is_given_back_;
+    step_ = slot_free.wait_steady(slot_free_wait_ms) == 0 ? Step::same : Step::late;
+    return step_ == Step::same;
 }
 
 }  // namespace zav_shm

@@ -25,6 +25,10 @@ public:
 
     /// Waits up to `ms` milliseconds until a consumer is present; before that, if commit() returned
     /// false, until the relay is done with that frame.
+    ///
+    /// The first time, and after both waits for a slot were in vain, the relay may still be at a
+    /// frame that was posted before. Until it has taken that one nobody is present; then an old
+    /// presence does not count, and the new one is waited for up to 40 ms, once.
     bool wait_for_consumer(long ms);
 
     /// Takes the slot's frame back: from here to commit() it holds none.
@@ -44,8 +48,15 @@ public:
 
 private:
     std::byte* slot() const;
+    bool fall_into_step(long ms);
 
-    bool is_given_back_ = true;  // the relay is done with the latest frame
+    // Of the producer with its relay.
+    enum class Step {
+        unknown,
+        late,  // the relay has not given the slot back in time
+        same
+    };
+    Step step_ = Step::unknown;
 };
 
 }  // namespace zav_shm

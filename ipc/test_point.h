@@ -7,8 +7,8 @@
 //
 // The environment of the process says where: ZAV_SHM_TEST_POINT="PLACE OBJECT COUNT SIGNAL", for
 // instance "before_post SRC_0 40 9" for the fortieth time that a post on semaphore 0 of a
-// producer's side is due. Objects are SRC_0 ... DST_2 for posts, and "write" and "read" for the
-// place "copy".
+// producer's side is due. Objects are SRC_0 ... DST_2 for posts, and "write", "header" and "read"
+// for the place "copy".
 
 namespace zav_shm {
 
@@ -16,6 +16,10 @@ namespace zav_shm {
 /// semaphore.
 #ifdef ZAV_SHM_TEST_POINTS
 void test_point(const char* place, const char* object);
+
+/// Has a test's own function called at every place, on the thread that is there; null ends that.
+using Test_Hook = void (*)(const char* place, const char* object);
+void set_test_hook(Test_Hook hook);
 #else
 inline void test_point(const char* /*place*/, const char* /*object*/) {}
 #endif

@@ -9,6 +9,7 @@
 
 #include "frame/slot_reader.h"
 #include "frame/slot_writer.h"
+#include "ipc/test_point.h"
 #include "stream/semaphore_roles.h"
 #include "support/channel.h"
 #include "support/threads.h"
@@ -143,12 +144,60 @@ TEST_F(Slot, writer_waits_until_a_late_relay_has_given_the_slot_back) {
     EXPECT_EQ(relay_->value(zav_shm::producer_side::slot_free), 0);
 }
 
+// In the middle of its predecessor's frame: with that presence it would stay one frame ahead.
+TEST_F(Slot, writer_that_begins_does_not_count_an_old_presence) {
+    relay_->post(zav_shm::producer_side::consumer_present);
+    EXPECT_FALSE(writer_->wait_for_consumer(5));
+    relay_->post(zav_shm::producer_side::consumer_present);
+    EXPECT_TRUE(writer_->wait_for_consumer(5));
+}
+
+TEST_F(Slot, writer_that_begins_waits_until_the_relay_has_taken_the_frame_before) {
+    relay_->post(zav_shm::producer_side::frame_written);
+    relay_->post(zav_shm::producer_side::consumer_present);
+    EXPECT_FALSE(writer_->wait_for_consumer(5));
+    EXPECT_EQ(relay_->value(zav_shm::producer_side::consumer_present), 1);
+    EXPECT_TRUE(relay_->take(zav_shm::producer_side::frame_written));
+    EXPECT_FALSE(writer_->wait_for_consumer(5));
+    relay_->post(zav_shm::producer_side::consumer_present);
+    EXPECT_TRUE(writer_->wait_for_consumer(5));
+}
+
+#ifdef ZAV_SHM_TEST_POINTS
+// The first producer has completed its frame 1 and died. Its successor has written its own frame 1
+// as far as sequence and epoch when the reader, who has seen the first one's commit, copies the
+// header; and it completes it while the payload is being copied.
+TEST_F(Slot, of_a_successor_that_writes_the_same_number_is_torn) {
+    static ZAV_SHM_Frame_Header* slot = nullptr;
+    slot = header();
+    write(1, 1000);
+    zav_shm::set_test_hook([](const char* place, const char* object) {
+        const std::string where = std::string(place) + " " + object;
+        auto* const payload = reinterpret_cast<std::byte*>(slot + 1);
+        if (where == "copy header" && slot->epoch == 77) {
+            slot->commit = 0;
+            std::fill_n(payload, 500, std::byte{'B'});
+            slot->epoch = 78;
+        } else if (where == "copy read" && slot->commit == 0) {
+            slot->payload_length = 500;
+            slot->commit = 1;
+        }
+    });
+    Received_Frame frame;
+    const Take taken = reader_->take(frame);
+    zav_shm::set_test_hook(nullptr);
+    EXPECT_EQ(taken, Take::torn) << "epoch " << frame.header.epoch << ", length " << frame.length;
+}
+#endif
+
 // The post may never come: a relay that was stopped leaves it out.
 TEST_F(Slot, writer_waits_once_for_a_slot_that_is_not_given_back) {
     writer_->begin();
     EXPECT_FALSE(writer_->commit(header_of(1, 0)));
-    relay_->post(zav_shm::producer_side::consumer_present);
     EXPECT_FALSE(writer_->wait_for_consumer(5));
+    EXPECT_TRUE(relay_->take(zav_shm::producer_side::frame_written));
+    EXPECT_FALSE(writer_->wait_for_consumer(5));
+    relay_->post(zav_shm::producer_side::consumer_present);
     EXPECT_TRUE(writer_->wait_for_consumer(5));
 }
 
