@@ -25,6 +25,7 @@ test_packages=(
 check_packages=(
     clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
     shellcheck git
+    spin # scripts/model
 )
 
 is_installed() {
