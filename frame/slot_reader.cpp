@@ -40,6 +40,10 @@ std::uint64_t load_halves(const std::byte* slot, std::size_t offset) {
     return value;
 }
 
+bool is_ours(const ZAV_SHM_Frame_Header& header) {
+    return header.magic == frame_magic && header.version == frame_version;
+}
+
 }  // namespace
 
 bool Slot_Reader::is_usable() const {
@@ -130,7 +134,7 @@ Slot_Reader::Take Slot_Reader::use_once(Received_Frame& frame, const Use& use) c
     std::memcpy(&header, slot(), sizeof header);
     // A header that is seen here has its payload seen below; pairs with Slot_Writer::commit().
     acquire_fence();
-    frame.verified = header.magic == frame_magic && header.version == frame_version;
+    frame.verified = is_ours(header);
     if (frame.verified &&
         (commit == 0 || commit != commit_of(header.sequence) || epoch != header.epoch)) {
         return Take::torn;
@@ -145,7 +149,17 @@ Slot_Reader::Take Slot_Reader::use_once(Received_Frame& frame, const Use& use) c
     }
     use(frame, {slot() + frame_header_bytes, frame.length});
     frame.received_ns = monotonic_ns();
-    return !frame.verified || still_holds_frame(header, commit) ? Take::frame : Take::torn;
+    const bool same = frame.verified ? still_holds_frame(header, commit) : is_still_foreign();
+    return same ? Take::frame : Take::torn;
+}
+
+// What looked foreign may have been the header that one of our producers was just beginning.
+bool Slot_Reader::is_still_foreign() const {
+    acquire_fence();
+    ZAV_SHM_Frame_Header now = {};
+    const std::uint64_t begin = load_halves(slot(), 0);
+    std::memcpy(&now, &begin, sizeof begin);
+    return !is_ours(now);
 }
 
 // The fence keeps the loads behind the reading of the payload; pairs with the one in

@@ -60,6 +60,7 @@ private:
     bool relay_has_gone_on() const;
     Take use_checked(Received_Frame& frame, const Use& use);
     Take use_once(Received_Frame& frame, const Use& use) const;
+    bool is_still_foreign() const;
     bool still_holds_frame(const ZAV_SHM_Frame_Header& header, std::uint32_t commit) const;
     const std::byte* slot() const;
 

@@ -38,15 +38,15 @@ std::string short_name(const char* object) {
                                           : std::string(object);
 }
 
-std::atomic<Test_Hook> hook{nullptr};
+std::atomic<const Test_Hook*> hook{nullptr};
 
 }  // namespace
 
-void set_test_hook(Test_Hook wanted) { hook = wanted; }
+void set_test_hook(const Test_Hook* wanted) { hook = wanted; }
 
 void test_point(const char* place, const char* object) {
-    if (const Test_Hook call = hook) {
-        call(place, object);
+    if (const Test_Hook* const call = hook) {
+        (*call)(place, object);
     }
     static const Wanted wanted = read_environment();
     static std::atomic<long> left{wanted.count};

@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#ifdef ZAV_SHM_TEST_POINTS
+#include <functional>
+#include <string>
+#endif
+
 // Places at which a test makes a process end or stop, to see what the others make of it: before
 // and after each post, and in the middle of each copy. They exist in builds with the option
 // ZAV_SHM_TEST_POINTS only; in all others they are nothing.
@@ -18,8 +23,8 @@ namespace zav_shm {
 void test_point(const char* place, const char* object);
 
 /// Has a test's own function called at every place, on the thread that is there; null ends that.
-using Test_Hook = void (*)(const char* place, const char* object);
-void set_test_hook(Test_Hook hook);
+using Test_Hook = std::function<void(const std::string& place, const std::string& object)>;
+void set_test_hook(const Test_Hook* hook);
 #else
 inline void test_point(const char* /*place*/, const char* /*object*/) {}
 #endif

@@ -168,25 +168,41 @@ TEST_F(Slot, writer_that_begins_waits_until_the_relay_has_taken_the_frame_before
 // as far as sequence and epoch when the reader, who has seen the first one's commit, copies the
 // header; and it completes it while the payload is being copied.
 TEST_F(Slot, of_a_successor_that_writes_the_same_number_is_torn) {
-    static ZAV_SHM_Frame_Header* slot = nullptr;
-    slot = header();
     write(1, 1000);
-    zav_shm::set_test_hook([](const char* place, const char* object) {
-        const std::string where = std::string(place) + " " + object;
-        auto* const payload = reinterpret_cast<std::byte*>(slot + 1);
-        if (where == "copy header" && slot->epoch == 77) {
-            slot->commit = 0;
-            std::fill_n(payload, 500, std::byte{'B'});
-            slot->epoch = 78;
-        } else if (where == "copy read" && slot->commit == 0) {
-            slot->payload_length = 500;
-            slot->commit = 1;
+    const zav_shm::Test_Hook succeed = [this](const std::string& place, const std::string& object) {
+        const std::string where = place + " " + object;
+        if (where == "copy header" && header()->epoch == 77) {
+            header()->commit = 0;
+            std::fill_n(reinterpret_cast<std::byte*>(header() + 1), 500, std::byte{'B'});
+            header()->epoch = 78;
+        } else if (where == "copy read" && header()->commit == 0) {
+            header()->payload_length = 500;
+            header()->commit = 1;
         }
-    });
+    };
+    zav_shm::set_test_hook(&succeed);
     Received_Frame frame;
-    const Take taken = reader_->take(frame);
+    const Take taken = take(frame);
     zav_shm::set_test_hook(nullptr);
     EXPECT_EQ(taken, Take::torn) << "epoch " << frame.header.epoch << ", length " << frame.length;
+}
+
+// The first header of ours was being written when it was copied.
+TEST_F(Slot, that_was_foreign_before_one_of_ours_wrote_is_taken_again) {
+    header()->payload_length = 1000;
+    const zav_shm::Test_Hook begin = [this](const std::string& place, const std::string& object) {
+        if (place + " " + object == "copy read" && header()->magic == 0) {
+            write(1, 100);
+        }
+    };
+    zav_shm::set_test_hook(&begin);
+    relay_->post(zav_shm::consumer_side::frame_ready);
+    Received_Frame frame;
+    const Take taken = take(frame);
+    zav_shm::set_test_hook(nullptr);
+    ASSERT_EQ(taken, Take::frame);
+    EXPECT_TRUE(frame.verified);
+    EXPECT_EQ(frame.length, 100U);
 }
 #endif
 
