@@ -43,7 +43,7 @@ void report_failure(const std::string& name, int status) {
 Child_Processes::~Child_Processes() {
     for (const Child& child : children_) {
         if (child.pid > 0) {
-            kill(child.pid, SIGKILL);
+            ::kill(child.pid, SIGKILL);
             waitpid(child.pid, nullptr, 0);
         }
     }
@@ -83,6 +83,22 @@ bool Child_Processes::wait(std::size_t index) {
     cpu_microseconds_ += microseconds(usage.ru_utime) + microseconds(usage.ru_stime);
     context_switches_ += usage.ru_nvcsw + usage.ru_nivcsw;
     return child.succeeded;
+}
+
+void Child_Processes::signal(std::size_t index, int number) const {
+    if (const pid_t child = pid(index); child > 0) {  // -1 would mean every process
+        ::kill(child, number);
+    }
+}
+
+void Child_Processes::kill(std::size_t index) {
+    Child& child = children_.at(index);
+    if (child.pid > 0) {
+        ::kill(child.pid, SIGKILL);
+        waitpid(child.pid, nullptr, 0);
+        child.pid = -1;
+        child.succeeded = true;
+    }
 }
 
 bool Child_Processes::wait_all() {

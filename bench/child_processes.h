@@ -35,6 +35,15 @@ public:
     /// @return true when it returned 0.
     bool wait(std::size_t index);
 
+    /// Nothing happens when the child has been waited for, or never was.
+    void signal(std::size_t index, int number) const;
+
+    /// Ends the child with SIGKILL, stopped or not, and takes that for no failure.
+    void kill(std::size_t index);
+
+    /// @return -1 once it has been waited for, or when the fork failed.
+    pid_t pid(std::size_t index) const { return children_.at(index).pid; }
+
     /// Waits for all that are left.
     bool wait_all();
 
