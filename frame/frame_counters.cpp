@@ -30,7 +30,7 @@ std::int64_t Latency_Histogram::upper_bound_ns(std::size_t bucket) {
     if (bucket < sub_count) {
         return static_cast<std::int64_t>(bucket + 1) * ns_per_us;
     }
-    const std::size_t exponent = bucket / sub_count - 1;
+    const auto exponent = static_cast<unsigned>(bucket / sub_count - 1);
     const std::uint64_t mantissa = sub_count + bucket % sub_count;
     return static_cast<std::int64_t>((mantissa + 1) << exponent) * ns_per_us;
 }

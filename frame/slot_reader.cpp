@@ -98,7 +98,8 @@ bool Slot_Reader::wait_for_frame(const Patience& patience) {
     for (long waited_ms = 0; waited_ms < frame_wait_ms; waited_ms += announce_every_ms) {
         long wait_ms = announce_every_ms;
         if (patience) {
-            wait_ms = std::min<long>(wait_ms, patience().count());
+            // In 64 bits: a patience of 25 days does not fit into the long of a 32-bit target.
+            wait_ms = static_cast<long>(std::min<std::int64_t>(wait_ms, patience().count()));
         }
         if (wait_ms <= 0) {
             return false;

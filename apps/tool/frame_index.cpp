@@ -20,9 +20,9 @@ std::optional<Problem> Frame_Index::open() {
     return {};
 }
 
-void Frame_Index::add(int stream, std::uint64_t sequence, std::size_t bytes, bool is_key) {
-    if (stream_ && std::fprintf(stream_.get(), "%d %" PRIu64 " %zu %d\n", stream, sequence, bytes,
-                                is_key ? 1 : 0) < 0) {
+void Frame_Index::add(int stream, std::uint64_t sequence, std::uint64_t bytes, bool is_key) {
+    if (stream_ && std::fprintf(stream_.get(), "%d %" PRIu64 " %" PRIu64 " %d\n", stream, sequence,
+                                bytes, is_key ? 1 : 0) < 0) {
         error_ = error_ != 0 ? error_ : errno;
     }
 }

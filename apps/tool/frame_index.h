@@ -22,7 +22,7 @@ public:
 
     std::optional<Problem> open();
 
-    void add(int stream, std::uint64_t sequence, std::size_t bytes, bool is_key);
+    void add(int stream, std::uint64_t sequence, std::uint64_t bytes, bool is_key);
 
     /// @return what went wrong since open().
     std::optional<Problem> close();

@@ -1,7 +1,8 @@
 # shellcheck shell=bash
 # SPDX-License-Identifier: Apache-2.0
 #
-# What has to be installed, by the names of Debian 12's packages. To be sourced.
+# What has to be installed, by the names of Debian 12's packages. To be sourced, after
+# architectures.sh where packages of another architecture are among them.
 
 # Building the libraries and programs, and running them in namespaces of their own.
 # shellcheck disable=SC2034  # used by the scripts that source this file
@@ -28,16 +29,41 @@ check_packages=(
     spin # scripts/model
 )
 
+# What preset armhf needs beside test_packages. GStreamer and libsystemd cannot be installed for it
+# beside their native packages.
+# shellcheck disable=SC2034
+armhf_packages=(
+    g++-arm-linux-gnueabihf qemu-user
+    libjsoncpp-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libbenchmark-dev:armhf
+)
+
+# What preset i386 needs beside test_packages. Not gcc-multilib, which removes the compiler above.
+# shellcheck disable=SC2034
+i386_packages=(
+    gcc-12-multilib g++-12-multilib
+    libjsoncpp-dev:i386 libgtest-dev:i386 libgmock-dev:i386 libbenchmark-dev:i386
+)
+
+# is_installed <package>[:<architecture>]
+#
+# The architecture counts: with libjsoncpp-dev:armhf alone nothing links natively.
 is_installed() {
-    # The architecture counts: with libjsoncpp-dev:armhf alone nothing links here.
+    local architecture
+    architecture=$(dpkg --print-architecture)
+    [[ $1 != *:* ]] || architecture=${1#*:}
     dpkg-query --show --showformat='${db:Status-Status} ${Architecture}\n' "$1" 2>/dev/null |
-        grep -qE "^installed ($(dpkg --print-architecture)|all)\$"
+        grep -qE "^installed ($architecture|all)\$"
+}
+
+# foreign_architectures <package>...   those that are named behind a package, once each
+foreign_architectures() {
+    printf '%s\n' "$@" | sed -n 's/.*://p' | sort -u
 }
 
 # need_packages <package>...   installs those that are missing; apt is not touched, and root not
 #                              needed, when none is
 need_packages() {
-    local package missing=()
+    local package architecture missing=()
     for package in "$@"; do
         is_installed "$package" || missing+=("$package")
     done
@@ -45,10 +71,14 @@ need_packages() {
         return 0
     fi
     if ((EUID != 0)); then
-        printf '%s: packages are missing. As root:\n    apt-get install --no-install-recommends %s\n' \
-            "$0" "${missing[*]}" >&2
+        printf '%s: packages are missing. As root:\n' "$0" >&2
+        foreign_architectures "${missing[@]}" | sed 's/^/    dpkg --add-architecture /' >&2
+        printf '    apt-get install --no-install-recommends %s\n' "${missing[*]}" >&2
         return 1
     fi
+    for architecture in $(foreign_architectures "${missing[@]}"); do
+        allow_architecture "$architecture" || return 1
+    done
     export DEBIAN_FRONTEND=noninteractive
     local wait_for_lock=(-o DPkg::Lock::Timeout=120) # seconds
     apt-get --quiet "${wait_for_lock[@]}" update &&

@@ -4,8 +4,29 @@
 # Building and testing one preset of CMakePresets.json in build/<preset>. To be sourced; works in
 # the top folder of the tree.
 
+# build_preset <preset> [target]...
 build_preset() {
-    cmake --preset "$1" && cmake --build --preset "$1"
+    local preset=$1
+    shift
+    cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}
+}
+
+# What the short form of scripts/test builds: the layers without the daemon and the tool, whose
+# programs take as long to build as all these.
+# shellcheck disable=SC2034  # used by the scripts that source this file
+short_targets=(unit_tests frame_unit_tests ipc_tests frame_tests system_tests)
+
+# And what it leaves out: the programs that were not built, and of the tests with processes of
+# their own all but one with frames.
+short_left_out='_NOT_BUILT$|^(Consumers/At_Full_Rate|Disturbed)\.|At_Thirty_Per_Second\..*/[12]$'
+short_left_out+='|^(fuzz|install)\.'
+
+# left_out_on <preset>   regular expressions of the tests that tests/left_out.<preset> names
+left_out_on() {
+    local list=tests/left_out.$1
+    if [[ -f $list ]]; then
+        sed -nE 's/^([^# ]+) .*/\1/p' "$list"
+    fi
 }
 
 # What the sanitizers need at run time; a developer's own settings win.
@@ -28,20 +49,27 @@ without_randomised_addresses() {
     fi
 }
 
-# run_ctest <preset> <junit file> [ctest option]...
+# run_ctest <preset> <junit file> <left out> [ctest option]...
+#
+# Leaves out the tests that the regular expression matches, if it is not empty, and those that
+# left_out_on names.
 #
 # No system tests under ThreadSanitizer: it sees nothing that passes between processes, and
 # slows them beyond the times that they are about. Under AddressSanitizer those that are about
 # rates are left out; the other system tests run the same programs.
 run_ctest() {
-    local preset=$1 junit=$2
-    shift 2
-    local runner=() left_out=()
+    local preset=$1 junit=$2 names runner=() left_out=()
+    names=$(left_out_on "$preset" && printf '%s' "$3") || return 1
+    shift 3
     if [[ $preset == tsan ]]; then
         runner=(without_randomised_addresses)
         left_out=(--label-exclude '^system$')
     elif [[ $preset == asan ]]; then
-        left_out=(--exclude-regex '^(Consumers/|Disturbed\.|Client_Exchange\.|Frames_Through_Center\.)')
+        names+=$'\n^(Consumers/|Disturbed\.|Client_Exchange\.|Frames_Through_Center\.)'
+    fi
+    names=$(sed '/^$/d' <<<"$names" | paste -sd '|')
+    if [[ -n $names ]]; then
+        left_out+=(--exclude-regex "$names")
     fi
     export_sanitizer_options
     rm -f "$junit"

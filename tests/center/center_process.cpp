@@ -10,7 +10,7 @@ long cpu_ms_of(pid_t process) {
     timespec used{};
     EXPECT_EQ(clock_getcpuclockid(process, &clock), 0);
     EXPECT_EQ(clock_gettime(clock, &used), 0);
-    return used.tv_sec * 1000 + used.tv_nsec / 1'000'000;
+    return static_cast<long>(used.tv_sec) * 1000 + used.tv_nsec / 1'000'000;
 }
 
 }  // namespace

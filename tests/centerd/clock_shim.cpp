@@ -18,6 +18,16 @@
 
 namespace {
 
+// The calls that take this program's timespec; 32-bit kernels have others for 32-bit seconds.
+#ifdef SYS_clock_gettime64
+static_assert(sizeof(time_t) == 8);
+constexpr long gettime_call = SYS_clock_gettime64;
+constexpr long settime_call = SYS_timerfd_settime64;
+#else
+constexpr long gettime_call = SYS_clock_gettime;
+constexpr long settime_call = SYS_timerfd_settime;
+#endif
+
 std::atomic<int> shown_timer{-1};
 
 // Not by read(), which is shown otherwise below.
@@ -37,7 +47,7 @@ long seconds_ahead() {
 extern "C" {
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
-    const int result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    const int result = static_cast<int>(syscall(gettime_call, clock, now));
     if (result == 0 && clock == CLOCK_REALTIME) {
         const int error = errno;
         now->tv_sec += seconds_ahead();
@@ -56,7 +66,7 @@ int timerfd_create(int clock, int flags) noexcept {
 
 int timerfd_settime(int timer, int flags, const itimerspec* expiry, itimerspec* former) noexcept {
     if (timer != shown_timer) {
-        return static_cast<int>(syscall(SYS_timerfd_settime, timer, flags, expiry, former));
+        return static_cast<int>(syscall(settime_call, timer, flags, expiry, former));
     }
     return (flags & TFD_TIMER_CANCEL_ON_SET) != 0 ? 0 : -1;
 }

@@ -157,6 +157,28 @@ TEST_F(Flowing_Frames, may_be_published_after_a_loan_that_was_not_used) {
     EXPECT_EQ(camera.publish(payload(20, 3)).outcome, Publish_Outcome::no_center);
 }
 
+// More milliseconds than the long of a 32-bit target holds.
+TEST_F(Frames, come_to_a_receive_that_may_take_a_month) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    std::atomic<bool> has_come{false};
+    std::thread feeding([&] {
+        becomes_true([&] {
+            camera.publish(payload(10, 1));
+            return has_come.load();
+        });
+        player.close();  // ends the wait for frames that do not come
+    });
+    Received_Frame frame;
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(player.receive(frame, 24h * 30), Receive_Status::frame);
+    }
+    has_come = true;
+    feeding.join();
+}
+
 TEST_F(Flowing_Frames, can_be_read_in_place_one_after_the_other) {
     const auto sent = payload(300, 5);
     std::atomic<bool> ends{false};

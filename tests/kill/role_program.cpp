@@ -50,8 +50,9 @@ private:
 };
 
 std::size_t length_of(std::uint64_t sequence) {
-    const std::size_t span = greatest_bytes - least_bytes;
-    return (least_bytes + sequence * 7919 % span) / sizeof(std::uint64_t) * sizeof(std::uint64_t);
+    const auto beyond_least =
+        static_cast<std::size_t>(sequence * 7919 % (greatest_bytes - least_bytes));
+    return (least_bytes + beyond_least) / sizeof(std::uint64_t) * sizeof(std::uint64_t);
 }
 
 void fill(std::vector<std::byte>& payload, std::uint64_t epoch, std::uint64_t sequence) {

@@ -39,13 +39,13 @@ protected:
     Account account_of(int subscriber) {
         std::map<std::uint64_t, int> offered;
         const Frame_Log& sent = log_of_producer();
-        for (std::uint64_t i = 0; i < sent.count; ++i) {
+        for (std::size_t i = 0; i < sent.count; ++i) {
             ++offered[sent.entries.at(i).sequence];
         }
         Account account;
         const Frame_Log& log = log_of(subscriber);
         account.received = log.count;
-        for (std::uint64_t i = 1; i < log.count; ++i) {
+        for (std::size_t i = 1; i < log.count; ++i) {
             const auto& before = log.entries.at(i - 1);
             const auto& frame = log.entries.at(i);
             const auto missed = static_cast<std::uint64_t>(std::distance(

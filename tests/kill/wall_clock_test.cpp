@@ -33,7 +33,7 @@ TEST_F(Device, frames_flow_on_while_the_wall_clock_of_its_clients_is_set) {
     EXPECT_EQ(wrong_frames(), 0U);
     for (int i = 0; i < subscriber_count; ++i) {
         const Frame_Log& log = log_of(i);
-        for (std::uint64_t at = 60; at < log.count; ++at) {
+        for (std::size_t at = 60; at < log.count; ++at) {
             const std::int64_t before = log.entries.at(at - 1).ns;
             const std::int64_t gap = log.entries.at(at).ns - before;
             EXPECT_LT(gap - machine.stalled_ns(before, before + gap), 200'000'000);

@@ -12,14 +12,16 @@
 #include <cstdlib>
 #include <utility>
 
+#include "support/emulated.h"
 #include "support/threads.h"
 
 using Clock = std::chrono::steady_clock;
 
 Child_Process::Child_Process(const std::vector<std::string>& command) {
+    const std::vector<std::string> words = startable(command);
     std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
-    for (const auto& word : command) {
+    arguments.reserve(words.size() + 1);
+    for (const auto& word : words) {
         arguments.push_back(const_cast<char*>(word.c_str()));  // execv takes them so, unchanged
     }
     arguments.push_back(nullptr);

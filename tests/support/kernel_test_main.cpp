@@ -9,23 +9,28 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
+
+#include "support/emulated.h"
 
 namespace {
 
 [[noreturn]] void restart_in_private_namespaces(char** arguments) {
-    std::vector<char*> command;
-    static char launcher[] = ZAV_SHM_NAMESPACES_LAUNCHER;
-    static char self[] = "/proc/self/exe";
-    static char path[4096];
-    const ssize_t length = readlink(self, path, sizeof path - 1);
-    if (length > 0) {
-        path[length] = '\0';
+    const char* const launcher = ZAV_SHM_NAMESPACES_LAUNCHER;
+    char path[4096] = {};
+    if (readlink("/proc/self/exe", path, sizeof path - 1) < 0) {
+        std::perror("/proc/self/exe");
+        std::exit(EXIT_FAILURE);
     }
-    command.push_back(launcher);
-    command.push_back(path);
+    std::vector<std::string> words{launcher, path};
     for (char** argument = arguments + 1; *argument != nullptr; ++argument) {
-        command.push_back(*argument);
+        words.emplace_back(*argument);
+    }
+    words = startable(words);
+    std::vector<char*> command;
+    for (std::string& word : words) {
+        command.push_back(word.data());
     }
     command.push_back(nullptr);
     execv(launcher, command.data());

@@ -348,10 +348,11 @@ TEST_F(Tool_Frames, of_two_streams_in_turn_change_at_key_frames_only) {
         recorded.push_back(static_cast<std::byte>(character));
     }
     const auto units = split(zav_shm::media::Video_Codec::h264, recorded);
-    long changes = 0;
     const auto is_second = [](const Kept_Unit& unit) {
         return unit.bytes.size() > 4 && unit.bytes[4] == std::byte{0x09};
     };
+    ASSERT_FALSE(units.empty());
+    long changes = is_second(units[0]) ? 1 : 0;  // it begins with stream 0, wanting a frame of it
     for (std::size_t i = 1; i < units.size(); ++i) {
         if (is_second(units[i]) != is_second(units[i - 1])) {
             ++changes;

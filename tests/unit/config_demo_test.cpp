@@ -16,7 +16,7 @@ protected:
     /// Runs the program; its standard error goes to the file `errors`.
     int run(const std::string& arguments) {
         const std::string command =
-            "'" ZAV_SHM_CONFIG_DEMO "' " + arguments + " 2>'" + path("errors") + "'";
+            ZAV_SHM_CONFIG_DEMO " " + arguments + " 2>'" + path("errors") + "'";
         FILE* pipe = popen(command.c_str(), "r");
         output.clear();
         std::array<char, 4096> buffer{};
