@@ -14,6 +14,8 @@
 
 #include "stream/relay.h"
 
+#include <pthread.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <iostream>
@@ -90,6 +92,11 @@ void* fun_transmission_stream(void* arg) {
 // ---- the relay cycle ----
 
 int SHM_Stream_Transmission::transmission_frame() {
+    // A body that does not look at `stopping_` comes again and again, and a cycle waits nowhere any
+    // more: without this there would be no place left at which it can be cancelled.
+    if (stopping_) {
+        pthread_testcancel();
+    }
     {
         const std::lock_guard guard(*lock);
         if (!distributor_list.empty()) {

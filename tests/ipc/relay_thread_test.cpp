@@ -143,6 +143,23 @@ TEST_F(Relay_Thread, routine_that_never_looks_is_cancelled) {
     }
 }
 
+// From the request on no cycle waits, and only waits were places to be cancelled at.
+TEST_F(Relay_Thread, routine_that_goes_on_after_the_request_to_stop_is_cancelled) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "cancellation and ThreadSanitizer do not go together";
+#endif
+    turns = 0;
+    const auto source = make_source();
+    const auto writer = make_writer("PLAYER");
+    SHM_Stream_Transmission relay(source.get());
+    relay.insert_distributor(writer.get());
+    ASSERT_EQ(relay.run(turn_for_ever), 0);
+    EXPECT_TRUE(becomes_true([] { return turns > 0; }));
+    relay.request_stop();
+    const auto before = turns.load();
+    EXPECT_TRUE(becomes_true([before] { return turns > before + 1; }));
+}
+
 TEST_F(Relay_Thread, second_run_and_null_routine_are_refused) {
     SHM_Stream_Transmission relay;
     EXPECT_EQ(relay.run(nullptr), EINVAL);
