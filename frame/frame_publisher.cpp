@@ -30,8 +30,10 @@ namespace {
 // when it lives.
 constexpr auto inline_exchange = 50ms;
 
-// What open() gives it when it is to lose no time.
+// What open() gives it at a time: when it is to lose no time, and so that what a starting center
+// has thrown away is asked for again.
 constexpr std::chrono::milliseconds least_exchange = 20ms;
+constexpr std::chrono::milliseconds open_exchange = 200ms;
 
 // As for every producer: nobody present within 10 ms means that nobody wants this frame.
 constexpr long presence_wait_ms = 10;
@@ -102,7 +104,8 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
     };
     state_ = Frame_State::waiting_for_center;
     retry_.reset();
-    while (!connect(std::max(left(), least_exchange)) && !refused_ && left() > 0ms) {
+    while (!connect(std::clamp<std::chrono::milliseconds>(left(), least_exchange, open_exchange)) &&
+           !refused_ && left() > 0ms) {
         link_.wait_for_center(std::min(retry_.next(), end));
     }
     return {state_, reason_, refused_};

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -76,7 +77,7 @@ private:
     void take_as_thread();
     void take_as_application(Received_Frame& frame, Clock::time_point end);
     void take_one(Slot_Reader& reader, const Slot_Reader::Patience& patience);
-    void read_one(Slot_Reader& reader, const In_Place& by);
+    void take_or_read_one(Slot_Reader& reader, const Slot_Reader::Patience& patience);
     void look_if_repeated();
     void note(const Slot_Reader& reader, Slot_Reader::Take taken);
     bool is_wanted(Slot_Reader::Take taken);
@@ -122,7 +123,9 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     queue_.open();
     in_place_.open();
     turn_.open();
-    while (!connect(std::max(left(), least_exchange)) && !link_.opened().refused && left() > 0ms) {
+    while (
+        !connect(std::clamp<std::chrono::milliseconds>(left(), least_exchange, exchange_limit)) &&
+        !link_.opened().refused && left() > 0ms) {
         link_.wait_for_retry(end);
     }
     Opened opened = link_.opened();
@@ -179,12 +182,8 @@ void ZAV_SHM_Frame_Subscriber::Body::take_as_thread() {
     };
     for (auto current = link_.reader(); current && patience() > 0ms && !looks_;
          current = link_.reader()) {
-        if (const In_Place* const by = in_place_.begin()) {
-            read_one(*current, *by);
-        } else {
-            take_one(*current, patience);
-            turn_.tell();
-        }
+        take_or_read_one(*current, patience);
+        turn_.tell();
     }
 }
 
@@ -216,19 +215,33 @@ void ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader,
     look_if_repeated();
 }
 
-void ZAV_SHM_Frame_Subscriber::Body::read_one(Slot_Reader& reader, const In_Place& by) {
-    bool used = false;
+// Who gets the frame is decided when it has come: a reader in place that came in the meantime is
+// not passed over.
+void ZAV_SHM_Frame_Subscriber::Body::take_or_read_one(Slot_Reader& reader,
+                                                      const Slot_Reader::Patience& patience) {
     repeats_ = false;
-    const Slot_Reader::Take taken =
-        reader.take_with(scratch_, [&](const Received_Frame& frame, auto payload) {
-            used = true;
-            by.read(frame, payload);
-        });
+    std::optional<const In_Place*> lent;
+    const Slot_Reader::Take taken = reader.take_with(
+        scratch_,
+        [this, &lent](Received_Frame& frame, std::span<const std::byte> payload) {
+            lent = lent ? lent : in_place_.begin();
+            if (*lent != nullptr) {
+                frame.bytes.clear();
+                (*lent)->read(frame, payload);
+            } else {
+                Slot_Reader::copy(frame, payload);
+            }
+        },
+        patience);
     const bool whole = is_wanted(taken);
-    if (whole) {
-        ledger_.handed_out();
+    if (lent && *lent != nullptr) {
+        if (whole) {
+            ledger_.handed_out();
+        }
+        in_place_.end(!(*lent)->judged(scratch_, whole));
+    } else if (whole) {
+        ledger_.dropped(queue_.push(scratch_));
     }
-    in_place_.end(used && !by.judged(scratch_, whole));
     note(reader, taken);
     look_if_repeated();
 }

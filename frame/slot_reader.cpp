@@ -14,12 +14,13 @@ namespace zav_shm {
 
 namespace {
 
-// How long a consumer waits before it announces itself again; the same for every consumer.
-constexpr long frame_wait_ms = 30;
+// How often a consumer that waits looks whether its announcement was taken, and announces itself
+// again. A relay that has taken it asks for the next one when it has passed a frame on, which this
+// consumer then hears of, or has waited 30 ms for one: with 20 ms, the next one is always there in
+// time. Each look costs a waking.
+constexpr long announce_every_ms = 20;
 
-// Within that, how often it announces itself again. A relay that has waited in vain for a late
-// frame has used the announcements up, and asks for new ones for 5 ms only.
-constexpr long announce_every_ms = 4;
+constexpr long frame_wait_ms = 2 * announce_every_ms;
 
 constexpr std::size_t commit_offset = offsetof(ZAV_SHM_Frame_Header, commit);
 constexpr std::size_t sequence_offset = offsetof(ZAV_SHM_Frame_Header, sequence);
@@ -61,13 +62,14 @@ bool Slot_Reader::is_noticed() const {
     return was_noticed_ || semaphore(consumer_side::consumer_present)->value() == 0;
 }
 
+void Slot_Reader::copy(Received_Frame& into, std::span<const std::byte> payload) {
+    if (into.bytes.size() < payload.size()) {
+        into.bytes.resize(payload.size());
+    }
+    copy_payload(into.bytes.data(), payload, "read");
+}
+
 Slot_Reader::Take Slot_Reader::take(Received_Frame& frame, const Patience& patience) {
-    const auto copy = [](Received_Frame& into, std::span<const std::byte> payload) {
-        if (into.bytes.size() < payload.size()) {
-            into.bytes.resize(payload.size());
-        }
-        copy_payload(into.bytes.data(), payload, "read");
-    };
     return take_with(frame, copy, patience);
 }
 

@@ -39,7 +39,10 @@ public:
     /// How much longer the caller is ready to wait; asked again and again.
     using Patience = std::function<std::chrono::milliseconds()>;
 
-    /// Announces this consumer, waits up to 30 ms for a frame and copies it.
+    /// Makes room in the frame's bytes and copies the payload there.
+    static void copy(Received_Frame& into, std::span<const std::byte> payload);
+
+    /// Announces this consumer, waits up to 40 ms for a frame and copies it.
     ///
     /// @param patience  ends the wait when it is 0; null: none does
     /// @param frame  changed also when the result is not `frame`. Set are header, bytes, length,

@@ -9,7 +9,7 @@ namespace {
 
 // How late the thread stands in for an application that did not come back as quickly as before.
 // The relay waits 20 ms for a frame to be read.
-constexpr auto look_interval = 8ms;
+constexpr auto look_interval = 12ms;
 
 // An application that was away for longer than this works on its frames.
 constexpr auto quick_limit = 500us;

@@ -179,6 +179,21 @@ TEST_F(Frames, come_to_a_receive_that_may_take_a_month) {
     feeding.join();
 }
 
+TEST_F(Flowing_Frames, go_to_a_reader_in_place_that_came_while_one_was_waited_for) {
+    const ZAV_SHM_Frame_Subscriber::In_Place once{
+        .read = [](const Received_Frame&, std::span<const std::byte>) {},
+        .judged = [](const Received_Frame&, bool whole) { return !whole; }};
+    for (int i = 0; i < 20; ++i) {
+        std::thread feeding([this] {
+            std::this_thread::sleep_for(3ms);
+            EXPECT_TRUE(becomes_true([this] { return camera.publish(payload(9, 1)).delivered(); }));
+        });
+        EXPECT_EQ(player.read_in_place(once, 1s), Receive_Status::frame) << i;
+        feeding.join();
+    }
+    EXPECT_EQ(player.receive(frame, 0ms), Receive_Status::timeout) << "nothing went to the queue";
+}
+
 TEST_F(Flowing_Frames, can_be_read_in_place_one_after_the_other) {
     const auto sent = payload(300, 5);
     std::atomic<bool> ends{false};
