@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bench/relay_bench_options.h"
 
-#include <getopt.h>
-
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 
+#include "bench/command_line.h"
 #include "bench/frame_processes.h"
 #include "bench/frame_stamp.h"
 
@@ -31,18 +29,6 @@ constexpr const char* usage =
     "  --layers        beside the endpoints the safe layer, with copies and in place\n"
     "  --csv           comma-separated values\n";
 
-/// The option's value, if it is a number within the limits; otherwise says what is wrong.
-std::optional<double> number(const char* option, const char* text, double least, double most) {
-    char* end = nullptr;
-    const double value = std::strtod(text, &end);
-    if (end == text || *end != '\0' || !(value >= least && value <= most)) {
-        std::fprintf(stderr, "--%s is \"%s\", but has to be a number from %g to %.0f\n", option,
-                     text, least, most);
-        return {};
-    }
-    return value;
-}
-
 bool placement(const char* text, Placement& chosen) {
     const auto known = placement_named(text);
     if (!known) {
@@ -61,15 +47,15 @@ bool apply(int option, const char* text, Relay_Bench_Options& options) {
     std::optional<double> value;
     switch (option) {
         case 's':
-            value = number("seconds", text, least_seconds, most_seconds);
+            value = number_option("seconds", text, least_seconds, most_seconds);
             options.seconds = value.value_or(0);
             return value.has_value();
         case 'b':
-            value = number("size", text, least_payload_bytes, most_payload_bytes);
+            value = number_option("size", text, least_payload_bytes, most_payload_bytes);
             options.payload_bytes = {static_cast<std::size_t>(value.value_or(0))};
             return value.has_value();
         case 'c':
-            value = number("consumers", text, 1, consumers_max);
+            value = number_option("consumers", text, 1, consumers_max);
             options.consumers = {static_cast<int>(value.value_or(0))};
             return value.has_value();
         case 'p':
@@ -97,20 +83,10 @@ std::optional<Relay_Bench_Options> read_options(int argc, char** argv, int& exit
                                               {"help", no_argument, nullptr, 'h'},
                                               {}}};
     Relay_Bench_Options options;
-    exit_status = EXIT_SUCCESS;
-    for (int found = 0; (found = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
-        if (found == 'h') {
-            std::fputs(usage, stdout);
-            return {};
-        }
-        if (!apply(found, optarg, options)) {
-            exit_status = EXIT_FAILURE;
-            return {};
-        }
-    }
-    if (optind < argc) {
-        std::fprintf(stderr, "Unexpected argument \"%s\"\n%s", argv[optind], usage);
-        exit_status = EXIT_FAILURE;
+    const auto apply_one = [&options](int letter, const char* text) {
+        return apply(letter, text, options);
+    };
+    if (!read_command_line(argc, argv, known, usage, apply_one, exit_status)) {
         return {};
     }
     return options;

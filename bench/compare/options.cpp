@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bench/compare/options.h"
 
-#include <getopt.h>
-
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 
+#include "bench/command_line.h"
 #include "bench/compare/frame_pattern.h"
 #include "bench/compare/plan.h"
 #include "bench/compare/run_page.h"
@@ -37,18 +35,6 @@ constexpr const char* usage =
     "  --quick         less than 40 seconds: one size, one round, 4 cameras instead of 17\n"
     "  --csv FILE      every figure, one line per cell and system\n";
 
-/// The option's value, if it is a number within the limits; otherwise says what is wrong.
-std::optional<double> number(const char* option, const char* text, double least, double most) {
-    char* end = nullptr;
-    const double value = std::strtod(text, &end);
-    if (end == text || *end != '\0' || !(value >= least && value <= most)) {
-        std::fprintf(stderr, "--%s is \"%s\", but has to be a number from %g to %.0f\n", option,
-                     text, least, most);
-        return {};
-    }
-    return value;
-}
-
 bool is_part(const std::string& text) {
     for (const Part part : {Part::paced, Part::full_rate, Part::stopped, Part::device}) {
         if (text == name_of(part)) {
@@ -75,19 +61,19 @@ bool apply_number(int option, const char* text, Options& options) {
     std::optional<double> value;
     switch (option) {
         case 's':
-            value = number("seconds", text, least_seconds, most_seconds);
+            value = number_option("seconds", text, least_seconds, most_seconds);
             options.seconds = value.value_or(0);
             break;
         case 'r':
-            value = number("rounds", text, 1, most_rounds);
+            value = number_option("rounds", text, 1, most_rounds);
             options.rounds = static_cast<int>(value.value_or(1));
             break;
         case 'b':
-            value = number("size", text, least_payload_bytes, most_payload_bytes);
+            value = number_option("size", text, least_payload_bytes, most_payload_bytes);
             options.payload_bytes = {static_cast<std::size_t>(value.value_or(0))};
             break;
         case 'n':
-            value = number("consumers", text, 1, most_consumers);
+            value = number_option("consumers", text, 1, most_consumers);
             options.consumers = {static_cast<int>(value.value_or(1))};
             break;
         default:
@@ -129,20 +115,10 @@ std::optional<Options> read_options(int argc, char** argv, int& exit_status) {
                                                {"help", no_argument, nullptr, 'h'},
                                                {}}};
     Options options;
-    exit_status = EXIT_SUCCESS;
-    for (int found = 0; (found = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
-        if (found == 'h') {
-            std::fputs(usage, stdout);
-            return {};
-        }
-        if (!apply(found, optarg, options)) {
-            exit_status = EXIT_FAILURE;
-            return {};
-        }
-    }
-    if (optind < argc) {
-        std::fprintf(stderr, "Unexpected argument \"%s\"\n%s", argv[optind], usage);
-        exit_status = EXIT_FAILURE;
+    const auto apply_one = [&options](int letter, const char* text) {
+        return apply(letter, text, options);
+    };
+    if (!read_command_line(argc, argv, known, usage, apply_one, exit_status)) {
         return {};
     }
     return options;
