@@ -23,6 +23,18 @@ inline constexpr const char* small_configuration = R"({
                  {"name": "DEAF", "channel": 1, "stream": []}]
 })";
 
+/// A request that every center answers, and that changes nothing.
+inline constexpr const char* farewell = R"({"command":"deregister","type":"Distributor"})";
+
+/// What a center prints when it can not deliver a reply.
+inline constexpr const char* send_failure = "SHM_Center Send Msg Fail\nSend Fail\n";
+
+/// A message as the control queues carry it.
+struct Message_Record {
+    long type;
+    char text[1028];
+};
+
 /// Fixture of tests with a center anywhere: announces what a center of some configuration leaves
 /// below /dev/shm, and removes both control queues, which nobody else does.
 class Control_Queues : public Kernel_Objects {

@@ -13,8 +13,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-const std::string farewell = R"({"command":"deregister","type":"Distributor"})";
-
 // A center with idle relays takes some 10 ms a second, a spinning one all it can get.
 constexpr long cpu_ms_max = 300;
 

@@ -150,13 +150,6 @@ protected:
     }
 };
 
-struct Record {
-    long type;
-    char text[1028];
-};
-
-const char* const both_lines = "SHM_Center Send Msg Fail\nSend Fail\n";
-
 TEST_F(Replies, raw_bytes_travel_unchanged) {
     const std::string bytes("a\0b\xff", 4);
     EXPECT_EQ(center->shm_center_reply_msg(bytes.data(), 4, 77), 0);
@@ -203,12 +196,12 @@ TEST_F(Replies, text_of_1024_bytes_is_sent_and_a_longer_one_is_not) {
         const std::string printed =
             output_of([&] { result = center->shm_center_reply_msg(std::string(length, 'x'), 77); });
         EXPECT_EQ(result, -1) << length;
-        EXPECT_EQ(printed, both_lines) << length;
+        EXPECT_EQ(printed, send_failure) << length;
     }
     EXPECT_EQ(replies.messages(), 0U);
 }
 
-TEST_F(Replies, impossible_ones_fail_with_both_lines) {
+TEST_F(Replies, impossible_ones_fail_with_send_failure) {
     const auto printed_for = [](const auto& send) {
         int result = 0;
         const std::string printed = output_of([&] { result = send(); });
@@ -216,17 +209,18 @@ TEST_F(Replies, impossible_ones_fail_with_both_lines) {
         return printed;
     };
     EXPECT_EQ(printed_for([&] { return center->shm_center_reply_msg("text", -1, 77); }),
-              both_lines);
+              send_failure);
     EXPECT_EQ(printed_for([&] { return center->shm_center_reply_msg(nullptr, 4, 77); }),
-              both_lines);
-    EXPECT_EQ(printed_for([&] { return center->shm_center_reply_msg("text", 4, 0); }), both_lines);
+              send_failure);
+    EXPECT_EQ(printed_for([&] { return center->shm_center_reply_msg("text", 4, 0); }),
+              send_failure);
     EXPECT_EQ(printed_for([&] { return center->shm_center_reply_msg("text", 4, -77); }),
-              both_lines);
+              send_failure);
     EXPECT_EQ(replies.messages(), 0U);
 }
 
 TEST_F(Replies, record_is_sent_with_the_size_that_is_given) {
-    Record record{77, "text and more"};
+    Message_Record record{77, "text and more"};
     EXPECT_EQ(center->send_q(&record, 4), 0);
     EXPECT_EQ(Raw_Client(77).reply(), "text");
     EXPECT_EQ(center->send_q(&record, 1028), 0);
@@ -234,7 +228,7 @@ TEST_F(Replies, record_is_sent_with_the_size_that_is_given) {
 }
 
 TEST_F(Replies, record_that_cannot_be_sent_prints_one_line) {
-    Record record{0, "text"};
+    Message_Record record{0, "text"};
     int result = 0;
     EXPECT_EQ(output_of([&] { result = center->send_q(&record, 4); }),
               "SHM_Center Send Msg Fail\n");

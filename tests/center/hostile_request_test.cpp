@@ -8,7 +8,6 @@
 
 namespace {
 
-const char* const send_failure = "SHM_Center Send Msg Fail\nSend Fail\n";
 const char* const too_long = "Recv Error, Argument list too long\n";
 
 class Hostile_Request : public Center {

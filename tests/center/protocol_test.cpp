@@ -2,9 +2,6 @@
 //
 // What travels on the two queues, apart from the meaning of each command. Expected replies stand
 // as they travel, indented by tabs.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "center_fixture.h"
 
 namespace {
@@ -23,27 +20,13 @@ protected:
     }
 };
 
-// An answer that costs nothing, to a producer that leaves.
-const std::string farewell = R"({"command":"deregister","type":"Distributor"})";
 const std::string farewell_reply = R"({
 	"command" : "deregister",
 	"status" : "success"
 })";
 
-const char* const send_failure = "SHM_Center Send Msg Fail\nSend Fail\n";
-
 std::string signed_farewell(const std::string& pid) {
     return R"({"command":"deregister","type":"Distributor","pid":)" + pid + "}";
-}
-
-// The number of a process that has been and is gone.
-pid_t gone_pid() {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        _exit(0);
-    }
-    waitpid(pid, nullptr, 0);
-    return pid;
 }
 
 // ---- queues and records ----
@@ -195,10 +178,9 @@ TEST_F(Protocol, case_of_a_type_counts) {
 // ---- addressing ----
 
 TEST_F(Protocol, request_without_a_pid_above_zero_prints_the_failed_send) {
-    const std::string unsigned_farewell = R"({"command":"deregister","type":"Distributor"})";
     for (const std::string& text :
-         {unsigned_farewell, signed_farewell("0"), signed_farewell("-1"), signed_farewell("null"),
-          signed_farewell("-2147483648"), signed_farewell("0.9")}) {
+         {std::string(farewell), signed_farewell("0"), signed_farewell("-1"),
+          signed_farewell("null"), signed_farewell("-2147483648"), signed_farewell("0.9")}) {
         EXPECT_EQ(output_while([&] { client.send(text); }), send_failure) << text;
         EXPECT_EQ(replies.messages(), 0U) << text;
     }

@@ -1,28 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A reply queue without room, and queues that are removed under a running center.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "center_fixture.h"
 
 namespace {
 
-const char* const send_failure = "SHM_Center Send Msg Fail\nSend Fail\n";
-
 // Refused with a reply of some 500 bytes, so that few replies fill the queue.
 const std::string long_query =
     R"({"command":"query_shm","type":"Receiver","name":")" + std::string(430, 'x') + "\"}";
-
-// The number of a process that has been and is gone.
-long gone_pid() {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        _exit(0);
-    }
-    waitpid(pid, nullptr, 0);
-    return pid;
-}
 
 // ---- replies that nobody takes ----
 

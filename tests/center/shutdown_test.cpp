@@ -8,8 +8,6 @@
 
 namespace {
 
-const std::string farewell = R"({"command":"deregister","type":"Distributor"})";
-
 std::size_t threads_called(const std::string& wanted) {
     std::size_t count = 0;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -135,11 +133,6 @@ protected:
     }
 };
 
-struct Record {
-    long type;
-    char text[1028];
-};
-
 const std::string registration =
     R"({"command":"register","type":"Receiver","name":"PLAYER","pair_name":"CAM_LOOP","pid":77})";
 
@@ -169,7 +162,7 @@ TEST_F(After_Shutdown, kicking_does_nothing) {
 }
 
 TEST_F(After_Shutdown, record_is_not_sent) {
-    Record record{77, "text"};
+    Message_Record record{77, "text"};
     EXPECT_EQ(quietly([&] { return center->send_q(&record, 4); }), -1);
 }
 
@@ -185,7 +178,7 @@ TEST_F(After_Shutdown, replies_are_not_sent) {
 
 TEST_F(After_Shutdown, requests_are_not_received) {
     client.send_signed(farewell);
-    Record record{};
+    Message_Record record{};
     EXPECT_EQ(quietly([&] { return center->recv_q(&record, 1028); }), -1);
 }
 

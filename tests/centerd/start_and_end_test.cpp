@@ -15,7 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
-const std::string farewell = R"({"command":"deregister","type":"Distributor"})";
 const std::string register_player =
     R"({"command":"register","type":"Receiver","name":"PLAYER","pair_name":"CAM_LOOP",)"
     R"("channel":0,"stream":0})";

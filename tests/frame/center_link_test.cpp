@@ -12,7 +12,6 @@
 
 using namespace std::chrono_literals;
 using zav_shm::Center_Link;
-using Outcome = Center_Link::Outcome;
 
 namespace {
 
@@ -64,7 +63,7 @@ protected:
 
 TEST_F(Link, of_a_consumer_leaves_before_it_registers) {
     std::thread answering = answer_leaving_and_registering();
-    EXPECT_EQ(link_.register_end(5s).outcome, Outcome::registered);
+    EXPECT_EQ(link_.register_end(5s).outcome, Center_Link::Outcome::registered);
     answering.join();
 }
 
@@ -75,18 +74,18 @@ TEST_F(Link, does_not_leave_again_behind_a_registration_that_is_answered_late) {
         expect_request("deregister");
         grant("deregister");
     });
-    EXPECT_EQ(link_.register_end(100ms).outcome, Outcome::no_center);
+    EXPECT_EQ(link_.register_end(100ms).outcome, Center_Link::Outcome::no_center);
     answering.join();
     expect_request("register");
     grant("register");
-    EXPECT_EQ(link_.register_end(5s).outcome, Outcome::registered);
+    EXPECT_EQ(link_.register_end(5s).outcome, Center_Link::Outcome::registered);
     EXPECT_EQ(requests.messages(), 0U);
 }
 
 TEST_F(Link, leaves_again_before_the_next_registration) {
     for (int time = 0; time < 2; ++time) {
         std::thread answering = answer_leaving_and_registering();
-        EXPECT_EQ(link_.register_end(5s).outcome, Outcome::registered);
+        EXPECT_EQ(link_.register_end(5s).outcome, Center_Link::Outcome::registered);
         answering.join();
     }
 }
@@ -95,7 +94,7 @@ TEST_F(Link, notices_a_center_that_comes_after_an_attempt) {
     EXPECT_FALSE(link_.center_has_come());
     publish_page(1);
     EXPECT_TRUE(link_.center_has_come());
-    EXPECT_EQ(link_.register_end(1ms).outcome, Outcome::no_center);
+    EXPECT_EQ(link_.register_end(1ms).outcome, Center_Link::Outcome::no_center);
     std::this_thread::sleep_for(60ms);
     EXPECT_FALSE(link_.center_has_come()) << "the one that did not answer";
     publish_page(2);
@@ -120,7 +119,7 @@ TEST_F(Link, is_refused_by_a_center_of_another_word_size) {
     std::thread answering = answer_leaving_and_registering();
     const auto made = link_.register_end(5s);
     answering.join();
-    EXPECT_EQ(made.outcome, Outcome::refused);
+    EXPECT_EQ(made.outcome, Center_Link::Outcome::refused);
     EXPECT_EQ(made.reason, "the center's semaphores have " + std::to_string(sizeof(sem_t) / 2) +
                                " bytes and this process's " + std::to_string(sizeof(sem_t)) +
                                ": 32- and 64-bit processes cannot share a channel");
@@ -129,13 +128,13 @@ TEST_F(Link, is_refused_by_a_center_of_another_word_size) {
 // The center that starts throws away what has waited for it, while others ask it already: what was
 // thrown away is asked for again.
 TEST_F(Link, repeats_what_another_server_of_the_queue_has_thrown_away) {
-    EXPECT_EQ(link_.register_end(10ms).outcome, Outcome::no_center);
+    EXPECT_EQ(link_.register_end(10ms).outcome, Center_Link::Outcome::no_center);
     std::this_thread::sleep_for(300ms);  // what is taken off is answered within that
-    EXPECT_EQ(link_.register_end(10ms).outcome, Outcome::no_center);
+    EXPECT_EQ(link_.register_end(10ms).outcome, Center_Link::Outcome::no_center);
     EXPECT_EQ(requests.messages(), 1U) << "still in the queue, and may be served";
     expect_request("deregister");
     client.send(R"({"command":"query_status"})");
-    EXPECT_EQ(link_.register_end(10ms).outcome, Outcome::no_center);
+    EXPECT_EQ(link_.register_end(10ms).outcome, Center_Link::Outcome::no_center);
     EXPECT_EQ(requests.messages(), 2U);
 }
 

@@ -11,7 +11,6 @@
 
 using namespace std::chrono_literals;
 using zav_shm::Control_Exchange;
-using Outcome = zav_shm::Control_Exchange::Outcome;
 
 namespace {
 
@@ -28,7 +27,7 @@ using Exchange = Center;
 TEST_F(Exchange, hands_on_what_the_center_replies) {
     start();
     const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 5s);
-    EXPECT_EQ(answer.outcome, Outcome::replied);
+    EXPECT_EQ(answer.outcome, Control_Exchange::Outcome::replied);
     EXPECT_TRUE(answer.granted());
     EXPECT_EQ(answer.reply["channel"].asInt(), 4);
 }
@@ -36,7 +35,7 @@ TEST_F(Exchange, hands_on_what_the_center_replies) {
 TEST_F(Exchange, hands_on_why_the_center_refused) {
     start();
     const auto answer = Control_Exchange::ask(query("NOBODY"), 5s);
-    EXPECT_EQ(answer.outcome, Outcome::replied);
+    EXPECT_EQ(answer.outcome, Control_Exchange::Outcome::replied);
     EXPECT_FALSE(answer.granted());
     EXPECT_EQ(answer.reason(), "Can't Find Shm Name NOBODY Distributor");
 }
@@ -44,7 +43,7 @@ TEST_F(Exchange, hands_on_why_the_center_refused) {
 TEST_F(Exchange, without_queues_tells_at_once_that_no_center_is_running) {
     const Stopwatch watch;
     const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 10s);
-    EXPECT_EQ(answer.outcome, Outcome::no_center);
+    EXPECT_EQ(answer.outcome, Control_Exchange::Outcome::no_center);
     EXPECT_EQ(answer.reason(), "no center is running");
     EXPECT_LT(watch.elapsed(), 5s);
     EXPECT_FALSE(requests.status().exists);
@@ -55,7 +54,7 @@ TEST_F(Exchange, without_an_answer_ends_in_time) {
     replies.make();
     const Stopwatch watch;
     const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 150ms);
-    EXPECT_EQ(answer.outcome, Outcome::no_center);
+    EXPECT_EQ(answer.outcome, Control_Exchange::Outcome::no_center);
     EXPECT_EQ(answer.reason(), "no answer from the center within 150 ms");
     EXPECT_GE(watch.elapsed(), 150ms);
 }
@@ -64,8 +63,10 @@ TEST_F(Exchange, without_an_answer_ends_in_time) {
 TEST_F(Exchange, does_not_repeat_a_request_that_may_still_be_answered) {
     requests.make();
     replies.make();
-    EXPECT_EQ(Control_Exchange::ask(query("ASKED_TWICE"), 20ms).outcome, Outcome::no_center);
-    EXPECT_EQ(Control_Exchange::ask(query("ASKED_TWICE"), 20ms).outcome, Outcome::no_center);
+    EXPECT_EQ(Control_Exchange::ask(query("ASKED_TWICE"), 20ms).outcome,
+              Control_Exchange::Outcome::no_center);
+    EXPECT_EQ(Control_Exchange::ask(query("ASKED_TWICE"), 20ms).outcome,
+              Control_Exchange::Outcome::no_center);
     EXPECT_EQ(requests.messages(), 1U);
     requests.take(1);
     replies.send(R"({"command":"query_shm","status":"success"})", getpid());
@@ -76,7 +77,8 @@ TEST_F(Exchange, does_not_repeat_a_request_that_may_still_be_answered) {
 TEST_F(Exchange, repeats_a_request_that_a_starting_center_has_thrown_away) {
     requests.make();
     replies.make();
-    EXPECT_EQ(Control_Exchange::ask(query("THROWN_AWAY"), 20ms).outcome, Outcome::no_center);
+    EXPECT_EQ(Control_Exchange::ask(query("THROWN_AWAY"), 20ms).outcome,
+              Control_Exchange::Outcome::no_center);
     requests.take(1);
     EXPECT_TRUE(becomes_true([this] {
         static_cast<void>(Control_Exchange::ask(query("THROWN_AWAY"), 20ms));
@@ -91,7 +93,7 @@ TEST_F(Exchange, with_a_full_request_queue_ends_in_time) {
     while (requests.send(std::string(1028, 'x'), 1, 0ms)) {
     }
     const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 100ms);
-    EXPECT_EQ(answer.outcome, Outcome::no_center);
+    EXPECT_EQ(answer.outcome, Control_Exchange::Outcome::no_center);
 }
 
 TEST_F(Exchange, takes_no_reply_that_an_earlier_process_left) {
@@ -153,7 +155,7 @@ TEST_F(Exchange, threads_of_one_process_do_not_take_each_others_replies) {
 
 TEST_F(Exchange, a_request_beyond_the_record_is_refused_with_both_sizes) {
     const auto answer = Control_Exchange::ask(query(std::string(2000, 'x')), 5s);
-    EXPECT_EQ(answer.outcome, Outcome::failed);
+    EXPECT_EQ(answer.outcome, Control_Exchange::Outcome::failed);
     EXPECT_NE(answer.reason().find("the limit is 1024"), std::string::npos) << answer.reason();
 }
 
@@ -162,8 +164,9 @@ TEST_F(Exchange, telling_returns_when_the_center_has_done_it) {
     Json::Value request;
     request["command"] = "kick_idle";
     request["enable"] = true;
-    const std::string printed = output_of(
-        [&] { EXPECT_EQ(Control_Exchange::tell(request, 5s).outcome, Outcome::replied); });
+    const std::string printed = output_of([&] {
+        EXPECT_EQ(Control_Exchange::tell(request, 5s).outcome, Control_Exchange::Outcome::replied);
+    });
     EXPECT_EQ(printed, "In SHM_CENTER_KICK_IDLE execute, 1\n");
     EXPECT_EQ(replies.messages(), 0U);
 }
@@ -171,15 +174,15 @@ TEST_F(Exchange, telling_returns_when_the_center_has_done_it) {
 TEST_F(Exchange, telling_without_a_center_fails_in_time) {
     Json::Value request;
     request["command"] = "kick_idle";
-    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Outcome::no_center);
+    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Control_Exchange::Outcome::no_center);
     requests.make();
     replies.make();
-    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Outcome::no_center);
+    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Control_Exchange::Outcome::no_center);
     while (requests.send(std::string(1028, 'x'), 1, 0ms)) {
     }
-    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Outcome::no_center);
+    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Control_Exchange::Outcome::no_center);
     request["name"] = std::string(2000, 'x');
-    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Outcome::failed);
+    EXPECT_EQ(Control_Exchange::tell(request, 50ms).outcome, Control_Exchange::Outcome::failed);
 }
 
 TEST_F(Exchange, notices_that_the_queue_is_removed_while_it_waits) {
@@ -191,7 +194,7 @@ TEST_F(Exchange, notices_that_the_queue_is_removed_while_it_waits) {
     });
     const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 10s);
     removing.join();
-    EXPECT_EQ(answer.outcome, Outcome::no_center);
+    EXPECT_EQ(answer.outcome, Control_Exchange::Outcome::no_center);
     EXPECT_EQ(answer.reason(), "the center's queue was removed");
 }
 
@@ -201,7 +204,7 @@ TEST_F(Exchange, asks_on_after_many_requests_without_an_answer) {
     replies.make();
     for (int i = 0; i < 100; ++i) {
         const auto answer = Control_Exchange::ask(query("NOBODY_" + std::to_string(i)), 1ms);
-        EXPECT_EQ(answer.outcome, Outcome::no_center);
+        EXPECT_EQ(answer.outcome, Control_Exchange::Outcome::no_center);
         EXPECT_TRUE(requests.take(1)) << i;
     }
 }
@@ -212,7 +215,7 @@ TEST_F(Exchange, whose_turn_does_not_come_ends_in_time) {
     std::thread first([] { static_cast<void>(Control_Exchange::ask(query("FIRST"), 300ms)); });
     EXPECT_TRUE(requests.take(1));
     const auto answer = Control_Exchange::ask(query("SECOND"), 20ms);
-    EXPECT_EQ(answer.outcome, Outcome::no_center);
+    EXPECT_EQ(answer.outcome, Control_Exchange::Outcome::no_center);
     EXPECT_EQ(requests.messages(), 0U) << "it did not ask";
     first.join();
 }
@@ -223,7 +226,7 @@ TEST_F(Exchange, without_the_right_says_what_to_do) {
     if (child == 0) {
         bool right = setresuid(65534, 65534, 65534) == 0;
         const auto answer = Control_Exchange::ask(query("CAM_LOOP"), 1s);
-        right = right && answer.outcome == Outcome::failed &&
+        right = right && answer.outcome == Control_Exchange::Outcome::failed &&
                 answer.reason().find("--group") != std::string::npos;
         _exit(right ? 0 : 1);
     }

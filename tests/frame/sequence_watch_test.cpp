@@ -9,20 +9,23 @@ using Verdict = zav_shm::Sequence_Watch::Verdict;
 
 namespace {
 
-constexpr bool key = true;
-
-Received_Frame frame(std::uint64_t epoch, std::uint64_t sequence, bool is_key = false) {
+Received_Frame delta_frame(std::uint64_t epoch, std::uint64_t sequence) {
     Received_Frame made;
     made.verified = true;
     made.header.epoch = epoch;
     made.header.sequence = sequence;
-    made.header.flags = is_key ? zav_shm::frame_flag::key_frame : 0;
+    return made;
+}
+
+Received_Frame key_frame(std::uint64_t epoch, std::uint64_t sequence) {
+    Received_Frame made = delta_frame(epoch, sequence);
+    made.header.flags = zav_shm::frame_flag::key_frame;
     return made;
 }
 
 TEST(Sequence_Watch, the_first_frame_lost_nothing_whatever_its_number) {
     Sequence_Watch watch(false, false);
-    Received_Frame first = frame(7, 1000);
+    Received_Frame first = delta_frame(7, 1000);
     EXPECT_EQ(watch.judge(first), Verdict::hand_out);
     EXPECT_EQ(first.lost, 0U);
     EXPECT_FALSE(first.epoch_changed);
@@ -30,8 +33,8 @@ TEST(Sequence_Watch, the_first_frame_lost_nothing_whatever_its_number) {
 
 TEST(Sequence_Watch, a_gap_is_as_many_lost_frames_as_numbers_are_missing) {
     Sequence_Watch watch(false, false);
-    Received_Frame before = frame(7, 10);
-    Received_Frame after = frame(7, 14);
+    Received_Frame before = delta_frame(7, 10);
+    Received_Frame after = delta_frame(7, 14);
     watch.judge(before);
     EXPECT_EQ(watch.judge(after), Verdict::hand_out);
     EXPECT_EQ(after.lost, 3U);
@@ -40,18 +43,18 @@ TEST(Sequence_Watch, a_gap_is_as_many_lost_frames_as_numbers_are_missing) {
 
 TEST(Sequence_Watch, a_number_that_was_taken_before_is_a_repetition) {
     Sequence_Watch watch(false, false);
-    Received_Frame taken = frame(7, 10);
+    Received_Frame taken = delta_frame(7, 10);
     watch.judge(taken);
-    Received_Frame again = frame(7, 10);
-    Received_Frame older = frame(7, 9);
+    Received_Frame again = delta_frame(7, 10);
+    Received_Frame older = delta_frame(7, 9);
     EXPECT_EQ(watch.judge(again), Verdict::repeated);
     EXPECT_EQ(watch.judge(older), Verdict::repeated);
 }
 
 TEST(Sequence_Watch, another_epoch_is_a_restart_and_no_loss) {
     Sequence_Watch watch(false, false);
-    Received_Frame before = frame(7, 10);
-    Received_Frame after = frame(8, 5);
+    Received_Frame before = delta_frame(7, 10);
+    Received_Frame after = delta_frame(8, 5);
     watch.judge(before);
     EXPECT_EQ(watch.judge(after), Verdict::hand_out);
     EXPECT_TRUE(after.epoch_changed);
@@ -60,9 +63,9 @@ TEST(Sequence_Watch, another_epoch_is_a_restart_and_no_loss) {
 
 TEST(Sequence_Watch, starting_at_a_key_frame_leaves_out_what_is_before) {
     Sequence_Watch watch(true, false);
-    Received_Frame early = frame(7, 1);
-    Received_Frame first = frame(7, 2, key);
-    Received_Frame second = frame(7, 3);
+    Received_Frame early = delta_frame(7, 1);
+    Received_Frame first = key_frame(7, 2);
+    Received_Frame second = delta_frame(7, 3);
     EXPECT_EQ(watch.judge(early), Verdict::skipped);
     EXPECT_EQ(watch.judge(first), Verdict::hand_out);
     EXPECT_EQ(first.skipped, 0U);
@@ -71,10 +74,10 @@ TEST(Sequence_Watch, starting_at_a_key_frame_leaves_out_what_is_before) {
 
 TEST(Sequence_Watch, after_a_loss_it_can_go_on_at_the_next_key_frame) {
     Sequence_Watch watch(false, true);
-    Received_Frame first = frame(7, 1, key);
-    Received_Frame behind_loss = frame(7, 3);
-    Received_Frame next = frame(7, 4);
-    Received_Frame next_key = frame(7, 5, key);
+    Received_Frame first = key_frame(7, 1);
+    Received_Frame behind_loss = delta_frame(7, 3);
+    Received_Frame next = delta_frame(7, 4);
+    Received_Frame next_key = key_frame(7, 5);
     watch.judge(first);
     EXPECT_EQ(watch.judge(behind_loss), Verdict::skipped);
     EXPECT_EQ(watch.judge(next), Verdict::skipped);

@@ -11,7 +11,6 @@ using std::chrono::milliseconds;
 
 constexpr std::size_t ready = 0;
 constexpr std::size_t read_done = 1;
-constexpr std::size_t present = 2;
 
 class Open_Consumer : public ZAV_SHM_Stream_Receiver {
 public:

@@ -11,7 +11,6 @@
 
 namespace {
 
-using Manager = SHM_Stream_Transmission_Manager;
 using Key = Shm_Stream_Transmission_Index;
 using Pair_Key = Shm_Stream_Transmission_Pair_Index;
 using std::chrono::milliseconds;
@@ -69,7 +68,8 @@ protected:
 
     const Key player{"PLAYER", 0, 0};
     const Pair_Key player_from_cam{std::string("PLAYER"), 0, 0, std::string("CAM_LOOP")};
-    std::unique_ptr<Manager> manager = std::make_unique<Manager>(nullptr);
+    std::unique_ptr<SHM_Stream_Transmission_Manager> manager =
+        std::make_unique<SHM_Stream_Transmission_Manager>(nullptr);
 
 private:
     struct sigaction former_ {};

@@ -10,7 +10,6 @@ using std::chrono::milliseconds;
 
 constexpr std::size_t written = 0;
 constexpr std::size_t slot_free = 1;
-constexpr std::size_t present = 2;
 
 // The relay's side is played by a peer on the same semaphores.
 class Producer : public Channels {

@@ -30,6 +30,9 @@ public:
     using SHM_Stream_Receiver::shm;
 };
 
+/// The third semaphore of either side: whether somebody is there.
+inline constexpr std::size_t present = 2;
+
 /// The three semaphores of one side, opened beside the end under test, to post and to look.
 class Peer {
 public:

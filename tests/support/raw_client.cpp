@@ -3,6 +3,7 @@
 
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <sys/wait.h>
 
 #include <cerrno>
 #include <cstring>
@@ -21,6 +22,15 @@ struct Record {
 };
 
 }  // namespace
+
+pid_t gone_pid() {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        _exit(0);
+    }
+    waitpid(pid, nullptr, 0);
+    return pid;
+}
 
 // ---- queue ----
 

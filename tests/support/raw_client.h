@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -57,6 +58,9 @@ private:
 
     int project_;
 };
+
+/// The number of a process that has been and is gone.
+pid_t gone_pid();
 
 class Raw_Client {
 public:

@@ -16,9 +16,6 @@ namespace {
 using zav_shm::tool::parsed_json;
 using Words = std::vector<std::string>;
 
-constexpr int no_center = 3;
-constexpr int refused = 4;
-
 class Tool_Control : public Tool {
 protected:
     void SetUp() override {

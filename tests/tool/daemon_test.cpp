@@ -11,8 +11,6 @@ namespace {
 
 using zav_shm::tool::parsed_json;
 
-constexpr int no_center = 3;
-
 class Tool_Daemon : public Tool {
 protected:
     void SetUp() override {

@@ -16,9 +16,6 @@ namespace {
 using std::chrono::milliseconds;
 using Words = std::vector<std::string>;
 
-constexpr int incomplete = 1;
-constexpr int refused = 4;
-constexpr int input_output = 5;
 constexpr milliseconds relay_sleep_max{150};
 
 class Tool_Frames : public Tool {

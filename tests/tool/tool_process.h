@@ -17,6 +17,13 @@ inline constexpr const char* tool_configuration = R"({
                  {"name": "RECODER", "channel": 2, "stream": [0, 1]}]
 })";
 
+/// How it ends, as the numbers that scripts depend on.
+inline constexpr int incomplete = 1;
+inline constexpr int usage = 2;
+inline constexpr int no_center = 3;
+inline constexpr int refused = 4;
+inline constexpr int input_output = 5;
+
 /// The tool as a process of its own: standard output through a pipe, standard error in a file.
 class Tool_Process {
 public:

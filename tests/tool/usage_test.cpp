@@ -8,10 +8,6 @@
 
 namespace {
 
-constexpr int usage = 2;
-constexpr int no_center = 3;
-constexpr int input_output = 5;
-
 using Words = std::vector<std::string>;
 
 class Tool_Usage : public Tool {
