@@ -31,18 +31,14 @@ void Consumer_Link::open() {
     was_registered_ = false;
     state_ = Frame_State::waiting_for_center;
     const std::lock_guard small(small_);
-    closing_ = retries_now_ = unpaired_ = false;
+    closing_ = false;
+    retries_now_ = unpaired_ = false;
 }
 
 void Consumer_Link::begin_to_close() {
     const std::lock_guard guard(small_);
     closing_ = true;
     wake_.notify_all();
-}
-
-bool Consumer_Link::is_closing() const {
-    const std::lock_guard guard(small_);
-    return closing_;
 }
 
 void Consumer_Link::leave(std::chrono::milliseconds limit) {
@@ -131,6 +127,11 @@ bool Consumer_Link::wait_for_attempt() {
 std::shared_ptr<Slot_Reader> Consumer_Link::reader() const {
     const std::lock_guard guard(small_);
     return reader_;
+}
+
+bool Consumer_Link::has_reader() const {
+    const std::lock_guard guard(small_);
+    return reader_ != nullptr;
 }
 
 void Consumer_Link::nobody_answers() {

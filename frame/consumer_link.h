@@ -26,7 +26,7 @@ public:
 
     /// Nobody waits any more; leave() follows when nobody attempts any more.
     void begin_to_close();
-    bool is_closing() const;
+    bool is_closing() const { return closing_; }
 
     /// Takes leave of the center within the time, and gives up the reader.
     void leave(std::chrono::milliseconds limit);
@@ -57,6 +57,7 @@ public:
 
     /// Null while not registered. It stays usable for who has it.
     std::shared_ptr<Slot_Reader> reader() const;
+    bool has_reader() const;
     Backoff::Clock::time_point registered_at() const { return registered_at_; }
 
     // What the reader meets.
@@ -83,9 +84,9 @@ private:
     mutable std::mutex small_;  // never held while waiting for anything; guards the next five
     std::condition_variable wake_;
     std::shared_ptr<Slot_Reader> reader_;
-    bool closing_ = false;
-    bool retries_now_ = false;  // pair() wants an attempt at once
-    bool unpaired_ = false;     // by pair("NONE"): not registered on purpose
+    std::atomic<bool> closing_{false};  // read without it, too
+    bool retries_now_ = false;          // pair() wants an attempt at once
+    bool unpaired_ = false;             // by pair("NONE"): not registered on purpose
 };
 
 }  // namespace zav_shm

@@ -36,6 +36,9 @@ Sequence_Watch::Verdict Frame_Ledger::judge(Received_Frame& frame) {
 }
 
 void Frame_Ledger::count(Slot_Reader::Take taken, bool noticed) {
+    if (taken == Slot_Reader::Take::frame) {
+        return;  // judge() counts it
+    }
     const std::lock_guard guard(mutex_);
     switch (taken) {
         case Slot_Reader::Take::nothing:

@@ -81,6 +81,7 @@ private:
     void look_if_repeated();
     void note(const Slot_Reader& reader, Slot_Reader::Take taken);
     bool is_wanted(Slot_Reader::Take taken);
+    void note_time(Slot_Reader::Take taken);
 
     // When it was last so, but not before this registration.
     Clock::time_point since(const std::atomic<Clock::time_point>& event) const {
@@ -97,6 +98,7 @@ private:
 
     // Of whoever has the turn.
     Received_Frame scratch_;
+    Clock::time_point taken_at_{};  // the frame, or when none came: the clock is read once for each
     Clock::time_point next_look_{};
     Clock::time_point wait_began_{};
     bool waits_noticed_ = false;  // since then
@@ -174,7 +176,7 @@ void ZAV_SHM_Frame_Subscriber::Body::run() {
 }
 
 // What the application cannot do in receive(), as it may take longer than the time that it gave.
-bool ZAV_SHM_Frame_Subscriber::Body::needs_thread() const { return looks_ || !link_.reader(); }
+bool ZAV_SHM_Frame_Subscriber::Body::needs_thread() const { return looks_ || !link_.has_reader(); }
 
 void ZAV_SHM_Frame_Subscriber::Body::take_as_thread() {
     const auto patience = [this] {
@@ -195,19 +197,26 @@ void ZAV_SHM_Frame_Subscriber::Body::take_as_application(Received_Frame& frame,
         return link_.is_closing() ? 0ms : left;
     };
     std::swap(scratch_.bytes, frame.bytes);
-    for (auto current = link_.reader();
-         current && patience() > 0ms && !looks_ && queue_.size() == 0; current = link_.reader()) {
+    bool goes_on = !looks_;
+    while (goes_on) {
+        const auto current = link_.reader();
+        if (!current) {
+            break;
+        }
         take_one(*current, patience);
+        if (queue_.size() > 0) {
+            return;
+        }
+        goes_on = !looks_ && patience() > 0ms;
     }
-    if (queue_.size() == 0) {
-        std::swap(scratch_.bytes, frame.bytes);
-    }
+    std::swap(scratch_.bytes, frame.bytes);
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader,
                                               const Slot_Reader::Patience& patience) {
     repeats_ = false;
     const Slot_Reader::Take taken = reader.take(scratch_, patience);
+    note_time(taken);
     note(reader, taken);
     if (is_wanted(taken)) {
         ledger_.dropped(queue_.push(scratch_));
@@ -233,6 +242,7 @@ void ZAV_SHM_Frame_Subscriber::Body::take_or_read_one(Slot_Reader& reader,
             }
         },
         patience);
+    note_time(taken);
     const bool whole = is_wanted(taken);
     if (lent && *lent != nullptr) {
         if (whole) {
@@ -246,8 +256,14 @@ void ZAV_SHM_Frame_Subscriber::Body::take_or_read_one(Slot_Reader& reader,
     look_if_repeated();
 }
 
+void ZAV_SHM_Frame_Subscriber::Body::note_time(Slot_Reader::Take taken) {
+    taken_at_ = taken == Slot_Reader::Take::frame
+                    ? Clock::time_point(std::chrono::nanoseconds(scratch_.received_ns))
+                    : Clock::now();
+}
+
 void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader::Take taken) {
-    const auto now = Clock::now();
+    const auto now = taken_at_;
     if (taken != Slot_Reader::Take::nothing || reader.is_noticed()) {
         last_noticed_ = now;
         waits_noticed_ = true;
@@ -268,9 +284,8 @@ void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader
 // A slot that does not change while frames are announced is not the one that they are in: somebody
 // else has paired this consumer with another producer, whose slot is looked for and taken.
 void ZAV_SHM_Frame_Subscriber::Body::look_if_repeated() {
-    const auto now = Clock::now();
-    if (repeats_ && now - since(last_frame_) >= unnoticed_limit && now >= next_look_) {
-        next_look_ = now + look_interval;
+    if (repeats_ && taken_at_ - since(last_frame_) >= unnoticed_limit && taken_at_ >= next_look_) {
+        next_look_ = taken_at_ + look_interval;
         looks_ = true;
     }
 }
@@ -284,7 +299,7 @@ bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken) {
     const Verdict verdict = ledger_.judge(scratch_);
     repeats_ = verdict == Verdict::repeated;
     if (!repeats_) {
-        last_frame_ = Clock::now();
+        last_frame_ = taken_at_;
         link_.frame_has_come();
     }
     return verdict == Verdict::hand_out;
@@ -294,14 +309,15 @@ bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken) {
 
 zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::receive(Received_Frame& frame,
                                                                 std::chrono::milliseconds timeout) {
-    const auto end = Clock::now() + timeout;
+    auto now = Clock::now();
+    const auto end = now + timeout;
     const zav_shm::Taking_Turn::Reasons reasons{.is_queued = [this] { return queue_.size() > 0; },
                                                 .is_in_the_way = [this] { return needs_thread(); }};
     zav_shm::Receive_Status status = queue_.pop(frame, 0ms);
-    while (status == zav_shm::Receive_Status::timeout && Clock::now() < end) {
-        if (turn_.enter(end, reasons)) {
+    for (; status == zav_shm::Receive_Status::timeout && now < end; now = Clock::now()) {
+        if (turn_.enter(now, end, reasons)) {
             take_as_application(frame, end);
-            turn_.leave();
+            turn_.leave(taken_at_);
         }
         status = queue_.pop(frame, 0ms);
     }

@@ -6,20 +6,24 @@
 #include <functional>
 #include <mutex>
 
+#include "frame/alarm.h"
+
 namespace zav_shm {
 
 /// Whose turn it is to take frames off the slot: the application's own thread while it waits in
 /// receive(), which saves a hand-over from thread to thread for each frame, and else the
 /// subscriber's thread.
 ///
-/// An application that is back in receive() at once gives the turn back without waking anybody:
-/// the subscriber's thread looks every few milliseconds whether it is needed, and the consumer's
-/// presence for the next frame is announced by then. One that works on each frame wakes the thread
-/// when it leaves.
+/// An application that is back in receive() at once gives the turn back without waking anybody: an
+/// alarm wakes the subscriber's thread should it stay away this time, and the consumer's presence
+/// for the next frame is announced by then. One that works on each frame wakes the thread when it
+/// leaves.
 ///
 /// Threads  one application, one subscriber's thread, any close.
 class Taking_Turn {
 public:
+    using Clock = std::chrono::steady_clock;
+
     void open();
 
     /// Nobody waits any more. Returns when the application has left.
@@ -28,13 +32,14 @@ public:
     /// The application's side. Waits until it is the application's turn, there is something queued,
     /// or the time is over. While something is in the way nobody takes it.
     ///
+    /// @param now  the time, which the caller has read a moment ago.
     /// @return true when it has the turn; leave() has to follow.
     struct Reasons {
         std::function<bool()> is_queued;
         std::function<bool()> is_in_the_way;
     };
-    bool enter(std::chrono::steady_clock::time_point end, const Reasons& reasons);
-    void leave();
+    bool enter(Clock::time_point now, Clock::time_point end, const Reasons& reasons);
+    void leave(Clock::time_point now);
 
     /// Wakes the application, which waits in enter(), to ask for its reasons.
     void tell();
@@ -54,10 +59,12 @@ private:
 
     std::mutex mutex_;  // guards all below
     std::condition_variable application_;
-    std::condition_variable thread_;
+    Alarm thread_;
     Holder holder_ = Holder::nobody;
-    std::chrono::steady_clock::time_point left_{};  // when the application left
-    bool is_quick_ = false;                         // the application was back at once
+    Clock::time_point left_{};  // when the application left
+    Clock::time_point due_{};   // when the thread may stand in
+    bool is_quick_ = false;     // the application was back at once
+    bool is_rare_ = false;      // it does not come often
     bool wanted_ = false;
     bool closed_ = true;
 };

@@ -18,18 +18,21 @@ bool yes() { return true; }
 
 const Taking_Turn::Reasons none{no, no};
 
-std::chrono::steady_clock::time_point in(std::chrono::milliseconds time) {
-    return std::chrono::steady_clock::now() + time;
-}
-
 struct Turn : testing::Test {
     Turn() { turn.open(); }
+
+    bool enter(std::chrono::milliseconds time, const Taking_Turn::Reasons& reasons) {
+        const auto now = Taking_Turn::Clock::now();
+        return turn.enter(now, now + time, reasons);
+    }
+    void leave() { turn.leave(Taking_Turn::Clock::now()); }
+
     Taking_Turn turn;
 };
 
 TEST_F(Turn, is_free_for_either_side) {
-    EXPECT_TRUE(turn.enter(in(0ms), none));
-    turn.leave();
+    EXPECT_TRUE(enter(0ms, none));
+    leave();
     EXPECT_TRUE(turn.stand_in(no));
     turn.step_back();
 }
@@ -38,8 +41,8 @@ TEST_F(Turn, of_the_thread_is_wanted_while_the_application_waits) {
     ASSERT_TRUE(turn.stand_in(no));
     EXPECT_FALSE(turn.is_wanted());
     std::thread application([this] {
-        EXPECT_TRUE(turn.enter(in(10s), none));
-        turn.leave();
+        EXPECT_TRUE(enter(10s, none));
+        leave();
     });
     EXPECT_TRUE(becomes_true([this] { return turn.is_wanted(); }));
     turn.step_back();
@@ -50,22 +53,20 @@ TEST_F(Turn, of_the_thread_is_wanted_while_the_application_waits) {
 TEST_F(Turn, application_does_not_wait_beyond_its_time) {
     ASSERT_TRUE(turn.stand_in(no));
     const Stopwatch watch;
-    EXPECT_FALSE(turn.enter(in(20ms), none));
+    EXPECT_FALSE(enter(20ms, none));
     EXPECT_GE(watch.elapsed(), 20ms);
     turn.step_back();
 }
 
 TEST_F(Turn, application_leaves_it_for_what_is_queued_or_in_the_way) {
-    EXPECT_FALSE(turn.enter(in(10s), {yes, no}));
-    EXPECT_FALSE(turn.enter(in(5ms), {no, yes}));
+    EXPECT_FALSE(enter(10s, {yes, no}));
+    EXPECT_FALSE(enter(5ms, {no, yes}));
 }
 
 TEST_F(Turn, telling_has_the_application_look_again) {
     ASSERT_TRUE(turn.stand_in(no));
     std::atomic<bool> queued{false};
-    std::thread application([&] {
-        EXPECT_FALSE(turn.enter(in(60s), {[&] { return queued.load(); }, no}));
-    });
+    std::thread application([&] { EXPECT_FALSE(enter(60s, {[&] { return queued.load(); }, no})); });
     EXPECT_TRUE(becomes_true([this] { return turn.is_wanted(); }));
     const Stopwatch watch;
     queued = true;
@@ -78,7 +79,7 @@ TEST_F(Turn, telling_has_the_application_look_again) {
 // The relay waits 20 ms for a frame to be read.
 TEST_F(Turn, thread_stands_in_for_an_application_that_stays_away) {
     std::atomic<bool> stands_in{false};
-    ASSERT_TRUE(turn.enter(in(0ms), none));
+    ASSERT_TRUE(enter(0ms, none));
     std::thread thread([&] {
         EXPECT_TRUE(turn.stand_in(no));
         stands_in = true;
@@ -86,15 +87,48 @@ TEST_F(Turn, thread_stands_in_for_an_application_that_stays_away) {
     });
     std::this_thread::sleep_for(30ms);
     EXPECT_FALSE(stands_in);
-    turn.leave();
+    leave();
     EXPECT_TRUE(becomes_true([&] { return stands_in.load(); }));
+    thread.join();
+}
+
+// An application at 30 frames per second is away for some microseconds and comes back.
+TEST_F(Turn, thread_sleeps_on_beside_an_application_that_is_back_at_once) {
+    ASSERT_TRUE(enter(0ms, none));
+    std::atomic<int> looks{0};
+    std::thread thread([&] {
+        EXPECT_FALSE(turn.stand_in([&] {
+            ++looks;
+            return false;
+        }));
+    });
+    EXPECT_TRUE(becomes_true([&] { return looks.load() > 0; }));
+    for (int frame = 0; frame < 20; ++frame) {
+        std::this_thread::sleep_for(20ms);
+        leave();
+        ASSERT_TRUE(enter(1s, none));
+    }
+    EXPECT_LT(looks, 20) << "every 12 ms would be 33 times and more";
+    leave();
+    turn.close();
+    thread.join();
+}
+
+TEST_F(Turn, thread_that_sleeps_is_told_of_what_is_in_the_way) {
+    ASSERT_TRUE(enter(0ms, none));
+    std::atomic<bool> in_the_way{false};
+    std::thread thread([&] { EXPECT_FALSE(turn.stand_in([&] { return in_the_way.load(); })); });
+    std::this_thread::sleep_for(20ms);
+    in_the_way = true;
+    leave();
+    EXPECT_FALSE(enter(5ms, {no, yes}));
     thread.join();
 }
 
 TEST_F(Turn, thread_with_other_work_does_not_take_it) { EXPECT_FALSE(turn.stand_in(yes)); }
 
 TEST_F(Turn, closing_waits_until_the_application_has_left) {
-    ASSERT_TRUE(turn.enter(in(0ms), none));
+    ASSERT_TRUE(enter(0ms, none));
     std::atomic<bool> closed{false};
     std::thread closing([&] {
         turn.close();
@@ -102,9 +136,9 @@ TEST_F(Turn, closing_waits_until_the_application_has_left) {
     });
     std::this_thread::sleep_for(20ms);
     EXPECT_FALSE(closed);
-    turn.leave();
+    leave();
     closing.join();
-    EXPECT_FALSE(turn.enter(in(10s), none));
+    EXPECT_FALSE(enter(10s, none));
     EXPECT_FALSE(turn.stand_in(no));
 }
 
