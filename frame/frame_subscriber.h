@@ -44,8 +44,8 @@ enum class Receive_Status {
 /// for the application whenever it is not waiting in receive(), which may take its time between two
 /// calls; while it waits, frames come to it without a hand-over from thread to thread.
 ///
-/// Owner    owns its endpoint, thread and queue. One subscriber per consumer name, channel and
-///          stream on a device.
+/// Owner    owns its endpoint, thread, queue and one file descriptor. One subscriber per consumer
+///          name, channel and stream on a device.
 /// Threads  "zav_subscriber" stands in for the application. receive() from one thread at a time;
 ///          pair(), state(), counters() and close() from any, also while receive() is blocked.
 /// Blocking receive() takes at most the time given. open(), pair(), close() and read_in_place()
