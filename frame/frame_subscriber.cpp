@@ -98,7 +98,7 @@ private:
 
     // Of whoever has the turn.
     Received_Frame scratch_;
-    Clock::time_point taken_at_{};  // the frame, or when none came: the clock is read once for each
+    Clock::time_point taken_at_{};  // when the latest take ended
     Clock::time_point next_look_{};
     Clock::time_point wait_began_{};
     bool waits_noticed_ = false;  // since then

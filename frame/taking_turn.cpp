@@ -55,6 +55,8 @@ bool Taking_Turn::enter(Clock::time_point now, Clock::time_point end, const Reas
         return false;
     }
     holder_ = Holder::application;
+    // At a rate above that of the alarm a needless ring now and then is cheaper than a system call
+    // for each frame.
     if (is_rare_) {
         thread_.take_back();
     }

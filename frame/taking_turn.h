@@ -64,7 +64,7 @@ private:
     Clock::time_point left_{};  // when the application left
     Clock::time_point due_{};   // when the thread may stand in
     bool is_quick_ = false;     // the application was back at once
-    bool is_rare_ = false;      // it does not come often
+    bool is_rare_ = false;      // it leaves less often than the alarm would ring
     bool wanted_ = false;
     bool closed_ = true;
 };

@@ -92,6 +92,18 @@ TEST_F(Turn, thread_stands_in_for_an_application_that_stays_away) {
     thread.join();
 }
 
+TEST_F(Turn, thread_stands_in_for_an_application_that_was_quick_and_stays_away_this_time) {
+    ASSERT_TRUE(enter(0ms, none));
+    auto now = Taking_Turn::Clock::now();
+    turn.leave(now);
+    ASSERT_TRUE(turn.enter(now + 50us, now + 10s, none));
+    now = Taking_Turn::Clock::now();
+    turn.leave(now);
+    EXPECT_TRUE(turn.stand_in(no));
+    EXPECT_GE(Taking_Turn::Clock::now() - now, 12ms);
+    turn.step_back();
+}
+
 // An application at 50 frames per second is away for 50 us each time. That time is only said, so
 // that a slow machine does not make the application slow; it makes the thread stand in for a
 // moment.
