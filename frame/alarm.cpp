@@ -39,21 +39,16 @@ Alarm::~Alarm() {
 }
 
 void Alarm::set(Clock::time_point time) {
-    if (set_for_ && *set_for_ <= time) {
-        return;
+    if (!rings_by(time)) {
+        put_off(time);
     }
+}
+
+void Alarm::put_off(Clock::time_point time) {
     set_for_ = time;
     if (descriptor_ >= 0) {
         set_timer(descriptor_, time);
     }
-}
-
-void Alarm::take_back() {
-    if (set_for_ && descriptor_ >= 0) {
-        const itimerspec never = {};
-        timerfd_settime(descriptor_, 0, &never, nullptr);
-    }
-    set_for_.reset();
 }
 
 void Alarm::wait() const {
@@ -65,7 +60,7 @@ void Alarm::wait() const {
 }
 
 void Alarm::has_rung() {
-    if (set_for_ && *set_for_ <= Clock::now()) {
+    if (rings_by(Clock::now())) {
         set_for_.reset();
     }
 }

@@ -6,7 +6,7 @@
 
 namespace zav_shm {
 
-/// Wakes one thread at a time that others may set, bring forward and take back while it sleeps,
+/// Wakes one thread at a time that others may set, bring forward and put off while it sleeps,
 /// without waking it for that: a condition variable's waiter would have to be woken to be told of a
 /// new time.
 ///
@@ -26,7 +26,12 @@ public:
     /// Rings at `time`, at once when that is past. One that is set for an earlier time stays as it
     /// is.
     void set(Clock::time_point time);
-    void take_back();
+
+    /// Rings at `time` in the place of an earlier one.
+    void put_off(Clock::time_point time);
+
+    /// True when it is set for `time` or before.
+    bool rings_by(Clock::time_point time) const { return set_for_ && *set_for_ <= time; }
 
     /// Sleeps until it rings. Called without the mutex, and may return although nothing rang;
     /// has_rung() follows under the mutex.

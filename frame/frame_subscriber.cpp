@@ -193,7 +193,9 @@ void ZAV_SHM_Frame_Subscriber::Body::take_as_thread() {
 void ZAV_SHM_Frame_Subscriber::Body::take_as_application(Received_Frame& frame,
                                                          Clock::time_point end) {
     const auto patience = [this, end] {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        const auto now = Clock::now();
+        turn_.stay(now);
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now);
         return link_.is_closing() ? 0ms : left;
     };
     std::swap(scratch_.bytes, frame.bytes);

@@ -15,9 +15,11 @@ namespace zav_shm {
 /// subscriber's thread.
 ///
 /// An application that is back in receive() at once gives the turn back without waking anybody: an
-/// alarm wakes the subscriber's thread should it stay away this time, and the consumer's presence
-/// for the next frame is announced by then. One that works on each frame wakes the thread when it
-/// leaves.
+/// alarm wakes the subscriber's thread should it stay away this time, before the next frame is due.
+/// One that works on each frame wakes the thread when it leaves.
+///
+/// The alarm is set while the application waits, so that it costs nothing between a frame and the
+/// return from receive(), nor before the other consumers on the same processor get theirs.
 ///
 /// Threads  one application, one subscriber's thread, any close.
 class Taking_Turn {
@@ -41,6 +43,9 @@ public:
     bool enter(Clock::time_point now, Clock::time_point end, const Reasons& reasons);
     void leave(Clock::time_point now);
 
+    /// The application, which has the turn, waits on. To be called every 20 ms.
+    void stay(Clock::time_point now);
+
     /// Wakes the application, which waits in enter(), to ask for its reasons.
     void tell();
 
@@ -57,14 +62,16 @@ public:
 private:
     enum class Holder { nobody, application, thread };
 
+    void put_alarm_off(Clock::time_point now);
+
     std::mutex mutex_;  // guards all below
     std::condition_variable application_;
     Alarm thread_;
     Holder holder_ = Holder::nobody;
-    Clock::time_point left_{};  // when the application left
-    Clock::time_point due_{};   // when the thread may stand in
-    bool is_quick_ = false;     // the application was back at once
-    bool is_rare_ = false;      // it leaves less often than the alarm would ring
+    Clock::time_point left_{};    // when the application left
+    Clock::duration interval_{};  // between the latest two times that it left
+    Clock::time_point due_{};     // when the thread may stand in
+    bool is_quick_ = false;       // the application was back at once
     bool wanted_ = false;
     bool closed_ = true;
 };

@@ -50,14 +50,25 @@ TEST(Alarm_Clock, wakes_a_thread_that_sleeps_already) {
     sleeper.join();
 }
 
-TEST(Alarm_Clock, does_not_ring_for_a_time_that_was_taken_back) {
+TEST(Alarm_Clock, rings_later_when_it_was_put_off) {
     Alarm alarm;
     alarm.set(in(10ms));
-    alarm.take_back();
     const auto time = in(50ms);
-    alarm.set(time);
+    alarm.put_off(time);
+    EXPECT_FALSE(alarm.rings_by(time - 1ms));
+    EXPECT_TRUE(alarm.rings_by(time));
     alarm.wait();
     EXPECT_GE(Alarm::Clock::now(), time);
+}
+
+TEST(Alarm_Clock, knows_that_it_was_not_set_and_that_it_has_rung) {
+    Alarm alarm;
+    EXPECT_FALSE(alarm.rings_by(in(60s)));
+    alarm.set(in(1ms));
+    EXPECT_TRUE(alarm.rings_by(in(60s)));
+    alarm.wait();
+    alarm.has_rung();
+    EXPECT_FALSE(alarm.rings_by(in(60s)));
 }
 
 TEST(Alarm_Clock, can_be_set_anew_when_it_has_rung) {
@@ -82,7 +93,6 @@ TEST(Alarm_Clock, rings_now_and_then_when_there_is_no_descriptor) {
     alarm.set(in(60s));
     alarm.wait();
     EXPECT_LT(watch.elapsed(), 30s);
-    alarm.take_back();
 }
 
 }  // namespace

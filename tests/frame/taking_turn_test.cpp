@@ -104,30 +104,73 @@ TEST_F(Turn, thread_stands_in_for_an_application_that_was_quick_and_stays_away_t
     turn.step_back();
 }
 
-// An application at 50 frames per second is away for 50 us each time. That time is only said, so
-// that a slow machine does not make the application slow; it makes the thread stand in for a
-// moment.
-TEST_F(Turn, thread_sleeps_on_beside_an_application_that_is_back_at_once) {
-    ASSERT_TRUE(enter(0ms, none));
-    std::atomic<int> looks{0};
-    std::thread thread([&] {
-        while (turn.stand_in([&] {
-            ++looks;
-            return false;
-        })) {
-            turn.step_back();
-        }
-    });
-    for (int frame = 0; frame < 20; ++frame) {
-        std::this_thread::sleep_for(20ms);
-        const auto now = Taking_Turn::Clock::now();
-        turn.leave(now);
-        EXPECT_TRUE(turn.enter(now + 50us, now + 10s, none));
+/// An application that is back from each frame after 50 us. That time is only said, so that a slow
+/// machine does not make the application slow; it makes the thread stand in for a moment.
+class Quick_Application {
+public:
+    explicit Quick_Application(Taking_Turn& turn) : turn_(turn) {
+        enter(Taking_Turn::Clock::now());
+        thread_ = std::thread([this] { run_thread(); });
     }
-    EXPECT_LT(looks, 20) << "every 12 ms would be 33 times and more";
-    leave();
-    turn.close();
-    thread.join();
+    ~Quick_Application() {
+        ends_ = true;
+        turn_.leave(Taking_Turn::Clock::now());
+        turn_.close();
+        thread_.join();
+    }
+
+    void wait_for_frames(int frames, std::chrono::milliseconds interval) {
+        for (int frame = 0; frame < frames; ++frame) {
+            auto left = interval;
+            for (; left > 20ms; left -= 20ms) {
+                std::this_thread::sleep_for(20ms);
+                turn_.stay(Taking_Turn::Clock::now());
+            }
+            std::this_thread::sleep_for(left);
+            receives_ = false;
+            const auto now = Taking_Turn::Clock::now();
+            turn_.leave(now);
+            enter(now + 50us);
+        }
+    }
+
+    /// How often the thread was awake beside it.
+    int wakings() const { return wakings_; }
+
+private:
+    void enter(Taking_Turn::Clock::time_point now) {
+        EXPECT_TRUE(turn_.enter(now, now + 10s, none));
+        receives_ = true;
+    }
+
+    void run_thread() {
+        const auto look = [this] {
+            wakings_ += receives_ ? 1 : 0;
+            return false;
+        };
+        while (turn_.stand_in(look)) {
+            becomes_true([this] { return turn_.is_wanted() || ends_; });
+            turn_.step_back();
+        }
+    }
+
+    Taking_Turn& turn_;
+    std::atomic<bool> receives_{false};
+    std::atomic<int> wakings_{0};
+    std::atomic<bool> ends_{false};
+    std::thread thread_;
+};
+
+TEST_F(Turn, thread_sleeps_on_beside_an_application_that_is_back_at_once) {
+    Quick_Application application(turn);
+    application.wait_for_frames(20, 33ms);
+    EXPECT_LT(application.wakings(), 10) << "once for each frame would be 20 times";
+}
+
+TEST_F(Turn, thread_sleeps_on_at_a_greater_rate) {
+    Quick_Application application(turn);
+    application.wait_for_frames(30, 17ms);
+    EXPECT_LT(application.wakings(), 15) << "once for each frame would be 30 times";
 }
 
 TEST_F(Turn, thread_that_sleeps_is_told_of_what_is_in_the_way) {
