@@ -97,9 +97,9 @@ void Taking_Turn::stay(Clock::time_point now) {
 }
 
 // At a rate above that of the alarm a needless ring now and then is cheaper than a system call for
-// each frame.
+// each frame. The ring that ends the thread stays.
 void Taking_Turn::put_alarm_off(Clock::time_point now) {
-    if (interval_ <= stand_in_after || !thread_.rings_by(now + until_stay)) {
+    if (closed_ || interval_ <= stand_in_after || !thread_.rings_by(now + until_stay)) {
         return;
     }
     const auto after_next =

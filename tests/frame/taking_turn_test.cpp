@@ -186,6 +186,40 @@ TEST_F(Turn, thread_that_sleeps_is_told_of_what_is_in_the_way) {
 
 TEST_F(Turn, thread_with_other_work_does_not_take_it) { EXPECT_FALSE(turn.stand_in(yes)); }
 
+// The thread cannot run between the two rings, as the application keeps it from its processor.
+TEST_F(Turn, closing_wakes_the_thread_while_the_application_waits_on) {
+    ASSERT_TRUE(enter(0ms, none));
+    turn.leave(Taking_Turn::Clock::now() - 33ms);
+    ASSERT_TRUE(enter(0ms, none));
+    leave();
+    ASSERT_TRUE(enter(0ms, none));
+    std::thread thread([this] {
+        stay_on_processor(0);
+        EXPECT_FALSE(turn.stand_in(no));
+    });
+    std::this_thread::sleep_for(60ms);  // no frame has come
+    const Stopwatch watch;
+    std::atomic<bool> is_first{true};
+    std::thread application([&] {
+        is_first = stay_on_processor(0) && go_before_all_others();
+        while (watch.elapsed() < 50ms) {
+            turn.stay(Taking_Turn::Clock::now());
+            const Stopwatch pause;
+            while (pause.elapsed() < 1ms) {
+            }
+        }
+        leave();
+    });
+    std::this_thread::sleep_for(5ms);
+    turn.close();
+    thread.join();
+    EXPECT_LT(watch.elapsed(), 900ms) << "without a frame an alarm is put off for 1 s";
+    application.join();
+    if (!is_first) {
+        GTEST_SKIP() << "needs the right to real-time priority";
+    }
+}
+
 TEST_F(Turn, closing_waits_until_the_application_has_left) {
     ASSERT_TRUE(enter(0ms, none));
     std::atomic<bool> closed{false};
