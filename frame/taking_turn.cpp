@@ -15,17 +15,17 @@ using Duration = Taking_Turn::Clock::duration;
 // The relay waits 20 ms for a frame to be read.
 constexpr Duration stand_in_after = 12ms;
 
-// It may be later as long as the next frame is not due. A frame that comes sooner than the one
-// before it waits 20 ms.
-constexpr Duration stand_in_before_frame = 4ms;
-constexpr Duration latest_stand_in = 28ms;
+// It may be later when the next frame is not due before: that is known of a stream of up to 35
+// frames per second that came at an even pace for some time. After one that is late the next one
+// may come at once.
+constexpr Duration least_interval = 28ms;
+constexpr Duration jitter = 4ms;
+constexpr int even_frames = 8;
 
-// An alarm that is further away than the next call of stay() need not be put off yet. One that is
-// this far away after a frame, and frames that come a little early or late, cost no system call for
-// a frame at up to 35 of them per second.
+// An alarm that is further away than the next call of stay() need not be put off yet: one that is
+// this far away after a frame costs no system call for a frame.
 constexpr Duration until_stay = 22ms;
 constexpr Duration alarm_after_frame = 24ms;
-constexpr Duration jitter = 2ms;
 
 constexpr Duration no_frame_expected = 1s;
 
@@ -80,13 +80,16 @@ bool Taking_Turn::enter(Clock::time_point now, Clock::time_point end, const Reas
 void Taking_Turn::leave(Clock::time_point now) {
     const std::lock_guard guard(mutex_);
     holder_ = Holder::nobody;
-    interval_ = now - left_;
+    const auto interval = now - left_;
+    const bool is_even = interval >= least_interval && interval <= interval_ + jitter;
+    even_ = is_even ? std::min(even_ + 1, even_frames) : 0;
+    interval_ = interval;
     left_ = now;
     due_ = is_quick_ ? now + stand_in_after : now;
-    const auto before_frame = now + std::min(interval_ - stand_in_before_frame, latest_stand_in);
+    const bool may_be_later = is_quick_ && even_ == even_frames;
     if (closed_) {
         application_.notify_all();  // who closes waits for this
-    } else if (!thread_.rings_by(is_quick_ ? std::max(due_, before_frame) : due_)) {
+    } else if (!thread_.rings_by(may_be_later ? now + alarm_after_frame + jitter : due_)) {
         thread_.set(due_);
     }
 }
@@ -102,10 +105,9 @@ void Taking_Turn::put_alarm_off(Clock::time_point now) {
     if (closed_ || interval_ <= stand_in_after || !thread_.rings_by(now + until_stay)) {
         return;
     }
-    const auto after_next =
-        left_ + interval_ + std::min(alarm_after_frame, interval_ - stand_in_before_frame - jitter);
-    const bool is_late = after_next <= now + until_stay;
-    thread_.put_off(is_late ? now + no_frame_expected : after_next);
+    const auto after_next = left_ + interval_ + alarm_after_frame;
+    const bool is_expected = even_ == even_frames && after_next > now + until_stay;
+    thread_.put_off(is_expected ? after_next : now + no_frame_expected);
 }
 
 void Taking_Turn::tell() {
@@ -133,6 +135,7 @@ bool Taking_Turn::stand_in(const std::function<bool()>& has_other_work) {
         return false;
     }
     holder_ = Holder::thread;
+    even_ = 0;  // frames come that the application does not see
     return true;
 }
 

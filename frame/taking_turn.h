@@ -70,6 +70,7 @@ private:
     Holder holder_ = Holder::nobody;
     Clock::time_point left_{};    // when the application left
     Clock::duration interval_{};  // between the latest two times that it left
+    int even_ = 0;                // how many of these in a row were like the one before
     Clock::time_point due_{};     // when the thread may stand in
     bool is_quick_ = false;       // the application was back at once
     bool wanted_ = false;
