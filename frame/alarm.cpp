@@ -40,11 +40,11 @@ Alarm::~Alarm() {
 
 void Alarm::set(Clock::time_point time) {
     if (!rings_by(time)) {
-        put_off(time);
+        move_to(time);
     }
 }
 
-void Alarm::put_off(Clock::time_point time) {
+void Alarm::move_to(Clock::time_point time) {
     set_for_ = time;
     if (descriptor_ >= 0) {
         set_timer(descriptor_, time);

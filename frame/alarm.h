@@ -27,8 +27,8 @@ public:
     /// is.
     void set(Clock::time_point time);
 
-    /// Rings at `time` in the place of an earlier one.
-    void put_off(Clock::time_point time);
+    /// Rings at `time` and at no other.
+    void move_to(Clock::time_point time);
 
     /// True when it is set for `time` or before.
     bool rings_by(Clock::time_point time) const { return set_for_ && *set_for_ <= time; }

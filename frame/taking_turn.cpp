@@ -22,9 +22,10 @@ constexpr Duration least_interval = 28ms;
 constexpr Duration jitter = 4ms;
 constexpr int even_frames = 8;
 
-// An alarm that is further away than the next call of stay() need not be put off yet: one that is
-// this far away after a frame costs no system call for a frame.
+// Until the next call of stay(), which may be late: an alarm further away need not be put off yet.
 constexpr Duration until_stay = 22ms;
+
+// Beyond that, so that between a frame and the next wait there is no system call to make.
 constexpr Duration alarm_after_frame = 24ms;
 
 constexpr Duration no_frame_expected = 1s;
@@ -107,7 +108,7 @@ void Taking_Turn::put_alarm_off(Clock::time_point now) {
     }
     const auto after_next = left_ + interval_ + alarm_after_frame;
     const bool is_expected = even_ == even_frames && after_next > now + until_stay;
-    thread_.put_off(is_expected ? after_next : now + no_frame_expected);
+    thread_.move_to(is_expected ? after_next : now + no_frame_expected);
 }
 
 void Taking_Turn::tell() {

@@ -15,11 +15,12 @@ namespace zav_shm {
 /// subscriber's thread.
 ///
 /// An application that is back in receive() at once gives the turn back without waking anybody: an
-/// alarm wakes the subscriber's thread should it stay away this time, before the next frame is due.
-/// One that works on each frame wakes the thread when it leaves.
+/// alarm wakes the subscriber's thread should it stay away this time, before the relay gives the
+/// next frame up. One that works on each frame wakes the thread when it leaves.
 ///
-/// The alarm is set while the application waits, so that it costs nothing between a frame and the
-/// return from receive(), nor before the other consumers on the same processor get theirs.
+/// Beside an even stream the alarm is moved while the application waits: after an idle time a
+/// system call costs some microseconds, and between a frame and the return from receive() the other
+/// consumers on the same processor wait for them, too.
 ///
 /// Threads  one application, one subscriber's thread, any close.
 class Taking_Turn {

@@ -54,7 +54,7 @@ TEST(Alarm_Clock, rings_later_when_it_was_put_off) {
     Alarm alarm;
     alarm.set(in(10ms));
     const auto time = in(50ms);
-    alarm.put_off(time);
+    alarm.move_to(time);
     EXPECT_FALSE(alarm.rings_by(time - 1ms));
     EXPECT_TRUE(alarm.rings_by(time));
     alarm.wait();

@@ -121,25 +121,39 @@ public:
 
     void wait_for_frames(int frames, std::chrono::milliseconds interval) {
         for (int frame = 0; frame < frames; ++frame) {
-            const Stopwatch watch;
-            auto left = interval;
-            for (; left > 20ms; left -= 20ms) {
-                std::this_thread::sleep_for(20ms);
-                turn_.stay(Taking_Turn::Clock::now());
-            }
-            std::this_thread::sleep_for(left);
-            late_ += watch.elapsed() > interval + 5ms ? 1 : 0;
-            receives_ = false;
-            const auto now = Taking_Turn::Clock::now();
-            turn_.leave(now);
-            enter(now + 50us);
+            enter(wait_for_frame(interval) + 50us);
         }
+    }
+
+    /// How long it takes until the thread stands in for one that does not come back from a frame.
+    std::chrono::milliseconds stay_away_from_next(std::chrono::milliseconds interval) {
+        wait_for_frame(interval);
+        const Stopwatch watch;
+        EXPECT_TRUE(becomes_true([this] { return stands_in_.load(); }));
+        const auto time = watch.elapsed();
+        enter(Taking_Turn::Clock::now());
+        return time;
     }
 
     /// How often the thread was awake beside it, without what a slow machine's late frames make.
     int wakings() const { return wakings_ - 2 * late_; }
 
 private:
+    Taking_Turn::Clock::time_point wait_for_frame(std::chrono::milliseconds interval) {
+        const Stopwatch watch;
+        auto left = interval;
+        for (; left > 20ms; left -= 20ms) {
+            std::this_thread::sleep_for(20ms);
+            turn_.stay(Taking_Turn::Clock::now());
+        }
+        std::this_thread::sleep_for(left);
+        late_ += watch.elapsed() > interval + 5ms ? 1 : 0;
+        receives_ = false;
+        const auto now = Taking_Turn::Clock::now();
+        turn_.leave(now);
+        return now;
+    }
+
     void enter(Taking_Turn::Clock::time_point now) {
         EXPECT_TRUE(turn_.enter(now, now + 10s, none));
         receives_ = true;
@@ -151,7 +165,9 @@ private:
             return false;
         };
         while (turn_.stand_in(look)) {
+            stands_in_ = true;
             becomes_true([this] { return turn_.is_wanted() || ends_; });
+            stands_in_ = false;
             turn_.step_back();
         }
     }
@@ -160,6 +176,7 @@ private:
     std::atomic<bool> receives_{false};
     std::atomic<int> wakings_{0};
     int late_ = 0;
+    std::atomic<bool> stands_in_{false};
     std::atomic<bool> ends_{false};
     std::thread thread_;
 };
@@ -174,6 +191,13 @@ TEST_F(Turn, thread_sleeps_on_at_a_greater_rate) {
     Quick_Application application(turn);
     application.wait_for_frames(30, 17ms);
     EXPECT_LT(application.wakings(), 15) << "once for each frame would be 30 times";
+}
+
+TEST_F(Turn, thread_stands_in_for_an_application_that_leaves_an_even_stream) {
+    Quick_Application application(turn);
+    application.wait_for_frames(12, 33ms);
+    EXPECT_LT(application.stay_away_from_next(33ms), 500ms)
+        << "while no frame is expected it sleeps for 1 s";
 }
 
 TEST_F(Turn, thread_that_sleeps_is_told_of_what_is_in_the_way) {
