@@ -115,6 +115,15 @@ std::uint64_t Frame_Queue::push(Received_Frame& frame) {
     return dropped;
 }
 
+bool Frame_Queue::let_pass(const Received_Frame& frame) {
+    const std::lock_guard guard(mutex_);
+    if (closed_ || count_ > 0 || waits_for_key_) {
+        return false;
+    }
+    seen_key_ = seen_key_ || frame.is_key_frame();
+    return true;  // an empty queue that waits for no key frame has no gap to tell of
+}
+
 Receive_Status Frame_Queue::pop(Received_Frame& frame, std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
     // The C++ library enters the kernel, for the least time that it can wait, also for 0.

@@ -33,6 +33,11 @@ public:
     /// @return how many frames were dropped by this.
     std::uint64_t push(Received_Frame& frame);
 
+    /// Instead of push() and then pop(), for a frame that would be the only one and the next.
+    ///
+    /// @return false when it has to be pushed.
+    bool let_pass(const Received_Frame& frame);
+
     /// Takes the oldest frame, waiting up to `timeout` for one.
     Receive_Status pop(Received_Frame& frame, std::chrono::milliseconds timeout);
 

@@ -75,13 +75,14 @@ private:
     void run();
     bool needs_thread() const;
     void take_as_thread();
-    void take_as_application(Received_Frame& frame, Clock::time_point end);
-    void take_one(Slot_Reader& reader, const Slot_Reader::Patience& patience);
+    bool take_as_application(Received_Frame& frame, Clock::time_point end);
+    bool take_one(Slot_Reader& reader, Received_Frame& frame,
+                  const Slot_Reader::Patience& patience);
     void take_or_read_one(Slot_Reader& reader, const Slot_Reader::Patience& patience);
     void look_if_repeated();
     void note(const Slot_Reader& reader, Slot_Reader::Take taken);
-    bool is_wanted(Slot_Reader::Take taken);
-    void note_time(Slot_Reader::Take taken);
+    bool is_wanted(Slot_Reader::Take taken, Received_Frame& frame);
+    void note_time(Slot_Reader::Take taken, const Received_Frame& frame);
 
     // When it was last so, but not before this registration.
     Clock::time_point since(const std::atomic<Clock::time_point>& event) const {
@@ -94,10 +95,10 @@ private:
     zav_shm::Taking_Turn turn_;
     zav_shm::Frame_Ledger ledger_;
     Consumer_Link link_;
-    std::thread thread_;  // open() and close()
+    std::thread thread_;      // open() and close()
+    Received_Frame scratch_;  // of that thread
 
     // Of whoever has the turn.
-    Received_Frame scratch_;
     Clock::time_point taken_at_{};  // when the latest take ended
     Clock::time_point next_look_{};
     Clock::time_point wait_began_{};
@@ -189,8 +190,9 @@ void ZAV_SHM_Frame_Subscriber::Body::take_as_thread() {
     }
 }
 
-// Into the application's buffer: the same one every time stays in the processor's cache.
-void ZAV_SHM_Frame_Subscriber::Body::take_as_application(Received_Frame& frame,
+// Into the application's own frame, past the queue: what a consumer does between its copy and its
+// next wait is time that the others on the same processor wait for. True when it got one.
+bool ZAV_SHM_Frame_Subscriber::Body::take_as_application(Received_Frame& frame,
                                                          Clock::time_point end) {
     const auto patience = [this, end] {
         const auto now = Clock::now();
@@ -198,32 +200,35 @@ void ZAV_SHM_Frame_Subscriber::Body::take_as_application(Received_Frame& frame,
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now);
         return link_.is_closing() ? 0ms : left;
     };
-    std::swap(scratch_.bytes, frame.bytes);
     bool goes_on = !looks_;
     while (goes_on) {
         const auto current = link_.reader();
         if (!current) {
             break;
         }
-        take_one(*current, patience);
-        if (queue_.size() > 0) {
-            return;
+        if (take_one(*current, frame, patience)) {
+            if (queue_.let_pass(frame)) {
+                return true;
+            }
+            ledger_.dropped(queue_.push(frame));
+            if (queue_.size() > 0) {
+                return false;
+            }
         }
         goes_on = !looks_ && patience() > 0ms;
     }
-    std::swap(scratch_.bytes, frame.bytes);
+    return false;
 }
 
-void ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader,
+bool ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader, Received_Frame& frame,
                                               const Slot_Reader::Patience& patience) {
     repeats_ = false;
-    const Slot_Reader::Take taken = reader.take(scratch_, patience);
-    note_time(taken);
+    const Slot_Reader::Take taken = reader.take(frame, patience);
+    note_time(taken, frame);
     note(reader, taken);
-    if (is_wanted(taken)) {
-        ledger_.dropped(queue_.push(scratch_));
-    }
+    const bool wanted = is_wanted(taken, frame);
     look_if_repeated();
+    return wanted;
 }
 
 // Who gets the frame is decided when it has come: a reader in place that came in the meantime is
@@ -244,8 +249,8 @@ void ZAV_SHM_Frame_Subscriber::Body::take_or_read_one(Slot_Reader& reader,
             }
         },
         patience);
-    note_time(taken);
-    const bool whole = is_wanted(taken);
+    note_time(taken, scratch_);
+    const bool whole = is_wanted(taken, scratch_);
     if (lent && *lent != nullptr) {
         if (whole) {
             ledger_.handed_out();
@@ -258,9 +263,10 @@ void ZAV_SHM_Frame_Subscriber::Body::take_or_read_one(Slot_Reader& reader,
     look_if_repeated();
 }
 
-void ZAV_SHM_Frame_Subscriber::Body::note_time(Slot_Reader::Take taken) {
+void ZAV_SHM_Frame_Subscriber::Body::note_time(Slot_Reader::Take taken,
+                                               const Received_Frame& frame) {
     taken_at_ = taken == Slot_Reader::Take::frame
-                    ? Clock::time_point(std::chrono::nanoseconds(scratch_.received_ns))
+                    ? Clock::time_point(std::chrono::nanoseconds(frame.received_ns))
                     : Clock::now();
 }
 
@@ -293,12 +299,12 @@ void ZAV_SHM_Frame_Subscriber::Body::look_if_repeated() {
 }
 
 // True when what was taken is for the application.
-bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken) {
+bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken, Received_Frame& frame) {
     if (taken != Slot_Reader::Take::frame) {
         return false;
     }
     using Verdict = zav_shm::Sequence_Watch::Verdict;
-    const Verdict verdict = ledger_.judge(scratch_);
+    const Verdict verdict = ledger_.judge(frame);
     repeats_ = verdict == Verdict::repeated;
     if (!repeats_) {
         last_frame_ = taken_at_;
@@ -317,11 +323,12 @@ zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::receive(Received_Frame& 
                                                 .is_in_the_way = [this] { return needs_thread(); }};
     zav_shm::Receive_Status status = queue_.pop(frame, 0ms);
     for (; status == zav_shm::Receive_Status::timeout && now < end; now = Clock::now()) {
+        bool taken = false;
         if (turn_.enter(now, end, reasons)) {
-            take_as_application(frame, end);
+            taken = take_as_application(frame, end);
             turn_.leave(taken_at_);
         }
-        status = queue_.pop(frame, 0ms);
+        status = taken ? zav_shm::Receive_Status::frame : queue_.pop(frame, 0ms);
     }
     if (status == zav_shm::Receive_Status::frame) {
         ledger_.handed_out();

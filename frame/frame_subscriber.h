@@ -89,7 +89,7 @@ public:
     void close(std::chrono::milliseconds limit = std::chrono::milliseconds(200));
 
     /// Takes the next frame, out of the queue or off the slot, waiting up to `timeout` for one.
-    /// Without one only the bytes of `frame` may have changed.
+    /// Without one nothing of what `frame` said holds any more; its buffer stays.
     zav_shm::Receive_Status receive(zav_shm::Received_Frame& frame,
                                     std::chrono::milliseconds timeout);
 

@@ -175,6 +175,42 @@ TEST_F(Queue, buffers_go_round) {
     EXPECT_LE(buffers.size(), 3U);
 }
 
+TEST_F(Queue, frame_passes_when_it_would_be_the_only_one) {
+    const auto queue = of(1, Overflow_Policy::drop_until_key_frame);
+    Received_Frame first = frame(1, key);
+    EXPECT_TRUE(queue->let_pass(first));
+    EXPECT_EQ(first.payload().size(), 10U);
+    EXPECT_EQ(queue->size(), 0U);
+    push(*queue, 2);
+    Received_Frame next = frame(3);
+    EXPECT_FALSE(queue->let_pass(next)) << "one is before it";
+    queue->close();
+    queue->open();
+    EXPECT_TRUE(queue->let_pass(next));
+    queue->close();
+    EXPECT_FALSE(queue->let_pass(next));
+}
+
+TEST_F(Queue, frame_does_not_pass_on_the_way_to_a_key_frame) {
+    const auto queue = of(1, Overflow_Policy::drop_until_key_frame);
+    Received_Frame first = frame(1, key);
+    EXPECT_TRUE(queue->let_pass(first));
+    push(*queue, 2);
+    EXPECT_EQ(push(*queue, 3), 1U);
+    EXPECT_EQ(pop(*queue), 2U) << "the key frame that passed is as good as one that was pushed";
+    Received_Frame fourth = frame(4);
+    EXPECT_FALSE(queue->let_pass(fourth));
+    EXPECT_EQ(queue->push(fourth), 1U);
+    Received_Frame fifth = frame(5, key);
+    EXPECT_FALSE(queue->let_pass(fifth)) << "it has to tell of those before it";
+    queue->push(fifth);
+    Received_Frame taken;
+    EXPECT_EQ(pop(*queue, taken), 5U);
+    EXPECT_EQ(taken.dropped, 2U);
+    Received_Frame sixth = frame(6);
+    EXPECT_TRUE(queue->let_pass(sixth));
+}
+
 TEST_F(Queue, pop_waits_for_a_frame) {
     const auto queue = of(4, Overflow_Policy::drop_oldest);
     std::thread later([&queue] {
