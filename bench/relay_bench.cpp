@@ -25,11 +25,10 @@ using namespace zav_shm::bench;
 // machine does not decide the figure.
 constexpr int full_rate_runs = 3;
 
-constexpr int paced_frames_per_second = 30;
 constexpr double paced_share = 5.0 / 3.0;  // of --seconds
 constexpr double limit_seconds = 0.5;
 
-/// Both parts of a cell: the full-rate runs summed up, and the run at 30 frames per second.
+/// Both parts of a cell: the full-rate runs summed up, and the paced run.
 struct Cell_Figures {
     std::vector<double> frames_per_second;
     std::vector<double> cpu_us_per_frame;
@@ -81,7 +80,7 @@ std::optional<Cell_Figures> measure(std::size_t payload_bytes, int consumers, La
         }
         add_full_rate_run(*run, figures);
     }
-    const auto paced = run_relay_cell({payload_bytes, consumers, paced_frames_per_second,
+    const auto paced = run_relay_cell({payload_bytes, consumers, options.paced_fps,
                                        options.seconds * paced_share, options.placement, layer});
     if (!paced) {
         return {};
@@ -92,11 +91,13 @@ std::optional<Cell_Figures> measure(std::size_t payload_bytes, int consumers, La
     return figures;
 }
 
-const std::vector<Table::Column> relay_columns{
-    {"layer", 8},  {"bytes", 7},    {"consumers", 9}, {"frames/s", 8}, {"range", 13},
-    {"MB/s", 5},   {"CPU us", 6},   {"switches", 8},  {"missed", 7},   {"dropped", 7},
-    {"torn", 4},   {"repeated", 8}, {"30fps p50", 9}, {"p99", 5},      {"max us", 6},
-    {"missed", 7}, {"dropped", 7}};
+std::vector<Table::Column> relay_columns(int paced_fps) {
+    const std::string median_latency = std::to_string(paced_fps) + "fps p50";
+    return {{"layer", 8},  {"bytes", 7},    {"consumers", 9},    {"frames/s", 8}, {"range", 13},
+            {"MB/s", 5},   {"CPU us", 6},   {"switches", 8},     {"missed", 7},   {"dropped", 7},
+            {"torn", 4},   {"repeated", 8}, {median_latency, 9}, {"p99", 5},      {"max us", 6},
+            {"missed", 7}, {"dropped", 7}};
+}
 
 std::string range(const std::vector<double>& values) {
     return fixed(percentile(values, 0), 0) + "-" + fixed(percentile(values, 100), 0);
@@ -144,7 +145,7 @@ void print_limits(const Relay_Bench_Options& options) {
 
 int run(const Relay_Bench_Options& options) {
     print_limits(options);
-    const Table table(relay_columns, options.csv);
+    const Table table(relay_columns(options.paced_fps), options.csv);
     for (const std::size_t bytes : options.payload_bytes) {
         for (const int consumers : options.consumers) {
             for (const Layer layer : options.layers) {

@@ -14,19 +14,21 @@ namespace {
 
 constexpr double least_seconds = 0.3;
 constexpr double most_seconds = 3600;
+constexpr int most_paced_fps = 1000;
 constexpr double most_payload_bytes = 64.0 * 1024 * 1024;
 
 constexpr const char* usage =
     "Usage: bench_relay [--seconds N] [--size BYTES] [--consumers N] [--cpus WHERE] "
     "[--layers]\n"
-    "                   [--csv]\n"
+    "                   [--fps N] [--csv]\n"
     "\n"
-    "  --seconds N     time per cell at full rate, 3 by default; the 30 fps part takes 5/3 of it\n"
+    "  --seconds N     time per cell at full rate, 3 by default; the paced run takes 5/3 of it\n"
     "  --size BYTES    one payload size instead of 4, 64, 256 and 1024 KiB\n"
     "  --consumers N   one number of consumer processes instead of 1, 2 and 4\n"
     "  --cpus WHERE    free: as the scheduler likes (default); one: all processes on one CPU;\n"
     "                  apart: the relay on a CPU without the others\n"
     "  --layers        beside the endpoints the safe layer, with copies and in place\n"
+    "  --fps N         frames per second of the paced run, whose latency is told; 30 by default\n"
     "  --csv           comma-separated values\n";
 
 bool placement(const char* text, Placement& chosen) {
@@ -58,6 +60,10 @@ bool apply(int option, const char* text, Relay_Bench_Options& options) {
             value = number_option("consumers", text, 1, consumers_max);
             options.consumers = {static_cast<int>(value.value_or(0))};
             return value.has_value();
+        case 'f':
+            value = number_option("fps", text, 1, most_paced_fps);
+            options.paced_fps = static_cast<int>(value.value_or(0));
+            return value.has_value();
         case 'p':
             return placement(text, options.placement);
         case 'l':
@@ -74,10 +80,11 @@ bool apply(int option, const char* text, Relay_Bench_Options& options) {
 }  // namespace
 
 std::optional<Relay_Bench_Options> read_options(int argc, char** argv, int& exit_status) {
-    static const std::array<option, 8> known{{{"seconds", required_argument, nullptr, 's'},
+    static const std::array<option, 9> known{{{"seconds", required_argument, nullptr, 's'},
                                               {"size", required_argument, nullptr, 'b'},
                                               {"consumers", required_argument, nullptr, 'c'},
                                               {"cpus", required_argument, nullptr, 'p'},
+                                              {"fps", required_argument, nullptr, 'f'},
                                               {"layers", no_argument, nullptr, 'l'},
                                               {"csv", no_argument, nullptr, 'v'},
                                               {"help", no_argument, nullptr, 'h'},
