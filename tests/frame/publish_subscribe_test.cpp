@@ -3,6 +3,7 @@
 // Publishers and subscribers of this process at a center of this process.
 #include <algorithm>
 #include <atomic>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -177,6 +178,32 @@ TEST_F(Frames, come_to_a_receive_that_may_take_a_month) {
     }
     has_come = true;
     feeding.join();
+}
+
+TEST_F(Frames, come_from_the_next_key_frame_on_after_the_queue_was_full) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP", .queue_frames = 1});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    const auto deliver = [&camera](std::uint16_t flags) {
+        return becomes_true(
+            [&] { return camera.publish(payload(100, 1), {.flags = flags}).delivered(); });
+    };
+    Received_Frame frame;
+    ASSERT_TRUE(pass_one(camera, player, frame));
+    ASSERT_TRUE(deliver(zav_shm::frame_flag::key_frame));
+    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    ASSERT_TRUE(deliver(0) && deliver(0));
+    ASSERT_TRUE(becomes_true([&] { return player.counters().dropped == 1; }));
+    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    EXPECT_EQ(frame.dropped, 0U);
+    auto received = std::async(std::launch::async, [&] { return player.receive(frame, 5s); });
+    std::this_thread::sleep_for(50ms);  // it waits there
+    EXPECT_TRUE(deliver(0) && deliver(zav_shm::frame_flag::key_frame));
+    ASSERT_EQ(received.get(), Receive_Status::frame);
+    EXPECT_TRUE(frame.is_key_frame());
+    EXPECT_EQ(frame.dropped, 2U);
+    EXPECT_EQ(player.counters().dropped, 2U);
 }
 
 TEST_F(Flowing_Frames, go_to_a_reader_in_place_that_came_while_one_was_waited_for) {
