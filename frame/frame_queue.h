@@ -17,7 +17,7 @@ namespace zav_shm {
 /// their frames, and those that come free are used again, the latest first: as few go round as
 /// frames ever waited at once.
 ///
-/// Threads  one pushes, one pops, any closes.
+/// Threads  whoever has the turn to take frames pushes, the application pops, any closes.
 class Frame_Queue {
 public:
     struct Limits {
