@@ -3,9 +3,10 @@
 // Frames per second, cost and latency of the whole path: producer process, relay process and
 // consumer processes, through real segments and semaphores, beside what the machine allows.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <optional>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,23 +22,26 @@ namespace {
 
 using namespace zav_shm::bench;
 
-// The full-rate time of a cell is split into that many runs, so that one disturbance of the
-// machine does not decide the figure.
-constexpr int full_rate_runs = 3;
+// The time of a cell is split into that many rounds, in which the layers take turns: a disturbance
+// of the machine does not decide a figure, and where the scheduler puts the processes of one run,
+// which it seldom changes, does not decide a comparison.
+constexpr int rounds = 5;
 
 constexpr double paced_share = 5.0 / 3.0;  // of --seconds
 constexpr double limit_seconds = 0.5;
 
-/// Both parts of a cell: the full-rate runs summed up, and the paced run.
+/// Both parts of a cell, each of them over all rounds.
 struct Cell_Figures {
     std::vector<double> frames_per_second;
     std::vector<double> cpu_us_per_frame;
     std::vector<double> switches_per_frame;
-    std::vector<std::uint64_t> missed;  // per consumer, over all full-rate runs
-    std::uint64_t dropped = 0;
-    std::uint64_t torn = 0;      // over all runs
-    std::uint64_t repeated = 0;  // over all runs
-    Relay_Result paced;
+    std::vector<std::uint64_t> missed;  // per consumer, at full rate
+    std::uint64_t dropped = 0;          // at full rate
+    std::vector<std::int64_t> paced_latencies_ns;
+    std::vector<std::uint64_t> paced_missed;
+    std::uint64_t paced_dropped = 0;
+    std::uint64_t torn = 0;      // of both
+    std::uint64_t repeated = 0;  // of both
 };
 
 std::string joined(const std::vector<std::uint64_t>& counts) {
@@ -55,39 +59,59 @@ std::string microseconds(const std::vector<std::int64_t>& values_ns, double perc
     return fixed(static_cast<double>(percentile(values_ns, percent)) / 1e3, 0);
 }
 
+void add(const std::vector<std::uint64_t>& counts, std::vector<std::uint64_t>& sums) {
+    sums.resize(counts.size());
+    std::transform(counts.begin(), counts.end(), sums.begin(), sums.begin(), std::plus<>());
+}
+
 void add_full_rate_run(const Relay_Result& run, Cell_Figures& figures) {
     figures.frames_per_second.push_back(run.frames_per_second);
     figures.cpu_us_per_frame.push_back(run.cpu_us_per_frame);
     figures.switches_per_frame.push_back(run.switches_per_frame);
-    figures.missed.resize(run.missed.size());
-    for (std::size_t i = 0; i < run.missed.size(); ++i) {
-        figures.missed[i] += run.missed[i];
-    }
+    add(run.missed, figures.missed);
     figures.dropped += run.dropped;
     figures.torn += run.torn;
     figures.repeated += run.repeated;
 }
 
-std::optional<Cell_Figures> measure(std::size_t payload_bytes, int consumers, Layer layer,
-                                    const Relay_Bench_Options& options) {
-    Cell_Figures figures;
-    for (int i = 0; i < full_rate_runs; ++i) {
-        const auto run =
-            run_relay_cell({payload_bytes, consumers, 0, options.seconds / full_rate_runs,
-                            options.placement, layer});
-        if (!run) {
-            return {};
-        }
-        add_full_rate_run(*run, figures);
+void add_paced_run(const Relay_Result& run, Cell_Figures& figures) {
+    figures.paced_latencies_ns.insert(figures.paced_latencies_ns.end(), run.latencies_ns.begin(),
+                                      run.latencies_ns.end());
+    add(run.missed, figures.paced_missed);
+    figures.paced_dropped += run.dropped;
+    figures.torn += run.torn;
+    figures.repeated += run.repeated;
+}
+
+bool measure_round(std::size_t payload_bytes, int consumers, Layer layer,
+                   const Relay_Bench_Options& options, Cell_Figures& figures) {
+    const double seconds = options.seconds / rounds;
+    const auto full_rate =
+        run_relay_cell({payload_bytes, consumers, 0, seconds, options.placement, layer});
+    if (!full_rate) {
+        return false;
     }
     const auto paced = run_relay_cell({payload_bytes, consumers, options.paced_fps,
-                                       options.seconds * paced_share, options.placement, layer});
+                                       seconds * paced_share, options.placement, layer});
     if (!paced) {
-        return {};
+        return false;
     }
-    figures.paced = *paced;
-    figures.torn += paced->torn;
-    figures.repeated += paced->repeated;
+    add_full_rate_run(*full_rate, figures);
+    add_paced_run(*paced, figures);
+    return true;
+}
+
+/// @return per layer, in the order of the options; nothing when a run failed.
+std::vector<Cell_Figures> measure(std::size_t payload_bytes, int consumers,
+                                  const Relay_Bench_Options& options) {
+    std::vector<Cell_Figures> figures(options.layers.size());
+    for (int round = 0; round < rounds; ++round) {
+        for (std::size_t i = 0; i < figures.size(); ++i) {
+            if (!measure_round(payload_bytes, consumers, options.layers[i], options, figures[i])) {
+                return {};
+            }
+        }
+    }
     return figures;
 }
 
@@ -118,16 +142,16 @@ const char* name_of(Layer layer) {
 void print_cell(const Table& table, std::size_t payload_bytes, int consumers, Layer layer,
                 const Cell_Figures& figures) {
     const double rate = median(figures.frames_per_second);
-    const Relay_Result& paced = figures.paced;
     table.row({name_of(layer), std::to_string(payload_bytes), std::to_string(consumers),
                fixed(rate, 0), range(figures.frames_per_second),
                fixed(rate * static_cast<double>(payload_bytes) / 1e6, 0),
                fixed(median(figures.cpu_us_per_frame), 1),
                fixed(median(figures.switches_per_frame), 1), joined(figures.missed),
                std::to_string(figures.dropped), std::to_string(figures.torn),
-               std::to_string(figures.repeated), microseconds(paced.latencies_ns, 50),
-               microseconds(paced.latencies_ns, 99), microseconds(paced.latencies_ns, 100),
-               joined(paced.missed), std::to_string(paced.dropped)});
+               std::to_string(figures.repeated), microseconds(figures.paced_latencies_ns, 50),
+               microseconds(figures.paced_latencies_ns, 99),
+               microseconds(figures.paced_latencies_ns, 100), joined(figures.paced_missed),
+               std::to_string(figures.paced_dropped)});
 }
 
 void print_limits(const Relay_Bench_Options& options) {
@@ -148,12 +172,12 @@ int run(const Relay_Bench_Options& options) {
     const Table table(relay_columns(options.paced_fps), options.csv);
     for (const std::size_t bytes : options.payload_bytes) {
         for (const int consumers : options.consumers) {
-            for (const Layer layer : options.layers) {
-                const auto figures = measure(bytes, consumers, layer, options);
-                if (!figures) {
-                    return EXIT_FAILURE;
-                }
-                print_cell(table, bytes, consumers, layer, *figures);
+            const auto figures = measure(bytes, consumers, options);
+            if (figures.empty()) {
+                return EXIT_FAILURE;
+            }
+            for (std::size_t i = 0; i < figures.size(); ++i) {
+                print_cell(table, bytes, consumers, options.layers[i], figures[i]);
             }
         }
     }

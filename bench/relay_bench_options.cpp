@@ -12,7 +12,7 @@ namespace zav_shm::bench {
 
 namespace {
 
-constexpr double least_seconds = 0.3;
+constexpr double least_seconds = 2;
 constexpr double most_seconds = 3600;
 constexpr int most_paced_fps = 1000;
 constexpr double most_payload_bytes = 64.0 * 1024 * 1024;
@@ -22,13 +22,13 @@ constexpr const char* usage =
     "[--layers]\n"
     "                   [--fps N] [--csv]\n"
     "\n"
-    "  --seconds N     time per cell at full rate, 3 by default; the paced run takes 5/3 of it\n"
+    "  --seconds N     time per cell at full rate, 5 by default; the paced part takes 5/3 of it\n"
     "  --size BYTES    one payload size instead of 4, 64, 256 and 1024 KiB\n"
     "  --consumers N   one number of consumer processes instead of 1, 2 and 4\n"
     "  --cpus WHERE    free: as the scheduler likes (default); one: all processes on one CPU;\n"
     "                  apart: the relay on a CPU without the others\n"
     "  --layers        beside the endpoints the safe layer, with copies and in place\n"
-    "  --fps N         frames per second of the paced run, whose latency is told; 30 by default\n"
+    "  --fps N         frames per second of the paced part, whose latency is told; 30 by default\n"
     "  --csv           comma-separated values\n";
 
 bool placement(const char* text, Placement& chosen) {

@@ -11,8 +11,8 @@
 namespace zav_shm::bench {
 
 struct Relay_Bench_Options {
-    double seconds = 3;  // at full rate per cell; the paced run takes 5/3 of it
-    int paced_fps = 30;  // frames per second of the part that latency is taken from
+    double seconds = 5;  // at full rate per cell; the paced part takes 5/3 of it
+    int paced_fps = 30;  // frames per second of the paced part, which latency is taken from
     std::vector<std::size_t> payload_bytes{4U << 10, 64U << 10, 256U << 10, 1U << 20};
     std::vector<int> consumers{1, 2, 4};
     Placement placement = Placement::free;
