@@ -51,6 +51,7 @@ struct Subscriber_Counters {
     std::uint64_t torn = 0;        // copies that were overwritten meanwhile, also after a retry
     std::uint64_t repeated = 0;    // the slot still held a frame that was taken before
     std::uint64_t invalid = 0;     // a length beyond the slot
+    std::uint64_t no_memory = 0;   // there was none for the copy; lost, too
     std::uint64_t foreign = 0;     // without a header of ours
     std::uint64_t dropped = 0;     // the queue was full
     std::uint64_t skipped = 0;     // on the way to a key frame

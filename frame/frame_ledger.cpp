@@ -50,6 +50,9 @@ void Frame_Ledger::count(Slot_Reader::Take taken, bool noticed) {
         case Slot_Reader::Take::invalid:
             ++counters_.invalid;
             break;
+        case Slot_Reader::Take::no_memory:
+            ++counters_.no_memory;
+            break;
         case Slot_Reader::Take::unmapped:
         case Slot_Reader::Take::frame:
             break;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "frame/monotonic_clock.h"
 #include "frame/payload_copy.h"
@@ -121,8 +122,13 @@ Slot_Reader::Take Slot_Reader::use_checked(Received_Frame& frame, const Use& use
     if (!slot_is_mapped() || shm->size < frame_header_bytes) {
         return Take::unmapped;
     }
-    const Take first = use_once(frame, use);
-    return first == Take::torn ? use_once(frame, use) : first;
+    try {
+        const Take first = use_once(frame, use);
+        return first == Take::torn ? use_once(frame, use) : first;
+    } catch (const std::bad_alloc&) {
+        frame.length = 0;
+        return Take::no_memory;
+    }
 }
 
 Slot_Reader::Take Slot_Reader::use_once(Received_Frame& frame, const Use& use) const {

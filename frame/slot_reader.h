@@ -22,11 +22,12 @@ public:
     using ZAV_SHM_Stream_Receiver::ZAV_SHM_Stream_Receiver;
 
     enum class Take {
-        nothing,  // no frame within the time, or the caller's patience was over
-        frame,    // whole, or of a foreign producer
-        torn,     // overwritten during the copy, and again during a second one
-        invalid,  // its length field is beyond the slot
-        unmapped  // there is no slot
+        nothing,    // no frame within the time, or the caller's patience was over
+        frame,      // whole, or of a foreign producer
+        torn,       // overwritten during the copy, and again during a second one
+        invalid,    // its length field is beyond the slot
+        no_memory,  // for the copy
+        unmapped    // there is no slot
     };
 
     /// False when the segment or a semaphore could not be had.
@@ -39,7 +40,7 @@ public:
     /// How much longer the caller is ready to wait; asked again and again.
     using Patience = std::function<std::chrono::milliseconds()>;
 
-    /// Makes room in the frame's bytes and copies the payload there.
+    /// Makes room in the frame's bytes, which may throw bad_alloc, and copies the payload there.
     static void copy(Received_Frame& into, std::span<const std::byte> payload);
 
     /// Announces this consumer, waits up to 40 ms for a frame and copies it.
@@ -50,7 +51,8 @@ public:
     Take take(Received_Frame& frame, const Patience& patience = {});
 
     /// The same with `use` in the place of the copy: it is called once, or twice when the first
-    /// time proved torn. It holds up change_shm(), and the producer for 20 ms.
+    /// time proved torn. It holds up change_shm(), and the producer for 20 ms. A bad_alloc that it
+    /// throws makes the result `no_memory`.
     Take take_with(Received_Frame& frame, const Use& use, const Patience& patience = {});
 
     /// True when the center has taken an announcement of the latest wait: this consumer is in a

@@ -26,6 +26,7 @@ TEST(Ledger, counts_waits_by_what_ended_them) {
     ledger.count(Take::nothing, false);
     ledger.count(Take::torn, true);
     ledger.count(Take::invalid, true);
+    ledger.count(Take::no_memory, true);
     ledger.count(Take::unmapped, true);
     ledger.count(Take::frame, true);
     const auto counted = ledger.counters();
@@ -33,6 +34,7 @@ TEST(Ledger, counts_waits_by_what_ended_them) {
     EXPECT_EQ(counted.timeouts_no_relay, 2U);
     EXPECT_EQ(counted.torn, 1U);
     EXPECT_EQ(counted.invalid, 1U);
+    EXPECT_EQ(counted.no_memory, 1U);
     EXPECT_EQ(counted.frames, 0U);
 }
 

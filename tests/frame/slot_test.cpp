@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <new>
 #include <random>
 #include <thread>
 
@@ -281,6 +282,19 @@ TEST_F(Slot, a_length_beyond_the_slot_is_invalid_in_our_and_in_foreign_frames) {
     header()->magic = 0;
     relay_->post(zav_shm::consumer_side::frame_ready);
     EXPECT_EQ(take(frame), Take::invalid);
+}
+
+TEST_F(Slot, a_frame_without_memory_for_its_copy_is_lost_and_holds_up_nobody) {
+    write(1, 100);
+    Received_Frame frame;
+    EXPECT_EQ(reader_->take_with(frame, [](Received_Frame&,
+                                           std::span<const std::byte>) { throw std::bad_alloc(); }),
+              Take::no_memory);
+    EXPECT_TRUE(frame.payload().empty());
+    EXPECT_EQ(relay_->value(zav_shm::consumer_side::read_done), 1);
+    write(2, 100);
+    EXPECT_EQ(take(frame), Take::frame);
+    EXPECT_EQ(frame.header.sequence, 2U);
 }
 
 TEST_F(Slot, a_frame_without_our_magic_is_foreign_and_its_header_says_nothing) {
