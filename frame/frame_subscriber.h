@@ -51,7 +51,7 @@ enum class Receive_Status {
 /// Blocking receive() takes at most the time given. open(), pair(), close() and read_in_place()
 ///          take as long as the time that they are given, plus one wait of the thread (30 ms).
 /// Errors   are values. Nothing throws and nothing is printed but the documented lines of the
-///          base layers.
+///          base layers. A frame that there is no memory for is lost.
 /// Crash    a killed subscriber costs the other consumers nothing but 20 ms once; the center's
 ///          idle kick takes it out of its relay. Its successor simply opens again.
 class ZAV_SHM_Frame_Subscriber {
@@ -99,6 +99,8 @@ public:
     /// be done within 10 ms, or the producer goes on without this consumer. The payload may be
     /// overwritten meanwhile, and then what came of it is to be thrown away: `judged` tells whether
     /// it was one whole frame. `read` comes a second time when it first was not.
+    /// Neither may throw, but for a bad_alloc of `read`: the frame is lost as one is that there is
+    /// no memory to copy.
     ///
     /// What the queue holds stays there.
     ///

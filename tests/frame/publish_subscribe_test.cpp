@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <new>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "../center/center_fixture.h"
@@ -246,6 +248,34 @@ TEST_F(Flowing_Frames, can_be_read_in_place_one_after_the_other) {
     EXPECT_EQ(player.receive(frame, 5s), Receive_Status::frame);  // the queue takes over again
     ends = true;
     producer.join();
+}
+
+TEST_F(Flowing_Frames, that_there_is_no_memory_for_are_lost_and_told) {
+    std::atomic<bool> ends{false};
+    std::thread producer([&] {
+        while (!ends) {
+            camera.publish(payload(300, 5));
+        }
+    });
+    bool memory_is_out = true;
+    std::uint64_t told = 0;
+    const auto status = player.read_in_place({.read =
+                                                  [&](const Received_Frame&, auto) {
+                                                      if (std::exchange(memory_is_out, false)) {
+                                                          throw std::bad_alloc();
+                                                      }
+                                                  },
+                                              .judged =
+                                                  [&](const Received_Frame& read, bool is_whole) {
+                                                      told = read.lost;
+                                                      return !is_whole;
+                                                  }},
+                                             20s);
+    ends = true;
+    producer.join();
+    EXPECT_EQ(status, Receive_Status::frame);
+    EXPECT_GE(told, 1U);
+    EXPECT_EQ(player.counters().no_memory, 1U);
 }
 
 TEST_F(Frames, reading_in_place_ends_in_time_and_when_the_subscriber_is_closed) {
