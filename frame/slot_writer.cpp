@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "frame/payload_copy.h"
-#include "frame/slot_fence.h"
+#include "ipc/memory_fence.h"
 #include "stream/semaphore_roles.h"
 
 namespace zav_shm {

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "ipc/name_watch.h"
+#include "ring/ring_reader.h"
+
+namespace zav_shm {
+
+/// Follows a ring by its name: waits for it to come, reads it to its end, and changes over when
+/// another writer has replaced it.
+///
+///   Ring_Follower follower("/dev/shm/shm/rings/CAM_LOOP_0_0", Ring_Memory::Reading::mapped);
+///   for (;;) {
+///       if (follower.look(record) == Ring_Reader::Look::record) {
+///           ... use it, is_in_reach(), advance() ...
+///       } else if (!follower.changes_over()) {
+///           follower.wait(deadline_ns);
+///       }
+///   }
+///
+/// Threads  one; wake() from any.
+/// Blocking wait() alone. Nobody who waits wakes up more than once a second for nothing.
+class Ring_Follower {
+public:
+    Ring_Follower(std::string path, Ring_Memory::Reading reading);
+
+    /// Reads this ring and no other.
+    explicit Ring_Follower(std::shared_ptr<const Ring_Memory> ring);
+
+    Ring_Follower(const Ring_Follower&) = delete;
+    Ring_Follower& operator=(const Ring_Follower&) = delete;
+
+    /// The reader of the present ring; null while there is none.
+    Ring_Reader* reader() const { return reader_.get(); }
+
+    /// To be called while there is nothing to read in the present ring, or no ring. Looks at the
+    /// name when there is reason to, and takes the ring that has it by now.
+    ///
+    /// @return true when reader() is another one; its cursor is behind its newest record.
+    bool changes_over();
+
+    /// Sleeps until there may be something to read or a ring to change over to, until wake(), or
+    /// the deadline; a second at most.
+    ///
+    /// @param deadline_ns  of CLOCK_MONOTONIC
+    void wait(std::int64_t deadline_ns);
+
+    /// Ends a wait(), or keeps the next one from beginning.
+    void wake();
+
+    /// Gives up the present ring, which is broken. It is not taken again before another second has
+    /// passed, or another one has its name.
+    void give_up(const std::string& why);
+
+    /// Why there is no ring, or why one that has the name is not read; empty when all is well.
+    const Ring_Problem& problem() const { return problem_; }
+
+private:
+    bool is_due(std::int64_t now_ns) const { return looks_now_ || now_ns >= next_look_ns_; }
+    bool take_ring();
+    void use(std::unique_ptr<Ring_Reader> reader);
+
+    const std::string path_;  // empty: one ring for ever
+    const Ring_Memory::Reading reading_ = Ring_Memory::Reading::mapped;
+    Ring_Problem problem_;
+    ino_t given_up_ = 0;  // the ring that is broken
+    bool looks_now_ = true;
+    std::int64_t next_look_ns_ = 0;
+    int in_vain_ = 0;  // waits in a row that ended at once and brought nothing
+    Name_Watch names_;
+
+    std::mutex
+        mutex_;  // guards the change of reader_, which wake() uses; held for a few instructions
+    std::unique_ptr<Ring_Reader> reader_;
+    std::atomic<bool> waits_{false};
+    std::atomic<bool> woken_{false};
+};
+
+}  // namespace zav_shm

@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ring/ring_writer.h"
+
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <utility>
+
+#include "ipc/futex.h"
+#include "ipc/memory_fence.h"
+#include "ipc/monotonic_clock.h"
+#include "ipc/random_epoch.h"
+#include "ipc/test_point.h"
+
+namespace zav_shm {
+
+namespace {
+
+constexpr mode_t list_and_enter_group = 0050;
+constexpr mode_t list_and_enter_others = 0005;
+constexpr mode_t read_group = 0040;
+constexpr mode_t read_others = 0004;
+
+// Between the two wakes of the readers of a ring that is replaced: the first may come just before
+// one goes to sleep on it.
+constexpr std::chrono::milliseconds second_wake_after{3};
+
+// How often this process has been forked off another one since it has known this code. A child
+// shares its parent's mapping and lock; asking for the process id at every record would cost a
+// system call.
+std::atomic<unsigned> forks{0};
+
+unsigned forks_so_far() {
+    static const int registered =
+        pthread_atfork(nullptr, nullptr, [] { forks.fetch_add(1, std::memory_order_relaxed); });
+    static_cast<void>(registered);
+    return forks.load(std::memory_order_relaxed);
+}
+
+std::uint64_t in_alignment(std::size_t bytes) {
+    return (std::uint64_t{bytes} + ring_record_alignment - 1) / ring_record_alignment *
+           ring_record_alignment;
+}
+
+Ring_Facts new_facts() {
+    Ring_Facts facts;
+    facts.epoch = random_epoch();
+    facts.created_ns = monotonic_ns();
+    facts.writer_pid = static_cast<std::uint32_t>(getpid());
+    return facts;
+}
+
+}  // namespace
+
+mode_t ring_file_mode(mode_t folder) {
+    const auto allows = [folder](mode_t bits) { return (folder & bits) == bits; };
+    return 0600 | (allows(list_and_enter_group) ? read_group : 0) |
+           (allows(list_and_enter_others) ? read_others : 0);
+}
+
+// ---- life ----
+
+std::unique_ptr<Ring_Writer> Ring_Writer::open(const std::string& path, const Ring_Size& size,
+                                               Ring_Problem& problem) {
+    const std::string folder = path.substr(0, path.rfind('/'));
+    struct stat status {};
+    if (stat(folder.c_str(), &status) != 0) {
+        problem = {Ring_Problem::Kind::absent, "there is no folder " + folder, 0};
+        return nullptr;
+    }
+    const mode_t mode = ring_file_mode(status.st_mode);
+    Writer_Lock lock;
+    if (!lock.take(path + ".lock", problem)) {
+        return nullptr;
+    }
+    Ring_Problem none;
+    const auto former = Ring_Memory::open(path, Ring_Memory::Reading::copied, none);
+    auto ring = Ring_Memory::make(path, size, new_facts(), mode, problem);
+    if (!ring) {
+        return nullptr;
+    }
+    if (former) {
+        futex_wake(former->head_word());
+        std::this_thread::sleep_for(second_wake_after);
+        futex_wake(former->head_word());
+    }
+    std::unique_ptr<Ring_Writer> writer(new Ring_Writer(std::move(ring)));  // private constructor
+    writer->lock_ = std::move(lock);
+    return writer;
+}
+
+std::unique_ptr<Ring_Writer> Ring_Writer::open_private(const Ring_Size& size, Ring_Problem& problem,
+                                                       std::uint64_t first) {
+    auto ring = Ring_Memory::make_private(size, new_facts(), problem);
+    if (!ring) {
+        return nullptr;
+    }
+    ring->store_release(ring_tail_offset, static_cast<std::uint32_t>(first));
+    ring->store_release(ring_head_offset, static_cast<std::uint32_t>(first - 1));
+    std::unique_ptr<Ring_Writer> writer(new Ring_Writer(std::move(ring)));
+    writer->last_ = first - 1;
+    writer->oldest_ = first;
+    return writer;
+}
+
+Ring_Writer::Ring_Writer(std::shared_ptr<Ring_Memory> ring)
+    : ring_(std::move(ring)), forks_(forks_so_far()), begins_(ring_->facts().index_count) {}
+
+Ring_Writer::~Ring_Writer() { close(); }
+
+// The state before the wake: who wakes without news looks at it.
+void Ring_Writer::close() {
+    if (std::exchange(closed_, true) || forks_ != forks_so_far()) {
+        return;
+    }
+    ring_->store_release(ring_state_offset, ring_state::closed);
+    futex_wake(ring_->head_word());
+    lock_.release();
+}
+
+// ---- records ----
+
+std::span<std::byte> Ring_Writer::reserve(std::size_t bytes) {
+    has_room_ = false;
+    if (bytes > record_max() || closed_ || forks_ != forks_so_far()) {
+        return {};
+    }
+    room_begin_ = place_for(bytes);
+    room_bytes_ = bytes;
+    oldest_ = std::max(oldest_, oldest_beside(room_begin_, bytes));
+    test_point("ring", "reserve");
+    ring_->store_relaxed(ring_tail_offset, static_cast<std::uint32_t>(oldest_));
+    // Nothing that is written from here on is seen before the new tail; pairs with the fence in
+    // Ring_Reader::is_in_reach().
+    release_fence();
+    test_point("ring", "tail");
+    has_room_ = true;
+    return {
+        ring_->writable_at(ring_->facts().data_offset + room_begin_ % ring_->facts().data_bytes),
+        bytes};
+}
+
+std::uint64_t Ring_Writer::commit(std::size_t bytes, const Record_Tags& tags) {
+    if (!std::exchange(has_room_, false) || bytes > room_bytes_ || forks_ != forks_so_far()) {
+        return 0;
+    }
+    const std::uint64_t number = last_ + 1;
+    const auto low = static_cast<std::uint32_t>(number);
+    Ring_Entry entry;
+    entry.offset = static_cast<std::uint32_t>(room_begin_ % ring_->facts().data_bytes);
+    entry.length = static_cast<std::uint32_t>(bytes);
+    entry.flags = tags.flags;
+    entry.number_high = static_cast<std::uint32_t>(number >> 32U);
+    entry.pts_ns = tags.pts_ns;
+    entry.time_ns = tags.time_ns;
+    test_point("ring", "record");
+    ring_->write_entry(low, entry);
+    test_point("ring", "entry");
+    begins_[low & (ring_->facts().index_count - 1)] = room_begin_;
+    end_ = room_begin_ + in_alignment(bytes);
+    last_ = number;
+    // Pairs with the acquire in Ring_Reader::look().
+    ring_->store_release(ring_head_offset, low);
+    test_point("ring", "head");
+    futex_wake(ring_->head_word());
+    return number;
+}
+
+std::uint64_t Ring_Writer::oldest_after(std::size_t bytes) const {
+    return std::max(oldest_, oldest_beside(place_for(bytes), bytes));
+}
+
+// A record does not cross the end of the data: it begins with the next lap.
+std::uint64_t Ring_Writer::place_for(std::size_t bytes) const {
+    const std::uint64_t data_bytes = ring_->facts().data_bytes;
+    const std::uint64_t left = data_bytes - end_ % data_bytes;
+    return bytes <= left ? end_ : end_ + left;
+}
+
+// The first record that is neither overwritten by one at this place nor loses its entry to it.
+std::uint64_t Ring_Writer::oldest_beside(std::uint64_t begin, std::size_t bytes) const {
+    const std::uint64_t index_count = ring_->facts().index_count;
+    const std::uint64_t data_bytes = ring_->facts().data_bytes;
+    const std::uint64_t end = begin + in_alignment(bytes);
+    const std::uint64_t next = last_ + 1;
+    std::uint64_t oldest = next > index_count ? std::max(oldest_, next - index_count + 1) : oldest_;
+    while (oldest < next && begins_[oldest & (index_count - 1)] + data_bytes < end) {
+        ++oldest;
+    }
+    return oldest;
+}
+
+}  // namespace zav_shm

@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ring/writer_lock.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <utility>
+
+#include "ipc/file_lock.h"
+
+namespace zav_shm {
+
+namespace {
+
+// The file can be removed and made again between two steps; not for ever, though.
+constexpr int attempts_max = 100;
+
+constexpr int lock_flags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+
+bool has_name(int descriptor, const std::string& path) {
+    struct stat opened {};
+    struct stat named {};
+    return fstat(descriptor, &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+pid_t pid_in(int descriptor) {
+    std::array<char, 16> text{};
+    const ssize_t got = pread(descriptor, text.data(), text.size() - 1, 0);
+    pid_t pid = 0;
+    std::from_chars(text.data(), text.data() + std::max<ssize_t>(got, 0), pid);
+    return std::max(pid, 0);
+}
+
+bool write_pid(int descriptor) {
+    const std::string text = std::to_string(getpid()) + "\n";
+    return ftruncate(descriptor, 0) == 0 &&
+           pwrite(descriptor, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
+}
+
+// Opened without O_CREAT first: in a sticky folder root itself may not "create" what another user
+// owns (fs.protected_regular).
+int open_file(const std::string& path) {
+    const int descriptor = open(path.c_str(), O_RDWR | lock_flags);
+    return descriptor >= 0 || errno != ENOENT
+               ? descriptor
+               : open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | lock_flags, 0600);
+}
+
+Ring_Problem cannot_open(const std::string& path, int error) {
+    struct stat status {};
+    const std::string owner = lstat(path.c_str(), &status) == 0
+                                  ? "; it belongs to user " + std::to_string(status.st_uid) +
+                                        ": run as that user, or have it removed"
+                                  : "";
+    return {error == EACCES || error == EPERM ? Ring_Problem::Kind::forbidden
+                                              : Ring_Problem::Kind::system,
+            "cannot open " + path + ": " + std::strerror(error) + owner, 0};
+}
+
+Ring_Problem cannot_lock(const std::string& path, int descriptor, int error) {
+    if (error != EAGAIN) {
+        return {Ring_Problem::Kind::system, "cannot lock " + path + ": " + std::strerror(error), 0};
+    }
+    const pid_t holder = pid_in(descriptor);
+    return {Ring_Problem::Kind::held, "process " + std::to_string(holder) + " has " + path, holder};
+}
+
+}  // namespace
+
+Writer_Lock::Writer_Lock(Writer_Lock&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+Writer_Lock& Writer_Lock::operator=(Writer_Lock&& other) noexcept {
+    std::swap(descriptor_, other.descriptor_);
+    return *this;
+}
+
+Writer_Lock::~Writer_Lock() { release(); }
+
+bool Writer_Lock::take(const std::string& path, Ring_Problem& problem) {
+    for (int i = 0; i < attempts_max; ++i) {
+        Writer_Lock attempt;
+        attempt.descriptor_ = open_file(path);
+        if (attempt.descriptor_ < 0) {
+            if (errno == ENOENT || errno == EEXIST) {
+                continue;
+            }
+            problem = cannot_open(path, errno);
+            return false;
+        }
+        if (!take_file_lock(attempt.descriptor_)) {
+            problem = cannot_lock(path, attempt.descriptor_, errno);
+            return false;
+        }
+        if (has_name(attempt.descriptor_, path)) {
+            if (!write_pid(attempt.descriptor_)) {
+                problem = {Ring_Problem::Kind::no_room,
+                           "cannot write " + path + ": " + std::strerror(errno), 0};
+                return false;
+            }
+            std::swap(descriptor_, attempt.descriptor_);
+            return true;
+        }
+    }
+    problem = {Ring_Problem::Kind::system, path + " is removed again and again", 0};
+    return false;
+}
+
+void Writer_Lock::release() {
+    if (descriptor_ >= 0) {
+        close(std::exchange(descriptor_, -1));
+    }
+}
+
+}  // namespace zav_shm

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "ring/ring_memory.h"
+
+namespace zav_shm {
+
+/// The right to write a ring: an exclusive lock of a file beside it, in which the holder's process
+/// id stands. Only the own user may open the file: whoever could read it could lock it, too, and so
+/// keep the writer out.
+///
+/// Owner    the process that took it, and children that it forks and that do not execute anew.
+/// Crash    the kernel gives the lock of a killed process up. The file stays and hinders nobody but
+///          other users.
+class Writer_Lock {
+public:
+    Writer_Lock() = default;
+    Writer_Lock(Writer_Lock&& other) noexcept;
+    Writer_Lock& operator=(Writer_Lock&& other) noexcept;
+    ~Writer_Lock();
+
+    /// Takes the lock without waiting.
+    ///
+    /// @return false with the problem; `held` names the process in the file.
+    bool take(const std::string& path, Ring_Problem& problem);
+
+    /// Gives it up; the file stays.
+    void release();
+
+private:
+    int descriptor_ = -1;
+};
+
+}  // namespace zav_shm
