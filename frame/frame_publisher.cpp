@@ -11,9 +11,9 @@
 
 #include "control/control_protocol.h"
 #include "frame/center_link.h"
-#include "frame/monotonic_clock.h"
-#include "frame/random_epoch.h"
 #include "frame/slot_writer.h"
+#include "ipc/monotonic_clock.h"
+#include "ipc/random_epoch.h"
 
 using namespace std::chrono_literals;
 using zav_shm::Backoff;

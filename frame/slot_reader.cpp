@@ -5,9 +5,9 @@
 #include <cstring>
 #include <new>
 
-#include "frame/monotonic_clock.h"
 #include "frame/payload_copy.h"
 #include "frame/slot_fence.h"
+#include "ipc/monotonic_clock.h"
 #include "ipc/test_point.h"
 #include "stream/semaphore_roles.h"
 
