@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "ipc/descriptor.h"
+
 namespace zav_shm {
 
 namespace {
@@ -28,17 +30,10 @@ bool write_all(int descriptor, std::string_view content) {
 
 // The group before the mode: nobody is let in by the mode who is not meant by the group.
 bool write_new_file(const std::string& path, std::string_view content, File_Access access) {
-    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (descriptor < 0) {
-        return false;
-    }
-    const bool written = write_all(descriptor, content) &&
-                         fchown(descriptor, static_cast<uid_t>(-1), access.group) == 0 &&
-                         fchmod(descriptor, access.mode) == 0;
-    const int error = errno;
-    close(descriptor);
-    errno = error;
-    return written;
+    const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    return file.is_open() && write_all(file.get(), content) &&
+           fchown(file.get(), static_cast<uid_t>(-1), access.group) == 0 &&
+           fchmod(file.get(), access.mode) == 0;
 }
 
 }  // namespace

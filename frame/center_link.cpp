@@ -14,13 +14,13 @@
 #include "control/center_page.h"
 #include "control/center_status.h"
 #include "control/control_protocol.h"
+#include "control/json_text.h"
+#include "ipc/shared_memory_folder.h"
 #include "ipc/zav_shm.h"
 
 namespace zav_shm {
 
 namespace {
-
-constexpr const char* shared_memory_directory = "/dev/shm";
 
 // How often it is looked whether a center has come: a few system calls each time.
 constexpr std::chrono::milliseconds look_interval{50};
@@ -31,12 +31,7 @@ using Registration = Center_Link::Registration;
 // Sizes of segments are looked up below this directory; the safe layer works where centers do.
 void set_root_path_once() {
     static std::once_flag done;
-    std::call_once(done, [] { IPC_SHMEMORY::set_root_path(shared_memory_directory); });
-}
-
-std::string text_of(const Json::Value& object, const char* field) {
-    const Json::Value& value = object[field];
-    return value.isString() ? value.asString() : std::string();
+    std::call_once(done, [] { IPC_SHMEMORY::set_root_path(shared_memory_folder); });
 }
 
 bool ends_with(const std::string& text, const std::string& end) {
@@ -47,11 +42,6 @@ bool ends_with(const std::string& text, const std::string& end) {
 ino_t inode_of(const std::string& file) {
     struct stat status {};
     return stat(file.c_str(), &status) == 0 ? status.st_ino : 0;
-}
-
-// The name "/SRC_CAM_LOOP_SEM_0_0_0" stands for a file of that name behind "sem.".
-std::string file_of_semaphore(const std::string& name) {
-    return std::string(shared_memory_directory) + "/sem." + (name.empty() ? name : name.substr(1));
 }
 
 std::optional<std::string> mismatch(const std::optional<Center_Page>& page) {
@@ -111,7 +101,7 @@ Registration Center_Link::register_end(std::chrono::milliseconds limit) {
         "/" + slot_name + "_" + std::to_string(channel_) + "_" + std::to_string(stream_);
     Registration made =
         read(Control_Exchange::ask(std::move(registering), limit, [&](const auto& reply) {
-            const std::string segment = text_of(reply, control::field::shm_path);
+            const std::string segment = text_at(reply, control::field::shm_path);
             return segment.empty() || ends_with(segment, slot);
         }));
     has_left_ = has_left_ && made.outcome == Outcome::no_center;
@@ -153,10 +143,10 @@ Registration Center_Link::read(const Control_Exchange::Answer& answer) {
         return made;
     }
     made.outcome = Outcome::registered;
-    made.segment = text_of(answer.reply, control::field::shm_path);
-    made.sem_src = text_of(answer.reply, control::field::sem_path_src);
-    made.sem_dst = text_of(answer.reply, control::field::sem_path_dst);
-    made.sem_exist = text_of(answer.reply, control::field::sem_path_exist);
+    made.segment = text_at(answer.reply, control::field::shm_path);
+    made.sem_src = text_at(answer.reply, control::field::sem_path_src);
+    made.sem_dst = text_at(answer.reply, control::field::sem_path_dst);
+    made.sem_exist = text_at(answer.reply, control::field::sem_path_exist);
     remember(made);
     if (const auto problem = mismatch(read_center_page(folder_))) {
         made.outcome = Outcome::refused;
@@ -167,7 +157,7 @@ Registration Center_Link::read(const Control_Exchange::Answer& answer) {
 
 void Center_Link::remember(const Registration& made) {
     folder_ = made.segment.substr(0, made.segment.rfind('/'));
-    semaphore_file_ = file_of_semaphore(made.sem_src);
+    semaphore_file_ = semaphore_path(made.sem_src);
     semaphore_ = inode_of(semaphore_file_);
     epoch_ = epoch_of_center();
 }

@@ -9,14 +9,13 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
-#include <exception>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
 
 #include "control/control_protocol.h"
+#include "control/json_text.h"
 #include "ipc/zav_msg_q.h"
 
 // System V queues have no timed calls: both ways are tried without waiting, with pauses that grow
@@ -126,29 +125,15 @@ std::optional<Answer> send(const ZAV_MSG_Q& queue, const std::string& text, Cloc
     return {};
 }
 
-// As the fields of requests: what is no object reads as an empty one.
-Json::Value parsed(const Control_Record& record, std::size_t length) {
-    try {
-        Json::Value root;
-        const Json::CharReaderBuilder builder;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        if (reader->parse(record.text, record.text + length, &root, nullptr) && root.isObject()) {
-            return root;
-        }
-    } catch (const std::exception&) {
-        // nested too deep
-    }
-    return Json::objectValue;
-}
-
-std::string text_of(const Json::Value& object, const char* field) {
-    const Json::Value& value = object[field];
-    return value.isString() ? value.asString() : std::string();
+// What is no object reads as an empty one.
+Json::Value reply_of(const Control_Record& record, std::size_t length) {
+    Json::Value root = parsed_json({record.text, length});
+    return root.isObject() ? root : Json::objectValue;
 }
 
 bool belongs_to(const Json::Value& request, const Json::Value& reply,
                 const Control_Exchange::Judge& judge) {
-    return text_of(reply, control::field::command) == text_of(request, control::field::command) &&
+    return text_at(reply, control::field::command) == text_at(request, control::field::command) &&
            (!judge || judge(reply));
 }
 
@@ -160,7 +145,7 @@ std::optional<Json::Value> take(const ZAV_MSG_Q& queue, long pid) {
     if (length < 0) {
         return {};
     }
-    return parsed(record, static_cast<std::size_t>(length));
+    return reply_of(record, static_cast<std::size_t>(length));
 }
 
 Answer receive(const ZAV_MSG_Q& queue, const Json::Value& request, Clock::time_point end,
@@ -262,15 +247,15 @@ std::optional<Answer> write(Json::Value& request, std::string& text) {
 
 bool Control_Exchange::Answer::granted() const {
     return outcome == Outcome::replied &&
-           text_of(reply, control::field::status) == control::status::success;
+           text_at(reply, control::field::status) == control::status::success;
 }
 
 std::string Control_Exchange::Answer::reason() const {
     if (outcome != Outcome::replied) {
         return problem;
     }
-    const std::string said = text_of(reply, control::field::reason);
-    return said.empty() ? text_of(reply, control::field::status) : said;
+    const std::string said = text_at(reply, control::field::reason);
+    return said.empty() ? text_at(reply, control::field::status) : said;
 }
 
 Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limit,

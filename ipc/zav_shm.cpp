@@ -6,30 +6,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
 
 #include "ipc/name_field.h"
+#include "ipc/shared_memory_folder.h"
 
 namespace {
-
-// Where Linux keeps shared-memory files; shm_open allows no other place.
-constexpr const char* system_directory = "/dev/shm/";
 
 constexpr unsigned size_unknown = 0xFFFFFFFFU;
 
 // What shm_open adds to the caller's flags by itself. O_NONBLOCK keeps a FIFO of that name from
 // blocking the open for ever.
 constexpr int protective_flags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
-
-std::string_view without_leading_slashes(const char* name) {
-    std::string_view rest(name);
-    rest.remove_prefix(std::min(rest.find_first_not_of('/'), rest.size()));
-    return rest;
-}
 
 bool names_a_folder(std::string_view name) { return name.find('/') != std::string_view::npos; }
 
@@ -48,7 +39,7 @@ bool climbs(std::string_view name) {
 
 // shm_open refuses a name with an inner slash (EINVAL), so a segment in a folder is opened here.
 int open_segment(const char* name, int oflag, unsigned mode) {
-    const std::string_view rest = without_leading_slashes(name);
+    const std::string_view rest = zav_shm::without_leading_slashes(name);
     if (!names_a_folder(rest)) {
         return shm_open(name, oflag, mode);
     }
@@ -56,11 +47,11 @@ int open_segment(const char* name, int oflag, unsigned mode) {
         errno = EINVAL;
         return -1;
     }
-    return open((system_directory + std::string(rest)).c_str(), oflag | protective_flags, mode);
+    return open(zav_shm::shared_memory_path(rest).c_str(), oflag | protective_flags, mode);
 }
 
 int unlink_segment(const char* name) {
-    const std::string_view rest = without_leading_slashes(name);
+    const std::string_view rest = zav_shm::without_leading_slashes(name);
     if (!names_a_folder(rest)) {
         return shm_unlink(name);
     }
@@ -68,7 +59,7 @@ int unlink_segment(const char* name) {
         errno = EINVAL;
         return -1;
     }
-    return unlink((system_directory + std::string(rest)).c_str());
+    return unlink(zav_shm::shared_memory_path(rest).c_str());
 }
 
 // 0 or an error number, as posix_fallocate.

@@ -165,9 +165,9 @@ std::shared_ptr<Ring_Memory> Ring_Memory::make(const std::string& path, const Ri
     const std::string fresh = path + ".new";
     unlink(fresh.c_str());  // what a writer left that was killed here
     const std::shared_ptr<Ring_Memory> ring(new Ring_Memory);  // its constructor is private
-    ring->descriptor_ =
-        ::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (ring->descriptor_ < 0) {
+    ring->file_ =
+        Descriptor(::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!ring->file_.is_open()) {
         problem = problem_of(fresh, "cannot make", errno);
         return nullptr;
     }
@@ -175,18 +175,18 @@ std::shared_ptr<Ring_Memory> Ring_Memory::make(const std::string& path, const Ri
     ring->facts_.data_bytes = static_cast<std::uint32_t>(data_bytes_for(size));
     ring->facts_.record_max = size.record_max;
     ring->file_bytes_ = *bytes;
-    const int error = reserve(ring->descriptor_, *bytes);
+    const int error = reserve(ring->file_.get(), *bytes);
     struct stat status {};
     if (error == ENOSPC) {
         problem = no_room(path, *bytes);
     } else if (error != 0) {
         problem = problem_of(fresh, "cannot reserve", error);
-    } else if (!ring->map(*bytes, PROT_READ | PROT_WRITE, MAP_SHARED)) {
+    } else if (!ring->map(*bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE)) {
         problem = problem_of(fresh, "cannot map", errno);
-    } else if (!take_file_lock(ring->descriptor_)) {
+    } else if (!take_file_lock(ring->file_.get())) {
         // Before anybody else may open it: a reader could lock it first.
         problem = problem_of(fresh, "cannot lock", errno);
-    } else if (fchmod(ring->descriptor_, mode) != 0 || fstat(ring->descriptor_, &status) != 0) {
+    } else if (fchmod(ring->file_.get(), mode) != 0 || fstat(ring->file_.get(), &status) != 0) {
         problem = problem_of(fresh, "cannot give its mode to", errno);
     } else {
         ring->begin(facts);
@@ -229,9 +229,9 @@ std::shared_ptr<Ring_Memory> Ring_Memory::open(const std::string& path, Reading 
     const std::shared_ptr<Ring_Memory> ring(new Ring_Memory);
     ring->reading_ = reading;
     // O_NONBLOCK keeps a FIFO of that name from blocking the open for ever.
-    ring->descriptor_ = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+    ring->file_ = Descriptor(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
-    if (ring->descriptor_ < 0 || fstat(ring->descriptor_, &status) != 0) {
+    if (!ring->file_.is_open() || fstat(ring->file_.get(), &status) != 0) {
         problem = problem_of(path, "cannot open", errno);
         return nullptr;
     }
@@ -241,7 +241,7 @@ std::shared_ptr<Ring_Memory> Ring_Memory::open(const std::string& path, Reading 
         problem = unreadable(path, "it is no file");
         return nullptr;
     }
-    if (!read_at(ring->descriptor_, 0, std::as_writable_bytes(std::span(&facts, 1)))) {
+    if (!read_at(ring->file_.get(), 0, std::as_writable_bytes(std::span(&facts, 1)))) {
         problem = unreadable(path, std::to_string(status.st_size) + " bytes are no header");
         return nullptr;
     }
@@ -264,7 +264,7 @@ std::shared_ptr<Ring_Memory> Ring_Memory::open(const std::string& path, Reading 
     ring->file_bytes_ = std::uint64_t{facts.data_offset} + facts.data_bytes;
     const std::uint64_t bytes =
         reading == Reading::mapped ? ring->file_bytes_ : std::uint64_t{ring_header_bytes};
-    if (!ring->map(bytes, PROT_READ, MAP_SHARED)) {
+    if (!ring->map(bytes, PROT_READ, MAP_SHARED | MAP_POPULATE)) {
         problem = problem_of(path, "cannot map", errno);
         return nullptr;
     }
@@ -275,20 +275,15 @@ Ring_Memory::~Ring_Memory() {
     if (base_ != nullptr) {
         munmap(base_, mapped_bytes_);
     }
-    if (descriptor_ >= 0) {
-        close(descriptor_);
-    }
 }
 
-// Populated: the first lap is not to take a page fault for every page.
 bool Ring_Memory::map(std::uint64_t bytes, int protection, int flags) {
     mapped_bytes_ = static_cast<std::size_t>(bytes);
     if (mapped_bytes_ != bytes) {
         errno = ENOMEM;  // more than the address space of this process
         return false;
     }
-    void* const base =
-        mmap(nullptr, mapped_bytes_, protection, flags | MAP_POPULATE, descriptor_, 0);
+    void* const base = mmap(nullptr, mapped_bytes_, protection, flags, file_.get(), 0);
     base_ = base == MAP_FAILED ? nullptr : static_cast<std::byte*>(base);
     return base_ != nullptr;
 }
@@ -307,7 +302,7 @@ std::optional<std::uint32_t> Ring_Memory::load(std::size_t offset) const {
         return __atomic_load_n(word(offset), __ATOMIC_ACQUIRE);
     }
     std::uint32_t value = 0;
-    if (!read_at(descriptor_, offset, std::as_writable_bytes(std::span(&value, 1)))) {
+    if (!read_at(file_.get(), offset, std::as_writable_bytes(std::span(&value, 1)))) {
         return std::nullopt;
     }
     acquire_fence();
@@ -327,7 +322,7 @@ bool Ring_Memory::copy(std::uint64_t offset, std::span<std::byte> into) const {
         return false;
     }
     if (reading_ == Reading::copied) {
-        return read_at(descriptor_, offset, into);
+        return read_at(file_.get(), offset, into);
     }
     copy_racing(into.data(), base_ + offset, into.size());
     return true;
@@ -338,12 +333,12 @@ void Ring_Memory::write_entry(std::uint32_t number, const Ring_Entry& entry) {
 }
 
 bool Ring_Memory::has_writer() const {
-    return descriptor_ < 0 || look_at_file_lock(descriptor_) == File_Lock_State::exclusive;
+    return !file_.is_open() || look_at_file_lock(file_.get()) == File_Lock_State::exclusive;
 }
 
 bool Ring_Memory::has_shrunk() const {
     struct stat status {};
-    return descriptor_ >= 0 && fstat(descriptor_, &status) == 0 &&
+    return file_.is_open() && fstat(file_.get(), &status) == 0 &&
            static_cast<std::uint64_t>(status.st_size) < file_bytes_;
 }
 

@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 
+#include "ipc/descriptor.h"
 #include "ring/ring_layout.h"
 
 namespace zav_shm {
@@ -130,7 +131,7 @@ private:
 
     Ring_Facts facts_;
     Reading reading_ = Reading::mapped;
-    int descriptor_ = -1;
+    Descriptor file_;  // none: private memory
     ino_t inode_ = 0;
     std::byte* base_ = nullptr;
     std::size_t mapped_bytes_ = 0;

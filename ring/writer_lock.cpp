@@ -74,49 +74,32 @@ Ring_Problem cannot_lock(const std::string& path, int descriptor, int error) {
 
 }  // namespace
 
-Writer_Lock::Writer_Lock(Writer_Lock&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)) {}
-
-Writer_Lock& Writer_Lock::operator=(Writer_Lock&& other) noexcept {
-    std::swap(descriptor_, other.descriptor_);
-    return *this;
-}
-
-Writer_Lock::~Writer_Lock() { release(); }
-
 bool Writer_Lock::take(const std::string& path, Ring_Problem& problem) {
     for (int i = 0; i < attempts_max; ++i) {
-        Writer_Lock attempt;
-        attempt.descriptor_ = open_file(path);
-        if (attempt.descriptor_ < 0) {
+        Descriptor file(open_file(path));
+        if (!file.is_open()) {
             if (errno == ENOENT || errno == EEXIST) {
                 continue;
             }
             problem = cannot_open(path, errno);
             return false;
         }
-        if (!take_file_lock(attempt.descriptor_)) {
-            problem = cannot_lock(path, attempt.descriptor_, errno);
+        if (!take_file_lock(file.get())) {
+            problem = cannot_lock(path, file.get(), errno);
             return false;
         }
-        if (has_name(attempt.descriptor_, path)) {
-            if (!write_pid(attempt.descriptor_)) {
+        if (has_name(file.get(), path)) {
+            if (!write_pid(file.get())) {
                 problem = {Ring_Problem::Kind::no_room,
                            "cannot write " + path + ": " + std::strerror(errno), 0};
                 return false;
             }
-            std::swap(descriptor_, attempt.descriptor_);
+            file_ = std::move(file);
             return true;
         }
     }
     problem = {Ring_Problem::Kind::system, path + " is removed again and again", 0};
     return false;
-}
-
-void Writer_Lock::release() {
-    if (descriptor_ >= 0) {
-        close(std::exchange(descriptor_, -1));
-    }
 }
 
 }  // namespace zav_shm

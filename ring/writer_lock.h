@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "ipc/descriptor.h"
 #include "ring/ring_memory.h"
 
 namespace zav_shm {
@@ -18,21 +19,16 @@ namespace zav_shm {
 ///          other users.
 class Writer_Lock {
 public:
-    Writer_Lock() = default;
-    Writer_Lock(Writer_Lock&& other) noexcept;
-    Writer_Lock& operator=(Writer_Lock&& other) noexcept;
-    ~Writer_Lock();
-
     /// Takes the lock without waiting.
     ///
     /// @return false with the problem; `held` names the process in the file.
     bool take(const std::string& path, Ring_Problem& problem);
 
     /// Gives it up; the file stays.
-    void release();
+    void release() { file_ = Descriptor(); }
 
 private:
-    int descriptor_ = -1;
+    Descriptor file_;
 };
 
 }  // namespace zav_shm

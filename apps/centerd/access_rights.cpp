@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "apps/centerd/descriptor.h"
+#include "ipc/descriptor.h"
 
 namespace zav_shm::centerd {
 

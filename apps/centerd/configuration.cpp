@@ -3,17 +3,17 @@
 
 #include <sys/stat.h>
 
+#include "ipc/shared_memory_folder.h"
+
 namespace zav_shm::centerd {
 
 namespace {
-
-constexpr const char* memory_folder = "/dev/shm";
 
 // By what they are, not by how they are written: "/dev/shm/" and "/run/shm" may be the same.
 bool is_memory_folder(const char* path) {
     struct stat given {};
     struct stat real {};
-    return stat(path, &given) == 0 && stat(memory_folder, &real) == 0 &&
+    return stat(path, &given) == 0 && stat(shared_memory_folder, &real) == 0 &&
            given.st_dev == real.st_dev && given.st_ino == real.st_ino;
 }
 

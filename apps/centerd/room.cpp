@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "ipc/shared_memory_folder.h"
+
 namespace zav_shm::centerd {
 
 namespace {
@@ -51,7 +53,7 @@ Room Room::for_start_of(const Inventory& inventory) {
     for (const Shared_File& segment : inventory.segments) {
         room.needed_bytes -= present_bytes(segment);
     }
-    room.available_bytes = available_bytes_in("/dev/shm");
+    room.available_bytes = available_bytes_in(shared_memory_folder);
     return room;
 }
 

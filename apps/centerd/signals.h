@@ -3,7 +3,7 @@
 
 #include <csignal>
 
-#include "apps/centerd/descriptor.h"
+#include "ipc/descriptor.h"
 
 namespace zav_shm::centerd {
 

@@ -8,28 +8,18 @@
 #include <array>
 #include <chrono>
 #include <ctime>
-#include <random>
 #include <utility>
 
+#include "control/center_status.h"
 #include "control/control_protocol.h"
 #include "control/replaced_file.h"
-
-#include "control/center_status.h"
+#include "ipc/random_epoch.h"
 
 namespace zav_shm::centerd {
 
 namespace {
 
 using std::chrono::system_clock;
-
-std::uint64_t new_epoch() {
-    std::random_device random;
-    std::uint64_t epoch = 0;
-    while (epoch == 0) {
-        epoch = (static_cast<std::uint64_t>(random()) << 32U) | random();
-    }
-    return epoch;
-}
 
 std::uint64_t utc_ns() {
     return static_cast<std::uint64_t>(
@@ -80,7 +70,7 @@ Json::Value json_of(const Relay_Snapshot& relay) {
 
 Status_Page::Status_Page(std::string folder, std::string configuration, File_Access access)
     : folder_(std::move(folder)), configuration_(std::move(configuration)), access_(access) {
-    page_.epoch = new_epoch();
+    page_.epoch = random_epoch();
     page_.pid = static_cast<std::uint32_t>(getpid());
     page_.semaphore_bytes = sizeof(sem_t);
     page_.started_utc_ns = utc_ns();
