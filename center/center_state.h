@@ -6,6 +6,7 @@
 
 #include "center/receive_thread.h"
 #include "center/reply_sender.h"
+#include "center/ring_consumers.h"
 #include "config/zav_shm_config.h"
 #include "ipc/zav_msg_q.h"
 #include "stream/transmission_manager.h"
@@ -33,6 +34,7 @@ namespace zav_shm {
 struct Center_State {
     ZAV_SHM_CONFIG* config = nullptr;  // the caller's
     std::unique_ptr<SHM_Stream_Transmission_Manager> manager;
+    std::unique_ptr<Ring_Consumers> ring_consumers;
     std::atomic<bool> kick_idle_enabled{false};  // receive thread writes, any thread reads
     ZAV_MSG_Q recv_msgq;
     ZAV_MSG_Q send_msgq;

@@ -16,6 +16,7 @@
 
 #include "center/center_state.h"
 #include "control/control_protocol.h"
+#include "ipc/shared_memory_folder.h"
 
 using zav_shm::Center_State;
 using zav_shm::Control_Record;
@@ -63,6 +64,8 @@ ZAV_SHM_CENTER::ZAV_SHM_CENTER(ZAV_SHM_CONFIG*& config) : state_(std::make_share
     }
     state_->config = config;
     state_->manager = std::make_unique<SHM_Stream_Transmission_Manager>(config);
+    state_->ring_consumers =
+        std::make_unique<zav_shm::Ring_Consumers>(zav_shm::rings_folder(config->shm_path));
     state_->recv_msgq.open(control::request_project);
     state_->recv_msgq.clean();
     state_->send_msgq.open(control::reply_project);
@@ -99,6 +102,7 @@ void ZAV_SHM_CENTER::shutdown() {
     } while (!state_->receiver.left_within(wake_again));
     state_->recv_msgq.discard_all(wake_type);
     state_->manager.reset();
+    state_->ring_consumers.reset();
     state_->config = nullptr;
     state_->served.reset();  // the circle of center_state.h ends
 }
@@ -106,6 +110,10 @@ void ZAV_SHM_CENTER::shutdown() {
 bool ZAV_SHM_CENTER::is_shut_down() const { return state_->manager == nullptr; }
 
 SHM_Stream_Transmission_Manager* ZAV_SHM_CENTER::manager() const { return state_->manager.get(); }
+
+const zav_shm::Ring_Consumers* ZAV_SHM_CENTER::ring_consumers() const {
+    return state_->ring_consumers.get();
+}
 
 // ---- the receive loop ----
 

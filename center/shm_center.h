@@ -7,7 +7,9 @@
 #include <string>
 
 #include "center/center_action.h"
+#include "center/ring_consumers.h"
 #include "config/zav_shm_config.h"
+#include "control/control_protocol.h"
 #include "stream/zav_stream_processor.h"
 
 namespace zav_shm {
@@ -95,6 +97,9 @@ public:
     /// Owner of all relays; null after shutdown.
     SHM_Stream_Transmission_Manager* manager() const;
 
+    /// The consumers that read rings, in no relay's list; null after shutdown.
+    const zav_shm::Ring_Consumers* ring_consumers() const;
+
 private:
     friend void* fun_shm_center_msgq_recv(void* center);
 
@@ -103,6 +108,11 @@ private:
     void receive_and_serve();
     void recover_from(int error);
     int refuse(const char* command, const char* status, const std::string& reason, int pid);
+    bool producer_has_channel(const zav_shm::control::Request& request) const;
+    void register_producer(const zav_shm::control::Request& request,
+                           const Shm_Stream_Transmission_Index& key);
+    void register_consumer(const zav_shm::control::Request& request,
+                           const Shm_Stream_Transmission_Index& key);
 
     std::shared_ptr<zav_shm::Center_State> state_;  // shared with the receive thread
 };

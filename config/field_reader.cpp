@@ -114,6 +114,14 @@ bool Field_Reader::integer(const Json::Value& value, const std::string& where, i
     return true;
 }
 
+int Field_Reader::optional_integer(const Json::Value& object, const char* key) {
+    const Json::Value& value = object.isObject() ? object[key] : Json::Value::nullSingleton();
+    if (value.isNull()) {
+        return 0;
+    }
+    return value.isConvertibleTo(Json::intValue) ? value.asInt() : -1;
+}
+
 bool Field_Reader::name(const Json::Value& object, const std::string& where, const char* key,
                         Text_Field& out) {
     const Json::Value* value = required(object, where, key);

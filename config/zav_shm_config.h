@@ -3,6 +3,7 @@
 
 #include <json/json.h>
 
+#include <cstdint>
 #include <span>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 struct _SHM_STREAM_CONFIG_ {
     int index = 0;      // stored and printed, used for nothing
     int page_size = 0;  // payload bytes of each segment of this stream; the segment has 128 more
+    int history_bytes = 0;  // of each ring of this stream; 0: twice the page size
 };
 
 /// One producer or consumer name.
@@ -23,6 +25,11 @@ struct _SHM_DIST_RECV_CONFIG_ {
 };
 
 // NOLINTEND(bugprone-reserved-identifier)
+
+/// What a ring of this stream keeps at least, unless its publisher wants another size.
+inline std::int64_t ring_history_bytes(const _SHM_STREAM_CONFIG_& stream) {
+    return stream.history_bytes > 0 ? stream.history_bytes : std::int64_t{2} * stream.page_size;
+}
 
 /// The center's configuration: paths, streams, producers ("Distributor") and consumers
 /// ("Receiver"), from a JSON file or from the built-in defaults. docs/configuration.md describes

@@ -57,6 +57,9 @@ Request::Request(const std::string& text) {
     channel = fields.number(field::channel);
     stream = fields.number(field::stream);
     pid = fields.number(field::pid);
+    ring = fields.flag(field::ring);
+    relay = fields.flag(field::relay);
+    card = fields.text(field::card);
 }
 
 std::string written_with_tabs(const Json::Value& object) { return written(object, "\t"); }

@@ -47,6 +47,14 @@ inline constexpr const char* sem_path_src = "sem_path_src";
 inline constexpr const char* sem_path_dst = "sem_path_dst";
 inline constexpr const char* sem_path_exist = "sem_path_exist";
 inline constexpr const char* page_size = "page_size";
+
+// Of ends with a ring. Whoever leaves them out is served as ever.
+inline constexpr const char* ring = "ring";    // true: this producer writes a ring, this consumer
+                                               // reads one and is kept out of the relays' lists
+inline constexpr const char* relay = "relay";  // true: this consumer, which reads rings, is to be
+                                               // in its producer's relay, and nobody else for it
+inline constexpr const char* card = "card";    // a file that the consumer keeps locked
+inline constexpr const char* history_bytes = "history_bytes";  // reply to a producer with a ring
 }  // namespace field
 
 namespace status {
@@ -100,6 +108,9 @@ struct Request {
     int channel;
     int stream;
     int pid;  // of the client; the message type of its reply
+    bool ring;
+    bool relay;
+    std::string card;
 };
 
 /// The two writing styles: replies and "pair_src" requests are indented by tabs, the other

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ipc/futex.h"
 
+#include <fcntl.h>
 #include <linux/futex.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -10,6 +12,8 @@
 #include <cerrno>
 #include <climits>
 #include <limits>
+
+#include "ipc/descriptor.h"
 
 namespace zav_shm {
 
@@ -87,6 +91,18 @@ void futex_wake(const std::uint32_t* word, std::uint32_t set) {
         syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
     } else {
         syscall(SYS_futex, word, FUTEX_WAKE_BITSET, INT_MAX, nullptr, nullptr, set);
+    }
+}
+
+// Waking touches no byte of the page, so that a file that is truncated meanwhile does no harm.
+void futex_wake_in_file(const std::string& path, std::size_t offset) {
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void* const base = mmap(nullptr, page, PROT_READ, MAP_SHARED, file.get(), 0);
+    if (base != MAP_FAILED) {
+        const void* const word = static_cast<const std::byte*>(base) + offset;
+        futex_wake(static_cast<const std::uint32_t*>(word));
+        munmap(base, page);
     }
 }
 

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace zav_shm {
 
@@ -30,5 +32,9 @@ Futex_Wait futex_wait(const std::uint32_t* word, std::uint32_t expected, std::in
 
 /// Wakes all who sleep on the word; about 0.2 us when nobody does.
 void futex_wake(const std::uint32_t* word, std::uint32_t set = futex_everybody);
+
+/// The same for a word in a file that this process has not mapped: who sleeps on it in any process
+/// is woken. A file that is not there, or too short, has no sleepers.
+void futex_wake_in_file(const std::string& path, std::size_t offset);
 
 }  // namespace zav_shm

@@ -16,16 +16,12 @@
 #include "ipc/memory_fence.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/random_epoch.h"
+#include "ipc/shared_memory_folder.h"
 #include "ipc/test_point.h"
 
 namespace zav_shm {
 
 namespace {
-
-constexpr mode_t list_and_enter_group = 0050;
-constexpr mode_t list_and_enter_others = 0005;
-constexpr mode_t read_group = 0040;
-constexpr mode_t read_others = 0004;
 
 // Between the two wakes of the readers of a ring that is replaced: the first may come just before
 // one goes to sleep on it.
@@ -58,12 +54,6 @@ Ring_Facts new_facts() {
 
 }  // namespace
 
-mode_t ring_file_mode(mode_t folder) {
-    const auto allows = [folder](mode_t bits) { return (folder & bits) == bits; };
-    return 0600 | (allows(list_and_enter_group) ? read_group : 0) |
-           (allows(list_and_enter_others) ? read_others : 0);
-}
-
 // ---- life ----
 
 std::unique_ptr<Ring_Writer> Ring_Writer::open(const std::string& path, const Ring_Size& size,
@@ -74,7 +64,7 @@ std::unique_ptr<Ring_Writer> Ring_Writer::open(const std::string& path, const Ri
         problem = {Ring_Problem::Kind::absent, "there is no folder " + folder, 0};
         return nullptr;
     }
-    const mode_t mode = ring_file_mode(status.st_mode);
+    const mode_t mode = readable_file_mode(status.st_mode);
     Writer_Lock lock;
     if (!lock.take(path + ".lock", problem)) {
         return nullptr;

@@ -42,7 +42,7 @@ class Ring_Writer {
 public:
     /// Takes the lock, makes a new file in the place of the one that has the name, and wakes who
     /// sleeps on that one. The folder of `path` has to be there; its rights decide who may read
-    /// (ring_file_mode()).
+    /// (readable_file_mode()).
     ///
     /// @return null with the problem: `held` with the process that has the lock, or another.
     static std::unique_ptr<Ring_Writer> open(const std::string& path, const Ring_Size& size,
@@ -100,9 +100,5 @@ private:
     bool has_room_ = false;
     bool closed_ = false;
 };
-
-/// The mode of a ring in a folder of this mode: whoever may list the folder may read the ring, and
-/// nobody but its writer's user may write to it.
-mode_t ring_file_mode(mode_t folder);
 
 }  // namespace zav_shm

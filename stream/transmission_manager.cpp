@@ -268,6 +268,11 @@ void SHM_Stream_Transmission_Manager::remove_distributor(const Key& key) {
     unpair(writer, relay);
 }
 
+bool SHM_Stream_Transmission_Manager::is_paired(const Key& key) const {
+    const std::lock_guard guard(maps_);
+    return value_or_null(pair_map, value_or_null(distributor_map, key)) != nullptr;
+}
+
 // Walks a copy: the relays are waited for one by one, and commands go on meanwhile. Whatever was
 // unpaired or paired anew since is left alone.
 void SHM_Stream_Transmission_Manager::kick_idle_distributor(bool kick) {

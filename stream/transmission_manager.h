@@ -81,6 +81,9 @@ public:
     /// Ends the relaying to a consumer; its writer is kept for the next pairing.
     void remove_distributor(const Key& key);
 
+    /// True when frames are relayed to this consumer.
+    bool is_paired(const Key& key) const;
+
     /// With `kick`, unpairs every consumer that has missed 10 waits in a row or more.
     void kick_idle_distributor(bool kick);
 
