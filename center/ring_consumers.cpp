@@ -206,9 +206,10 @@ void Ring_Consumers::wake_readers_of(const Key& consumer, const std::string& pro
 
 void Ring_Consumers::remove_all_pages() const {
     std::error_code error;
-    for (const auto& file : std::filesystem::directory_iterator(folder_, error)) {
-        if (file.path().extension() == ".route") {
-            unlink(file.path().c_str());
+    std::filesystem::directory_iterator file(folder_, error);
+    for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
+        if (file->path().extension() == ".route") {
+            unlink(file->path().c_str());
         }
     }
 }

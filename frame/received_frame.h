@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -10,24 +11,41 @@
 
 namespace zav_shm {
 
-/// One frame as a subscriber hands it out. Its buffer is used again by the next receive() into
-/// the same object, so that nothing is allocated in the steady state.
-struct Received_Frame {
-    std::span<const std::byte> payload() const { return {bytes.data(), length}; }
+class Ring_Reader;
+
+/// Frames between one that is handed out and the one handed out before it, by cause.
+struct Frame_Losses {
+    // Lost.
+    std::uint64_t overtaken = 0;  // the reader was slower than the history is long
+    std::uint64_t left_out = 0;   // the publisher could not write them (too large), or they did not
+                                  // come through the relay
+    // Passed over, as the options say.
+    std::uint64_t dropped = 0;  // Overflow_Policy::newest_only
+    std::uint64_t skipped = 0;  // on the way to a key frame
+
+    std::uint64_t lost() const { return overtaken + left_out; }
+};
+
+/// What comes with every frame, copied or in place.
+struct Frame_Facts {
     bool is_key_frame() const { return (header.flags & frame_flag::key_frame) != 0; }
 
     ZAV_SHM_Frame_Header header = {};  // of a foreign producer: only payload_length is set
-    std::vector<std::byte> bytes;      // the room; the payload is its first `length` bytes
-    std::size_t length = 0;
-    std::int64_t received_ns = 0;  // CLOCK_MONOTONIC when the copy was complete
+    std::uint64_t number = 0;          // of its record in the ring
+    std::int64_t received_ns = 0;      // CLOCK_MONOTONIC
 
     bool verified = false;       // false: a foreign producer's, whose header says nothing
     bool epoch_changed = false;  // the first frame of a (re)started or another producer
+    Frame_Losses before;         // what lies between it and the one before
+};
 
-    // Frames between this one and the one handed out before it, of the same epoch, by cause.
-    std::uint64_t lost = 0;     // never got here, or torn
-    std::uint64_t dropped = 0;  // got here, and were dropped as the queue was full
-    std::uint64_t skipped = 0;  // got here, and were left out on the way to a key frame
+/// One frame as a subscriber hands out a copy of it. Its buffer is used again by the next receive()
+/// into the same object, so that nothing is allocated in the steady state.
+struct Received_Frame : Frame_Facts {
+    std::span<const std::byte> payload() const { return {bytes.data(), length}; }
+
+    std::vector<std::byte> bytes;  // the room; the payload is its first `length` bytes
+    std::size_t length = 0;
 };
 
 }  // namespace zav_shm

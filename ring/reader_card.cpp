@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ring/reader_card.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+#include "ipc/file_lock.h"
+#include "ipc/random_epoch.h"
+#include "ipc/shared_memory_folder.h"
+
+namespace zav_shm {
+
+namespace {
+
+constexpr std::string_view ending = ".reader";
+constexpr std::size_t digits = 16;
+
+// By chance and not by process id: the same id may live in two PID namespaces.
+std::string new_name() {
+    std::array<char, digits + 1> text{};
+    std::snprintf(text.data(), text.size(), "%016" PRIx64, random_epoch());
+    return text.data() + std::string(ending);
+}
+
+bool is_card_name(const std::string& name) {
+    return name.size() == digits + ending.size() && name.ends_with(ending);
+}
+
+}  // namespace
+
+// ---- the own card ----
+
+Own_Card::Own_Card(const std::string& folder, const Reader_Card& first) : folder_(folder) {
+    if (!make_file(first)) {
+        name_.clear();
+        file_ = Descriptor();
+        private_ = std::make_unique<Reader_Card>(first);
+        card_ = private_.get();
+    }
+}
+
+Own_Card::~Own_Card() {
+    if (!private_) {
+        unlink((folder_ + "/" + name_).c_str());
+        munmap(card_, sizeof *card_);
+    }
+}
+
+// Locked before it has its name: a card without a lock is a dead reader's.
+bool Own_Card::make_file(const Reader_Card& first) {
+    name_ = new_name();
+    const std::string path = folder_ + "/" + name_;
+    const std::string fresh = path + ".new";
+    struct stat folder {};
+    if (stat(folder_.c_str(), &folder) != 0) {
+        return false;
+    }
+    file_ = Descriptor(
+        open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file_.is_open()) {
+        return false;
+    }
+    void* base = MAP_FAILED;
+    if (posix_fallocate(file_.get(), 0, sizeof first) == 0 && take_file_lock(file_.get()) &&
+        fchmod(file_.get(), readable_file_mode(folder.st_mode)) == 0) {
+        base = mmap(nullptr, sizeof first, PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0);
+    }
+    if (base != MAP_FAILED) {
+        std::memcpy(base, &first, sizeof first);
+        card_ = static_cast<Reader_Card*>(base);
+        if (rename(fresh.c_str(), path.c_str()) == 0) {
+            return true;
+        }
+        munmap(base, sizeof first);
+    }
+    unlink(fresh.c_str());
+    return false;
+}
+
+// The epoch is 0 while the cursor is of another ring.
+void Own_Card::set_cursor(std::uint64_t epoch, std::uint64_t number) {
+    const bool is_other = card_->epoch != epoch;
+    if (is_other) {
+        __atomic_store_n(&card_->epoch, 0, __ATOMIC_SEQ_CST);
+    }
+    __atomic_store_n(&card_->cursor, static_cast<std::uint32_t>(number), __ATOMIC_RELEASE);
+    if (is_other) {
+        __atomic_store_n(&card_->epoch, epoch, __ATOMIC_RELEASE);
+    }
+}
+
+void Own_Card::set_producer(const std::string& producer) {
+    constexpr std::size_t length_max = sizeof card_->producer - 1;
+    std::memset(card_->producer, 0, sizeof card_->producer);
+    std::memcpy(card_->producer, producer.data(), std::min(producer.size(), length_max));
+}
+
+// ---- anybody's ----
+
+Seen_Card::Seen_Card(const std::string& folder, const std::string& name)
+    : name_(name),
+      file_(open((folder + "/" + name).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK)) {}
+
+bool Seen_Card::is_alive() const {
+    const File_Lock_State state = look_at_file_lock(file_.get());
+    return file_.is_open() &&
+           (state == File_Lock_State::exclusive || state == File_Lock_State::unknown);
+}
+
+std::optional<Reader_Card> Seen_Card::read() const {
+    Reader_Card card;
+    const Reader_Card expected;
+    if (pread(file_.get(), &card, sizeof card, 0) != static_cast<ssize_t>(sizeof card) ||
+        std::memcmp(card.magic, expected.magic, sizeof card.magic) != 0 ||
+        card.version != expected.version) {
+        return std::nullopt;
+    }
+    card.consumer[sizeof card.consumer - 1] = '\0';
+    card.producer[sizeof card.producer - 1] = '\0';
+    return card;
+}
+
+// The epoch behind the cursor and before it: a cursor of another ring is not taken for this one's.
+std::optional<Seen_Card::Position> Seen_Card::position() const {
+    Position position;
+    std::uint64_t after = 0;
+    const auto load = [this](auto& field, std::size_t offset) {
+        return pread(file_.get(), &field, sizeof field, static_cast<off_t>(offset)) ==
+               static_cast<ssize_t>(sizeof field);
+    };
+    const bool loaded = load(position.epoch, offsetof(Reader_Card, epoch)) &&
+                        load(position.cursor, offsetof(Reader_Card, cursor)) &&
+                        load(after, offsetof(Reader_Card, epoch));
+    if (!loaded) {
+        return std::nullopt;
+    }
+    position.epoch = position.epoch == after ? after : 0;
+    return position;
+}
+
+std::vector<std::string> card_names(const std::string& folder) {
+    std::vector<std::string> names;
+    std::error_code error;
+    std::filesystem::directory_iterator file(folder, error);
+    for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
+        const std::string name = file->path().filename();
+        if (is_card_name(name)) {
+            names.push_back(name);
+        }
+    }
+    return names;
+}
+
+}  // namespace zav_shm
