@@ -5,10 +5,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <iostream>
 
 #include "ipc/deadline.h"
 #include "ipc/name_field.h"
+#include "ipc/standard_output.h"
 #include "ipc/test_point.h"
 
 namespace {
@@ -27,7 +27,7 @@ SEM_CTRL::SEM_CTRL(const char* new_name, bool create) {
             sem = sem_open(name, 0);
         }
         if (!is_open()) {
-            std::cout << "Open Sem Failed\n";
+            zav_shm::standard_output() << "Open Sem Failed\n";
         }
         return;
     }
@@ -36,7 +36,7 @@ SEM_CTRL::SEM_CTRL(const char* new_name, bool create) {
         sem = sem_open(name, O_CREAT | O_EXCL | O_RDWR, owner_only, 0);
     }
     if (!is_open()) {
-        std::cout << "Sem is SEM_FAILED, Open it " << name << '\n';
+        zav_shm::standard_output() << "Sem is SEM_FAILED, Open it " << name << '\n';
         if (named) {
             sem = sem_open(name, 0);
         }
