@@ -74,7 +74,11 @@ int SEM_CTRL::wait_steady(long ms) {
         return -1;
     }
     const timespec deadline = zav_shm::steady_clock_deadline(ms);
-    return sem_clockwait(sem, CLOCK_MONOTONIC, &deadline);
+    int result = 0;
+    do {
+        result = sem_clockwait(sem, CLOCK_MONOTONIC, &deadline);
+    } while (result != 0 && errno == EINTR);
+    return result;
 }
 
 int SEM_CTRL::wait_forever() {
