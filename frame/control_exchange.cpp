@@ -17,6 +17,7 @@
 
 #include "control/control_protocol.h"
 #include "control/json_text.h"
+#include "ipc/deadline.h"
 #include "ipc/zav_msg_q.h"
 
 // System V queues have no timed calls: both ways are tried without waiting, with pauses that grow
@@ -271,7 +272,7 @@ std::string Control_Exchange::Answer::reason() const {
 
 Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limit,
                              const Judge& judge) {
-    const auto end = Clock::now() + limit;
+    const auto end = moment_after(limit);
     std::string text;
     if (auto problem = write(request, text)) {
         return *problem;
@@ -302,7 +303,7 @@ Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limi
 // The center serves requests in the order of their arrival: once it has refused a query for a name
 // that nobody has, it is done with the request before it.
 Answer Control_Exchange::tell(Json::Value request, std::chrono::milliseconds limit) {
-    const auto end = Clock::now() + limit;
+    const auto end = moment_after(limit);
     std::string text;
     if (auto problem = write(request, text)) {
         return *problem;
