@@ -15,6 +15,7 @@
 #include "control/center_status.h"
 #include "control/control_protocol.h"
 #include "control/json_text.h"
+#include "ipc/deadline.h"
 #include "ipc/shared_memory_folder.h"
 #include "ipc/zav_shm.h"
 
@@ -80,7 +81,7 @@ Json::Value Center_Link::request(const char* command) const {
 // the registration behind that is unanswered: it may be served any time, and is not asked for
 // twice.
 Registration Center_Link::register_end(std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
+    const auto end = moment_after(limit);
     tried_epoch_ = epoch_of_center();
     if (!producer_.empty() && !has_left_) {
         const auto left = Control_Exchange::ask(request(control::command::deregister_end), limit);

@@ -10,12 +10,14 @@
 #include <condition_variable>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
 
 #include "control/control_protocol.h"
 #include "control/json_text.h"
+#include "ipc/deadline.h"
 #include "ipc/zav_msg_q.h"
 
 // System V queues have no timed calls: both ways are tried without waiting, with pauses that grow
@@ -29,35 +31,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Outcome = Control_Exchange::Outcome;
 using Answer = Control_Exchange::Answer;
-
-/// The right to talk to the center, for one thread of the process at a time.
-class Turn {
-public:
-    explicit Turn(Clock::time_point end) {
-        std::unique_lock lock(mutex);
-        mine_ = changed.wait_until(lock, end, [] { return !taken; });
-        if (mine_) {
-            taken = true;
-        }
-    }
-    ~Turn() {
-        if (mine_) {
-            const std::lock_guard guard(mutex);
-            taken = false;
-            changed.notify_one();
-        }
-    }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-
-    bool is_mine() const { return mine_; }
-
-private:
-    static inline std::mutex mutex;
-    static inline std::condition_variable changed;
-    static inline bool taken = false;  // guarded by mutex
-    bool mine_ = false;
-};
 
 class Pause {
 public:
@@ -219,7 +192,46 @@ private:
     std::map<std::string, Sent> sent_;
 };
 
-Unanswered unanswered;
+/// What the exchanges of a process share. Made at its first use and never destroyed: publishers and
+/// subscribers of static storage talk to the center before the objects of this file are made, and
+/// after they are gone.
+struct Process {
+    std::mutex mutex;                 // guards `is_taken`
+    std::condition_variable changed;  // notified when a turn is over
+    bool is_taken = false;            // somebody has the turn
+    Unanswered unanswered;            // of whoever has it
+};
+
+Process& process() {
+    static auto* const made = std::make_unique<Process>().release();
+    return *made;
+}
+
+/// The right to talk to the center, for one thread of the process at a time.
+class Turn {
+public:
+    explicit Turn(Clock::time_point end) {
+        std::unique_lock lock(process().mutex);
+        mine_ = process().changed.wait_until(lock, end, [] { return !process().is_taken; });
+        if (mine_) {
+            process().is_taken = true;
+        }
+    }
+    ~Turn() {
+        if (mine_) {
+            const std::lock_guard guard(process().mutex);
+            process().is_taken = false;
+            process().changed.notify_one();
+        }
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    bool is_mine() const { return mine_; }
+
+private:
+    bool mine_ = false;
+};
 
 struct Queues {
     ZAV_MSG_Q requests;
@@ -260,7 +272,7 @@ std::string Control_Exchange::Answer::reason() const {
 
 Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limit,
                              const Judge& judge) {
-    const auto end = Clock::now() + limit;
+    const auto end = moment_after(limit);
     std::string text;
     if (auto problem = write(request, text)) {
         return *problem;
@@ -273,6 +285,7 @@ Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limi
     if (auto problem = open(queues)) {
         return *problem;
     }
+    Unanswered& unanswered = process().unanswered;
     if (!unanswered.may_be_answered(text, queues.requests)) {
         queues.replies.discard_all(request[control::field::pid].asInt());
         if (auto problem = send(queues.requests, text, end, limit)) {
@@ -290,7 +303,7 @@ Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limi
 // The center serves requests in the order of their arrival: once it has refused a query for a name
 // that nobody has, it is done with the request before it.
 Answer Control_Exchange::tell(Json::Value request, std::chrono::milliseconds limit) {
-    const auto end = Clock::now() + limit;
+    const auto end = moment_after(limit);
     std::string text;
     if (auto problem = write(request, text)) {
         return *problem;

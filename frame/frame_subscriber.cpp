@@ -15,6 +15,7 @@
 #include "frame/in_place_turn.h"
 #include "frame/slot_reader.h"
 #include "frame/taking_turn.h"
+#include "ipc/deadline.h"
 
 using namespace std::chrono_literals;
 using zav_shm::Consumer_Link;
@@ -116,7 +117,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     if (thread_.joinable()) {
         return link_.opened();
     }
-    const auto end = Clock::now() + options_.center_wait;
+    const auto end = zav_shm::moment_after(options_.center_wait);
     const auto left = [&end] {
         return std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
     };
@@ -317,8 +318,8 @@ bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken, Received
 
 zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::receive(Received_Frame& frame,
                                                                 std::chrono::milliseconds timeout) {
+    const auto end = zav_shm::moment_after(timeout);
     auto now = Clock::now();
-    const auto end = now + timeout;
     const zav_shm::Taking_Turn::Reasons reasons{.is_queued = [this] { return queue_.size() > 0; },
                                                 .is_in_the_way = [this] { return needs_thread(); }};
     zav_shm::Receive_Status status = queue_.pop(frame, 0ms);

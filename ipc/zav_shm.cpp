@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string_view>
 
 #include "ipc/name_field.h"
@@ -71,9 +72,16 @@ int reserve_pages(int descriptor, std::uint32_t size) {
     return error == EOPNOTSUPP ? 0 : error;
 }
 
+// Made at its first use and never destroyed: publishers and subscribers of static storage open
+// segments before the objects of this file are made, and after they are gone.
+std::string& stored_root_path() {
+    static auto* const path = std::make_unique<std::string>().release();
+    return *path;
+}
+
 }  // namespace
 
-std::string IPC_SHMEMORY::root_path;
+std::string& IPC_SHMEMORY::root_path = stored_root_path();
 
 IPC_SHMEMORY::IPC_SHMEMORY(const char* new_name, int oflag, unsigned mode, int new_size) {
     if (new_size < 0) {
@@ -160,7 +168,7 @@ unsigned IPC_SHMEMORY::get_shm_path_size(const char* name) {
     if (name == nullptr) {
         return size_unknown;
     }
-    const std::string path = root_path + "/" + name;
+    const std::string path = stored_root_path() + "/" + name;
     const int descriptor = open(path.c_str(), O_RDONLY | protective_flags);
     if (descriptor == 0) {  // standard input was closed; kept as a failure on purpose
         return size_unknown;
@@ -195,7 +203,7 @@ int IPC_SHMEMORY::shm_change_path(const char* path) {
     return switched;
 }
 
-void IPC_SHMEMORY::set_root_path(const std::string& path) { root_path = path; }
+void IPC_SHMEMORY::set_root_path(const std::string& path) { stored_root_path() = path; }
 
 bool IPC_SHMEMORY::operator==(const IPC_SHMEMORY& other) const {
     return std::strncmp(name, other.name, zav_shm::name_field_bytes) == 0;

@@ -4,9 +4,9 @@
 // part once its consumer has posted "read done", until it pauses. It has waits of its own.
 
 #include <cstdio>
-#include <iostream>
 #include <mutex>
 
+#include "ipc/standard_output.h"
 #include "stream/relay.h"
 
 namespace {
@@ -72,10 +72,11 @@ int SHM_Stream_Transmission::distribute_frame() {
         if (writer->time_wait_receiver_read(read_wait_ms)) {
             continue;
         }
-        std::cout << "The Receiver is too slow to read SHM, it may want to pause receive frame, "
-                     "or dead\n";
+        zav_shm::standard_output()
+            << "The Receiver is too slow to read SHM, it may want to pause receive frame, "
+               "or dead\n";
         if (writer->time_wait_receiver_pause(pause_wait_ms)) {
-            std::cout << "Get Receiver Pause Stream\n";
+            zav_shm::standard_output() << "Get Receiver Pause Stream\n";
             writer->stop_transmission();
         }
     }
@@ -89,7 +90,7 @@ int SHM_Stream_Transmission::distribute_frame(std::list<Writer*>& list) {
 
 bool SHM_Stream_Transmission::post_frame_ready(const std::list<Writer*>& list) {
     if (list.empty()) {
-        std::cout << "In SHM_Stream_Transmission distribute_frame no list\n";
+        zav_shm::standard_output() << "In SHM_Stream_Transmission distribute_frame no list\n";
         return false;
     }
     for (Writer* const writer : list) {

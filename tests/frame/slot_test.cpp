@@ -13,6 +13,7 @@
 #include "ipc/test_point.h"
 #include "stream/semaphore_roles.h"
 #include "support/channel.h"
+#include "support/interrupted.h"
 #include "support/threads.h"
 
 using zav_shm::Received_Frame;
@@ -321,6 +322,35 @@ TEST_F(Slot, a_post_left_from_an_earlier_frame_does_not_end_the_wait_for_the_slo
     const Stopwatch watch;
     EXPECT_FALSE(writer_->commit(header_of(1, 0)));
     EXPECT_GE(watch.elapsed(), std::chrono::milliseconds(30));
+}
+
+// Each would end in vain: the frame would be lost, and the slot be taken for one that is read late.
+TEST_F(Slot, waits_go_on_after_a_signal) {
+    const auto interrupted_until_posted = [this](std::size_t semaphore, const auto& wait) {
+        std::atomic<bool> over{false};
+        std::thread posting([&] {
+            while (!over) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(8));
+                relay_->post(semaphore);
+            }
+        });
+        bool came = false;
+        errno_after_interrupting([&] { came = wait(); });
+        over = true;
+        posting.join();
+        return came;
+    };
+    EXPECT_TRUE(interrupted_until_posted(zav_shm::producer_side::consumer_present,
+                                         [this] { return writer_->wait_for_consumer(10'000); }));
+    writer_->begin();
+    EXPECT_TRUE(interrupted_until_posted(zav_shm::producer_side::slot_free,
+                                         [this] { return writer_->commit(header_of(1, 0)); }));
+    EXPECT_TRUE(relay_->take(zav_shm::producer_side::frame_written));
+
+    Received_Frame frame;
+    const Stopwatch watch;
+    errno_after_interrupting([&] { take(frame); });
+    EXPECT_GE(watch.elapsed(), std::chrono::milliseconds(40));
 }
 
 TEST_F(Slot, is_noticed_once_the_relay_has_taken_the_announcement) {
