@@ -8,9 +8,9 @@
 #include <mutex>
 #include <string>
 
-#include "frame/center_link.h"
+#include "frame/link/center_link.h"
 #include "frame/frame_format.h"
-#include "frame/slot_reader.h"
+#include "frame/slot/slot_reader.h"
 
 namespace zav_shm {
 

@@ -7,7 +7,7 @@
 #include "frame/frame_counters.h"
 #include "frame/received_frame.h"
 #include "frame/sequence_watch.h"
-#include "frame/slot_reader.h"
+#include "frame/slot/slot_reader.h"
 
 namespace zav_shm {
 

@@ -10,8 +10,8 @@
 #include <utility>
 
 #include "control/control_protocol.h"
-#include "frame/center_link.h"
-#include "frame/slot_writer.h"
+#include "frame/link/center_link.h"
+#include "frame/slot/slot_writer.h"
 #include "ipc/deadline.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/random_epoch.h"

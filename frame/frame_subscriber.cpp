@@ -13,7 +13,7 @@
 #include "frame/frame_ledger.h"
 #include "frame/frame_queue.h"
 #include "frame/in_place_turn.h"
-#include "frame/slot_reader.h"
+#include "frame/slot/slot_reader.h"
 #include "frame/taking_turn.h"
 #include "ipc/deadline.h"
 

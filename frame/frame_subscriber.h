@@ -3,25 +3,18 @@
 
 #include <chrono>
 #include <cstddef>
-#include <functional>
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
 
 #include "frame/frame_counters.h"
 #include "frame/frame_format.h"
+#include "frame/frame_view.h"
+#include "frame/reading_rules.h"
 #include "frame/received_frame.h"
 
 namespace zav_shm {
-
-/// What a subscriber does with a frame when the application is slower than the stream and the
-/// queue is full.
-enum class Overflow_Policy {
-    drop_oldest,
-    drop_until_key_frame,  // keeps what is queued, which can be decoded, and drops what comes
-                           // until the next key frame; as drop_oldest while there was none ever
-    newest_only            // never holds more than one frame
-};
 
 enum class Receive_Status {
     frame,    // here it is
@@ -31,43 +24,54 @@ enum class Receive_Status {
 
 }  // namespace zav_shm
 
-/// What a consumer process builds for each stream that it takes: registers with the center, takes
-/// frames also while the application works, into a bounded queue, hands out whole frames only and
-/// says what was lost, and finds its way back when the center or the producer is restarted.
+/// What a consumer process builds for each stream that it takes: reads the producer's history from
+/// where it is told to, hands out whole frames only, says what was missed and why, and goes on by
+/// itself when producer, center or consumer are started again.
 ///
 ///   ZAV_SHM_Frame_Subscriber recorder({.name = "RECODER", .producer = "CAM_LOOP"});
 ///   if (const auto opened = recorder.open(); !opened) { ... opened.reason ... }
 ///   zav_shm::Received_Frame frame;
 ///   while (recorder.receive(frame, 1s) == zav_shm::Receive_Status::frame) write(frame.payload());
 ///
-/// A consumer that is not back within 5 ms after a frame misses the next one. So a thread stands in
-/// for the application whenever it is not waiting in receive(), which may take its time between two
-/// calls; while it waits, frames come to it without a hand-over from thread to thread.
+/// Between the producer's memory and the application there is no thread, no queue and no lock: what
+/// the application does not take stays in the producer's history, for as long as that is. A producer
+/// that has no history, since it uses the fixed interface, is read by a thread into a history of
+/// the subscriber's own.
 ///
-/// Owner    owns its endpoint, thread, queue and one file descriptor. One subscriber per consumer
-///          name, channel and stream on a device.
-/// Threads  "zav_subscriber" stands in for the application. receive() from one thread at a time;
-///          pair(), state(), counters() and close() from any, also while receive() is blocked.
-/// Blocking receive() takes at most the time given. open(), pair(), close() and read_in_place()
-///          take as long as the time that they are given, plus one wait of the thread (30 ms).
-/// Errors   are values. Nothing throws and nothing is printed but the documented lines of the
-///          base layers. A frame that there is no memory for is lost.
-/// Crash    a killed subscriber costs the other consumers nothing but 20 ms once; the center's
-///          idle kick takes it out of its relay. Its successor simply opens again.
+/// With a name the consumer is the center's to check and to pair; without one ("tap") it reads any
+/// stream that it may open, and no center is asked.
+///
+/// Owner    of its place in the center's books, its card beside the producer's ring, and, for a
+///          producer without a history, a thread and a history.
+/// Threads  receive(), receive_view(), seek() and descriptor() from one thread at a time; pair(),
+///          request_key_frame(), state(), counters() and close() from any, also while one of the
+///          others is blocked.
+/// Blocking receive() and receive_view() take at most the time given. So do open() (`center_wait`),
+///          pair() and close().
+/// Errors   are values. Nothing throws and nothing is printed but the documented lines of the base
+///          layers. A frame that there is no memory for is lost, and told.
+/// Crash    a killed subscriber leaves its card, which the center's host removes, and costs nobody
+///          anything. Its successor simply opens again.
 class ZAV_SHM_Frame_Subscriber {
 public:
     struct Options {
-        std::string name;      // this consumer, as configured in the center
+        std::string name;      // this consumer, as configured in the center; empty: a tap
         std::string producer;  // whose frames
         int channel = 0;
         int stream = 0;
-        std::chrono::milliseconds center_wait{2000};  // how long open() looks for a center
-
-        std::size_t queue_frames = 64;
-        std::size_t queue_bytes = std::size_t{16} << 20;  // of payload; one frame always fits
+        zav_shm::Start from = zav_shm::start::newest;
         zav_shm::Overflow_Policy overflow = zav_shm::Overflow_Policy::drop_until_key_frame;
         bool start_at_key_frame = false;    // leave out what comes before the first
-        bool key_frame_after_loss = false;  // leave out what comes between a loss and the next
+        bool key_frame_after_loss = false;  // leave out what comes between a loss, or the begin of
+                                            // another publisher, and the next key frame
+        bool asks_for_key_frame = false;    // ask the publisher for one, then and at the begin
+
+        std::chrono::milliseconds center_wait{2000};  // how long open() looks for a center
+        std::string folder = "shm";      // of the segments, for a tap and while there is no center
+        bool untrusting = false;         // read by copying: a publisher that shrinks its ring is an
+                                         // error, and not the end of this process
+        std::size_t history_bytes = 0;   // of the own history for a producer without one;
+                                         // 0: four times the page size
     };
 
     using Opened = zav_shm::Opened;
@@ -79,48 +83,49 @@ public:
     /// close().
     ~ZAV_SHM_Frame_Subscriber();
 
-    /// Registers, waiting up to `center_wait` for a center, and starts the thread. Without a
-    /// center, and also when refused, the subscriber stays open and its thread tries again with a
-    /// growing delay of 2 s at most, and at once when a center comes.
+    /// Registers, waiting up to `center_wait` for a center, and joins the stream. Without a center
+    /// frames are read all the same, and it registers as soon as there is one. When it is refused,
+    /// no frame is read; it registers again when another center comes.
     Opened open();
 
-    /// Leaves the producer, ends the thread and drops what the queue holds; a blocked receive()
-    /// returns.
+    /// Leaves; a blocked receive() returns. Waits up to `limit` for the center's answer.
     void close(std::chrono::milliseconds limit = std::chrono::milliseconds(200));
 
-    /// Takes the next frame, out of the queue or off the slot, waiting up to `timeout` for one.
-    /// Without one nothing of what `frame` said holds any more; its buffer stays.
+    /// Copies the next frame, waiting up to `timeout` for one. Without one nothing of what `frame`
+    /// said holds any more; its buffer stays.
     zav_shm::Receive_Status receive(zav_shm::Received_Frame& frame,
                                     std::chrono::milliseconds timeout);
 
-    /// Reads frames where they lie, for `time` or until `judged` returns false: no copy is made.
-    /// Both functions run on the subscriber's thread, one frame after the other, while this call
-    /// waits. `read` gets the frame, with an empty `bytes`, and its payload in the slot; it has to
-    /// be done within 10 ms, or the producer goes on without this consumer. The payload may be
-    /// overwritten meanwhile, and then what came of it is to be thrown away: `judged` tells whether
-    /// it was one whole frame. `read` comes a second time when it first was not.
-    /// Neither may throw, but for a bad_alloc of `read`: the frame is lost as one is that there is
-    /// no memory to copy.
-    ///
-    /// What the queue holds stays there.
-    ///
-    /// @return frame when `judged` ended it, timeout, or closed.
-    struct In_Place {
-        std::function<void(const zav_shm::Received_Frame& frame,
-                           std::span<const std::byte> payload)>
-            read;
-        std::function<bool(const zav_shm::Received_Frame& frame, bool whole)> judged;
-    };
-    zav_shm::Receive_Status read_in_place(const In_Place& reader, std::chrono::milliseconds time);
+    /// The same without a copy: the view shows the frame where it lies. The publisher may overwrite
+    /// it at any moment: what came of it counts only if view.is_whole() says so afterwards.
+    zav_shm::Receive_Status receive_view(zav_shm::Frame_View& view,
+                                         std::chrono::milliseconds timeout);
 
-    /// Moves to another producer, or to none with "NONE". What the queue holds stays.
+    /// Goes on somewhere else in the history that there is. What lies between does not count as
+    /// lost.
+    void seek(const zav_shm::Start& from);
+
+    /// A descriptor that is readable while there may be a frame: poll it, then receive() with a
+    /// timeout of 0 until there is none. It belongs to the subscriber, and stays valid until close().
+    /// From the first call on a thread of this subscriber's, "zav_poll", waits for frames.
+    ///
+    /// @return -1 when it cannot be had.
+    int descriptor();
+
+    /// Moves to another producer, or to none with "NONE". Needs a name and a center.
     ///
     /// @return connected; or why not, while the subscriber stays as it was. With "NONE" it is
     ///         waiting_for_producer, without a reason.
     Opened pair(const std::string& producer,
                 std::chrono::milliseconds limit = std::chrono::milliseconds(1000));
 
+    /// Asks the publisher for a key frame as soon as it can.
+    ///
+    /// @return false when there is nobody to ask, or no right to.
+    bool request_key_frame();
+
     zav_shm::Frame_State state() const;
+    std::string reason() const;  // why it is not connected, in one line
     zav_shm::Subscriber_Counters counters() const;
 
 private:

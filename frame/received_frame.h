@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <vector>
 
@@ -11,19 +10,19 @@
 
 namespace zav_shm {
 
-class Ring_Reader;
-
 /// Frames between one that is handed out and the one handed out before it, by cause.
 struct Frame_Losses {
     // Lost.
     std::uint64_t overtaken = 0;  // the reader was slower than the history is long
     std::uint64_t left_out = 0;   // the publisher could not write them (too large), or they did not
                                   // come through the relay
+    std::uint64_t no_memory = 0;  // there was none for the copy
+
     // Passed over, as the options say.
     std::uint64_t dropped = 0;  // Overflow_Policy::newest_only
     std::uint64_t skipped = 0;  // on the way to a key frame
 
-    std::uint64_t lost() const { return overtaken + left_out; }
+    std::uint64_t lost() const { return overtaken + left_out + no_memory; }
 };
 
 /// What comes with every frame, copied or in place.

@@ -12,7 +12,7 @@
 
 #include "bench/private_namespaces.h"
 #include "frame/sequence_watch.h"
-#include "frame/slot_reader.h"
+#include "frame/slot/slot_reader.h"
 #include "fuzz/fuzz_target.h"
 #include "stream/channel_names.h"
 #include "stream/semaphore_roles.h"

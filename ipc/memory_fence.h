@@ -16,6 +16,9 @@ inline void release_fence() { __atomic_thread_fence(__ATOMIC_RELEASE); }
 /// Keeps what is loaded after it behind what was read before it.
 inline void acquire_fence() { __atomic_thread_fence(__ATOMIC_ACQUIRE); }
 
+/// Keeps what is loaded after it behind what was stored before it, as well.
+inline void full_fence() { __atomic_thread_fence(__ATOMIC_SEQ_CST); }
+
 #ifdef __SANITIZE_THREAD__
 #pragma GCC diagnostic pop
 #endif

@@ -17,6 +17,8 @@
 #include <system_error>
 
 #include "ipc/file_lock.h"
+#include "ipc/futex.h"
+#include "ipc/memory_fence.h"
 #include "ipc/random_epoch.h"
 #include "ipc/shared_memory_folder.h"
 
@@ -90,14 +92,21 @@ bool Own_Card::make_file(const Reader_Card& first) {
 }
 
 // The epoch is 0 while the cursor is of another ring.
-void Own_Card::set_cursor(std::uint64_t epoch, std::uint64_t number) {
+void Own_Card::move_to(const Ring_Memory& ring, std::uint64_t number) {
+    const auto low = static_cast<std::uint32_t>(number);
+    const std::uint64_t epoch = ring.facts().epoch;
     const bool is_other = card_->epoch != epoch;
     if (is_other) {
-        __atomic_store_n(&card_->epoch, 0, __ATOMIC_SEQ_CST);
+        __atomic_store_n(&card_->epoch, 0, __ATOMIC_RELEASE);
     }
-    __atomic_store_n(&card_->cursor, static_cast<std::uint32_t>(number), __ATOMIC_RELEASE);
+    __atomic_store_n(&card_->cursor, low, __ATOMIC_RELEASE);
     if (is_other) {
         __atomic_store_n(&card_->epoch, epoch, __ATOMIC_RELEASE);
+    }
+    full_fence();  // pairs with the one in Reader_Pace
+    const auto awaited = ring.load(ring_awaited_offset);
+    if (awaited && *awaited != 0 && ring_distance(low, *awaited) >= 0) {
+        futex_wake(ring.awaited_word());
     }
 }
 

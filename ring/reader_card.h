@@ -10,13 +10,15 @@
 #include <vector>
 
 #include "ipc/descriptor.h"
+#include "ring/ring_memory.h"
 
 namespace zav_shm {
 
 // A reader's card, version 1: one file of 4096 bytes beside the rings for each reader that wants to
 // be seen, "<16 hexadecimal digits>.reader". It says who reads what and how far it is. Its reader
 // alone writes it, and keeps it locked while it lives (ipc/file_lock.h). Whoever wants to know
-// reads it with pread: the status, a display, a writer that waits for its readers. Device byte order.
+// reads it with pread: the status, a display, a writer that waits for its readers. Device byte
+// order.
 //
 //   off size field         unit    rule
 //     0   4  magic         -       "ZAVK"
@@ -110,8 +112,9 @@ public:
     /// The name of the file in the folder; empty without one.
     const std::string& file_name() const { return name_; }
 
-    /// Says which record the reader reads next, for writers that wait for it.
-    void set_cursor(std::uint64_t epoch, std::uint64_t number);
+    /// Says which record of which ring the reader reads next, and wakes a writer that waits for
+    /// that.
+    void move_to(const Ring_Memory& ring, std::uint64_t number);
     void set_producer(const std::string& producer);
 
 private:

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "control/control_protocol.h"
-#include "frame/control_exchange.h"
+#include "frame/link/control_exchange.h"
 
 namespace zav_shm::tool {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "frame/center_link.h"
+#include "frame/link/center_link.h"
 
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "frame/control_exchange.h"
+#include "frame/link/control_exchange.h"
 
 #include <sys/wait.h>
 #include <unistd.h>

@@ -8,8 +8,8 @@
 #include <random>
 #include <thread>
 
-#include "frame/slot_reader.h"
-#include "frame/slot_writer.h"
+#include "frame/slot/slot_reader.h"
+#include "frame/slot/slot_writer.h"
 #include "ipc/test_point.h"
 #include "stream/semaphore_roles.h"
 #include "support/channel.h"

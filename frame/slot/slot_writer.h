@@ -24,12 +24,18 @@ public:
     std::size_t capacity() const;
 
     /// Waits up to `ms` milliseconds until a consumer is present; before that, if commit() returned
-    /// false, until the relay is done with that frame.
+    /// false, up to 10 ms until the relay is done with that frame.
     ///
     /// The first time, and after both waits for a slot were in vain, the relay may still be at a
     /// frame that was posted before. Until it has taken that one nobody is present; then an old
     /// presence does not count, and the new one is waited for up to 40 ms, once.
     bool wait_for_consumer(long ms);
+
+    /// Takes a presence that was posted meanwhile; never waits.
+    bool take_presence();
+
+    /// Ends a wait_for_consumer() of another thread, which then has no consumer after all.
+    void end_wait();
 
     /// Takes the slot's frame back: from here to commit() it holds none.
     void begin();

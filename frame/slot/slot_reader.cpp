@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "frame/slot_reader.h"
+#include "frame/slot/slot_reader.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
 
-#include "frame/payload_copy.h"
+#include "frame/slot/payload_copy.h"
 #include "ipc/memory_fence.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/test_point.h"

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "frame/slot_writer.h"
+#include "frame/slot/slot_writer.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "frame/payload_copy.h"
+#include "frame/slot/payload_copy.h"
 #include "ipc/memory_fence.h"
 #include "stream/semaphore_roles.h"
 
@@ -14,6 +14,9 @@ namespace {
 
 // As for every producer: one frame at 30 frames per second.
 constexpr long slot_free_wait_ms = 33;
+
+// For a relay that is still at the frame before.
+constexpr long step_wait_ms = 10;
 
 // The relay waits 30 ms for a frame before it begins a cycle anew.
 constexpr long new_presence_wait_ms = 40;
@@ -44,21 +47,28 @@ std::size_t Slot_Writer::capacity() const { return shm->size - frame_header_byte
 // A relay that is still at the frame before gives the slot back for that one: taken for the next
 // frame's, it would have that one overwritten before anybody was told of it.
 bool Slot_Writer::wait_for_consumer(long ms) {
+    const long step_ms = std::min(ms, step_wait_ms);
     if (step_ == Step::late) {
-        const bool is_free = semaphore(producer_side::slot_free)->wait_steady(ms) == 0;
+        const bool is_free = semaphore(producer_side::slot_free)->wait_steady(step_ms) == 0;
         step_ = is_free ? Step::same : Step::unknown;
         if (!is_free) {
             return false;
         }
     }
     if (step_ == Step::unknown) {
-        if (!fall_into_step(ms)) {
+        if (!fall_into_step(step_ms)) {
             return false;
         }
         ms = std::max(ms, new_presence_wait_ms);
     }
     return semaphore(producer_side::consumer_present)->wait_steady(ms) == 0;
 }
+
+bool Slot_Writer::take_presence() {
+    return semaphore(producer_side::consumer_present)->try_wait() == 0;
+}
+
+void Slot_Writer::end_wait() { semaphore(producer_side::consumer_present)->post_if_zero(); }
 
 // A producer that comes in the middle of a frame must not take the presence that is posted already:
 // the slot would be given back for that frame while its own is being read, and it would stay one

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "frame/control_exchange.h"
+#include "frame/link/control_exchange.h"
 
 namespace zav_shm {
 
