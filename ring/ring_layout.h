@@ -17,17 +17,19 @@
 //     6   2  header_bytes   bytes   4096: where the index begins
 //     8   4  index_count    -       entries of the index, a power of two
 //    12   4  data_offset    bytes   from the begin of the file to the first record
-//    16   4  data_bytes     bytes   room for records: the history and one record of the greatest
-//    size 20   4  record_max     bytes   the greatest record 24   8  epoch          -       random
-//    per writer, never 0 32   8  created_ns     ns      CLOCK_MONOTONIC 40   4  writer_pid     - as
-//    the writer sees itself 64   4  head           -       number of the newest whole record; the
-//    futex word
+//    16   4  data_bytes     bytes   the history, and room for one record of the greatest size
+//    20   4  record_max     bytes   the greatest record
+//    24   8  epoch          -       random per writer, never 0
+//    32   8  created_ns     ns      CLOCK_MONOTONIC
+//    40   4  writer_pid     -       as the writer sees itself
+//    64   4  head           -       number of the newest whole record; the futex word
 //   128   4  tail           -       number of the oldest record whose bytes and entry are intact
 //   132   4  state          -       0 live, 1 closed in order
 //
-// All above `head` is constant from before the file has its name. The three words have cache lines
-// apart. They are of 32 bits, since a load of 64 bits may be done by writing where the processor
-// has none, and readers map read-only.
+// All above `head` is constant from before the file has its name. `head` and `tail` have cache
+// lines of their own; `state`, which changes once, lies with `tail`. The three are of 32 bits,
+// since a load of 64 bits may be done by writing where the processor has none, and readers map
+// read-only.
 //
 // Numbers. Records are numbered from 1 without a gap. `head` and `tail` are the lower halves of
 // such numbers and are compared by their distance, as whole numbers that wrap. head - tail + 1 is
