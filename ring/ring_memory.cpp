@@ -135,7 +135,6 @@ void copy_racing(std::byte* to, const std::byte* from, std::size_t bytes) {
 }  // namespace
 
 std::optional<std::uint64_t> Ring_Size::file_bytes(std::string* reason) const {
-    const std::uint32_t index_count = index_count_for(*this);
     const std::uint64_t bytes = data_bytes_for(*this);
     std::string text;
     if (records > ring_index_max) {
@@ -150,7 +149,7 @@ std::optional<std::uint64_t> Ring_Size::file_bytes(std::string* reason) const {
         }
         return std::nullopt;
     }
-    return data_offset_for(index_count) + bytes;
+    return data_offset_for(index_count_for(*this)) + bytes;
 }
 
 std::shared_ptr<Ring_Memory> Ring_Memory::make(const std::string& path, const Ring_Size& size,

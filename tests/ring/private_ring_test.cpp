@@ -274,3 +274,5 @@ TEST(Ring_Size, names_the_limit_that_is_exceeded) {
 }
 
 }  // namespace
+    EXPECT_FALSE((Ring_Size{100, 100, 3'000'000'000}.file_bytes(&reason)));
+    EXPECT_EQ(reason, "3000000000 records; the limit is 4194304");
