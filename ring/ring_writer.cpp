@@ -125,6 +125,7 @@ void Ring_Writer::close() {
 }
 
 // ---- records ----
+    has_room_ = false;
 
 std::span<std::byte> Ring_Writer::reserve(std::size_t bytes) {
     has_room_ = false;

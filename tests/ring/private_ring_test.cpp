@@ -276,3 +276,12 @@ TEST(Ring_Size, names_the_limit_that_is_exceeded) {
 }  // namespace
     EXPECT_FALSE((Ring_Size{100, 100, 3'000'000'000}.file_bytes(&reason)));
     EXPECT_EQ(reason, "3000000000 records; the limit is 4194304");
+// Who had closed has given its lock up: what it writes then is another one's affair.
+TEST_F(Private_Ring, a_room_is_lost_with_the_closing) {
+    make({4096, 100});
+    ASSERT_EQ(writer_->reserve(10).size(), 10U);
+    writer_->close();
+    EXPECT_EQ(writer_->commit(10, {}), 0U);
+    EXPECT_EQ(reader_->newest(), 0U);
+}
+
