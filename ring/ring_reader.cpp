@@ -25,21 +25,18 @@ std::uint32_t next_set() {
 
 }  // namespace
 
-// Numbers have 64 bits and the head 32: the entry of the newest record knows the rest.
+// Numbers have 64 bits and the head 32: the entry of the newest record knows the rest. The entry
+// stays as it is until the index has gone around, also when room for the next record has destroyed
+// the newest one itself.
 Ring_Reader::Ring_Reader(std::shared_ptr<const Ring_Memory> memory)
     : memory_(std::move(memory)), set_(next_set()) {
     for (int i = 0; i < attempts_max; ++i) {
         const std::uint32_t head = load(ring_head_offset);
-        if (ring_distance(head, load(ring_tail_offset)) < 0) {
-            cursor_ = std::uint64_t{head} + 1;
-            return;
-        }
         Ring_Entry entry;
         memory_->copy(memory_->entry_offset(head), std::as_writable_bytes(std::span(&entry, 1)));
         acquire_fence();
-        const std::uint64_t number = (std::uint64_t{entry.number_high} << 32U) | head;
-        if (is_in_reach(number)) {
-            cursor_ = number + 1;
+        if (load(ring_head_offset) - head < memory_->facts().index_count - 1) {
+            cursor_ = ((std::uint64_t{entry.number_high} << 32U) | head) + 1;
             return;
         }
     }

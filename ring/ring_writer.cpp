@@ -101,10 +101,16 @@ std::unique_ptr<Ring_Writer> Ring_Writer::open_private(const Ring_Size& size, Ri
     if (!ring) {
         return nullptr;
     }
-    ring->store_release(ring_tail_offset, static_cast<std::uint32_t>(first));
-    ring->store_release(ring_head_offset, static_cast<std::uint32_t>(first - 1));
+    const std::uint64_t before = first - 1;
+    const auto low = static_cast<std::uint32_t>(before);
+    // Nobody reads that record; its entry tells readers the upper half of the numbers.
+    Ring_Entry entry;
+    entry.number_high = static_cast<std::uint32_t>(before >> 32U);
+    ring->write_entry(low, entry);
+    ring->store_release(ring_tail_offset, low + 1);
+    ring->store_release(ring_head_offset, low);
     std::unique_ptr<Ring_Writer> writer(new Ring_Writer(std::move(ring)));
-    writer->last_ = first - 1;
+    writer->last_ = before;
     writer->oldest_ = first;
     return writer;
 }
@@ -119,13 +125,13 @@ void Ring_Writer::close() {
     if (std::exchange(closed_, true) || forks_ != forks_so_far()) {
         return;
     }
+    has_room_ = false;
     ring_->store_release(ring_state_offset, ring_state::closed);
     futex_wake(ring_->head_word());
     lock_.release();
 }
 
 // ---- records ----
-    has_room_ = false;
 
 std::span<std::byte> Ring_Writer::reserve(std::size_t bytes) {
     has_room_ = false;
