@@ -100,11 +100,12 @@ void Ring_Reader::wake() const { futex_wake(memory_->head_word(), set_); }
 
 // ---- the cursor ----
 
-// The head or tail that is nearest to the cursor.
+// The head or tail that is nearest to the cursor. Unsigned: a hostile entry may have led the cursor
+// to any number.
 std::uint64_t Ring_Reader::extended(std::uint32_t low) const {
     const std::int64_t distance = ring_distance(low, static_cast<std::uint32_t>(cursor_));
-    const auto number = static_cast<std::int64_t>(cursor_) + distance;
-    return static_cast<std::uint64_t>(std::max<std::int64_t>(number, 0));
+    const bool is_below_0 = distance < 0 && static_cast<std::uint64_t>(-distance) > cursor_;
+    return is_below_0 ? 0 : cursor_ + static_cast<std::uint64_t>(distance);
 }
 
 std::uint64_t Ring_Reader::newest() const { return extended(load(ring_head_offset)); }
