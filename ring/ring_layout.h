@@ -56,7 +56,9 @@
 // Whatever step 3 or 4 of a reader saw of a newer record was stored behind the writer's fence; so
 // step 6, behind the reader's fence, sees the tail that was moved before it, and n is beyond reach.
 // Only where step 6 finds n in reach may its bytes be believed; only then is a bad entry a writer's
-// fault. Step 5 of the writer makes record and entry visible to step 2 and on of a reader.
+// fault. Step 5 of the writer makes record and entry visible to step 2 and on of a reader. Step 1
+// of the writer is a release, too: `tail` is at most one ahead of a `head` that is loaded behind
+// it, and one that is further ahead is a writer's fault.
 //
 // The positions of records grow without end and are the writer's own affair: record n begins at
 // position p, which lies at p % data_bytes, and a record that would cross the end of the data

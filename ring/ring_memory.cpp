@@ -312,10 +312,6 @@ void Ring_Memory::store_release(std::size_t offset, std::uint32_t value) {
     __atomic_store_n(writable_word(offset), value, __ATOMIC_RELEASE);
 }
 
-void Ring_Memory::store_relaxed(std::size_t offset, std::uint32_t value) {
-    __atomic_store_n(writable_word(offset), value, __ATOMIC_RELAXED);
-}
-
 bool Ring_Memory::copy(std::uint64_t offset, std::span<std::byte> into) const {
     if (offset > file_bytes_ || into.size() > file_bytes_ - offset) {
         return false;

@@ -44,7 +44,7 @@ Ring_Reader::Ring_Reader(std::shared_ptr<const Ring_Memory> memory)
 }
 
 Ring_Reader::Look Ring_Reader::look(Ring_Record& record) const {
-    // The head first: an honest writer's tail, loaded later, is then never too far behind it.
+    // The head first: an honest writer's tail, loaded later, is never too far behind it.
     const auto head = memory_->load(ring_head_offset);  // pairs with Ring_Writer::commit()
     const auto tail = memory_->load(ring_tail_offset);
     if (!head || !tail) {
@@ -53,7 +53,7 @@ Ring_Reader::Look Ring_Reader::look(Ring_Record& record) const {
     seen_head_ = *head;
     const auto low = static_cast<std::uint32_t>(cursor_);
     if (ring_distance(*tail, low) > 0) {
-        return Look::overtaken;
+        return is_sound_behind(*tail) ? Look::overtaken : Look::broken;
     }
     if (ring_distance(*head, low) < 0) {
         return Look::nothing;
@@ -76,6 +76,17 @@ Ring_Reader::Look Ring_Reader::look(Ring_Record& record) const {
     record.entry = entry;
     record.bytes = begin == nullptr ? std::span<const std::byte>() : std::span(begin, entry.length);
     return Look::record;
+}
+
+// An honest head is at most one behind a tail that was loaded before it, and less than the index
+// ahead of one that is loaded after it. Where it is not, there is nothing to go on with, wherever
+// the cursor is put.
+bool Ring_Reader::is_sound_behind(std::uint32_t tail) const {
+    const auto head = memory_->load(ring_head_offset);
+    const auto later_tail = memory_->load(ring_tail_offset);
+    return head && later_tail && ring_distance(*head, tail) >= -1 &&
+           ring_distance(*head, *later_tail) <
+               static_cast<std::int32_t>(memory_->facts().index_count);
 }
 
 bool Ring_Reader::is_in_reach(std::uint64_t number) const {
@@ -110,9 +121,11 @@ std::uint64_t Ring_Reader::extended(std::uint32_t low) const {
 
 std::uint64_t Ring_Reader::newest() const { return extended(load(ring_head_offset)); }
 
+// The tail first: a reader that is held up between the two then gets an older tail, and not one
+// that contradicts the head.
 std::uint64_t Ring_Reader::oldest() const {
-    const std::uint32_t head = load(ring_head_offset);
     const std::uint32_t tail = load(ring_tail_offset);
+    const std::uint32_t head = load(ring_head_offset);
     const bool is_sound = ring_distance(head, tail) >= -1 &&
                           ring_distance(head, tail) < static_cast<std::int32_t>(ring_index_max);
     return is_sound ? extended(tail) : extended(head) + 1;

@@ -97,6 +97,7 @@ public:
     const Ring_Memory& memory() const { return *memory_; }
 
 private:
+    bool is_sound_behind(std::uint32_t tail) const;
     std::optional<Ring_Entry> entry_of(std::uint64_t number) const;
     bool is_sound(const Ring_Entry& entry, std::uint64_t number) const;
     std::uint32_t load(std::size_t offset) const { return memory_->load(offset).value_or(0); }

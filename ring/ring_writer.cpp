@@ -142,7 +142,9 @@ std::span<std::byte> Ring_Writer::reserve(std::size_t bytes) {
     room_bytes_ = bytes;
     oldest_ = std::max(oldest_, oldest_beside(room_begin_, bytes));
     test_point("ring", "reserve");
-    ring_->store_relaxed(ring_tail_offset, static_cast<std::uint32_t>(oldest_));
+    // Who sees this tail sees the head that was stored before it; pairs with the acquires in
+    // Ring_Reader::look() and oldest(), which take a tail that is further ahead for a broken one.
+    ring_->store_release(ring_tail_offset, static_cast<std::uint32_t>(oldest_));
     // Nothing that is written from here on is seen before the new tail; pairs with the fence in
     // Ring_Reader::is_in_reach().
     release_fence();

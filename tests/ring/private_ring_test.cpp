@@ -191,7 +191,8 @@ TEST_F(Private_Ring, numbers_go_on_beyond_32_bits) {
     EXPECT_GT(reader_->cursor() >> 32U, 0U);
 }
 
-// The room destroys all that there is: no record is left, and yet the numbers go on where they were.
+// The room destroys all that there is: no record is left, and yet the numbers go on where they
+// were.
 TEST_F(Private_Ring, a_reader_that_comes_while_no_record_is_in_reach_knows_the_numbers) {
     const std::uint64_t first = (std::uint64_t{7} << 32U) + 5;
     make({64, 4096}, first);
@@ -266,6 +267,54 @@ TEST_F(Private_Ring, wait_ends_with_a_record_a_wake_and_the_deadline) {
     EXPECT_EQ(reader_->wait(monotonic_ns() + 10'000'000'000), Futex_Wait::look_again);
     step = 2;
     other.join();
+}
+
+// Whatever the words say, a reader that does what it is told comes to an end: at a record, at
+// nothing to read, where it sleeps, or at a broken ring, which it gives up.
+TEST_F(Private_Ring, of_any_head_and_tail_lets_no_reader_go_round_and_round) {
+    make({4096, 100, 16});
+    for (int i = 0; i < 40; ++i) {
+        write(50);
+    }
+    std::vector<std::uint32_t> values;
+    for (const std::uint32_t middle : {0U, 40U, 0x80000000U}) {
+        for (std::uint32_t step = 0; step < 40; ++step) {
+            values.push_back(middle - 20 + step);
+        }
+    }
+    Ring_Memory& memory = *writer_->memory();
+    for (const std::uint32_t head : values) {
+        for (const std::uint32_t tail : values) {
+            memory.store_release(ring_head_offset, head);
+            memory.store_release(ring_tail_offset, tail);
+            for (const std::uint64_t begin : {std::uint64_t{0}, std::uint64_t{head} + 1,
+                                              std::uint64_t{tail}, ~std::uint64_t{0}}) {
+                Ring_Record record;
+                int steps = 0;
+                reader_->move_to(begin);
+                while (reader_->look(record) == Look::overtaken) {
+                    reader_->move_to(steps % 2 == 0 ? reader_->oldest() : reader_->safe_oldest());
+                    ASSERT_LT(++steps, 4) << "head " << head << " tail " << tail;
+                }
+            }
+        }
+    }
+}
+
+TEST_F(Private_Ring, a_cursor_at_any_number_is_no_trap) {
+    make({4096, 100, 16});
+    write(50);
+    for (const std::uint64_t number :
+         {std::uint64_t{0}, std::uint64_t{1} << 31U, std::uint64_t{1} << 63U,
+          (std::uint64_t{1} << 63U) - 1, ~std::uint64_t{0}}) {
+        Ring_Record record;
+        reader_->move_to(number);
+        EXPECT_NE(reader_->look(record), Look::record) << number;
+        reader_->newest();
+        reader_->safe_oldest();
+        EXPECT_FALSE(reader_->find_back(number, [](const auto&) { return false; }));
+        EXPECT_FALSE(reader_->find_on(number, [](const auto&) { return false; }));
+    }
 }
 
 TEST_F(Private_Ring, a_closed_writer_writes_nothing_more_and_its_records_stay) {
