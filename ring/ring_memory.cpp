@@ -16,6 +16,7 @@
 #include "ipc/file_lock.h"
 #include "ipc/memory_fence.h"
 #include "ipc/test_point.h"
+#include "ring/steady_word.h"
 
 namespace zav_shm {
 
@@ -300,10 +301,12 @@ std::optional<std::uint32_t> Ring_Memory::load(std::size_t offset) const {
     if (reading_ == Reading::mapped) {
         return __atomic_load_n(word(offset), __ATOMIC_ACQUIRE);
     }
-    std::uint32_t value = 0;
-    if (!read_at(file_.get(), offset, std::as_writable_bytes(std::span(&value, 1)))) {
-        return std::nullopt;
-    }
+    const auto value = steady_word([this, offset]() -> std::optional<std::uint32_t> {
+        std::uint32_t read = 0;
+        const bool is_there =
+            read_at(file_.get(), offset, std::as_writable_bytes(std::span(&read, 1)));
+        return is_there ? std::optional(read) : std::nullopt;
+    });
     acquire_fence();
     return value;
 }
