@@ -21,6 +21,7 @@
 #include "ipc/memory_fence.h"
 #include "ipc/random_epoch.h"
 #include "ipc/shared_memory_folder.h"
+#include "ring/steady_word.h"
 
 namespace zav_shm {
 
@@ -69,8 +70,8 @@ bool Own_Card::make_file(const Reader_Card& first) {
     if (stat(folder_.c_str(), &folder) != 0) {
         return false;
     }
-    file_ = Descriptor(
-        open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    file_ =
+        Descriptor(open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!file_.is_open()) {
         return false;
     }
@@ -143,20 +144,21 @@ std::optional<Reader_Card> Seen_Card::read() const {
 
 // The epoch behind the cursor and before it: a cursor of another ring is not taken for this one's.
 std::optional<Seen_Card::Position> Seen_Card::position() const {
-    Position position;
-    std::uint64_t after = 0;
     const auto load = [this](auto& field, std::size_t offset) {
         return pread(file_.get(), &field, sizeof field, static_cast<off_t>(offset)) ==
                static_cast<ssize_t>(sizeof field);
     };
-    const bool loaded = load(position.epoch, offsetof(Reader_Card, epoch)) &&
-                        load(position.cursor, offsetof(Reader_Card, cursor)) &&
-                        load(after, offsetof(Reader_Card, epoch));
-    if (!loaded) {
+    std::uint64_t before = 0;
+    std::uint64_t after = 0;
+    const bool is_there = load(before, offsetof(Reader_Card, epoch));
+    const auto cursor = steady_word([&load]() -> std::optional<std::uint32_t> {
+        std::uint32_t read = 0;
+        return load(read, offsetof(Reader_Card, cursor)) ? std::optional(read) : std::nullopt;
+    });
+    if (!is_there || !cursor || !load(after, offsetof(Reader_Card, epoch))) {
         return std::nullopt;
     }
-    position.epoch = position.epoch == after ? after : 0;
-    return position;
+    return Position{before == after ? after : 0, *cursor};
 }
 
 std::vector<std::string> card_names(const std::string& folder) {

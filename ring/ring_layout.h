@@ -17,7 +17,7 @@
 //     6   2  header_bytes   bytes   4096: where the index begins
 //     8   4  index_count    -       entries of the index, a power of two
 //    12   4  data_offset    bytes   from the begin of the file to the first record
-//    16   4  data_bytes     bytes   room for records: the history and one greatest record
+//    16   4  data_bytes     bytes   the history, and room for one record of the greatest size
 //    20   4  record_max     bytes   the greatest record
 //    24   8  epoch          -       random per writer, never 0
 //    32   8  created_ns     ns      CLOCK_MONOTONIC
@@ -28,9 +28,10 @@
 //   192   4  awaited        -       the number at which the writer waits for its slowest reader to
 //                                   be, 0 while it does not wait; it sleeps on this word
 //
-// All above `head` is constant from before the file has its name. The words that change have cache
-// lines apart. They are of 32 bits, since a load of 64 bits may be done by writing where the
-// processor has none, and readers map read-only.
+// All above `head` is constant from before the file has its name. `head`, `tail` and `awaited` have
+// cache lines of their own; `state`, which changes once, lies with `tail`. They are of 32 bits,
+// since a load of 64 bits may be done by writing where the processor has none, and readers map
+// read-only.
 //
 // Numbers. Records are numbered from 1 without a gap. `head` and `tail` are the lower halves of
 // such numbers and are compared by their distance, as whole numbers that wrap. head - tail + 1 is
@@ -57,7 +58,9 @@
 // Whatever step 3 or 4 of a reader saw of a newer record was stored behind the writer's fence; so
 // step 6, behind the reader's fence, sees the tail that was moved before it, and n is beyond reach.
 // Only where step 6 finds n in reach may its bytes be believed; only then is a bad entry a writer's
-// fault. Step 5 of the writer makes record and entry visible to step 2 and on of a reader.
+// fault. Step 5 of the writer makes record and entry visible to step 2 and on of a reader. Step 1
+// of the writer is a release, too: `tail` is at most one ahead of a `head` that is loaded behind
+// it, and one that is further ahead is a writer's fault.
 //
 // The positions of records grow without end and are the writer's own affair: record n begins at
 // position p, which lies at p % data_bytes, and a record that would cross the end of the data

@@ -16,6 +16,7 @@
 #include "ipc/file_lock.h"
 #include "ipc/memory_fence.h"
 #include "ipc/test_point.h"
+#include "ring/steady_word.h"
 
 namespace zav_shm {
 
@@ -135,7 +136,6 @@ void copy_racing(std::byte* to, const std::byte* from, std::size_t bytes) {
 }  // namespace
 
 std::optional<std::uint64_t> Ring_Size::file_bytes(std::string* reason) const {
-    const std::uint32_t index_count = index_count_for(*this);
     const std::uint64_t bytes = data_bytes_for(*this);
     std::string text;
     if (records > ring_index_max) {
@@ -150,7 +150,7 @@ std::optional<std::uint64_t> Ring_Size::file_bytes(std::string* reason) const {
         }
         return std::nullopt;
     }
-    return data_offset_for(index_count) + bytes;
+    return data_offset_for(index_count_for(*this)) + bytes;
 }
 
 std::shared_ptr<Ring_Memory> Ring_Memory::make(const std::string& path, const Ring_Size& size,
@@ -301,20 +301,18 @@ std::optional<std::uint32_t> Ring_Memory::load(std::size_t offset) const {
     if (reading_ == Reading::mapped) {
         return __atomic_load_n(word(offset), __ATOMIC_ACQUIRE);
     }
-    std::uint32_t value = 0;
-    if (!read_at(file_.get(), offset, std::as_writable_bytes(std::span(&value, 1)))) {
-        return std::nullopt;
-    }
+    const auto value = steady_word([this, offset]() -> std::optional<std::uint32_t> {
+        std::uint32_t read = 0;
+        const bool is_there =
+            read_at(file_.get(), offset, std::as_writable_bytes(std::span(&read, 1)));
+        return is_there ? std::optional(read) : std::nullopt;
+    });
     acquire_fence();
     return value;
 }
 
 void Ring_Memory::store_release(std::size_t offset, std::uint32_t value) {
     __atomic_store_n(writable_word(offset), value, __ATOMIC_RELEASE);
-}
-
-void Ring_Memory::store_relaxed(std::size_t offset, std::uint32_t value) {
-    __atomic_store_n(writable_word(offset), value, __ATOMIC_RELAXED);
 }
 
 bool Ring_Memory::copy(std::uint64_t offset, std::span<std::byte> into) const {

@@ -82,7 +82,6 @@ public:
     /// Loads one of the words that change. Nothing when the file has lost it.
     std::optional<std::uint32_t> load(std::size_t offset) const;
     void store_release(std::size_t offset, std::uint32_t value);
-    void store_relaxed(std::size_t offset, std::uint32_t value);
 
     /// The word to sleep on.
     const std::uint32_t* head_word() const { return word(ring_head_offset); }

@@ -25,21 +25,18 @@ std::uint32_t next_set() {
 
 }  // namespace
 
-// Numbers have 64 bits and the head 32: the entry of the newest record knows the rest.
+// Numbers have 64 bits and the head 32: the entry of the newest record knows the rest. The entry
+// stays as it is until the index has gone around, also when room for the next record has destroyed
+// the newest one itself.
 Ring_Reader::Ring_Reader(std::shared_ptr<const Ring_Memory> memory)
     : memory_(std::move(memory)), set_(next_set()) {
     for (int i = 0; i < attempts_max; ++i) {
         const std::uint32_t head = load(ring_head_offset);
-        if (ring_distance(head, load(ring_tail_offset)) < 0) {
-            cursor_ = std::uint64_t{head} + 1;
-            return;
-        }
         Ring_Entry entry;
         memory_->copy(memory_->entry_offset(head), std::as_writable_bytes(std::span(&entry, 1)));
         acquire_fence();
-        const std::uint64_t number = (std::uint64_t{entry.number_high} << 32U) | head;
-        if (is_in_reach(number)) {
-            cursor_ = number + 1;
+        if (load(ring_head_offset) - head < memory_->facts().index_count - 1) {
+            cursor_ = ((std::uint64_t{entry.number_high} << 32U) | head) + 1;
             return;
         }
     }
@@ -47,7 +44,7 @@ Ring_Reader::Ring_Reader(std::shared_ptr<const Ring_Memory> memory)
 }
 
 Ring_Reader::Look Ring_Reader::look(Ring_Record& record) const {
-    // The head first: an honest writer's tail, loaded later, is then never too far behind it.
+    // The head first: an honest writer's tail, loaded later, is never too far behind it.
     const auto head = memory_->load(ring_head_offset);  // pairs with Ring_Writer::commit()
     const auto tail = memory_->load(ring_tail_offset);
     if (!head || !tail) {
@@ -56,7 +53,7 @@ Ring_Reader::Look Ring_Reader::look(Ring_Record& record) const {
     seen_head_ = *head;
     const auto low = static_cast<std::uint32_t>(cursor_);
     if (ring_distance(*tail, low) > 0) {
-        return Look::overtaken;
+        return is_sound_behind(*tail) ? Look::overtaken : Look::broken;
     }
     if (ring_distance(*head, low) < 0) {
         return Look::nothing;
@@ -74,11 +71,23 @@ Ring_Reader::Look Ring_Reader::look(Ring_Record& record) const {
     if (!is_sound(entry, cursor_)) {
         return Look::broken;
     }
+    ++found_;
     const std::byte* const begin = memory_->at(memory_->record_offset(entry));
     record.number = cursor_;
     record.entry = entry;
     record.bytes = begin == nullptr ? std::span<const std::byte>() : std::span(begin, entry.length);
     return Look::record;
+}
+
+// An honest head is at most one behind a tail that was loaded before it, and less than the index
+// ahead of one that is loaded after it. Where it is not, there is nothing to go on with, wherever
+// the cursor is put.
+bool Ring_Reader::is_sound_behind(std::uint32_t tail) const {
+    const auto head = memory_->load(ring_head_offset);
+    const auto later_tail = memory_->load(ring_tail_offset);
+    return head && later_tail && ring_distance(*head, tail) >= -1 &&
+           ring_distance(*head, *later_tail) <
+               static_cast<std::int32_t>(memory_->facts().index_count);
 }
 
 bool Ring_Reader::is_in_reach(std::uint64_t number) const {
@@ -103,18 +112,21 @@ void Ring_Reader::wake() const { futex_wake(memory_->head_word(), set_); }
 
 // ---- the cursor ----
 
-// The head or tail that is nearest to the cursor.
+// The head or tail that is nearest to the cursor. Unsigned: a hostile entry may have led the cursor
+// to any number.
 std::uint64_t Ring_Reader::extended(std::uint32_t low) const {
     const std::int64_t distance = ring_distance(low, static_cast<std::uint32_t>(cursor_));
-    const auto number = static_cast<std::int64_t>(cursor_) + distance;
-    return static_cast<std::uint64_t>(std::max<std::int64_t>(number, 0));
+    const bool is_below_0 = distance < 0 && static_cast<std::uint64_t>(-distance) > cursor_;
+    return is_below_0 ? 0 : cursor_ + static_cast<std::uint64_t>(distance);
 }
 
 std::uint64_t Ring_Reader::newest() const { return extended(load(ring_head_offset)); }
 
+// The tail first: a reader that is held up between the two then gets an older tail, and not one
+// that contradicts the head.
 std::uint64_t Ring_Reader::oldest() const {
-    const std::uint32_t head = load(ring_head_offset);
     const std::uint32_t tail = load(ring_tail_offset);
+    const std::uint32_t head = load(ring_head_offset);
     const bool is_sound = ring_distance(head, tail) >= -1 &&
                           ring_distance(head, tail) < static_cast<std::int32_t>(ring_index_max);
     return is_sound ? extended(tail) : extended(head) + 1;

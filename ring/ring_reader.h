@@ -70,6 +70,9 @@ public:
     /// True when the head is another one than the latest look() saw.
     bool has_news() const { return load(ring_head_offset) != seen_head_; }
 
+    /// How many looks have found a record.
+    std::uint64_t records_found() const { return found_; }
+
     /// Ends a wait() of this reader, and now and then one of another.
     void wake() const;
 
@@ -97,6 +100,7 @@ public:
     const Ring_Memory& memory() const { return *memory_; }
 
 private:
+    bool is_sound_behind(std::uint32_t tail) const;
     std::optional<Ring_Entry> entry_of(std::uint64_t number) const;
     bool is_sound(const Ring_Entry& entry, std::uint64_t number) const;
     std::uint32_t load(std::size_t offset) const { return memory_->load(offset).value_or(0); }
@@ -106,6 +110,7 @@ private:
     const std::uint32_t set_;  // of the wakes that are meant for this reader
     std::uint64_t cursor_ = 1;
     mutable std::uint32_t seen_head_ = 0;  // by the latest look()
+    mutable std::uint64_t found_ = 0;      // looks that found a record
 };
 
 }  // namespace zav_shm

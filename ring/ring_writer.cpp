@@ -91,10 +91,16 @@ std::unique_ptr<Ring_Writer> Ring_Writer::open_private(const Ring_Size& size, Ri
     if (!ring) {
         return nullptr;
     }
-    ring->store_release(ring_tail_offset, static_cast<std::uint32_t>(first));
-    ring->store_release(ring_head_offset, static_cast<std::uint32_t>(first - 1));
+    const std::uint64_t before = first - 1;
+    const auto low = static_cast<std::uint32_t>(before);
+    // Nobody reads that record; its entry tells readers the upper half of the numbers.
+    Ring_Entry entry;
+    entry.number_high = static_cast<std::uint32_t>(before >> 32U);
+    ring->write_entry(low, entry);
+    ring->store_release(ring_tail_offset, low + 1);
+    ring->store_release(ring_head_offset, low);
     std::unique_ptr<Ring_Writer> writer(new Ring_Writer(std::move(ring)));
-    writer->last_ = first - 1;
+    writer->last_ = before;
     writer->oldest_ = first;
     return writer;
 }
@@ -109,6 +115,7 @@ void Ring_Writer::close() {
     if (std::exchange(closed_, true) || forks_ != forks_so_far()) {
         return;
     }
+    has_room_ = false;
     ring_->store_release(ring_state_offset, ring_state::closed);
     futex_wake(ring_->head_word());
     lock_.release();
@@ -125,7 +132,9 @@ std::span<std::byte> Ring_Writer::reserve(std::size_t bytes) {
     room_bytes_ = bytes;
     oldest_ = std::max(oldest_, oldest_beside(room_begin_, bytes));
     test_point("ring", "reserve");
-    ring_->store_relaxed(ring_tail_offset, static_cast<std::uint32_t>(oldest_));
+    // Who sees this tail sees the head that was stored before it; pairs with the acquires in
+    // Ring_Reader::look() and oldest(), which take a tail that is further ahead for a broken one.
+    ring_->store_release(ring_tail_offset, static_cast<std::uint32_t>(oldest_));
     // Nothing that is written from here on is seen before the new tail; pairs with the fence in
     // Ring_Reader::is_in_reach().
     release_fence();

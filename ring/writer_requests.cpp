@@ -29,8 +29,8 @@ mode_t writable_mode(const std::string& path) {
 
 }  // namespace
 
-// What another user left, or somebody who is not the writer has put there, is replaced as far as the
-// folder allows.
+// What another user left, or somebody who is not the writer has put there, is replaced as far as
+// the folder allows.
 Writer_Requests::Writer_Requests(const std::string& ring) {
     const std::string path = path_of(ring);
     struct stat status {};

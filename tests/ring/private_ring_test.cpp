@@ -179,7 +179,7 @@ TEST_F(Private_Ring, hands_out_no_wrong_byte_as_right_while_it_is_lapped_on_purp
 TEST_F(Private_Ring, numbers_go_on_beyond_32_bits) {
     const std::uint64_t first = (std::uint64_t{1} << 32U) - 40;
     make({4000, 100, 32}, first);
-    EXPECT_EQ(reader_->newest(), first - 1 - ((first - 1) >> 32U << 32U)) << "no entry tells yet";
+    EXPECT_EQ(reader_->newest(), first - 1);
     for (std::uint64_t i = 0; i < 100; ++i) {
         write(length_of_record(writer_->last() + 1, 100));
         const Ring_Reader late(writer_->memory());
@@ -189,6 +189,24 @@ TEST_F(Private_Ring, numbers_go_on_beyond_32_bits) {
     }
     expect_history_to_be_right();
     EXPECT_GT(reader_->cursor() >> 32U, 0U);
+}
+
+// The room destroys all that there is: no record is left, and yet the numbers go on where they
+// were.
+TEST_F(Private_Ring, a_reader_that_comes_while_no_record_is_in_reach_knows_the_numbers) {
+    const std::uint64_t first = (std::uint64_t{7} << 32U) + 5;
+    make({64, 4096}, first);
+    EXPECT_EQ(reader_->cursor(), first);
+    EXPECT_EQ(reader_->newest(), first - 1);
+    EXPECT_EQ(reader_->oldest(), first);
+    write(4096);
+    writer_->reserve(4096);
+    const Ring_Reader late(writer_->memory());
+    EXPECT_EQ(late.cursor(), first + 1);
+    EXPECT_EQ(late.oldest(), first + 1);
+    writer_->commit(1, {});
+    Ring_Record record;
+    EXPECT_EQ(late.look(record), Look::record);
 }
 
 TEST_F(Private_Ring, a_reader_that_stands_still_is_told_that_it_was_overtaken) {
@@ -251,6 +269,54 @@ TEST_F(Private_Ring, wait_ends_with_a_record_a_wake_and_the_deadline) {
     other.join();
 }
 
+// Whatever the words say, a reader that does what it is told comes to an end: at a record, at
+// nothing to read, where it sleeps, or at a broken ring, which it gives up.
+TEST_F(Private_Ring, of_any_head_and_tail_lets_no_reader_go_round_and_round) {
+    make({4096, 100, 16});
+    for (int i = 0; i < 40; ++i) {
+        write(50);
+    }
+    std::vector<std::uint32_t> values;
+    for (const std::uint32_t middle : {0U, 40U, 0x80000000U}) {
+        for (std::uint32_t step = 0; step < 40; ++step) {
+            values.push_back(middle - 20 + step);
+        }
+    }
+    Ring_Memory& memory = *writer_->memory();
+    for (const std::uint32_t head : values) {
+        for (const std::uint32_t tail : values) {
+            memory.store_release(ring_head_offset, head);
+            memory.store_release(ring_tail_offset, tail);
+            for (const std::uint64_t begin : {std::uint64_t{0}, std::uint64_t{head} + 1,
+                                              std::uint64_t{tail}, ~std::uint64_t{0}}) {
+                Ring_Record record;
+                int steps = 0;
+                reader_->move_to(begin);
+                while (reader_->look(record) == Look::overtaken) {
+                    reader_->move_to(steps % 2 == 0 ? reader_->oldest() : reader_->safe_oldest());
+                    ASSERT_LT(++steps, 4) << "head " << head << " tail " << tail;
+                }
+            }
+        }
+    }
+}
+
+TEST_F(Private_Ring, a_cursor_at_any_number_is_no_trap) {
+    make({4096, 100, 16});
+    write(50);
+    for (const std::uint64_t number :
+         {std::uint64_t{0}, std::uint64_t{1} << 31U, std::uint64_t{1} << 63U,
+          (std::uint64_t{1} << 63U) - 1, ~std::uint64_t{0}}) {
+        Ring_Record record;
+        reader_->move_to(number);
+        EXPECT_NE(reader_->look(record), Look::record) << number;
+        reader_->newest();
+        reader_->safe_oldest();
+        EXPECT_FALSE(reader_->find_back(number, [](const auto&) { return false; }));
+        EXPECT_FALSE(reader_->find_on(number, [](const auto&) { return false; }));
+    }
+}
+
 TEST_F(Private_Ring, a_closed_writer_writes_nothing_more_and_its_records_stay) {
     make({4096, 100});
     write(10);
@@ -262,12 +328,23 @@ TEST_F(Private_Ring, a_closed_writer_writes_nothing_more_and_its_records_stay) {
     EXPECT_EQ(reader_->look(record), Look::record);
 }
 
+// Who had closed has given its lock up: what it writes then is another one's affair.
+TEST_F(Private_Ring, a_room_is_lost_with_the_closing) {
+    make({4096, 100});
+    ASSERT_EQ(writer_->reserve(10).size(), 10U);
+    writer_->close();
+    EXPECT_EQ(writer_->commit(10, {}), 0U);
+    EXPECT_EQ(reader_->newest(), 0U);
+}
+
 TEST(Ring_Size, names_the_limit_that_is_exceeded) {
     std::string reason;
     EXPECT_FALSE((Ring_Size{4'000'000'000, 400'000'000}.file_bytes(&reason)));
     EXPECT_EQ(reason, "4400000000 bytes of records; the limits are 1 and 4294967232");
     EXPECT_FALSE((Ring_Size{100, 100, 5'000'000}.file_bytes(&reason)));
     EXPECT_EQ(reason, "5000000 records; the limit is 4194304");
+    EXPECT_FALSE((Ring_Size{100, 100, 3'000'000'000}.file_bytes(&reason)));
+    EXPECT_EQ(reason, "3000000000 records; the limit is 4194304");
     EXPECT_FALSE((Ring_Size{0, 0}.file_bytes(&reason)));
     EXPECT_EQ((Ring_Size{2 << 20, 1 << 20}.file_bytes()), 4096U + 2048 * 32 + (3 << 20));
     EXPECT_EQ((Ring_Size{100, 100, 1}.file_bytes()), 4096U + 4096 + 128 + 128);
