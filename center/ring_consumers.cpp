@@ -145,20 +145,22 @@ std::vector<Ring_Consumer_Snapshot> Ring_Consumers::snapshot() const {
     return taken;
 }
 
-// A process of another PID namespace has another id here, or none: its card tells more. What cannot
-// be opened tells nothing, and counts as alive.
+// A process of another PID namespace has another id here, or none: its card tells more. It makes that
+// once it is registered. What cannot be opened tells nothing, and counts as alive.
 bool Ring_Consumers::is_alive(const Member& member) const {
-    if (!is_file_name(member.card)) {
-        return static_cast<pid_t>(member.pid) == member.pid && member.pid > 0 &&
-               (kill(static_cast<pid_t>(member.pid), 0) == 0 || errno != ESRCH);
+    if (is_file_name(member.card)) {
+        const Descriptor card(open((folder_ + "/" + member.card).c_str(),
+                                   O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+        if (card.is_open()) {
+            const File_Lock_State state = look_at_file_lock(card.get());
+            return state == File_Lock_State::exclusive || state == File_Lock_State::unknown;
+        }
+        if (errno != ENOENT) {
+            return true;
+        }
     }
-    const Descriptor card(open((folder_ + "/" + member.card).c_str(),
-                               O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-    if (!card.is_open()) {
-        return errno != ENOENT;
-    }
-    const File_Lock_State state = look_at_file_lock(card.get());
-    return state == File_Lock_State::exclusive || state == File_Lock_State::unknown;
+    return static_cast<pid_t>(member.pid) == member.pid && member.pid > 0 &&
+           (kill(static_cast<pid_t>(member.pid), 0) == 0 || errno != ESRCH);
 }
 
 // Called with the lock held, as all below.

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <iterator>
 #include <numeric>
 
 // Microseconds below 8 have a bucket each; from there on each power of two has 8 buckets.
@@ -63,6 +64,11 @@ Latency_Histogram& Latency_Histogram::operator-=(const Latency_Histogram& earlie
         buckets[bucket] -= earlier.buckets[bucket];
     }
     return *this;
+}
+
+void Subscriber_Counters::take_from(const Reader_Card& card) {
+    static_cast<Reader_Card::Counters&>(*this) = card.counters;
+    std::copy(std::begin(card.latency), std::end(card.latency), latency.buckets.begin());
 }
 
 }  // namespace zav_shm

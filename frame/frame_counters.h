@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "ring/reader_card.h"
+
 namespace zav_shm {
 
 /// How often which latency occurred: buckets that grow with the latency, each at most 1/8 wide of
@@ -32,34 +34,32 @@ public:
 /// What a publisher has done since it was built. A snapshot.
 struct Publisher_Counters {
     std::uint64_t frames = 0;  // offered, whatever became of them: the last sequence number
-    std::uint64_t delivered = 0;
-    std::uint64_t bytes = 0;  // of the delivered ones' payload
-    std::uint64_t no_consumer = 0;
+    std::uint64_t published = 0;
+    std::uint64_t bytes = 0;  // of their payload
     std::uint64_t too_large = 0;
-    std::uint64_t no_center = 0;   // also frames that were refused
-    std::uint64_t slow_reads = 0;  // the slot was not free again within 33 ms
+    std::uint64_t refused = 0;     // frames, also those without a ring to write
     std::uint64_t recoveries = 0;  // registered again after the center was restarted
+
+    // A paced publisher's.
+    std::uint64_t waits = 0;     // for readers that were behind
+    std::uint64_t given_up = 0;  // readers that did not move within the time, again and again
+
+    // What the consumers of the fixed interface got of it.
+    std::uint64_t slot_frames = 0;       // written while at least one of them was present
+    std::uint64_t slot_passed_over = 0;  // they were not back in time
+    std::uint64_t slot_slow_reads = 0;   // the slot was not free again within 33 ms
 };
 
 /// What a subscriber has done since it was built. A snapshot; its parts may be some frames apart.
-struct Subscriber_Counters {
-    std::uint64_t frames = 0;  // taken off the slot, verified or foreign
-    std::uint64_t bytes = 0;   // of their payload
-    std::uint64_t key_frames = 0;
-    std::uint64_t handed_out = 0;  // by receive()
-    std::uint64_t lost = 0;        // gaps in the sequence, torn copies included
-    std::uint64_t torn = 0;        // copies that were overwritten meanwhile, also after a retry
-    std::uint64_t repeated = 0;    // the slot still held a frame that was taken before
-    std::uint64_t invalid = 0;     // a length beyond the slot
-    std::uint64_t no_memory = 0;   // there was none for the copy; lost, too
-    std::uint64_t foreign = 0;     // without a header of ours
-    std::uint64_t dropped = 0;     // the queue was full
-    std::uint64_t skipped = 0;     // on the way to a key frame
-    std::uint64_t timeouts_no_frame = 0;  // waits of 30 ms that a relay noticed: a silent producer
+/// The same as its card says, and what it knows of a producer's slot.
+struct Subscriber_Counters : Reader_Card::Counters {
+    std::uint64_t lost() const { return overtaken + left_out + no_memory; }
+
+    /// As the card says.
+    void take_from(const Reader_Card& card);
+
+    std::uint64_t timeouts_no_frame = 0;  // waits of 30 ms at a slot that a relay noticed
     std::uint64_t timeouts_no_relay = 0;  // not noticed: not paired, or the center is away
-    std::uint64_t recoveries = 0;         // registered again
-    std::uint64_t queued = 0;             // frames in the queue at this moment
-    std::int64_t last_key_frame_ns = 0;   // CLOCK_MONOTONIC when the last one came; 0 never
     Latency_Histogram latency;            // from the begin of writing to the end of copying
 };
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <optional>
 
+#include "frame/frame_record.h"
 #include "ipc/monotonic_clock.h"
 
 namespace zav_shm {
@@ -18,6 +19,13 @@ bool is_key(const Ring_Entry& entry) { return (entry.flags & ring_flag::key) != 
 
 bool is_foreign(const Ring_Entry& entry) { return (entry.flags & frame_record::foreign) != 0; }
 
+// The first record that was begun since then; behind the newest one when none was.
+std::uint64_t first_since(const Ring_Reader& reader, std::int64_t since_ns) {
+    const auto before = reader.find_back(
+        reader.newest(), [since_ns](const Ring_Entry& entry) { return entry.time_ns < since_ns; });
+    return before ? *before + 1 : reader.oldest();
+}
+
 bool is_ours(const ZAV_SHM_Frame_Header& header) {
     return header.magic == frame_magic && header.version == frame_version;
 }
@@ -26,11 +34,12 @@ bool is_ours(const ZAV_SHM_Frame_Header& header) {
 
 // ---- where it begins ----
 
-void Frame_Cursor::join(Ring_Reader& reader) {
+void Frame_Cursor::join(Ring_Reader& reader, std::int64_t since_ns) {
     const bool goes_on = handed_out_;
-    seek(reader, rules_.from);
-    const bool waits = rules_.start_at_key_frame || (goes_on && rules_.key_frame_after_loss);
-    wait_ = waits ? Wait::firm : Wait::none;
+    begin(reader, rules_.from, since_ns);
+    if (goes_on && rules_.key_frame_after_loss) {
+        wait_ = Wait::firm;
+    }
 }
 
 void Frame_Cursor::go_on_in(Ring_Reader& reader) {
@@ -43,21 +52,26 @@ void Frame_Cursor::go_on_in(Ring_Reader& reader) {
 }
 
 void Frame_Cursor::seek(Ring_Reader& reader, const Start& from) {
-    place(reader, from);
+    begin(reader, from, monotonic_ns());
+}
+
+void Frame_Cursor::begin(Ring_Reader& reader, const Start& from, std::int64_t now_ns) {
+    joined_at_ = first_since(reader, now_ns);
+    place(reader, from, now_ns);
     losses_ = {};
-    wait_ = Wait::none;
+    wait_ = rules_.start_at_key_frame ? Wait::firm : Wait::none;
     seen_key_ = reader.find_back(reader.newest(), is_key).has_value();
     handed_out_ = false;
-    joined_at_ = reader.newest() + 1;
     passed_over_ = 0;
     sequence_ = 0;
 }
 
-void Frame_Cursor::place(Ring_Reader& reader, const Start& from) {
+void Frame_Cursor::place(Ring_Reader& reader, const Start& from, std::int64_t now_ns) {
     const std::uint64_t newest = reader.newest();
     std::optional<std::uint64_t> number;
     switch (from.at) {
         case Start::At::newest:
+            number = joined_at_;
             break;
         case Start::At::last_key_frame:
             number = reader.find_back(newest, is_key);
@@ -66,7 +80,7 @@ void Frame_Cursor::place(Ring_Reader& reader, const Start& from) {
             number = reader.oldest();
             break;
         case Start::At::back: {
-            const std::int64_t since = monotonic_ns() - from.span.count();
+            const std::int64_t since = now_ns - from.span.count();
             number = reader.find_back(newest, [since](const Ring_Entry& entry) {
                 return is_key(entry) && entry.time_ns <= since;
             });
@@ -103,8 +117,7 @@ Frame_Cursor::Found Frame_Cursor::find(Ring_Reader& reader, Ring_Record& record,
             continue;
         }
         ZAV_SHM_Frame_Header header;
-        const bool copied =
-            reader.copy(record, 0, std::as_writable_bytes(std::span(&header, 1)));
+        const bool copied = reader.copy(record, 0, std::as_writable_bytes(std::span(&header, 1)));
         if (!reader.is_in_reach(record.number)) {
             continue;
         }
@@ -136,9 +149,8 @@ bool Frame_Cursor::is_left_out(Ring_Reader& reader, const Ring_Record& record) {
         return false;
     }
     const std::uint64_t behind_newest = std::max(reader.newest(), record.number) + 1;
-    const auto key = reader.find_on(record.number, [](const Ring_Entry& entry) {
-        return is_key(entry) || is_foreign(entry);
-    });
+    const auto key = reader.find_on(
+        record.number, [](const Ring_Entry& entry) { return is_key(entry) || is_foreign(entry); });
     pass_over(reader, key.value_or(behind_newest), losses_.skipped);
     return true;
 }

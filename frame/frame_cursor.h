@@ -9,11 +9,6 @@
 
 namespace zav_shm {
 
-namespace frame_record {
-// What the flags of a frame's record say beside the key flag.
-inline constexpr std::uint32_t foreign = 2;  // of a producer without our header
-}  // namespace frame_record
-
 /// A subscriber's way through a ring of frames: where it begins, what it leaves out, what it has
 /// missed. Each record is a frame header with the payload behind it.
 ///
@@ -29,9 +24,10 @@ public:
 
     explicit Frame_Cursor(const Rules& rules) : rules_(rules) {}
 
-    /// Puts the reader where the rules begin, in a ring that was there already: what was published
-    /// before now is history.
-    void join(Ring_Reader& reader);
+    /// Puts the reader where the rules begin, in a ring that was there already.
+    ///
+    /// @param since_ns  of CLOCK_MONOTONIC: what was published before is history
+    void join(Ring_Reader& reader, std::int64_t since_ns);
 
     /// The same for the ring of a successor, or of a producer that has only just come: all of its
     /// frames are wanted.
@@ -59,11 +55,15 @@ public:
     /// The frame that was found cannot be used for want of memory: it is lost.
     void lose(Ring_Reader& reader);
 
+    /// True while what comes is left out, up to a key frame.
+    bool waits_for_key_frame() const { return wait_ != Wait::none; }
+
     /// What was missed since the frame that was taken last.
     const Frame_Losses& pending() const { return losses_; }
 
 private:
-    void place(Ring_Reader& reader, const Start& from);
+    void begin(Ring_Reader& reader, const Start& from, std::int64_t now_ns);
+    void place(Ring_Reader& reader, const Start& from, std::int64_t now_ns);
     void recover(Ring_Reader& reader);
     bool is_left_out(Ring_Reader& reader, const Ring_Record& record);
     bool begins_behind_gap(const Frame_Facts& frame) const;

@@ -5,16 +5,14 @@ namespace zav_shm {
 
 const char* name_of(Publish_Outcome outcome) {
     switch (outcome) {
-        case Publish_Outcome::delivered:
-            return "delivered";
-        case Publish_Outcome::no_consumer:
-            return "no consumer";
+        case Publish_Outcome::published:
+            return "published";
         case Publish_Outcome::too_large:
             return "too large";
-        case Publish_Outcome::no_center:
-            return "no center";
         case Publish_Outcome::refused:
             return "refused";
+        case Publish_Outcome::no_ring:
+            return "no ring";
     }
     return "unknown";
 }
@@ -29,6 +27,10 @@ const char* name_of(Frame_State state) {
             return "waiting for center";
         case Frame_State::waiting_for_producer:
             return "waiting for producer";
+        case Frame_State::refused:
+            return "refused";
+        case Frame_State::no_ring:
+            return "without a history";
     }
     return "unknown";
 }

@@ -30,19 +30,20 @@ struct Frame_Info {
 
 /// What became of one frame.
 enum class Publish_Outcome {
-    delivered,    // written while at least one consumer was present
-    no_consumer,  // nobody wanted it within 10 ms; it counts in the sequence all the same
-    too_large,    // longer than the stream's page; nothing was written
-    no_center,    // nobody answers, or the center was restarted and is not reached yet
-    refused       // the center does not know this name, channel or stream; `reason` says it
+    published,  // it is in the history, for whoever reads
+    too_large,  // longer than the stream's frames may be; nothing was written
+    refused,    // the center does not know this name, channel or stream; `reason` says it
+    no_ring     // there is no history to write: `reason` says why
 };
 
 /// Where a publisher or subscriber stands.
 enum class Frame_State {
-    closed,               // never opened, or closed
-    connected,            // registered; frames flow when there are any
-    waiting_for_center,   // none is running, or it does not answer
-    waiting_for_producer  // registered, and no frame has come for a second
+    closed,                // never opened, or closed
+    connected,             // registered, or a tap; frames flow when there are any
+    waiting_for_center,    // none is running, or it does not answer: frames flow all the same
+    waiting_for_producer,  // no frame has come for a second
+    refused,               // the center's configuration does not know what was asked for
+    no_ring                // a publisher that cannot have its history: reason() says why
 };
 
 /// What opening or pairing came to.

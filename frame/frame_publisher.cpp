@@ -1,50 +1,58 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "frame/frame_publisher.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <limits>
 #include <mutex>
 #include <optional>
-#include <thread>
 #include <utility>
 
 #include "control/control_protocol.h"
-#include "frame/link/center_link.h"
-#include "frame/slot/slot_writer.h"
-#include "ipc/deadline.h"
+#include "frame/frame_record.h"
+#include "frame/link/standing.h"
+#include "frame/reader_pace.h"
+#include "frame/slot/slot_feeder.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/random_epoch.h"
+#include "ipc/shared_memory_folder.h"
+#include "ipc/test_point.h"
+#include "ring/ring_writer.h"
+#include "ring/writer_requests.h"
 
 using namespace std::chrono_literals;
-using zav_shm::Backoff;
-using zav_shm::Center_Link;
 using zav_shm::Frame_Info;
 using zav_shm::Frame_State;
+using zav_shm::monotonic_ns;
 using zav_shm::Publish_Outcome;
 using zav_shm::Publisher_Counters;
-using zav_shm::Slot_Writer;
 
 namespace {
 
-// What one publish() may spend on registering again. The center answers within one relay cycle
-// when it lives.
-constexpr auto inline_exchange = 50ms;
+constexpr std::size_t header_bytes = sizeof(ZAV_SHM_Frame_Header);
 
-// What open() gives it at a time: when it is to lose no time, and so that what a starting center
-// has thrown away is asked for again.
-constexpr std::chrono::milliseconds least_exchange = 20ms;
-constexpr std::chrono::milliseconds open_exchange = 200ms;
+// Of a stream that no center has said anything of.
+constexpr std::size_t default_frame_bytes = std::size_t{1} << 20;
 
-// As for every producer: nobody present within 10 ms means that nobody wants this frame.
-constexpr long presence_wait_ms = 10;
+// How often publish() tries to make the history that could not be had.
+constexpr std::int64_t ring_retry_ns = 500'000'000;
 
-// Unless somebody read the one before: a reader that has just died costs its relay up to 20 ms for
-// that frame and 5 ms for this one, and the others want it all the same.
-constexpr long presence_wait_after_delivery_ms = 30;
+// For the own user, unless the center's host has made it for a group.
+constexpr mode_t own_folder = 0700;
 
-// While nobody reads, how often it is checked whether the center was restarted.
-constexpr auto check_interval = 100ms;
+// In builds for tests a process can be ended in the middle.
+void copy_payload(std::byte* to, std::span<const std::byte> payload) {
+    if (payload.empty()) {
+        return;
+    }
+    const std::size_t half = payload.size() / 2;
+    std::memcpy(to, payload.data(), half);
+    zav_shm::test_point("copy", "write");
+    std::memcpy(to + half, payload.data() + half, payload.size() - half);
+}
 
 }  // namespace
 
@@ -52,202 +60,258 @@ class ZAV_SHM_Frame_Publisher::Body {
 public:
     explicit Body(Options options)
         : options_(std::move(options)),
-          link_(zav_shm::control::type::distributor, options_.name, "", options_.channel,
-                options_.stream) {}
+          title_(options_.name + "/" + std::to_string(options_.channel) + "/" +
+                 std::to_string(options_.stream)) {}
 
     Opened open();
     void close(std::chrono::milliseconds limit);
-    std::span<std::byte> loan();
+    std::span<std::byte> loan(std::size_t bytes);
     Result commit(std::size_t payload_bytes, const Frame_Info& info);
     Result publish(std::span<const std::byte> payload, const Frame_Info& info);
     void set_format(const zav_shm::Frame_Format& format) { options_.format = format; }
+    bool key_frame_requested() { return requests_ && requests_->take(); }
 
-    Frame_State state() const { return state_; }
+    Frame_State state() const;
+    std::string reason() const;
     Publisher_Counters counters() const;
     std::size_t page_bytes() const { return page_bytes_; }
     std::uint64_t epoch() const { return epoch_; }
 
 private:
-    bool connect(std::chrono::milliseconds limit);
-    bool be_connected();
-    void check_center();
-    Result begin_frame();
+    using Standing = zav_shm::Standing;
+
+    bool make_ring();
+    void feed_slot();
+    bool begin_frame();
+    std::span<std::byte> room_for(std::size_t payload_bytes);
     Result write(std::size_t payload_bytes, const Frame_Info& info);
-    Result counted(Publish_Outcome outcome, std::size_t payload_bytes);
+    void add_those_of_others(Publisher_Counters& counters) const;
+    Result not_written(Publish_Outcome outcome, std::size_t payload_bytes);
     ZAV_SHM_Frame_Header header_of(std::size_t payload_bytes, const Frame_Info& info) const;
 
     Options options_;
-    Center_Link link_;
-    std::optional<Slot_Writer> writer_;
+    const std::string title_;
     const std::uint64_t epoch_ = zav_shm::random_epoch();
-    std::uint64_t sequence_ = 0;  // of the frame offered last
-    Backoff retry_{50ms, 2000ms};
-    Backoff check_{check_interval, check_interval};
-    bool refused_ = false;
-    bool was_connected_ = false;
-    bool on_loan_ = false;
-    bool was_delivered_ = false;  // the frame before
-    std::int64_t loan_ns_ = 0;    // when the write began
-    std::string reason_;          // why it is not connected
 
-    std::atomic<Frame_State> state_{Frame_State::closed};
+    // Of the publishing thread.
+    std::unique_ptr<zav_shm::Ring_Writer> writer_;
+    std::optional<zav_shm::Writer_Requests> requests_;
+    std::shared_ptr<zav_shm::Reader_Pace> pace_;  // the pointer is guarded by mutex_
+    std::uint64_t sequence_ = 0;                  // of the frame offered last
+    std::span<std::byte> room_;  // header and payload of the frame that is being written
+    std::int64_t begun_ns_ = 0;
+    bool on_loan_ = false;
+    std::int64_t next_try_ns_ = 0;
+
+    std::atomic<bool> open_{false};
     std::atomic<std::size_t> page_bytes_{0};
-    mutable std::mutex counters_mutex_;
-    Publisher_Counters counters_;  // guarded by counters_mutex_
+    std::atomic<std::uint64_t> frames_{0};
+    std::atomic<std::uint64_t> published_{0};
+    std::atomic<std::uint64_t> bytes_{0};
+    std::atomic<std::uint64_t> too_large_{0};
+    std::atomic<std::uint64_t> refused_{0};
+
+    mutable std::mutex mutex_;  // guards all below; held for a few instructions
+    std::shared_ptr<Standing> standing_;
+    std::shared_ptr<zav_shm::Slot_Feeder> feeder_;
+    std::string trouble_;      // why there is no history
+    Publisher_Counters kept_;  // what those counted that went with a close()
 };
 
-// ---- standing with the center ----
+// ---- open and close ----
 
 ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
-    const auto end = zav_shm::moment_after(options_.center_wait);
-    const auto left = [&end] {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(end - Backoff::Clock::now());
-    };
-    state_ = Frame_State::waiting_for_center;
-    retry_.reset();
-    while (!connect(std::clamp<std::chrono::milliseconds>(left(), least_exchange, open_exchange)) &&
-           !refused_ && left() > 0ms) {
-        link_.wait_for_center(std::min(retry_.next(), end));
+    if (open_) {
+        return {state(), reason(), state() == Frame_State::refused};
     }
-    return {state_, reason_, refused_};
+    auto standing =
+        std::make_shared<Standing>(zav_shm::Channel_End{.type = zav_shm::control::type::distributor,
+                                                        .name = options_.name,
+                                                        .producer = {},
+                                                        .channel = options_.channel,
+                                                        .stream = options_.stream,
+                                                        .folder = "/" + options_.folder,
+                                                        .card = {}},
+                                   [this] { feed_slot(); });
+    {
+        const std::lock_guard guard(mutex_);
+        standing_ = standing;
+    }
+    open_ = true;
+    const Opened opened = standing->open(options_.center_wait);
+    zav_shm::Link_Keeper::begin(standing);
+    next_try_ns_ = 0;
+    const bool has_ring = begin_frame();
+    return opened.refused || has_ring ? opened : Opened{state(), reason(), false};
 }
 
-bool ZAV_SHM_Frame_Publisher::Body::connect(std::chrono::milliseconds limit) {
-    const Center_Link::Registration made = link_.register_end(limit);
-    refused_ = made.outcome == Center_Link::Outcome::refused;
-    reason_ = made.reason;
-    if (made) {
-        writer_.emplace(made.segment, made.sem_src, made.sem_dst, made.sem_exist);
-        if (!writer_->is_usable()) {
-            writer_.reset();
-            reason_ = "cannot use the segment or the semaphores of " + made.segment;
+// The files lie in a folder that the center's host makes; without one, in the own user's.
+bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
+    const auto grant = standing_->grant();
+    const std::string segments = zav_shm::shared_memory_path(standing_->folder());
+    const std::string rings = zav_shm::rings_folder(standing_->folder());
+    mkdir(segments.c_str(), own_folder);
+    mkdir(rings.c_str(), own_folder);
+    const std::size_t page =
+        grant.names.page_bytes != 0 ? grant.names.page_bytes : default_frame_bytes;
+    const std::size_t frame_max = options_.frame_bytes_max != 0 ? options_.frame_bytes_max : page;
+    const std::size_t configured =
+        grant.names.history_bytes != 0 ? grant.names.history_bytes : 2 * frame_max;
+    const std::size_t history = options_.history_bytes != 0 ? options_.history_bytes : configured;
+    const std::string path =
+        rings + "/" + zav_shm::channel_file_name(options_.name, options_.channel, options_.stream);
+    zav_shm::Ring_Problem problem;
+    if (std::max(history, frame_max + header_bytes) > std::numeric_limits<std::uint32_t>::max()) {
+        problem = {zav_shm::Ring_Problem::Kind::system,
+                   "a history of " + std::to_string(history) + " bytes for frames of " +
+                       std::to_string(frame_max) + " is more than 4294967295",
+                   0};
+    } else {
+        writer_ = zav_shm::Ring_Writer::open(path,
+                                             {static_cast<std::uint32_t>(history),
+                                              static_cast<std::uint32_t>(frame_max + header_bytes)},
+                                             problem);
+    }
+    {
+        const std::lock_guard guard(mutex_);
+        trouble_ = problem.kind == zav_shm::Ring_Problem::Kind::held
+                       ? "process " + std::to_string(problem.holder) + " publishes " + title_
+                       : problem.text;
+        if (!writer_) {
+            return false;
         }
+        feeder_ = std::make_shared<zav_shm::Slot_Feeder>(writer_->memory(), options_.paced);
     }
-    if (!writer_) {
-        state_ = Frame_State::waiting_for_center;
-        retry_.failed();
-        return false;
+    page_bytes_ = frame_max;
+    requests_.emplace(path);
+    if (options_.paced) {
+        const std::lock_guard guard(mutex_);
+        pace_ = std::make_shared<zav_shm::Reader_Pace>(
+            rings, options_.name, options_.channel, options_.stream, options_.pace_limit, feeder_);
     }
-    reason_.clear();
-    retry_.reset();
-    check_.failed();
-    page_bytes_ = writer_->capacity();
-    state_ = Frame_State::connected;
-    if (std::exchange(was_connected_, true)) {
-        const std::lock_guard guard(counters_mutex_);
-        ++counters_.recoveries;
-    }
+    feed_slot();
     return true;
 }
 
-bool ZAV_SHM_Frame_Publisher::Body::be_connected() {
-    if (writer_) {
-        return true;
+// Called on any thread, when the center has granted the slot anew.
+void ZAV_SHM_Frame_Publisher::Body::feed_slot() {
+    std::shared_ptr<zav_shm::Slot_Feeder> feeder;
+    std::shared_ptr<Standing> standing;
+    {
+        const std::lock_guard guard(mutex_);
+        feeder = feeder_;
+        standing = standing_;
     }
-    if (state_ == Frame_State::closed) {
-        return false;
-    }
-    if (link_.center_has_come()) {
-        retry_.reset();
-    }
-    return retry_.is_due() && connect(inline_exchange);
-}
-
-// Called when nobody wanted a frame, which is also what a producer of a dead center sees.
-void ZAV_SHM_Frame_Publisher::Body::check_center() {
-    if (!check_.is_due()) {
-        return;
-    }
-    check_.failed();
-    if (link_.is_stale()) {
-        writer_.reset();
-        state_ = Frame_State::waiting_for_center;
-        reason_ = "the center was restarted";
-        be_connected();
-    } else {
-        state_ = link_.center_is_gone() ? Frame_State::waiting_for_center : Frame_State::connected;
+    if (feeder && standing) {
+        const auto grant = standing->grant();
+        if (grant.number != 0) {
+            feeder->use(grant.names.segment, grant.names.sem_src, grant.names.sem_dst,
+                        grant.names.sem_exist);
+        }
     }
 }
 
+// Readers hear of the end last: a consumer that finds a closed history looks for its successor.
 void ZAV_SHM_Frame_Publisher::Body::close(std::chrono::milliseconds limit) {
-    if (state_ == Frame_State::closed) {
+    if (!open_.exchange(false)) {
         return;
     }
-    if (writer_) {
-        link_.deregister_end(limit);
+    zav_shm::Link_Keeper::end(standing_);
+    standing_->close(limit);
+    if (feeder_) {
+        feeder_->stop();
     }
+    {
+        const std::lock_guard guard(mutex_);
+        add_those_of_others(kept_);
+        standing_.reset();
+        feeder_.reset();
+        pace_.reset();
+    }
+    requests_.reset();
     writer_.reset();
     on_loan_ = false;
-    state_ = Frame_State::closed;
 }
 
 // ---- frames ----
 
-// On success the slot is the caller's to fill.
-ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::begin_frame() {
-    if (std::exchange(on_loan_, false)) {
-        return {Publish_Outcome::delivered, 0, page_bytes_, {}};
+// True when there is a history to write.
+bool ZAV_SHM_Frame_Publisher::Body::begin_frame() {
+    if (!open_ || standing_->state() == Frame_State::refused) {
+        writer_.reset();
+        return false;
     }
-    if (!be_connected()) {
-        return counted(refused_ ? Publish_Outcome::refused : Publish_Outcome::no_center, 0);
+    if (writer_) {
+        return true;
     }
-    const long wait_ms = was_delivered_ ? presence_wait_after_delivery_ms : presence_wait_ms;
-    was_delivered_ = false;
-    if (!writer_->wait_for_consumer(wait_ms)) {
-        check_center();
-        const bool gone = state_ == Frame_State::waiting_for_center;
-        return counted(gone ? Publish_Outcome::no_center : Publish_Outcome::no_consumer, 0);
+    const std::int64_t now = monotonic_ns();
+    if (now < next_try_ns_) {
+        return false;
     }
-    loan_ns_ = zav_shm::monotonic_ns();
-    writer_->begin();
-    return {Publish_Outcome::delivered, 0, page_bytes_, {}};
+    next_try_ns_ = now + ring_retry_ns;
+    return make_ring();
+}
+
+std::span<std::byte> ZAV_SHM_Frame_Publisher::Body::room_for(std::size_t payload_bytes) {
+    if (pace_) {
+        pace_->wait_for_readers(*writer_, header_bytes + payload_bytes);
+    }
+    begun_ns_ = monotonic_ns();
+    room_ = writer_->reserve(header_bytes + payload_bytes);
+    return room_.empty() ? room_ : room_.subspan(header_bytes);
 }
 
 ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::publish(
     std::span<const std::byte> payload, const Frame_Info& info) {
     sequence_ += on_loan_ ? 0 : 1;  // a loan that was given back has its number already
-    if (be_connected() && payload.size() > writer_->capacity()) {
-        return counted(Publish_Outcome::too_large, payload.size());
+    on_loan_ = false;
+    if (!begin_frame()) {
+        return not_written(Publish_Outcome::no_ring, payload.size());
     }
-    Result begun = begin_frame();
-    if (!begun.delivered()) {
-        begun.payload_bytes = payload.size();
-        return begun;
+    if (payload.size() > page_bytes_) {
+        return not_written(Publish_Outcome::too_large, payload.size());
     }
-    writer_->fill(payload);
+    const std::span<std::byte> room = room_for(payload.size());
+    if (room_.empty()) {
+        return not_written(Publish_Outcome::no_ring, payload.size());
+    }
+    copy_payload(room.data(), payload);
     return write(payload.size(), info);
 }
 
-std::span<std::byte> ZAV_SHM_Frame_Publisher::Body::loan() {
-    if (!on_loan_) {
-        ++sequence_;
-        on_loan_ = begin_frame().delivered();
+std::span<std::byte> ZAV_SHM_Frame_Publisher::Body::loan(std::size_t bytes) {
+    sequence_ += on_loan_ ? 0 : 1;
+    on_loan_ = true;
+    if (!begin_frame() || bytes > page_bytes_) {
+        return {};
     }
-    return on_loan_ ? writer_->room() : std::span<std::byte>();
+    return room_for(bytes != 0 ? bytes : page_bytes_.load());
 }
 
 ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::commit(std::size_t payload_bytes,
                                                                       const Frame_Info& info) {
-    if (!on_loan_) {
-        return {Publish_Outcome::no_consumer, payload_bytes, page_bytes_, "nothing is on loan"};
+    if (!std::exchange(on_loan_, false) || room_.empty()) {
+        return {Publish_Outcome::no_ring, payload_bytes, page_bytes_, "nothing is on loan"};
     }
-    on_loan_ = false;
-    if (payload_bytes > writer_->capacity()) {
-        return counted(Publish_Outcome::too_large, payload_bytes);
+    if (payload_bytes > room_.size() - header_bytes) {
+        return not_written(Publish_Outcome::too_large, payload_bytes);
     }
     return write(payload_bytes, info);
 }
 
 ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::write(std::size_t payload_bytes,
                                                                      const Frame_Info& info) {
-    const bool read_in_time = writer_->commit(header_of(payload_bytes, info));
-    state_ = Frame_State::connected;
-    was_delivered_ = true;
-    if (!read_in_time) {
-        const std::lock_guard guard(counters_mutex_);
-        ++counters_.slow_reads;
-    }
-    return counted(Publish_Outcome::delivered, payload_bytes);
+    const ZAV_SHM_Frame_Header header = header_of(payload_bytes, info);
+    std::memcpy(room_.data(), &header, header_bytes);
+    writer_->commit(header_bytes + payload_bytes,
+                    {.flags = zav_shm::frame_record::flags_of(info.flags),
+                     .pts_ns = header.pts_ns,
+                     .time_ns = begun_ns_});
+    room_ = {};
+    frames_.store(sequence_, std::memory_order_relaxed);
+    published_.store(published_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    bytes_.store(bytes_.load(std::memory_order_relaxed) + payload_bytes, std::memory_order_relaxed);
+    return {Publish_Outcome::published, payload_bytes, page_bytes_, {}};
 }
 
 ZAV_SHM_Frame_Header ZAV_SHM_Frame_Publisher::Body::header_of(std::size_t payload_bytes,
@@ -260,7 +324,7 @@ ZAV_SHM_Frame_Header ZAV_SHM_Frame_Publisher::Body::header_of(std::size_t payloa
     header.payload_length = static_cast<std::uint32_t>(payload_bytes);
     header.codec = options_.format.codec;
     header.epoch = epoch_;
-    header.publish_ns = loan_ns_;
+    header.publish_ns = begun_ns_;
     header.pts_ns = info.pts.count();
     header.utc_ns = info.utc.count();
     header.width = options_.format.width;
@@ -272,36 +336,68 @@ ZAV_SHM_Frame_Header ZAV_SHM_Frame_Publisher::Body::header_of(std::size_t payloa
     return header;
 }
 
-ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::counted(Publish_Outcome outcome,
-                                                                       std::size_t payload_bytes) {
-    const std::lock_guard guard(counters_mutex_);
-    counters_.frames = sequence_;
-    switch (outcome) {
-        case Publish_Outcome::delivered:
-            ++counters_.delivered;
-            counters_.bytes += payload_bytes;
-            return {outcome, payload_bytes, page_bytes_, {}};
-        case Publish_Outcome::no_consumer:
-            ++counters_.no_consumer;
-            return {outcome, payload_bytes, page_bytes_, "no consumer is present"};
-        case Publish_Outcome::too_large:
-            ++counters_.too_large;
-            return {outcome, payload_bytes, page_bytes_,
-                    "payload of " + std::to_string(payload_bytes) + " bytes, page size of " +
-                        options_.name + "/" + std::to_string(options_.channel) + "/" +
-                        std::to_string(options_.stream) + " is " + std::to_string(page_bytes_)};
-        case Publish_Outcome::no_center:
-        case Publish_Outcome::refused:
-            ++counters_.no_center;
-            return {outcome, payload_bytes, page_bytes_,
-                    reason_.empty() ? "the center is gone" : reason_};
+ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::not_written(
+    Publish_Outcome outcome, std::size_t payload_bytes) {
+    frames_ = sequence_;
+    if (outcome == Publish_Outcome::too_large) {
+        ++too_large_;
+        return {outcome, payload_bytes, page_bytes_,
+                "payload of " + std::to_string(payload_bytes) + " bytes, page size of " + title_ +
+                    " is " + std::to_string(page_bytes_)};
     }
-    return {};
+    ++refused_;
+    if (!open_) {
+        return {outcome, payload_bytes, page_bytes_, "closed"};
+    }
+    const bool refused = standing_->state() == Frame_State::refused;
+    return {refused ? Publish_Outcome::refused : outcome, payload_bytes, page_bytes_, reason()};
+}
+
+// ---- asked from any thread ----
+
+Frame_State ZAV_SHM_Frame_Publisher::Body::state() const {
+    const std::lock_guard guard(mutex_);
+    if (!open_ || !standing_) {
+        return Frame_State::closed;
+    }
+    const Frame_State state = standing_->state();
+    return state != Frame_State::refused && !trouble_.empty() ? Frame_State::no_ring : state;
+}
+
+std::string ZAV_SHM_Frame_Publisher::Body::reason() const {
+    const std::lock_guard guard(mutex_);
+    if (!trouble_.empty() || !standing_) {
+        return trouble_;
+    }
+    return standing_->reason();
 }
 
 Publisher_Counters ZAV_SHM_Frame_Publisher::Body::counters() const {
-    const std::lock_guard guard(counters_mutex_);
-    return counters_;
+    const std::lock_guard guard(mutex_);
+    Publisher_Counters now = kept_;
+    add_those_of_others(now);
+    now.frames = frames_;
+    now.published = published_;
+    now.bytes = bytes_;
+    now.too_large = too_large_;
+    now.refused = refused_;
+    return now;
+}
+
+void ZAV_SHM_Frame_Publisher::Body::add_those_of_others(Publisher_Counters& counters) const {
+    if (standing_) {
+        counters.recoveries += standing_->recoveries();
+    }
+    if (pace_) {
+        counters.waits += pace_->waits();
+        counters.given_up += pace_->given_up();
+    }
+    if (feeder_) {
+        const zav_shm::Feeder_Counters fed = feeder_->counters();
+        counters.slot_frames += fed.fed;
+        counters.slot_passed_over += fed.passed_over;
+        counters.slot_slow_reads += fed.slow_reads;
+    }
 }
 
 // ---- the public class ----
@@ -320,7 +416,7 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::publish(std::span<const
     return body_->publish(payload, info);
 }
 
-std::span<std::byte> ZAV_SHM_Frame_Publisher::loan() { return body_->loan(); }
+std::span<std::byte> ZAV_SHM_Frame_Publisher::loan(std::size_t bytes) { return body_->loan(bytes); }
 
 ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::commit(std::size_t payload_bytes,
                                                                 const Frame_Info& info) {
@@ -331,7 +427,11 @@ void ZAV_SHM_Frame_Publisher::set_format(const zav_shm::Frame_Format& format) {
     body_->set_format(format);
 }
 
+bool ZAV_SHM_Frame_Publisher::key_frame_requested() { return body_->key_frame_requested(); }
+
 Frame_State ZAV_SHM_Frame_Publisher::state() const { return body_->state(); }
+
+std::string ZAV_SHM_Frame_Publisher::reason() const { return body_->reason(); }
 
 Publisher_Counters ZAV_SHM_Frame_Publisher::counters() const { return body_->counters(); }
 

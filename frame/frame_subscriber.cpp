@@ -1,345 +1,546 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "frame/frame_subscriber.h"
 
-#include <pthread.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <optional>
+#include <cstring>
+#include <limits>
+#include <mutex>
 #include <thread>
 #include <utility>
 
-#include "frame/consumer_link.h"
-#include "frame/frame_ledger.h"
-#include "frame/frame_queue.h"
-#include "frame/in_place_turn.h"
-#include "frame/slot/slot_reader.h"
-#include "frame/taking_turn.h"
-#include "ipc/deadline.h"
+#include "control/control_protocol.h"
+#include "frame/frame_poll.h"
+#include "frame/frame_source.h"
+#include "frame/link/consumer_route.h"
+#include "frame/link/standing.h"
+#include "frame/slot/slot_intake.h"
+#include "ipc/monotonic_clock.h"
+#include "ipc/shared_memory_folder.h"
+#include "ring/reader_card.h"
+#include "ring/writer_requests.h"
 
 using namespace std::chrono_literals;
-using zav_shm::Consumer_Link;
+using zav_shm::Frame_Facts;
+using zav_shm::Frame_Source;
 using zav_shm::Frame_State;
-using zav_shm::Received_Frame;
-using zav_shm::Slot_Reader;
+using zav_shm::monotonic_ns;
+using zav_shm::Reader_Card;
+using zav_shm::Receive_Status;
+using zav_shm::Route_Page;
 
 namespace {
 
-// What the thread gives the center for one answer; it answers within a few relay cycles.
-constexpr auto exchange_limit = 200ms;
-
-// What open() gives it when it is to lose no time.
-constexpr std::chrono::milliseconds least_exchange = 20ms;
-
-// A paired consumer's announcement is taken within one cycle of the relay, which lasts 5 ms for
-// each consumer that is absent, 30 ms for the producer and 20 ms for each slow reader. Untaken
-// for this long, nobody is there to take it: the center is gone or restarted, or has kicked this
-// consumer while it was stopped.
-constexpr auto unnoticed_limit = 400ms;
-
-// How often it is looked for another producer while the slot does not change.
-constexpr auto look_interval = 500ms;
-
-// How long a wait is that the counters of timeouts count.
-constexpr auto wait_counted = 30ms;
+constexpr std::int64_t ns_per_ms = 1'000'000;
+constexpr std::int64_t ns_per_second = 1'000'000'000;
 
 // Without a frame for this long the producer is what is waited for.
-constexpr auto producer_limit = 1s;
+constexpr std::int64_t producer_limit_ns = ns_per_second;
+
+// How often it is looked, while frames come, whether somebody has paired this consumer anew. While
+// none come, the center wakes it.
+constexpr std::int64_t route_look_ns = 50 * ns_per_ms;
+
+// How often it is looked whether a producer of the fixed interface has got a ring.
+constexpr std::int64_t ring_look_ns = ns_per_second;
+
+// Between two attempts to wake a receive() that is to end.
+constexpr auto wake_again = 50us;
+
+std::int64_t deadline_after(std::int64_t now, std::chrono::milliseconds timeout) {
+    const std::int64_t most = (std::numeric_limits<std::int64_t>::max() - now) / ns_per_ms;
+    return now + std::clamp<std::int64_t>(timeout.count(), 0, most) * ns_per_ms;
+}
+
+template <std::size_t size>
+void copy_text(char (&field)[size], const std::string& text) {
+    std::memcpy(field, text.data(), std::min(text.size(), size - 1));
+}
+
+// True while a publisher writes the ring of this name.
+bool is_written(const std::string& ring_path) {
+    zav_shm::Ring_Problem problem;
+    const auto ring =
+        zav_shm::Ring_Memory::open(ring_path, zav_shm::Ring_Memory::Reading::copied, problem);
+    return ring && ring->has_writer();
+}
 
 }  // namespace
 
 class ZAV_SHM_Frame_Subscriber::Body {
 public:
-    explicit Body(Options options)
-        : options_(std::move(options)),
-          queue_({options_.queue_frames, options_.queue_bytes, options_.overflow}),
-          ledger_(options_.start_at_key_frame, options_.key_frame_after_loss),
-          link_(options_.name, options_.producer, options_.channel, options_.stream) {}
+    explicit Body(Options options);
 
     Opened open();
     void close(std::chrono::milliseconds limit);
-    zav_shm::Receive_Status receive(Received_Frame& frame, std::chrono::milliseconds timeout);
-    zav_shm::Receive_Status read_in_place(const In_Place& by, std::chrono::milliseconds time) {
-        return in_place_.read(by, time);
+    Opened pair(const std::string& producer, std::chrono::milliseconds limit);
+    Receive_Status receive(zav_shm::Received_Frame& frame, std::chrono::milliseconds timeout) {
+        return take(frame, timeout, [&] { return source_.copy_next(frame); });
     }
-    Opened pair(const std::string& producer, std::chrono::milliseconds limit) {
-        return link_.pair(producer, limit);
+    Receive_Status receive_view(zav_shm::Frame_View& view, std::chrono::milliseconds timeout) {
+        return take(view, timeout, [&] { return source_.view_next(view); });
     }
+    void seek(const zav_shm::Start& from) { source_.seek(from); }
+    int descriptor();
+    bool request_key_frame() const;
 
-    Frame_State state() const { return link_.state(); }
+    Frame_State state() const;
+    std::string reason() const;
     zav_shm::Subscriber_Counters counters() const;
 
 private:
-    using Clock = std::chrono::steady_clock;
+    using Standing = zav_shm::Standing;
 
-    bool connect(std::chrono::milliseconds limit);
-    void run();
-    bool needs_thread() const;
-    void take_as_thread();
-    bool take_as_application(Received_Frame& frame, Clock::time_point end);
-    bool take_one(Slot_Reader& reader, Received_Frame& frame,
-                  const Slot_Reader::Patience& patience);
-    void take_or_read_one(Slot_Reader& reader, const Slot_Reader::Patience& patience);
-    void look_if_repeated();
-    void note(const Slot_Reader& reader, Slot_Reader::Take taken);
-    bool is_wanted(Slot_Reader::Take taken, Received_Frame& frame);
-    void note_time(Slot_Reader::Take taken, const Received_Frame& frame);
+    template <class Next>
+    Receive_Status take(Frame_Facts& frame, std::chrono::milliseconds timeout, const Next& next);
+    void wake() { source_.wake(); }
+    void note(const Frame_Facts& frame);
+    void note_missed();
+    void begin_card();
 
-    // When it was last so, but not before this registration.
-    Clock::time_point since(const std::atomic<Clock::time_point>& event) const {
-        return std::max(event.load(), link_.registered_at());
-    }
+    // On the receiving thread: whose frames are read, and where they are.
+    void follow_standing();
+    void follow_route(std::int64_t now_ns);
+    void read_from(const std::string& producer, std::int64_t since_ns);
+    void choose_slot_or_ring(std::int64_t now_ns);
+    void begin_intake();
+    void end_intake();
+    void ask_for_key_frame();
+    void tell_why_none_comes();
+    void tell(std::string trouble, bool refused);
+
+    bool is_tap() const { return options_.name.empty(); }
+    std::string rings() const;
+    std::string ring_of(const std::string& producer) const;
 
     const Options options_;
-    zav_shm::Frame_Queue queue_;
-    zav_shm::In_Place_Turn in_place_;
-    zav_shm::Taking_Turn turn_;
-    zav_shm::Frame_Ledger ledger_;
-    Consumer_Link link_;
-    std::thread thread_;      // open() and close()
-    Received_Frame scratch_;  // of that thread
+    std::mutex control_;  // open, close and pair; held through exchanges
+    std::string card_name_;
+    std::atomic<bool> open_{false};
+    std::atomic<bool> receiving_{false};
+    std::atomic<std::int64_t> opened_ns_{0};
+    std::atomic<std::int64_t> paired_ns_{0};     // when pair() was granted last
+    std::atomic<bool> standing_changed_{false};  // a center has granted or refused something
 
-    // Of whoever has the turn.
-    Clock::time_point taken_at_{};  // when the latest take ended
-    Clock::time_point next_look_{};
-    Clock::time_point wait_began_{};
-    bool waits_noticed_ = false;  // since then
-    bool repeats_ = false;        // the latest frame had been taken before
+    // Of the receiving thread, and of open() and close().
+    Frame_Source source_;
+    zav_shm::Consumer_Route route_;
+    Route_Page::Source frames_are_in_ = Route_Page::unknown;
+    std::unique_ptr<zav_shm::Frame_Poll> poll_;
+    std::string producer_;  // that is read; empty: none
+    std::string path_;      // of its ring
+    std::uint64_t grant_ = 0;
+    std::int64_t next_look_ns_ = 0;
+    std::int64_t next_choice_ns_ = 0;
+    bool asked_ = false;  // for the key frame that is waited for
 
-    std::atomic<Clock::time_point> last_noticed_{};
-    std::atomic<Clock::time_point> last_frame_{};
-    std::atomic<bool> looks_{false};  // the thread is to look for another producer
+    // The receiving thread reads these without the mutex, since nobody else changes them while it
+    // receives.
+    mutable std::mutex mutex_;                      // guards all below; held for a few instructions
+    std::shared_ptr<Standing> standing_;            // null: a tap, or closed
+    std::unique_ptr<zav_shm::Own_Card> card_;       // null while closed
+    Reader_Card kept_;                              // then
+    std::unique_ptr<zav_shm::Slot_Intake> intake_;  // of a producer without a ring
+    zav_shm::Intake_Counters taken_off_slots_;
+    std::string trouble_;  // why no frames can come
+    bool is_refused_ = false;
 };
 
-// ---- open and close ----
+ZAV_SHM_Frame_Subscriber::Body::Body(Options options)
+    : options_(std::move(options)),
+      source_({.from = options_.from,
+               .overflow = options_.overflow,
+               .start_at_key_frame = options_.start_at_key_frame,
+               .key_frame_after_loss = options_.key_frame_after_loss},
+              options_.untrusting ? zav_shm::Ring_Memory::Reading::copied
+                                  : zav_shm::Ring_Memory::Reading::mapped) {}
+
+// ---- open, close, pair ----
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
-    if (thread_.joinable()) {
-        return link_.opened();
+    const std::lock_guard guard(control_);
+    if (open_) {
+        return {state(), reason(), state() == Frame_State::refused};
     }
-    const auto end = zav_shm::moment_after(options_.center_wait);
-    const auto left = [&end] {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-    };
-    looks_ = false;
-    link_.open();
-    ledger_.begin_anew();
-    queue_.open();
-    in_place_.open();
-    turn_.open();
-    while (
-        !connect(std::clamp<std::chrono::milliseconds>(left(), least_exchange, exchange_limit)) &&
-        !link_.opened().refused && left() > 0ms) {
-        link_.wait_for_retry(end);
+    card_name_ = zav_shm::Own_Card::new_name();
+    Opened opened{Frame_State::connected, {}, false};
+    if (!is_tap()) {
+        auto standing = std::make_shared<Standing>(
+            zav_shm::Channel_End{.type = zav_shm::control::type::receiver,
+                                 .name = options_.name,
+                                 .producer = options_.producer,
+                                 .channel = options_.channel,
+                                 .stream = options_.stream,
+                                 .folder = "/" + options_.folder,
+                                 .card = card_name_},
+            [this] {
+                standing_changed_ = true;
+                wake();
+            });
+        opened = standing->open(options_.center_wait);
+        zav_shm::Link_Keeper::begin(standing);
+        const std::lock_guard small(mutex_);
+        standing_ = std::move(standing);
     }
-    Opened opened = link_.opened();
-    thread_ = std::thread([this] { run(); });
+    begin_card();
+    opened_ns_ = monotonic_ns();
+    grant_ = 0;
+    next_look_ns_ = next_choice_ns_ = 0;
+    standing_changed_ = false;
+    if (is_tap()) {
+        read_from(options_.producer, opened_ns_);
+    } else {
+        follow_standing();
+    }
+    open_ = true;
     return opened;
 }
 
-bool ZAV_SHM_Frame_Subscriber::Body::connect(std::chrono::milliseconds limit) {
-    const Consumer_Link::Attempt attempt = link_.attempt(limit);
-    if (attempt == Consumer_Link::Attempt::again) {
-        ledger_.recovered();
-    }
-    return attempt != Consumer_Link::Attempt::failed;
-}
-
 void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
-    if (!thread_.joinable()) {
+    const std::lock_guard guard(control_);
+    if (!open_.exchange(false)) {
         return;
     }
-    link_.begin_to_close();
-    queue_.close();
-    in_place_.close();
-    turn_.close();
-    thread_.join();
-    link_.leave(limit);
+    while (receiving_) {
+        wake();
+        std::this_thread::sleep_for(wake_again);
+    }
+    poll_.reset();
+    end_intake();
+    source_.read_from_nothing(rings());
+    if (standing_) {
+        zav_shm::Link_Keeper::end(standing_);
+        standing_->close(limit);
+    }
+    const std::lock_guard small(mutex_);
+    standing_.reset();
+    kept_ = **card_;
+    card_.reset();
 }
 
-// ---- the thread ----
-
-void ZAV_SHM_Frame_Subscriber::Body::run() {
-    pthread_setname_np(pthread_self(), "zav_subscriber");
-    while (!link_.is_closing()) {
-        if (looks_) {
-            link_.follow_pairing();
-            looks_ = false;
-            turn_.tell();
-        } else if (!link_.reader()) {
-            if (link_.wait_for_attempt() && connect(exchange_limit)) {
-                turn_.tell();
-            }
-        } else if (turn_.stand_in([this] { return needs_thread(); })) {
-            take_as_thread();
-            turn_.step_back();
+ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
+    const std::string& producer, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    std::unique_lock lock(control_, std::defer_lock);
+    while (!lock.try_lock()) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return {state(), "another call is under way", false};
         }
+        std::this_thread::sleep_for(1ms);
     }
+    if (!standing_) {
+        return {Frame_State::closed, is_tap() ? "a tap is paired with nobody" : "closed", false};
+    }
+    const std::int64_t now = monotonic_ns();
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    const Opened paired = standing_->pair(producer, std::max(left, 1ms));
+    if (paired || producer == zav_shm::control::no_producer) {
+        paired_ns_ = now;
+    }
+    return paired;
 }
 
-// What the application cannot do in receive(), as it may take longer than the time that it gave.
-bool ZAV_SHM_Frame_Subscriber::Body::needs_thread() const { return looks_ || !link_.has_reader(); }
-
-void ZAV_SHM_Frame_Subscriber::Body::take_as_thread() {
-    const auto patience = [this] {
-        return link_.is_closing() || turn_.is_wanted() ? 0ms : producer_limit;
-    };
-    for (auto current = link_.reader(); current && patience() > 0ms && !looks_;
-         current = link_.reader()) {
-        take_or_read_one(*current, patience);
-        turn_.tell();
-    }
+// As the former one, which counted from the begin.
+void ZAV_SHM_Frame_Subscriber::Body::begin_card() {
+    Reader_Card card = kept_;
+    card.flags = is_tap() ? Reader_Card::nameless : 0;
+    card.pid = static_cast<std::uint32_t>(getpid());
+    card.channel = options_.channel;
+    card.stream = options_.stream;
+    card.since_ns = monotonic_ns();
+    card.cursor = 0;
+    card.epoch = 0;
+    copy_text(card.consumer, options_.name);
+    auto made = std::make_unique<zav_shm::Own_Card>(rings(), card_name_, card);
+    const std::lock_guard guard(mutex_);
+    card_ = std::move(made);
 }
 
-// Into the application's own frame, past the queue: what a consumer does between its copy and its
-// next wait is time that the others on the same processor wait for. True when it got one.
-bool ZAV_SHM_Frame_Subscriber::Body::take_as_application(Received_Frame& frame,
-                                                         Clock::time_point end) {
-    const auto patience = [this, end] {
-        const auto now = Clock::now();
-        turn_.stay(now);
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now);
-        return link_.is_closing() ? 0ms : left;
-    };
-    bool goes_on = !looks_;
-    while (goes_on) {
-        const auto current = link_.reader();
-        if (!current) {
+// ---- receiving ----
+
+template <class Next>
+Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
+                                                    std::chrono::milliseconds timeout,
+                                                    const Next& next) {
+    // Before the flag is looked at: close() clears it and then waits for this one.
+    receiving_ = true;
+    Receive_Status status = Receive_Status::timeout;
+    std::int64_t now = monotonic_ns();
+    const std::int64_t deadline_ns = deadline_after(now, timeout);
+    for (bool goes_on = true; goes_on; now = monotonic_ns()) {
+        if (!open_) {
+            status = Receive_Status::closed;
             break;
         }
-        if (take_one(*current, frame, patience)) {
-            if (queue_.let_pass(frame)) {
-                return true;
-            }
-            ledger_.dropped(queue_.push(frame));
-            if (queue_.size() > 0) {
-                return false;
-            }
+        follow_route(now);
+        const Frame_Source::Got got = next();
+        if (got == Frame_Source::Got::frame) {
+            note(frame);
+            status = Receive_Status::frame;
+            break;
         }
-        goes_on = !looks_ && patience() > 0ms;
-    }
-    return false;
-}
-
-bool ZAV_SHM_Frame_Subscriber::Body::take_one(Slot_Reader& reader, Received_Frame& frame,
-                                              const Slot_Reader::Patience& patience) {
-    repeats_ = false;
-    const Slot_Reader::Take taken = reader.take(frame, patience);
-    note_time(taken, frame);
-    note(reader, taken);
-    const bool wanted = is_wanted(taken, frame);
-    look_if_repeated();
-    return wanted;
-}
-
-// Who gets the frame is decided when it has come: a reader in place that came in the meantime is
-// not passed over.
-void ZAV_SHM_Frame_Subscriber::Body::take_or_read_one(Slot_Reader& reader,
-                                                      const Slot_Reader::Patience& patience) {
-    repeats_ = false;
-    std::optional<const In_Place*> lent;
-    const Slot_Reader::Take taken = reader.take_with(
-        scratch_,
-        [this, &lent](Received_Frame& frame, std::span<const std::byte> payload) {
-            lent = lent ? lent : in_place_.begin();
-            if (*lent != nullptr) {
-                frame.bytes.clear();
-                (*lent)->read(frame, payload);
-            } else {
-                Slot_Reader::copy(frame, payload);
-            }
-        },
-        patience);
-    note_time(taken, scratch_);
-    const bool whole = is_wanted(taken, scratch_);
-    if (lent && *lent != nullptr) {
-        if (whole) {
-            ledger_.handed_out();
+        note_missed();
+        if (got == Frame_Source::Got::missed || source_.changes_over()) {
+            continue;
         }
-        in_place_.end(!(*lent)->judged(scratch_, whole));
-    } else if (whole) {
-        ledger_.dropped(queue_.push(scratch_));
-    }
-    note(reader, taken);
-    look_if_repeated();
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::note_time(Slot_Reader::Take taken,
-                                               const Received_Frame& frame) {
-    taken_at_ = taken == Slot_Reader::Take::frame
-                    ? Clock::time_point(std::chrono::nanoseconds(frame.received_ns))
-                    : Clock::now();
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader::Take taken) {
-    const auto now = taken_at_;
-    if (taken != Slot_Reader::Take::nothing || reader.is_noticed()) {
-        last_noticed_ = now;
-        waits_noticed_ = true;
-    }
-    if (taken != Slot_Reader::Take::nothing || now - wait_began_ >= wait_counted) {
-        ledger_.count(taken, waits_noticed_);
-        wait_began_ = now;
-        waits_noticed_ = false;
-    }
-    if (now - since(last_frame_) > producer_limit) {
-        link_.no_frame_comes();
-    }
-    if (now - since(last_noticed_) > unnoticed_limit) {
-        link_.nobody_answers();
-    }
-}
-
-// A slot that does not change while frames are announced is not the one that they are in: somebody
-// else has paired this consumer with another producer, whose slot is looked for and taken.
-void ZAV_SHM_Frame_Subscriber::Body::look_if_repeated() {
-    if (repeats_ && taken_at_ - since(last_frame_) >= unnoticed_limit && taken_at_ >= next_look_) {
-        next_look_ = taken_at_ + look_interval;
-        looks_ = true;
-    }
-}
-
-// True when what was taken is for the application.
-bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken, Received_Frame& frame) {
-    if (taken != Slot_Reader::Take::frame) {
-        return false;
-    }
-    using Verdict = zav_shm::Sequence_Watch::Verdict;
-    const Verdict verdict = ledger_.judge(frame);
-    repeats_ = verdict == Verdict::repeated;
-    if (!repeats_) {
-        last_frame_ = taken_at_;
-        link_.frame_has_come();
-    }
-    return verdict == Verdict::hand_out;
-}
-
-// ---- the application's side ----
-
-zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::receive(Received_Frame& frame,
-                                                                std::chrono::milliseconds timeout) {
-    const auto end = zav_shm::moment_after(timeout);
-    auto now = Clock::now();
-    const zav_shm::Taking_Turn::Reasons reasons{.is_queued = [this] { return queue_.size() > 0; },
-                                                .is_in_the_way = [this] { return needs_thread(); }};
-    zav_shm::Receive_Status status = queue_.pop(frame, 0ms);
-    for (; status == zav_shm::Receive_Status::timeout && now < end; now = Clock::now()) {
-        bool taken = false;
-        if (turn_.enter(now, end, reasons)) {
-            taken = take_as_application(frame, end);
-            turn_.leave(taken_at_);
+        tell_why_none_comes();
+        ask_for_key_frame();
+        goes_on = now < deadline_ns;
+        if (goes_on) {
+            source_.wait(deadline_ns);
+            next_look_ns_ = source_.has_news() ? next_look_ns_ : 0;
+        } else if (poll_) {
+            poll_->nothing_left(source_.ring(), source_.next_number(), path_);
         }
-        status = taken ? zav_shm::Receive_Status::frame : queue_.pop(frame, 0ms);
     }
-    if (status == zav_shm::Receive_Status::frame) {
-        ledger_.handed_out();
-    }
+    receiving_ = false;
     return status;
 }
 
+void ZAV_SHM_Frame_Subscriber::Body::note(const Frame_Facts& frame) {
+    Reader_Card::Counters& counters = (*card_)->counters;
+    const zav_shm::Frame_Losses& before = frame.before;
+    zav_shm::count(counters.frames);
+    zav_shm::count(counters.bytes, frame.header.payload_length);
+    if (before.any()) {
+        zav_shm::count(counters.overtaken, before.overtaken);
+        zav_shm::count(counters.left_out, before.left_out);
+        zav_shm::count(counters.dropped, before.dropped);
+        zav_shm::count(counters.skipped, before.skipped);
+    }
+    zav_shm::set(counters.last_frame_ns, frame.received_ns);
+    if (frame.verified) {
+        zav_shm::set(counters.last_publish_ns, frame.header.publish_ns);
+        zav_shm::set(counters.last_sequence, frame.header.sequence);
+        zav_shm::count((*card_)->latency[zav_shm::Latency_Histogram::bucket_of(frame.age_ns())]);
+    } else {
+        zav_shm::count(counters.foreign);
+    }
+    if (frame.is_key_frame()) {
+        zav_shm::count(counters.key_frames);
+        zav_shm::set(counters.last_key_frame_ns, frame.received_ns);
+    }
+    asked_ = false;
+    card_->move_to(source_.reader()->memory(), source_.reader()->cursor());
+}
+
+// What never becomes a frame. The private ring of an intake is nobody's but this reader's.
+void ZAV_SHM_Frame_Subscriber::Body::note_missed() {
+    Reader_Card::Counters& counters = (*card_)->counters;
+    zav_shm::set(counters.invalid, source_.invalid());
+    zav_shm::set(counters.no_memory, source_.no_memory());
+    zav_shm::set(counters.torn, source_.torn());
+    if (const auto* const reader = source_.reader()) {
+        card_->move_to(reader->memory(), reader->cursor());
+    }
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::ask_for_key_frame() {
+    if (options_.asks_for_key_frame && source_.waits_for_key_frame() && !asked_) {
+        asked_ = request_key_frame();
+    }
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::tell_why_none_comes() {
+    if (intake_) {
+        tell(intake_->trouble(), intake_->is_refused());
+    } else {
+        zav_shm::Ring_Problem problem = source_.problem();
+        const bool is_absent = problem.kind == zav_shm::Ring_Problem::Kind::absent;
+        tell(is_absent ? std::string() : std::move(problem.text), false);
+    }
+}
+
+// ---- whose frames, and where they are ----
+
+void ZAV_SHM_Frame_Subscriber::Body::follow_route(std::int64_t now_ns) {
+    if (is_tap()) {
+        return;
+    }
+    if (standing_changed_.exchange(false)) {
+        follow_standing();
+    }
+    if (now_ns >= next_look_ns_) {
+        next_look_ns_ = now_ns + route_look_ns;
+        if (const auto route = route_.look()) {
+            frames_are_in_ = route->source;
+            next_choice_ns_ = 0;
+            if (route->producer != producer_) {
+                standing_->follow(route->producer);
+                read_from(route->producer, now_ns);
+            }
+        }
+        choose_slot_or_ring(now_ns);
+    }
+}
+
+// A center has come, has granted another producer, or refuses.
+void ZAV_SHM_Frame_Subscriber::Body::follow_standing() {
+    if (standing_->state() == Frame_State::refused) {
+        read_from({}, 0);
+        return;
+    }
+    const auto grant = standing_->grant();
+    std::string producer = standing_->producer();
+    if (grant.number != grant_) {
+        const auto route = route_.begin(
+            zav_shm::route_path(rings(), options_.name, options_.channel, options_.stream), true);
+        frames_are_in_ = route ? route->source : Route_Page::unknown;
+        if (route && grant_ == 0 && route->producer != producer) {
+            producer = route->producer;  // somebody was faster
+            standing_->follow(producer);
+        }
+    } else if (grant_ == 0) {
+        static_cast<void>(route_.begin(
+            zav_shm::route_path(rings(), options_.name, options_.channel, options_.stream), false));
+    }
+    grant_ = grant.number;
+    next_choice_ns_ = 0;
+    if (producer != producer_ || ring_of(producer) != path_) {
+        read_from(producer, std::max(opened_ns_.load(), paired_ns_.load()));
+    }
+    choose_slot_or_ring(monotonic_ns());
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::read_from(const std::string& producer, std::int64_t since_ns) {
+    end_intake();
+    producer_ = producer;
+    path_ = producer.empty() ? std::string() : ring_of(producer);
+    card_->set_producer(producer);
+    if (producer.empty()) {
+        source_.read_from_nothing(rings());
+    } else {
+        source_.read_from(path_, since_ns);
+    }
+}
+
+// A ring that is written wins, whatever the center has heard of its producer.
+void ZAV_SHM_Frame_Subscriber::Body::choose_slot_or_ring(std::int64_t now_ns) {
+    if (now_ns >= next_choice_ns_) {
+        next_choice_ns_ = now_ns + ring_look_ns;
+        const bool is_in_slot =
+            frames_are_in_ == Route_Page::slot && !producer_.empty() && !is_written(path_);
+        if (is_in_slot && !intake_) {
+            begin_intake();
+        } else if (!is_in_slot && intake_) {
+            standing_->renew();  // out of the relay
+            read_from(producer_, now_ns);
+        }
+    }
+    if (intake_) {
+        const auto ring = intake_->ring();
+        if (ring && ring != source_.ring()) {
+            source_.read_from(ring);
+        }
+    }
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::begin_intake() {
+    auto intake = zav_shm::Slot_Intake::begin({.name = options_.name,
+                                               .producer = producer_,
+                                               .channel = options_.channel,
+                                               .stream = options_.stream,
+                                               .card = card_name_},
+                                              static_cast<std::uint32_t>(options_.history_bytes),
+                                              [this] { wake(); });
+    if (!intake) {
+        tell("no thread can be had for the slot of " + producer_, false);
+    }
+    const std::lock_guard guard(mutex_);
+    intake_ = std::move(intake);
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::end_intake() {
+    std::unique_ptr<zav_shm::Slot_Intake> intake;
+    {
+        const std::lock_guard guard(mutex_);
+        if (!intake_) {
+            return;
+        }
+        taken_off_slots_ += intake_->counters();
+        intake = std::move(intake_);
+        trouble_.clear();
+        is_refused_ = false;
+    }
+    intake.reset();  // which may take a while
+}
+
+void ZAV_SHM_Frame_Subscriber::Body::tell(std::string trouble, bool refused) {
+    const std::lock_guard guard(mutex_);
+    trouble_ = std::move(trouble);
+    is_refused_ = refused;
+}
+
+std::string ZAV_SHM_Frame_Subscriber::Body::rings() const {
+    return zav_shm::rings_folder(standing_ ? standing_->folder() : options_.folder);
+}
+
+std::string ZAV_SHM_Frame_Subscriber::Body::ring_of(const std::string& producer) const {
+    return rings() + "/" + zav_shm::channel_file_name(producer, options_.channel, options_.stream);
+}
+
+// ---- asked from any thread ----
+
+int ZAV_SHM_Frame_Subscriber::Body::descriptor() {
+    if (!poll_ && open_) {
+        poll_ = zav_shm::Frame_Poll::begin();
+    }
+    return poll_ ? poll_->descriptor() : -1;
+}
+
+bool ZAV_SHM_Frame_Subscriber::Body::request_key_frame() const {
+    std::shared_ptr<Standing> standing;
+    {
+        const std::lock_guard guard(mutex_);
+        standing = standing_;
+    }
+    const std::string producer = standing ? standing->producer() : options_.producer;
+    return open_ &&
+           zav_shm::send_writer_request(
+               zav_shm::rings_folder(standing ? standing->folder() : options_.folder) + "/" +
+               zav_shm::channel_file_name(producer, options_.channel, options_.stream));
+}
+
+Frame_State ZAV_SHM_Frame_Subscriber::Body::state() const {
+    const std::lock_guard guard(mutex_);
+    if (!open_) {
+        return Frame_State::closed;
+    }
+    if (is_refused_) {
+        return Frame_State::refused;
+    }
+    if (standing_ && standing_->state() != Frame_State::connected) {
+        return standing_->state();
+    }
+    const std::int64_t last = std::max(
+        __atomic_load_n(&(*card_)->counters.last_frame_ns, __ATOMIC_RELAXED), opened_ns_.load());
+    return monotonic_ns() - last > producer_limit_ns ? Frame_State::waiting_for_producer
+                                                     : Frame_State::connected;
+}
+
+std::string ZAV_SHM_Frame_Subscriber::Body::reason() const {
+    const std::lock_guard guard(mutex_);
+    const std::string reason = standing_ ? standing_->reason() : std::string();
+    return reason.empty() ? trouble_ : reason;
+}
+
 zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {
-    zav_shm::Subscriber_Counters now = ledger_.counters();
-    now.queued = queue_.size();
+    const std::lock_guard guard(mutex_);
+    zav_shm::Subscriber_Counters now;
+    now.take_from(card_ ? **card_ : kept_);
+    zav_shm::Intake_Counters slots = taken_off_slots_;
+    if (intake_) {
+        slots += intake_->counters();
+    }
+    now.torn += slots.torn;
+    now.invalid += slots.invalid;
+    now.repeated = slots.repeated;
+    now.recoveries = slots.recoveries + (standing_ ? standing_->recoveries() : 0);
+    now.timeouts_no_frame = slots.timeouts_no_frame;
+    now.timeouts_no_relay = slots.timeouts_no_relay;
     return now;
 }
 
@@ -354,22 +555,30 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::open() { return body_
 
 void ZAV_SHM_Frame_Subscriber::close(std::chrono::milliseconds limit) { body_->close(limit); }
 
-zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::receive(Received_Frame& frame,
-                                                          std::chrono::milliseconds timeout) {
+Receive_Status ZAV_SHM_Frame_Subscriber::receive(zav_shm::Received_Frame& frame,
+                                                 std::chrono::milliseconds timeout) {
     return body_->receive(frame, timeout);
 }
 
-zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::read_in_place(const In_Place& reader,
-                                                                std::chrono::milliseconds time) {
-    return body_->read_in_place(reader, time);
+Receive_Status ZAV_SHM_Frame_Subscriber::receive_view(zav_shm::Frame_View& view,
+                                                      std::chrono::milliseconds timeout) {
+    return body_->receive_view(view, timeout);
 }
+
+void ZAV_SHM_Frame_Subscriber::seek(const zav_shm::Start& from) { body_->seek(from); }
+
+int ZAV_SHM_Frame_Subscriber::descriptor() { return body_->descriptor(); }
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::pair(const std::string& producer,
                                                                 std::chrono::milliseconds limit) {
     return body_->pair(producer, limit);
 }
 
+bool ZAV_SHM_Frame_Subscriber::request_key_frame() { return body_->request_key_frame(); }
+
 Frame_State ZAV_SHM_Frame_Subscriber::state() const { return body_->state(); }
+
+std::string ZAV_SHM_Frame_Subscriber::reason() const { return body_->reason(); }
 
 zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::counters() const {
     return body_->counters();

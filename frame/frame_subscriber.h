@@ -34,9 +34,9 @@ enum class Receive_Status {
 ///   while (recorder.receive(frame, 1s) == zav_shm::Receive_Status::frame) write(frame.payload());
 ///
 /// Between the producer's memory and the application there is no thread, no queue and no lock: what
-/// the application does not take stays in the producer's history, for as long as that is. A producer
-/// that has no history, since it uses the fixed interface, is read by a thread into a history of
-/// the subscriber's own.
+/// the application does not take stays in the producer's history, for as long as that is. A
+/// producer that has no history, since it uses the fixed interface, is read by a thread into a
+/// history of the subscriber's own.
 ///
 /// With a name the consumer is the center's to check and to pair; without one ("tap") it reads any
 /// stream that it may open, and no center is asked.
@@ -55,8 +55,8 @@ enum class Receive_Status {
 class ZAV_SHM_Frame_Subscriber {
 public:
     struct Options {
-        std::string name;      // this consumer, as configured in the center; empty: a tap
-        std::string producer;  // whose frames
+        std::string name = {};      // this consumer, as configured in the center; empty: a tap
+        std::string producer = {};  // whose frames
         int channel = 0;
         int stream = 0;
         zav_shm::Start from = zav_shm::start::newest;
@@ -67,11 +67,11 @@ public:
         bool asks_for_key_frame = false;    // ask the publisher for one, then and at the begin
 
         std::chrono::milliseconds center_wait{2000};  // how long open() looks for a center
-        std::string folder = "shm";      // of the segments, for a tap and while there is no center
-        bool untrusting = false;         // read by copying: a publisher that shrinks its ring is an
-                                         // error, and not the end of this process
-        std::size_t history_bytes = 0;   // of the own history for a producer without one;
-                                         // 0: four times the page size
+        std::string folder = "shm";     // of the segments, for a tap and while there is no center
+        bool untrusting = false;        // read by copying: a publisher that shrinks its ring is an
+                                        // error, and not the end of this process
+        std::size_t history_bytes = 0;  // of the own history for a producer without one;
+                                        // 0: four times the page size
     };
 
     using Opened = zav_shm::Opened;
@@ -106,8 +106,8 @@ public:
     void seek(const zav_shm::Start& from);
 
     /// A descriptor that is readable while there may be a frame: poll it, then receive() with a
-    /// timeout of 0 until there is none. It belongs to the subscriber, and stays valid until close().
-    /// From the first call on a thread of this subscriber's, "zav_poll", waits for frames.
+    /// timeout of 0 until there is none. It belongs to the subscriber, and stays valid until
+    /// close(). From the first call on a thread of this subscriber's, "zav_poll", waits for frames.
     ///
     /// @return -1 when it cannot be had.
     int descriptor();

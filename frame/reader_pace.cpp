@@ -26,12 +26,13 @@ constexpr std::uint64_t share_awaited = 4;
 }  // namespace
 
 Reader_Pace::Reader_Pace(std::string folder, std::string producer, int channel, int stream,
-                         std::chrono::milliseconds limit)
+                         std::chrono::milliseconds limit, std::shared_ptr<const Slot_Feeder> feeder)
     : folder_(std::move(folder)),
       producer_(std::move(producer)),
       channel_(channel),
       stream_(stream),
-      limit_ns_(std::chrono::nanoseconds(limit).count()) {}
+      limit_ns_(std::chrono::nanoseconds(limit).count()),
+      feeder_(std::move(feeder)) {}
 
 void Reader_Pace::wait_for_readers(Ring_Writer& writer, std::size_t bytes) {
     const std::uint64_t oldest = writer.oldest_after(bytes);
@@ -53,7 +54,7 @@ void Reader_Pace::wait_for_readers(Ring_Writer& writer, std::size_t bytes) {
     const std::uint64_t awaited = oldest + held / share_awaited;
     const auto low = std::max(static_cast<std::uint32_t>(awaited), 1U);
     while (all_are_at_ < awaited) {
-        // A reader sets its cursor and then looks at this word; pairs with Own_Card::move_to().
+        // A reader sets its cursor and then looks at this word; pairs with wake_waiting_writer().
         ring.store_release(ring_awaited_offset, low);
         full_fence();
         now = monotonic_ns();
@@ -68,42 +69,49 @@ void Reader_Pace::wait_for_readers(Ring_Writer& writer, std::size_t bytes) {
 
 // The number that the slowest reader reads next who is still waited for.
 std::uint64_t Reader_Pace::slowest(const Ring_Writer& writer, std::int64_t now) {
+    const std::uint64_t next = writer.last() + 1;
     std::uint64_t slowest = std::numeric_limits<std::uint64_t>::max();
+    const auto consider = [&](Progress& progress, std::uint64_t at) {
+        note(progress, at, next, now);
+        if (!progress.is_given_up) {
+            slowest = std::min(slowest, at);
+        }
+    };
     std::erase_if(readers_, [&](Reader& reader) {
-        if (!look_at(reader, writer, now)) {
-            return true;
+        const auto at = position_of(reader, writer);
+        if (at) {
+            consider(reader.progress, *at);
         }
-        if (!reader.is_given_up) {
-            slowest = std::min(slowest, reader.at);
-        }
-        return false;
+        return !at;
     });
+    if (const std::uint64_t at = feeder_ ? feeder_->needs() : 0; at != 0) {
+        consider(feeder_progress_, at);
+    }
     return slowest;
 }
 
-// @return false when the reader is gone.
-bool Reader_Pace::look_at(Reader& reader, const Ring_Writer& writer, std::int64_t now) {
+// Nothing when the reader is gone. Who has not come to this ring yet will want it from its begin.
+std::optional<std::uint64_t> Reader_Pace::position_of(const Reader& reader,
+                                                      const Ring_Writer& writer) const {
     const auto position = reader.card.position();
     if (!position || !reader.card.is_alive()) {
-        return false;
+        return std::nullopt;
     }
-    // Who has not come to this ring yet will want it from its begin.
-    std::uint64_t at = 1;
-    if (position->epoch == writer.memory()->facts().epoch) {
-        const std::uint64_t next = writer.last() + 1;
-        const std::int32_t behind =
-            ring_distance(static_cast<std::uint32_t>(next), position->cursor);
-        at = next - std::min<std::uint64_t>(static_cast<std::uint64_t>(std::max(behind, 0)), next);
+    if (position->epoch != writer.memory()->facts().epoch) {
+        return 1;
     }
-    if (at != reader.at || at == writer.last() + 1) {
-        reader.at = at;
-        reader.since_ns = now;
-        reader.is_given_up = false;
-    } else if (!reader.is_given_up && now - reader.since_ns >= limit_ns_) {
-        reader.is_given_up = true;
+    const std::uint64_t next = writer.last() + 1;
+    const std::int32_t behind = ring_distance(static_cast<std::uint32_t>(next), position->cursor);
+    return next - std::min<std::uint64_t>(static_cast<std::uint64_t>(std::max(behind, 0)), next);
+}
+
+void Reader_Pace::note(Progress& progress, std::uint64_t at, std::uint64_t next, std::int64_t now) {
+    if (at != progress.at || at == next) {
+        progress = {at, now, false};
+    } else if (!progress.is_given_up && now - progress.since_ns >= limit_ns_) {
+        progress.is_given_up = true;
         ++given_up_;
     }
-    return true;
 }
 
 void Reader_Pace::look_for_cards(std::int64_t now) {
@@ -119,7 +127,7 @@ void Reader_Pace::look_for_cards(std::int64_t now) {
                         [&name](const Reader& reader) { return reader.card.name() == name; });
         Seen_Card card(folder_, name);
         if (!is_known && is_of_this_stream(card)) {
-            readers_.push_back({std::move(card), 0, now, false});
+            readers_.push_back({std::move(card), {0, now, false}});
         }
     }
 }

@@ -22,12 +22,19 @@ struct Frame_Losses {
     std::uint64_t dropped = 0;  // Overflow_Policy::newest_only
     std::uint64_t skipped = 0;  // on the way to a key frame
 
+    bool any() const { return (overtaken | left_out | no_memory | dropped | skipped) != 0; }
     std::uint64_t lost() const { return overtaken + left_out + no_memory; }
 };
 
 /// What comes with every frame, copied or in place.
 struct Frame_Facts {
     bool is_key_frame() const { return (header.flags & frame_flag::key_frame) != 0; }
+
+    /// From the begin of writing to here, in nanoseconds. Meaningless for a frame that is foreign.
+    std::int64_t age_ns() const {
+        return static_cast<std::int64_t>(static_cast<std::uint64_t>(received_ns) -
+                                         static_cast<std::uint64_t>(header.publish_ns));
+    }
 
     ZAV_SHM_Frame_Header header = {};  // of a foreign producer: only payload_length is set
     std::uint64_t number = 0;          // of its record in the ring

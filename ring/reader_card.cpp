@@ -17,10 +17,9 @@
 #include <system_error>
 
 #include "ipc/file_lock.h"
-#include "ipc/futex.h"
-#include "ipc/memory_fence.h"
 #include "ipc/random_epoch.h"
 #include "ipc/shared_memory_folder.h"
+#include "ring/ring_reader.h"
 #include "ring/steady_word.h"
 
 namespace zav_shm {
@@ -30,13 +29,6 @@ namespace {
 constexpr std::string_view ending = ".reader";
 constexpr std::size_t digits = 16;
 
-// By chance and not by process id: the same id may live in two PID namespaces.
-std::string new_name() {
-    std::array<char, digits + 1> text{};
-    std::snprintf(text.data(), text.size(), "%016" PRIx64, random_epoch());
-    return text.data() + std::string(ending);
-}
-
 bool is_card_name(const std::string& name) {
     return name.size() == digits + ending.size() && name.ends_with(ending);
 }
@@ -45,9 +37,16 @@ bool is_card_name(const std::string& name) {
 
 // ---- the own card ----
 
-Own_Card::Own_Card(const std::string& folder, const Reader_Card& first) : folder_(folder) {
+// By chance and not by process id: the same id may live in two PID namespaces.
+std::string Own_Card::new_name() {
+    std::array<char, digits + 1> text{};
+    std::snprintf(text.data(), text.size(), "%016" PRIx64, random_epoch());
+    return text.data() + std::string(ending);
+}
+
+Own_Card::Own_Card(const std::string& folder, const std::string& name, const Reader_Card& first)
+    : path_(folder + "/" + name) {
     if (!make_file(first)) {
-        name_.clear();
         file_ = Descriptor();
         private_ = std::make_unique<Reader_Card>(first);
         card_ = private_.get();
@@ -56,18 +55,16 @@ Own_Card::Own_Card(const std::string& folder, const Reader_Card& first) : folder
 
 Own_Card::~Own_Card() {
     if (!private_) {
-        unlink((folder_ + "/" + name_).c_str());
+        unlink(path_.c_str());
         munmap(card_, sizeof *card_);
     }
 }
 
 // Locked before it has its name: a card without a lock is a dead reader's.
 bool Own_Card::make_file(const Reader_Card& first) {
-    name_ = new_name();
-    const std::string path = folder_ + "/" + name_;
-    const std::string fresh = path + ".new";
+    const std::string fresh = path_ + ".new";
     struct stat folder {};
-    if (stat(folder_.c_str(), &folder) != 0) {
+    if (stat(path_.substr(0, path_.rfind('/')).c_str(), &folder) != 0) {
         return false;
     }
     file_ =
@@ -83,7 +80,7 @@ bool Own_Card::make_file(const Reader_Card& first) {
     if (base != MAP_FAILED) {
         std::memcpy(base, &first, sizeof first);
         card_ = static_cast<Reader_Card*>(base);
-        if (rename(fresh.c_str(), path.c_str()) == 0) {
+        if (rename(fresh.c_str(), path_.c_str()) == 0) {
             return true;
         }
         munmap(base, sizeof first);
@@ -104,11 +101,7 @@ void Own_Card::move_to(const Ring_Memory& ring, std::uint64_t number) {
     if (is_other) {
         __atomic_store_n(&card_->epoch, epoch, __ATOMIC_RELEASE);
     }
-    full_fence();  // pairs with the one in Reader_Pace
-    const auto awaited = ring.load(ring_awaited_offset);
-    if (awaited && *awaited != 0 && ring_distance(low, *awaited) >= 0) {
-        futex_wake(ring.awaited_word());
-    }
+    wake_waiting_writer(ring, low);
 }
 
 void Own_Card::set_producer(const std::string& producer) {

@@ -42,14 +42,13 @@ struct Reader_Card {
     enum Flags : std::uint16_t { nameless = 1, relayed = 2 };
 
     struct Counters {
-        std::uint64_t frames = 0;      // read
+        std::uint64_t frames = 0;      // taken
         std::uint64_t bytes = 0;       // of their payload
         std::uint64_t key_frames = 0;  // among them
-        std::uint64_t handed_out = 0;
-        std::uint64_t overtaken = 0;  // lost: the reader was slower than the history is long
-        std::uint64_t left_out = 0;   // lost: they never were in the ring
-        std::uint64_t dropped = 0;    // passed over as the reader wants the newest only
-        std::uint64_t skipped = 0;    // passed over on the way to a key frame
+        std::uint64_t overtaken = 0;   // lost: the reader was slower than the history is long
+        std::uint64_t left_out = 0;    // lost: they never were in the ring
+        std::uint64_t dropped = 0;     // passed over as the reader wants the newest only
+        std::uint64_t skipped = 0;     // passed over on the way to a key frame
         std::uint64_t torn = 0;
         std::uint64_t invalid = 0;
         std::uint64_t no_memory = 0;
@@ -99,18 +98,19 @@ static_assert(std::is_trivially_copyable_v<Reader_Card>);
 /// Crash    the kernel gives the lock of a killed reader up, and whoever sweeps removes the file.
 class Own_Card {
 public:
+    /// A name that no other card has.
+    static std::string new_name();
+
     /// @param folder  of the rings
+    /// @param name    by new_name()
     /// @param first   what it says to begin with
-    Own_Card(const std::string& folder, const Reader_Card& first);
+    Own_Card(const std::string& folder, const std::string& name, const Reader_Card& first);
     ~Own_Card();
     Own_Card(const Own_Card&) = delete;
     Own_Card& operator=(const Own_Card&) = delete;
 
     Reader_Card& operator*() const { return *card_; }
     Reader_Card* operator->() const { return card_; }
-
-    /// The name of the file in the folder; empty without one.
-    const std::string& file_name() const { return name_; }
 
     /// Says which record of which ring the reader reads next, and wakes a writer that waits for
     /// that.
@@ -120,16 +120,22 @@ public:
 private:
     bool make_file(const Reader_Card& first);
 
-    const std::string folder_;
-    std::string name_;
+    const std::string path_;
     Descriptor file_;
     Reader_Card* card_ = nullptr;  // the mapping of the file, or private_
     std::unique_ptr<Reader_Card> private_;
 };
 
 /// Adds to a counter of the own card; whoever looks meanwhile sees the former value or the new one.
-inline void count(std::uint64_t& counter, std::uint64_t by = 1) {
-    __atomic_store_n(&counter, __atomic_load_n(&counter, __ATOMIC_RELAXED) + by, __ATOMIC_RELAXED);
+template <class Counter>
+void count(Counter& counter, std::uint64_t by = 1) {
+    const Counter former = __atomic_load_n(&counter, __ATOMIC_RELAXED);
+    __atomic_store_n(&counter, static_cast<Counter>(former + by), __ATOMIC_RELAXED);
+}
+
+template <class Field>
+void set(Field& field, Field value) {
+    __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
 
 /// A card of any reader, as a file.

@@ -25,6 +25,22 @@ std::uint32_t next_set() {
 
 }  // namespace
 
+bool is_in_reach(const Ring_Memory& ring, std::uint32_t number) {
+    // What was read before this of a newer record brings that record's tail with it; pairs with the
+    // fence in Ring_Writer::reserve().
+    acquire_fence();
+    const auto tail = ring.load(ring_tail_offset);
+    return tail && ring_distance(*tail, number) <= 0;
+}
+
+void wake_waiting_writer(const Ring_Memory& ring, std::uint32_t number) {
+    full_fence();  // pairs with the one of the writer, which stores the word and then looks
+    const auto awaited = ring.load(ring_awaited_offset);
+    if (awaited && *awaited != 0 && (number == 0 || ring_distance(number, *awaited) >= 0)) {
+        futex_wake(ring.awaited_word());
+    }
+}
+
 // Numbers have 64 bits and the head 32: the entry of the newest record knows the rest. The entry
 // stays as it is until the index has gone around, also when room for the next record has destroyed
 // the newest one itself.
@@ -88,14 +104,6 @@ bool Ring_Reader::is_sound_behind(std::uint32_t tail) const {
     return head && later_tail && ring_distance(*head, tail) >= -1 &&
            ring_distance(*head, *later_tail) <
                static_cast<std::int32_t>(memory_->facts().index_count);
-}
-
-bool Ring_Reader::is_in_reach(std::uint64_t number) const {
-    // What was read before this of a newer record brings that record's tail with it; pairs with the
-    // fence in Ring_Writer::reserve().
-    acquire_fence();
-    const auto tail = memory_->load(ring_tail_offset);
-    return tail && ring_distance(*tail, static_cast<std::uint32_t>(number)) <= 0;
 }
 
 bool Ring_Reader::copy(const Ring_Record& record, std::size_t offset,

@@ -21,6 +21,13 @@ struct Ring_Record {
     std::span<const std::byte> bytes;  // where they lie; empty in a ring that is read by copying
 };
 
+/// True when no byte of this record has been overwritten up to now.
+bool is_in_reach(const Ring_Memory& ring, std::uint32_t number);
+
+/// Wakes the ring's writer if it waits for a reader to be at this number, or beyond. The reader has
+/// shown before, where the writer looks, that it is.
+void wake_waiting_writer(const Ring_Memory& ring, std::uint32_t number);
+
 /// A cursor over one ring.
 ///
 ///   Ring_Reader reader(Ring_Memory::open(path, Ring_Memory::Reading::mapped, problem));
@@ -54,7 +61,9 @@ public:
     Look look(Ring_Record& record) const;
 
     /// True when no byte of the record has been overwritten up to now.
-    bool is_in_reach(std::uint64_t number) const;
+    bool is_in_reach(std::uint64_t number) const {
+        return zav_shm::is_in_reach(*memory_, static_cast<std::uint32_t>(number));
+    }
 
     /// Copies a part of the record out, which is_in_reach() may afterwards find overwritten.
     ///
@@ -98,6 +107,7 @@ public:
 
     bool is_closed() const;
     const Ring_Memory& memory() const { return *memory_; }
+    const std::shared_ptr<const Ring_Memory>& shared_memory() const { return memory_; }
 
 private:
     bool is_sound_behind(std::uint32_t tail) const;

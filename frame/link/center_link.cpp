@@ -9,22 +9,17 @@
 #include <csignal>
 #include <mutex>
 #include <optional>
-#include <thread>
+#include <utility>
 
 #include "control/center_page.h"
-#include "control/center_status.h"
 #include "control/control_protocol.h"
 #include "control/json_text.h"
-#include "ipc/deadline.h"
 #include "ipc/shared_memory_folder.h"
 #include "ipc/zav_shm.h"
 
 namespace zav_shm {
 
 namespace {
-
-// How often it is looked whether a center has come: a few system calls each time.
-constexpr std::chrono::milliseconds look_interval{50};
 
 using Outcome = Center_Link::Outcome;
 using Registration = Center_Link::Registration;
@@ -33,11 +28,6 @@ using Registration = Center_Link::Registration;
 void set_root_path_once() {
     static std::once_flag done;
     std::call_once(done, [] { IPC_SHMEMORY::set_root_path(shared_memory_folder); });
-}
-
-bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 ino_t inode_of(const std::string& file) {
@@ -51,86 +41,64 @@ std::optional<std::string> mismatch(const std::optional<Center_Page>& page) {
     }
     return "the center's semaphores have " + std::to_string(page->semaphore_bytes) +
            " bytes and this process's " + std::to_string(sizeof(sem_t)) +
-           ": 32- and 64-bit processes cannot share a channel";
+           ": 32- and 64-bit processes cannot share a slot";
 }
 
 }  // namespace
 
-Center_Link::Center_Link(const char* type, std::string name, std::string producer, int channel,
-                         int stream)
-    : type_(type),
-      name_(std::move(name)),
-      producer_(std::move(producer)),
-      channel_(channel),
-      stream_(stream) {
+std::string Channel_End::title() const {
+    return name + "/" + std::to_string(channel) + "/" + std::to_string(stream);
+}
+
+Center_Link::Center_Link(Channel_End end, Way way) : end_(std::move(end)), way_(way) {
     set_root_path_once();
 }
+
+// ---- exchanges ----
 
 Json::Value Center_Link::request(const char* command) const {
     Json::Value request;
     request[control::field::command] = command;
-    request[control::field::type] = type_;
-    request[control::field::name] = name_;
-    request[control::field::channel] = channel_;
-    request[control::field::stream] = stream_;
+    request[control::field::type] = end_.type;
+    request[control::field::name] = end_.name;
+    request[control::field::channel] = end_.channel;
+    request[control::field::stream] = end_.stream;
+    request[way_ == Way::ring ? control::field::ring : control::field::relay] = true;
+    if (!end_.card.empty()) {
+        request[control::field::card] = end_.card;
+    }
     return request;
 }
 
-// A consumer that somebody has paired with another producer would stay in that one's relay, too,
-// and two relays would share its semaphores: so it leaves first, wherever it is. Not again while
-// the registration behind that is unanswered: it may be served any time, and is not asked for
-// twice.
 Registration Center_Link::register_end(std::chrono::milliseconds limit) {
-    const auto end = moment_after(limit);
     tried_epoch_ = epoch_of_center();
-    if (!producer_.empty() && !has_left_) {
-        const auto left = Control_Exchange::ask(request(control::command::deregister_end), limit);
-        if (left.outcome != Control_Exchange::Outcome::replied) {
-            return read(left);
-        }
-        has_left_ = true;
-    }
-    limit = std::max(std::chrono::duration_cast<std::chrono::milliseconds>(
-                         end - std::chrono::steady_clock::now()),
-                     std::chrono::milliseconds(1));
     Json::Value registering = request(control::command::register_end);
-    const std::string slot_name = producer_.empty() ? name_ : producer_;
-    if (!producer_.empty()) {
-        registering[control::field::pair_name] = producer_;
+    if (end_.type == std::string(control::type::receiver)) {
+        registering[control::field::pair_name] = end_.producer;
     }
-    const std::string slot =
-        "/" + slot_name + "_" + std::to_string(channel_) + "_" + std::to_string(stream_);
-    Registration made =
-        read(Control_Exchange::ask(std::move(registering), limit, [&](const auto& reply) {
-            const std::string segment = text_at(reply, control::field::shm_path);
-            return segment.empty() || ends_with(segment, slot);
-        }));
-    has_left_ = has_left_ && made.outcome == Outcome::no_center;
-    return made;
+    return read(Control_Exchange::ask(std::move(registering), limit));
 }
 
 Registration Center_Link::pair(const std::string& producer, std::chrono::milliseconds limit) {
     Json::Value pairing = request(control::command::pair_source);
     pairing[control::field::pair_name] = producer;
-    Registration made = read(Control_Exchange::ask(std::move(pairing), limit));
-    if (made.outcome != Outcome::refused) {
-        producer_ = producer;
+    const Control_Exchange::Answer answer = Control_Exchange::ask(std::move(pairing), limit);
+    Registration made;
+    if (producer == control::no_producer && answer.granted()) {
+        made.outcome = Outcome::granted;  // it names no slot
+    } else {
+        made = read(answer);
+    }
+    if (made) {
+        end_.producer = producer == control::no_producer ? std::string() : producer;
     }
     return made;
 }
 
-std::string Center_Link::follow_pairing() {
-    const auto producer = producer_feeding(folder_, {name_, channel_, stream_});
-    if (!producer || *producer == producer_) {
-        return {};
-    }
-    producer_ = *producer;
-    return folder_ + "/" + producer_ + "_" + std::to_string(channel_) + "_" +
-           std::to_string(stream_);
-}
-
 void Center_Link::deregister_end(std::chrono::milliseconds limit) {
-    static_cast<void>(Control_Exchange::ask(request(control::command::deregister_end), limit));
+    Json::Value leaving = request(control::command::deregister_end);
+    leaving[control::field::ring] = true;
+    static_cast<void>(Control_Exchange::ask(std::move(leaving), limit));
 }
 
 Registration Center_Link::read(const Control_Exchange::Answer& answer) {
@@ -138,18 +106,21 @@ Registration Center_Link::read(const Control_Exchange::Answer& answer) {
     if (!answer.granted()) {
         const bool refused = answer.outcome != Control_Exchange::Outcome::no_center;
         made.outcome = refused ? Outcome::refused : Outcome::no_center;
-        made.reason = refused ? name_ + "/" + std::to_string(channel_) + "/" +
-                                    std::to_string(stream_) + ": " + answer.reason()
-                              : answer.reason();
+        made.reason = refused ? end_.title() + ": " + answer.reason() : answer.reason();
         return made;
     }
-    made.outcome = Outcome::registered;
+    made.outcome = Outcome::granted;
     made.segment = text_at(answer.reply, control::field::shm_path);
     made.sem_src = text_at(answer.reply, control::field::sem_path_src);
     made.sem_dst = text_at(answer.reply, control::field::sem_path_dst);
     made.sem_exist = text_at(answer.reply, control::field::sem_path_exist);
+    made.page_bytes = static_cast<std::size_t>(count_at(answer.reply, control::field::page_size));
+    made.history_bytes =
+        static_cast<std::size_t>(count_at(answer.reply, control::field::history_bytes));
     remember(made);
-    if (const auto problem = mismatch(read_center_page(folder_))) {
+    const auto problem =
+        way_ == Way::relay ? mismatch(read_center_page(end_.folder)) : std::nullopt;
+    if (problem) {
         made.outcome = Outcome::refused;
         made.reason = *problem;
     }
@@ -157,14 +128,16 @@ Registration Center_Link::read(const Control_Exchange::Answer& answer) {
 }
 
 void Center_Link::remember(const Registration& made) {
-    folder_ = made.segment.substr(0, made.segment.rfind('/'));
+    end_.folder = made.segment.substr(0, made.segment.rfind('/'));
     semaphore_file_ = semaphore_path(made.sem_src);
     semaphore_ = inode_of(semaphore_file_);
     epoch_ = epoch_of_center();
 }
 
+// ---- the center ----
+
 std::uint64_t Center_Link::epoch_of_center() const {
-    const auto page = read_center_page(folder_);
+    const auto page = read_center_page(end_.folder);
     return page ? page->epoch : 0;
 }
 
@@ -174,7 +147,7 @@ bool Center_Link::is_stale() const {
     if (now != 0 && now != semaphore_) {
         return true;
     }
-    const auto page = read_center_page(folder_);
+    const auto page = read_center_page(end_.folder);
     return page && epoch_ != 0 && page->epoch != epoch_;
 }
 
@@ -182,27 +155,15 @@ bool Center_Link::center_is_gone() const {
     if (epoch_ == 0) {
         return false;  // a center without a page: nobody can tell
     }
-    const auto page = read_center_page(folder_);
+    const auto page = read_center_page(end_.folder);
     return !page || (kill(static_cast<pid_t>(page->pid), 0) != 0 && errno == ESRCH);
 }
 
 // The page is there once the center answers; a killed one's is removed by the next before it
 // begins, so what is met again was there at the attempt.
-bool Center_Link::center_has_come() {
-    const auto now = std::chrono::steady_clock::now();
-    if (now < next_look_) {
-        return false;
-    }
-    next_look_ = now + look_interval;
+bool Center_Link::center_has_come() const {
     const std::uint64_t epoch = epoch_of_center();
     return epoch != 0 && epoch != tried_epoch_;
-}
-
-void Center_Link::wait_for_center(std::chrono::steady_clock::time_point until) {
-    for (auto now = std::chrono::steady_clock::now(); now < until && !center_has_come();
-         now = std::chrono::steady_clock::now()) {
-        std::this_thread::sleep_until(std::min(until, now + look_interval));
-    }
 }
 
 void Backoff::failed() {

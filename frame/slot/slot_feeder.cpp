@@ -12,9 +12,9 @@
 #include "ipc/monotonic_clock.h"
 
 // A producer of the fixed interface has a frame and then waits up to 10 ms for a consumer. Here a
-// consumer is waited for, without end, and then a frame: a stream without consumers wakes nobody up.
-// A presence is good for the 30 ms that the relay then waits for a frame. Behind that, one that is
-// still there is asked for anew, since the relay posts another in each of its cycles.
+// consumer is waited for, without end, and then a frame: a stream without consumers wakes nobody
+// up. A presence is good for the 30 ms that the relay then waits for a frame. Behind that, one that
+// is still there is asked for anew, since the relay posts another in each of its cycles.
 
 namespace zav_shm {
 
@@ -38,8 +38,8 @@ constexpr long presence_wait_after_delivery_ms = 30;
 // How long the relay waits for a frame once it has said that a consumer is present; less a little.
 constexpr std::int64_t presence_good_for_ns = 25 * ns_per_ms;
 
-// A consumer that is slower than the stream is given frames in their order up to this age, as from a
-// producer that waits for its slot; then the newest.
+// A consumer that is slower than the stream is given frames in their order up to this age, as from
+// a producer that waits for its slot; then the newest.
 constexpr std::int64_t backlog_max_ns = 100 * ns_per_ms;
 
 // Between two attempts to wake the thread out of its sleep to stop it.
@@ -47,7 +47,8 @@ constexpr milliseconds wake_again{1};
 
 }  // namespace
 
-Slot_Feeder::Slot_Feeder(std::shared_ptr<const Ring_Memory> ring) : reader_(std::move(ring)) {}
+Slot_Feeder::Slot_Feeder(std::shared_ptr<const Ring_Memory> ring, bool paced)
+    : paced_(paced), reader_(std::move(ring)) {}
 
 // ---- life ----
 
@@ -105,6 +106,7 @@ void Slot_Feeder::run() {
         const auto current = slot();
         if (current->wait_for_consumer(idle_wait_ms) && current == slot()) {
             serve_present_consumer(*current, monotonic_ns());
+            need(0);
         }
     }
     left_ = true;
@@ -114,9 +116,12 @@ void Slot_Feeder::run() {
 void Slot_Feeder::serve_present_consumer(Slot_Writer& slot, std::int64_t present_ns) {
     // A frame of this moment is what a producer would be waiting with.
     const std::int64_t oldest_ns = present_ns - frame_age_max_ns;
-    const auto first = reader_.find_on(
-        reader_.cursor(), [oldest_ns](const Ring_Entry& entry) { return entry.time_ns >= oldest_ns; });
-    reader_.move_to(first.value_or(reader_.newest() + 1));
+    const auto first = reader_.find_on(reader_.cursor(), [oldest_ns](const Ring_Entry& entry) {
+        return entry.time_ns >= oldest_ns;
+    });
+    const std::uint64_t begin = first.value_or(reader_.newest() + 1);
+    reader_.move_to(paced_ ? std::max(reader_.cursor(), reader_.oldest()) : begin);
+    need(reader_.cursor());
     Ring_Record record;
     while (!stopping_ && find_record(record)) {
         if (!is_presence_fresh(slot, present_ns) && !slot.wait_for_consumer(presence_wait_ms)) {
@@ -136,16 +141,15 @@ bool Slot_Feeder::find_record(Ring_Record& record) {
     while (!stopping_) {
         switch (reader_.look(record)) {
             case Ring_Reader::Look::record:
-                if (record.entry.time_ns >= monotonic_ns() - backlog_max_ns ||
+                if (paced_ || record.entry.time_ns >= monotonic_ns() - backlog_max_ns ||
                     record.number >= reader_.newest()) {
                     return true;
                 }
-                passed_over_.fetch_add(reader_.newest() - record.number,
-                                       std::memory_order_relaxed);
+                passed_over_.fetch_add(reader_.newest() - record.number, std::memory_order_relaxed);
                 reader_.move_to(reader_.newest());
                 break;
             case Ring_Reader::Look::overtaken:
-                reader_.move_to(reader_.newest());
+                reader_.move_to(paced_ ? reader_.safe_oldest() : reader_.newest());
                 break;
             case Ring_Reader::Look::nothing:
                 if (reader_.wait(monotonic_ns() + idle_wait_ms * ns_per_ms) ==
@@ -174,9 +178,8 @@ void Slot_Feeder::feed(Slot_Writer& slot, const Ring_Record& record) {
         return;
     }
     slot.begin();
-    const bool copied =
-        reader_.copy(record, 0, std::as_writable_bytes(std::span(&header, 1))) &&
-        reader_.copy(record, sizeof header, slot.room().first(length));
+    const bool copied = reader_.copy(record, 0, std::as_writable_bytes(std::span(&header, 1))) &&
+                        reader_.copy(record, sizeof header, slot.room().first(length));
     if (!copied || !reader_.is_in_reach(record.number)) {
         passed_over_.fetch_add(1, std::memory_order_relaxed);
         return;
@@ -185,6 +188,12 @@ void Slot_Feeder::feed(Slot_Writer& slot, const Ring_Record& record) {
         slow_reads_.fetch_add(1, std::memory_order_relaxed);
     }
     fed_.fetch_add(1, std::memory_order_relaxed);
+    need(reader_.cursor());
+}
+
+void Slot_Feeder::need(std::uint64_t number) {
+    needs_ = number;
+    wake_waiting_writer(reader_.memory(), static_cast<std::uint32_t>(number));
 }
 
 }  // namespace zav_shm

@@ -34,8 +34,9 @@ struct Feeder_Counters {
 /// Crash    goes with the publisher. The slot then holds no frame, or a whole one.
 class Slot_Feeder {
 public:
-    /// @param ring  the publisher's
-    explicit Slot_Feeder(std::shared_ptr<const Ring_Memory> ring);
+    /// @param ring   the publisher's
+    /// @param paced  its publisher waits for this: no frame is passed over for being old
+    Slot_Feeder(std::shared_ptr<const Ring_Memory> ring, bool paced);
     ~Slot_Feeder() { stop(); }
     Slot_Feeder(const Slot_Feeder&) = delete;
     Slot_Feeder& operator=(const Slot_Feeder&) = delete;
@@ -49,6 +50,9 @@ public:
     /// Ends the thread. Frames that are published now are still fed when a consumer is waiting.
     void stop();
 
+    /// The number of the record that a present consumer is to get next; 0 while none is present.
+    std::uint64_t needs() const { return needs_; }
+
     Feeder_Counters counters() const;
 
 private:
@@ -57,9 +61,12 @@ private:
     bool find_record(Ring_Record& record);
     bool is_presence_fresh(Slot_Writer& slot, std::int64_t present_ns) const;
     void feed(Slot_Writer& slot, const Ring_Record& record);
+    void need(std::uint64_t number);
     std::shared_ptr<Slot_Writer> slot() const;
 
+    const bool paced_;
     Ring_Reader reader_;  // of the thread
+    std::atomic<std::uint64_t> needs_{0};
     std::thread thread_;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> left_{false};

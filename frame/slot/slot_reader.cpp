@@ -3,11 +3,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <new>
 
-#include "frame/slot/payload_copy.h"
 #include "ipc/memory_fence.h"
-#include "ipc/monotonic_clock.h"
 #include "ipc/test_point.h"
 #include "stream/semaphore_roles.h"
 
@@ -57,37 +54,31 @@ bool Slot_Reader::is_usable() const {
     return slot_is_mapped();
 }
 
+std::size_t Slot_Reader::capacity() const {
+    return slot_is_mapped() && shm->size > frame_header_bytes ? shm->size - frame_header_bytes : 0;
+}
+
 const std::byte* Slot_Reader::slot() const { return static_cast<const std::byte*>(shm->mem_addr); }
 
 bool Slot_Reader::is_noticed() const {
     return was_noticed_ || semaphore(consumer_side::consumer_present)->value() == 0;
 }
 
-void Slot_Reader::copy(Received_Frame& into, std::span<const std::byte> payload) {
-    if (into.bytes.size() < payload.size()) {
-        into.bytes.resize(payload.size());
-    }
-    copy_payload(into.bytes.data(), payload, "read");
-}
-
-Slot_Reader::Take Slot_Reader::take(Received_Frame& frame, const Patience& patience) {
-    return take_with(frame, copy, patience);
-}
-
-Slot_Reader::Take Slot_Reader::take_with(Received_Frame& frame, const Use& use,
-                                         const Patience& patience) {
+Slot_Reader::Take Slot_Reader::take(Slot_Frame& frame, const Copy& copy, const Patience& patience) {
     if (!wait_for_frame(patience)) {
         return Take::nothing;
     }
     // For the next frame, already: what keeps this thread from the processor from here on does not
     // make it absent.
     post_transmission_receiver_exist();
-    const Take taken = use_checked(frame, use);
+    const Take taken = use_checked(frame, copy);
     if (!relay_has_gone_on()) {
         post_transmission();
     }
     return taken;
 }
+
+void Slot_Reader::end_wait() { semaphore(consumer_side::frame_ready)->post_if_zero(); }
 
 // A relay that has given this frame up asks for the next one's presence. It would take a post that
 // comes after that for the next frame's, and have the producer overwrite that one while it is being
@@ -117,21 +108,16 @@ bool Slot_Reader::wait_for_frame(const Patience& patience) {
 }
 
 // A second try, since a writer that was early is often done by then.
-Slot_Reader::Take Slot_Reader::use_checked(Received_Frame& frame, const Use& use) {
+Slot_Reader::Take Slot_Reader::use_checked(Slot_Frame& frame, const Copy& copy) {
     const std::lock_guard guard(*lock);
     if (!slot_is_mapped() || shm->size < frame_header_bytes) {
         return Take::unmapped;
     }
-    try {
-        const Take first = use_once(frame, use);
-        return first == Take::torn ? use_once(frame, use) : first;
-    } catch (const std::bad_alloc&) {
-        frame.length = 0;
-        return Take::no_memory;
-    }
+    const Take first = use_once(frame, copy);
+    return first == Take::torn ? use_once(frame, copy) : first;
 }
 
-Slot_Reader::Take Slot_Reader::use_once(Received_Frame& frame, const Use& use) const {
+Slot_Reader::Take Slot_Reader::use_once(Slot_Frame& frame, const Copy& copy) const {
     ZAV_SHM_Frame_Header& header = frame.header;
     // A producer that was started again may be writing its frame of the same number as the one that
     // its predecessor completed. It has cleared commit before it writes its epoch: with an epoch
@@ -148,16 +134,17 @@ Slot_Reader::Take Slot_Reader::use_once(Received_Frame& frame, const Use& use) c
         (commit == 0 || commit != commit_of(header.sequence) || epoch != header.epoch)) {
         return Take::torn;
     }
-    if (header.payload_length > shm->size - frame_header_bytes) {
+    const std::uint32_t length = header.payload_length;
+    if (length > shm->size - frame_header_bytes) {
         return Take::invalid;
     }
-    frame.length = header.payload_length;
     if (!frame.verified) {
         header = {};
-        header.payload_length = static_cast<std::uint32_t>(frame.length);
+        header.payload_length = length;
     }
-    use(frame, {slot() + frame_header_bytes, frame.length});
-    frame.received_ns = monotonic_ns();
+    if (!copy(frame, {slot() + frame_header_bytes, length})) {
+        return Take::no_memory;
+    }
     const bool same = frame.verified ? still_holds_frame(header, commit) : is_still_foreign();
     return same ? Take::frame : Take::torn;
 }

@@ -7,10 +7,17 @@
 #include <functional>
 #include <span>
 
-#include "frame/received_frame.h"
+#include "frame/frame_header.h"
 #include "stream/endpoint.h"
 
 namespace zav_shm {
+
+/// What a slot held: the frame's header, which says nothing but its length where it is a foreign
+/// producer's.
+struct Slot_Frame {
+    ZAV_SHM_Frame_Header header = {};
+    bool verified = false;  // false: a foreign producer's
+};
 
 /// The consumer's endpoint with copies that are checked by the commit rule of frame_header.h.
 ///
@@ -33,38 +40,38 @@ public:
     /// False when the segment or a semaphore could not be had.
     bool is_usable() const;
 
-    /// What is done with a payload where it lies. It may be overwritten meanwhile: only the
-    /// result of taking tells whether it was one whole frame.
-    using Use = std::function<void(Received_Frame& frame, std::span<const std::byte> payload)>;
+    /// Bytes of the largest payload; 0 without a slot.
+    std::size_t capacity() const;
+
+    /// Copies a payload from where it lies. It may be overwritten meanwhile: only the result of
+    /// taking tells whether it was one whole frame.
+    ///
+    /// @return false when there is no room for the copy
+    using Copy = std::function<bool(const Slot_Frame& frame, std::span<const std::byte> payload)>;
 
     /// How much longer the caller is ready to wait; asked again and again.
     using Patience = std::function<std::chrono::milliseconds()>;
 
-    /// Makes room in the frame's bytes, which may throw bad_alloc, and copies the payload there.
-    static void copy(Received_Frame& into, std::span<const std::byte> payload);
-
-    /// Announces this consumer, waits up to 40 ms for a frame and copies it.
+    /// Announces this consumer, waits up to 40 ms for a frame and has it copied: once, or twice
+    /// when the first time proved torn. The copy holds up change_shm(), and the producer for 20 ms.
     ///
     /// @param patience  ends the wait when it is 0; null: none does
-    /// @param frame  changed also when the result is not `frame`. Set are header, bytes, length,
-    ///               received_ns and verified.
-    Take take(Received_Frame& frame, const Patience& patience = {});
-
-    /// The same with `use` in the place of the copy: it is called once, or twice when the first
-    /// time proved torn. It holds up change_shm(), and the producer for 20 ms. A bad_alloc that it
-    /// throws makes the result `no_memory`.
-    Take take_with(Received_Frame& frame, const Use& use, const Patience& patience = {});
+    /// @param frame  changed also when the result is not `frame`
+    Take take(Slot_Frame& frame, const Copy& copy, const Patience& patience = {});
 
     /// True when the center has taken an announcement of the latest wait: this consumer is in a
     /// relay's list. Tells nothing right after an announcement: a cycle of the relay takes its
     /// time.
     bool is_noticed() const;
 
+    /// Ends a take() of another thread, which then has nothing.
+    void end_wait();
+
 private:
     bool wait_for_frame(const Patience& patience);
     bool relay_has_gone_on() const;
-    Take use_checked(Received_Frame& frame, const Use& use);
-    Take use_once(Received_Frame& frame, const Use& use) const;
+    Take use_checked(Slot_Frame& frame, const Copy& copy);
+    Take use_once(Slot_Frame& frame, const Copy& copy) const;
     bool is_still_foreign() const;
     bool still_holds_frame(const ZAV_SHM_Frame_Header& header, std::uint32_t commit) const;
     const std::byte* slot() const;

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "frame/slot/payload_copy.h"
 #include "ipc/memory_fence.h"
 #include "stream/semaphore_roles.h"
 
@@ -97,10 +96,6 @@ void Slot_Writer::begin() {
 }
 
 std::span<std::byte> Slot_Writer::room() { return {slot() + frame_header_bytes, capacity()}; }
-
-void Slot_Writer::fill(std::span<const std::byte> payload) {
-    copy_payload(room().data(), payload, "write");
-}
 
 bool Slot_Writer::commit(const ZAV_SHM_Frame_Header& header) {
     // A reader that sees this header sees the payload, too; pairs with the fence behind its copy.

@@ -43,9 +43,6 @@ public:
     /// The slot's payload, to be filled between begin() and commit().
     std::span<std::byte> room();
 
-    /// Copies a payload of at most capacity() bytes into the room.
-    void fill(std::span<const std::byte> payload);
-
     /// Completes the frame with its header, whose commit field is filled in, and waits up to 33 ms
     /// until the slot is free again.
     ///

@@ -61,6 +61,8 @@ void Kernel_Objects::SetUp() {
 void Kernel_Objects::TearDown() {
     EXPECT_EQ(files_in_shared_memory(), leftovers_);
     EXPECT_EQ(message_queues(), 0U);
+    // A thread that is on its way out may still hold some.
+    becomes_true([this] { return open_descriptors() == descriptors_; });
     EXPECT_EQ(open_descriptors(), descriptors_);
     EXPECT_TRUE(becomes_true([this] { return thread_count() <= threads_; }))
         << thread_count() << " threads, " << threads_ << " before the test";

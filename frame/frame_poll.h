@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "ipc/descriptor.h"
+#include "ring/ring_follower.h"
+
+namespace zav_shm {
+
+/// A descriptor for event loops: readable while a subscriber may have something to receive. Its
+/// thread waits in the place of the subscriber, which says each time that it has found nothing.
+///
+/// Owner    of the descriptor and the thread "zav_poll".
+/// Threads  nothing_left() from the one that receives.
+class Frame_Poll {
+public:
+    /// @return null when descriptor or thread cannot be had; readable at first
+    static std::unique_ptr<Frame_Poll> begin();
+    ~Frame_Poll();
+    Frame_Poll(const Frame_Poll&) = delete;
+    Frame_Poll& operator=(const Frame_Poll&) = delete;
+
+    int descriptor() const { return readable_.get(); }
+
+    /// The descriptor is not readable any more until there may be something again: a record of this
+    /// number in the ring, another ring of that name, or a change of the route.
+    ///
+    /// @param ring  null while there is none
+    void nothing_left(std::shared_ptr<const Ring_Memory> ring, std::uint64_t next,
+                      const std::string& path);
+
+private:
+    Frame_Poll() = default;
+    void run();
+    bool has_something(Ring_Follower& follower) const;
+
+    struct Place {
+        std::shared_ptr<const Ring_Memory> ring;
+        std::uint64_t next = 0;
+        std::string path;
+    };
+
+    Descriptor readable_;  // eventfd
+    std::thread thread_;
+
+    std::mutex mutex_;  // guards all below
+    std::condition_variable changed_;
+    Place place_;
+    bool waits_ = false;  // for something at that place
+    bool stopping_ = false;
+    std::shared_ptr<Ring_Follower> follower_;  // that the thread sleeps in
+};
+
+}  // namespace zav_shm

@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "frame/link/standing.h"
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+#include "control/control_protocol.h"
+
+using namespace std::chrono_literals;
+
+namespace zav_shm {
+
+namespace {
+
+using Clock = Link_Keeper::Clock;
+
+constexpr auto first_pause = 50ms;
+constexpr auto greatest_pause = 2000ms;
+
+// What open() gives the center at a time: when it is to lose no time, and so that what a starting
+// center has thrown away is asked for again.
+constexpr std::chrono::milliseconds least_exchange = 20ms;
+constexpr std::chrono::milliseconds greatest_exchange = 200ms;
+
+// How often open() looks for a center, and anybody for a lock that is held through an exchange.
+constexpr auto look_interval = 10ms;
+constexpr auto lock_interval = 1ms;
+
+// A center without a page can only be asked. This often, when nothing else shows that it has been
+// restarted.
+constexpr auto check_interval = 1000ms;
+
+constexpr auto when_woken = Clock::time_point::max();
+
+// Waits for the lock until then at most.
+bool lock_until(std::unique_lock<std::mutex>& lock, Clock::time_point end) {
+    while (!lock.try_lock()) {
+        if (Clock::now() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(lock_interval);
+    }
+    return true;
+}
+
+std::chrono::milliseconds until(Clock::time_point end) {
+    return std::max<std::chrono::milliseconds>(
+        std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()), 1ms);
+}
+
+}  // namespace
+
+Standing::Standing(Channel_End end, std::function<void()> changed)
+    : link_(std::move(end), Center_Link::Way::ring),
+      retry_(first_pause, greatest_pause),
+      changed_(std::move(changed)),
+      producer_(link_.end().producer),
+      folder_(link_.folder()) {}
+
+// ---- open and close ----
+
+Opened Standing::open(std::chrono::milliseconds wait) {
+    const auto end = Clock::now() + wait;
+    const std::lock_guard guard(exchange_);
+    state_ = Frame_State::waiting_for_center;
+    while (!attempt(std::clamp<std::chrono::milliseconds>(until(end), least_exchange,
+                                                          greatest_exchange)) &&
+           state_ != Frame_State::refused && Clock::now() < end) {
+        while (Clock::now() < std::min(end, retry_.next()) && !link_.center_has_come()) {
+            std::this_thread::sleep_for(look_interval);
+        }
+    }
+    return opened();
+}
+
+void Standing::close(std::chrono::milliseconds limit) {
+    const auto end = Clock::now() + limit;
+    {
+        const std::lock_guard guard(telling_);
+        changed_ = nullptr;
+    }
+    state_ = Frame_State::closed;
+    std::unique_lock lock(exchange_, std::defer_lock);
+    if (!lock_until(lock, end)) {
+        leaves_ = true;  // who has the lock looks at this when done
+        return;
+    }
+    if (grant().number != 0) {
+        link_.deregister_end(until(end));
+    }
+}
+
+// ---- exchanges ----
+
+// Called with the lock held, as all that uses the link.
+bool Standing::attempt(std::chrono::milliseconds limit) {
+    renews_ = false;
+    const bool granted = take_note(link_.register_end(limit));
+    if (granted) {
+        retry_.reset();
+    } else {
+        retry_.failed();
+    }
+    tell_change();
+    return granted;
+}
+
+bool Standing::take_note(const Center_Link::Registration& made) {
+    const std::lock_guard guard(mutex_);
+    reason_ = made.reason;
+    if (state_ == Frame_State::closed) {
+        return false;
+    }
+    if (!made) {
+        const bool refused = made.outcome == Center_Link::Outcome::refused;
+        state_ = refused ? Frame_State::refused : Frame_State::waiting_for_center;
+        return false;
+    }
+    if (grant_.number != 0) {
+        recoveries_.fetch_add(1, std::memory_order_relaxed);
+    }
+    grant_ = {grant_.number + 1, made};
+    folder_ = link_.folder();
+    producer_ = link_.end().producer;
+    state_ = Frame_State::connected;
+    return true;
+}
+
+void Standing::tell_change() {
+    const std::lock_guard guard(telling_);
+    if (changed_) {
+        changed_();
+    }
+}
+
+Opened Standing::pair(const std::string& producer, std::chrono::milliseconds limit) {
+    const auto end = Clock::now() + limit;
+    std::unique_lock lock(exchange_, std::defer_lock);
+    if (!lock_until(lock, end)) {
+        return {state(),
+                "no answer from the center within " + std::to_string(limit.count()) + " ms", false};
+    }
+    const Center_Link::Registration made = link_.pair(producer, until(end));
+    if (!made) {
+        return {Frame_State::waiting_for_center, made.reason,
+                made.outcome == Center_Link::Outcome::refused};
+    }
+    {
+        const std::lock_guard guard(mutex_);
+        producer_ = link_.end().producer;
+        state_ = Frame_State::connected;
+    }
+    tell_change();
+    return {producer == control::no_producer ? Frame_State::waiting_for_producer
+                                             : Frame_State::connected,
+            {},
+            false};
+}
+
+void Standing::follow(const std::string& producer) {
+    {
+        const std::lock_guard guard(mutex_);
+        producer_ = producer;
+    }
+    Link_Keeper::wake();  // which tells the link, when no exchange is under way
+}
+
+void Standing::renew() {
+    renews_ = true;
+    Link_Keeper::wake();
+}
+
+// ---- for the keeper ----
+
+Clock::time_point Standing::keep(std::chrono::milliseconds limit) {
+    std::unique_lock lock(exchange_, std::try_to_lock);
+    if (!lock) {
+        return Clock::now() + look_interval;
+    }
+    Clock::time_point next = when_woken;
+    if (state_ != Frame_State::closed) {
+        link_.follow(producer());
+        const bool was_granted = grant().number != 0;
+        const bool has_come = link_.center_has_come();
+        if (has_come) {
+            retry_.reset();
+        }
+        const bool is_current = was_granted && !renews_ && !has_come && !link_.is_stale();
+        const bool waits_for_another = state_ == Frame_State::refused && !has_come;
+        if (is_current) {
+            const bool is_gone = link_.center_is_gone();
+            state_ = is_gone ? Frame_State::waiting_for_center : Frame_State::connected;
+            next = link_.has_page() ? when_woken : Clock::now() + check_interval;
+        } else if (waits_for_another) {
+            next = link_.has_page() ? when_woken : Clock::now() + greatest_pause;
+        } else if (retry_.is_due()) {
+            next = attempt(limit) ? when_woken : retry_.next();
+        } else {
+            next = retry_.next();
+        }
+    }
+    if (leaves_.exchange(false)) {
+        link_.deregister_end(limit);
+    }
+    return next;
+}
+
+// ---- asked from any thread ----
+
+Opened Standing::opened() const {
+    const std::lock_guard guard(mutex_);
+    return {state_, reason_, state_ == Frame_State::refused};
+}
+
+Standing::Grant Standing::grant() const {
+    const std::lock_guard guard(mutex_);
+    return grant_;
+}
+
+std::string Standing::producer() const {
+    const std::lock_guard guard(mutex_);
+    return producer_;
+}
+
+std::string Standing::folder() const {
+    const std::lock_guard guard(mutex_);
+    return folder_;
+}
+
+std::string Standing::reason() const {
+    const std::lock_guard guard(mutex_);
+    if (reason_.empty() && state_ == Frame_State::waiting_for_center) {
+        return "the center is gone";
+    }
+    return state_ == Frame_State::connected ? std::string() : reason_;
+}
+
+}  // namespace zav_shm

@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "frame/frame_format.h"
+#include "frame/link/center_link.h"
+#include "frame/link/link_keeper.h"
+
+namespace zav_shm {
+
+/// A publisher's or subscriber's standing with the center: registered when it is opened, and from
+/// then on kept by the process's thread for that (Link_Keeper), which sees a center come and
+/// registers again. Frames wait for none of it.
+///
+/// Threads  any. An exchange with the center is made under a lock that the frames' way never takes.
+class Standing : public Link_Keeper::End {
+public:
+    /// @param changed  called, on any thread, when a center has granted, refused or moved
+    ///                 something; never after close() has returned.
+    Standing(Channel_End end, std::function<void()> changed);
+
+    /// Looks for a center for up to `wait`, and goes on looking in the background.
+    Opened open(std::chrono::milliseconds wait);
+
+    /// Leaves, waiting up to `limit` for the center's answer. When the thread is in an exchange for
+    /// this end that lasts longer, it leaves behind that.
+    void close(std::chrono::milliseconds limit);
+
+    /// A consumer's own wish for another producer; "NONE" for none.
+    Opened pair(const std::string& producer, std::chrono::milliseconds limit);
+
+    /// Somebody else has paired this consumer: it registers with that producer from now on.
+    void follow(const std::string& producer);
+
+    /// Has it registered once more, soon.
+    void renew();
+
+    /// What the center has granted last; `number` is another one each time, and 0 before the first.
+    struct Grant {
+        std::uint64_t number = 0;
+        Center_Link::Registration names;
+    };
+    Grant grant() const;
+
+    std::string producer() const;  // empty: none
+    std::string folder() const;    // of the segments, "/shm"
+    std::string reason() const;    // why it is not connected
+    std::uint64_t recoveries() const { return recoveries_; }
+
+    /// connected, waiting_for_center, refused or closed.
+    Frame_State state() const { return state_; }
+
+    // ---- for the keeper ----
+
+    std::string watched_folder() const override { return folder(); }
+    Link_Keeper::Clock::time_point keep(std::chrono::milliseconds limit) override;
+
+private:
+    bool attempt(std::chrono::milliseconds limit);
+    bool take_note(const Center_Link::Registration& made);
+    Opened opened() const;
+    void tell_change();
+
+    std::mutex exchange_;  // held through exchanges; guards the next two
+    Center_Link link_;
+    Backoff retry_;
+
+    std::mutex telling_;  // held while changed_ is called; guards it
+    std::function<void()> changed_;
+
+    mutable std::mutex mutex_;  // guards the next four; held for a few instructions
+    Grant grant_;
+    std::string producer_;
+    std::string folder_;
+    std::string reason_;
+
+    std::atomic<Frame_State> state_{Frame_State::closed};
+    std::atomic<bool> leaves_{false};  // as soon as the thread is done with this end
+    std::atomic<bool> renews_{false};
+    std::atomic<std::uint64_t> recoveries_{0};
+};
+
+}  // namespace zav_shm
