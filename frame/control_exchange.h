@@ -41,11 +41,13 @@ public:
     using Judge = std::function<bool(const Json::Value& reply)>;
 
     /// Sends the request, to which "pid" is added, and waits for a reply of the same "command" that
-    /// the judge, if there is one, accepts.
+    /// the judge, if there is one, accepts. A center that starts throws away what has waited for
+    /// it: then the request is sent again, while there is time.
     static Answer ask(Json::Value request, std::chrono::milliseconds limit,
                       const Judge& judge = nullptr);
 
-    /// Sends a request to which the center gives no reply ("kick_idle", "query_status").
+    /// Sends a request to which the center gives no reply ("kick_idle", "query_status"), and again
+    /// as ask() does.
     ///
     /// @return replied when the center took it off the queue, with a null reply.
     static Answer tell(Json::Value request, std::chrono::milliseconds limit);
