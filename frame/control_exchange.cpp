@@ -18,6 +18,7 @@
 
 #include "control/control_protocol.h"
 #include "control/json_text.h"
+#include "frame/reply_judge.h"
 #include "frame/unanswered_requests.h"
 #include "ipc/deadline.h"
 #include "ipc/zav_msg_q.h"
@@ -108,8 +109,7 @@ Json::Value reply_of(const Control_Record& record, std::size_t length) {
 
 bool belongs_to(const Json::Value& request, const Json::Value& reply,
                 const Control_Exchange::Judge& judge) {
-    return text_at(reply, control::field::command) == text_at(request, control::field::command) &&
-           (!judge || judge(reply));
+    return is_reply_to(request, reply) && (!judge || judge(reply));
 }
 
 // One reply of the queue, whatever it answers; nothing when there is none.
@@ -290,11 +290,10 @@ Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limi
 // late refusal is taken for its own.
 Answer Control_Exchange::tell(Json::Value request, std::chrono::milliseconds limit) {
     static std::atomic<unsigned> count{0};
-    const std::string nobody = "?" + std::to_string(++count);
     Json::Value query;
     query[control::field::command] = control::command::query_shm;
     query[control::field::type] = control::type::distributor;
-    query[control::field::name] = nobody;
+    query[control::field::name] = "?" + std::to_string(++count);
     Letters letters{std::move(query), {}, {}, {}};
     for (const auto& [what, text] :
          {std::pair{&request, &letters.before}, std::pair{&letters.request, &letters.text}}) {
@@ -302,10 +301,7 @@ Answer Control_Exchange::tell(Json::Value request, std::chrono::milliseconds lim
             return *problem;
         }
     }
-    Answer answer = exchange(letters, limit, [&nobody](const Json::Value& reply) {
-        return text_at(reply, control::field::reason).find(nobody) != std::string::npos ||
-               text_at(reply, control::field::name) == nobody;
-    });
+    Answer answer = exchange(letters, limit, nullptr);
     answer.reply = {};
     return answer;
 }

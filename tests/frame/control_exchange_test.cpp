@@ -157,9 +157,10 @@ TEST_F(Exchange, telling_waits_for_the_answer_to_its_own_question) {
         const auto question = requests.take(1);
         const auto asked = zav_shm::parsed_json(question ? question->text.c_str() : "");
         EXPECT_FALSE(told) << i;
-        replies.send(R"({"command":"query_shm","status":"invalid_name","reason":"Can't Find )" +
-                         zav_shm::text_at(asked, "name") + "\"}",
-                     getpid());
+        replies.send(
+            R"({"command":"query_shm","status":"invalid_name","reason":"Can't Find Shm Name )" +
+                zav_shm::text_at(asked, "name") + " Distributor\"}",
+            getpid());
         std::this_thread::sleep_for(30ms);
     }
     telling.join();
