@@ -40,6 +40,9 @@ constexpr auto unnoticed_limit = 400ms;
 // How often it is looked for another producer while the slot does not change.
 constexpr auto look_interval = 500ms;
 
+// How often it is tried to settle a pairing that is in doubt.
+constexpr auto settle_interval = 150ms;
+
 // How long a wait is that the counters of timeouts count.
 constexpr auto wait_counted = 30ms;
 
@@ -63,7 +66,9 @@ public:
         return in_place_.read(by, time);
     }
     Opened pair(const std::string& producer, std::chrono::milliseconds limit) {
-        return link_.pair(producer, limit);
+        Opened paired = link_.pair(producer, limit);
+        looks_ = looks_ || link_.is_in_doubt();
+        return paired;
     }
 
     Frame_State state() const { return link_.state(); }
@@ -290,11 +295,14 @@ void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader
     }
 }
 
-// A slot that does not change while frames are announced is not the one that they are in: somebody
-// else has paired this consumer with another producer, whose slot is looked for and taken.
+// A slot that does not change while frames are announced may not be the one that they are in:
+// somebody else has paired this consumer with another producer, whose slot is looked for and taken.
+// Where others keep the old producer going, its frames come more often or more seldom than the
+// posts, and sooner or later one comes twice.
 void ZAV_SHM_Frame_Subscriber::Body::look_if_repeated() {
-    if (repeats_ && taken_at_ - since(last_frame_) >= unnoticed_limit && taken_at_ >= next_look_) {
-        next_look_ = taken_at_ + look_interval;
+    const bool in_doubt = link_.is_in_doubt();
+    if ((repeats_ || in_doubt) && taken_at_ >= next_look_) {
+        next_look_ = taken_at_ + (in_doubt ? settle_interval : look_interval);
         looks_ = true;
     }
 }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <new>
 
 #include "frame/payload_copy.h"
@@ -55,6 +56,11 @@ bool Slot_Reader::is_usable() const {
         }
     }
     return slot_is_mapped();
+}
+
+std::string Slot_Reader::segment() const {
+    const std::lock_guard guard(*lock);
+    return slot_is_mapped() ? shm->get_shm_path() : std::string();
 }
 
 const std::byte* Slot_Reader::slot() const { return static_cast<const std::byte*>(shm->mem_addr); }

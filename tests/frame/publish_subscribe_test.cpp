@@ -439,6 +439,22 @@ TEST_F(Frames, of_another_producer_come_after_pairing_while_a_thread_is_receivin
     EXPECT_TRUE(becomes_lonely(loop));
 }
 
+// The semaphores of the former center are of no use with the slot that the new one grants.
+TEST_F(Flowing_Frames, of_another_producer_come_after_pairing_at_a_center_that_has_just_started) {
+    ZAV_SHM_Frame_Publisher rec({.name = "CAM_REC"});
+    stop();
+    std::thread pairing([this] { EXPECT_TRUE(player.pair("CAM_REC", 20s)); });
+    std::this_thread::sleep_for(50ms);
+    start();
+    pairing.join();
+    ASSERT_TRUE(rec.open());
+    EXPECT_TRUE(becomes_true([&] {
+        rec.publish(payload(5, 1));
+        return player.receive(frame, 100ms) == Receive_Status::frame &&
+               frame.header.epoch == rec.epoch();
+    }));
+}
+
 TEST_F(Flowing_Frames, end_when_the_consumer_is_paired_with_none_and_come_again) {
     EXPECT_FALSE(player.pair("NONE"));
     EXPECT_TRUE(becomes_lonely(camera));
