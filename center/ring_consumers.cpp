@@ -145,8 +145,8 @@ std::vector<Ring_Consumer_Snapshot> Ring_Consumers::snapshot() const {
     return taken;
 }
 
-// A process of another PID namespace has another id here, or none: its card tells more. It makes that
-// once it is registered. What cannot be opened tells nothing, and counts as alive.
+// A process of another PID namespace has another id here, or none: its card tells more. It makes
+// that once it is registered. What cannot be opened tells nothing, and counts as alive.
 bool Ring_Consumers::is_alive(const Member& member) const {
     if (is_file_name(member.card)) {
         const Descriptor card(open((folder_ + "/" + member.card).c_str(),

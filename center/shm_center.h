@@ -108,6 +108,9 @@ private:
     void receive_and_serve();
     void recover_from(int error);
     int refuse(const char* command, const char* status, const std::string& reason, int pid);
+    int verify_ring_pair_msg(const zav_shm::control::Request& request);
+    void pair_ring_consumer(const zav_shm::control::Request& request,
+                            const Shm_Stream_Transmission_Index& key);
     bool producer_has_channel(const zav_shm::control::Request& request) const;
     void register_producer(const zav_shm::control::Request& request,
                            const Shm_Stream_Transmission_Index& key);

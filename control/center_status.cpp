@@ -14,9 +14,15 @@ namespace {
 // 4096 channels with a dozen consumers each stay below this.
 constexpr std::size_t file_bytes_max = std::size_t{16} << 20;
 
-Json::Value read_status(const std::string& folder) {
+std::chrono::system_clock::time_point moment_of(const timespec& time) {
+    using std::chrono::system_clock;
+    return system_clock::time_point(std::chrono::duration_cast<system_clock::duration>(
+        std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec)));
+}
+
+Json::Value read_status(const std::string& folder, std::chrono::system_clock::time_point since) {
     const auto file = read_regular_file(center_status_path(folder), file_bytes_max);
-    return file ? parsed_json(file->text) : Json::Value();
+    return file && moment_of(file->changed) > since ? parsed_json(file->text) : Json::Value();
 }
 
 bool is(const Json::Value& entry, const Status_End& end) {
@@ -37,8 +43,9 @@ std::string center_status_path(const std::string& folder) {
     return shared_memory_path(folder + "/center_status.json");
 }
 
-std::optional<std::string> producer_feeding(const std::string& folder, const Status_End& consumer) {
-    for (const Json::Value& producer : list_at(read_status(folder), "channels")) {
+std::optional<std::string> producer_feeding(const std::string& folder, const Status_End& consumer,
+                                            std::chrono::system_clock::time_point since) {
+    for (const Json::Value& producer : list_at(read_status(folder, since), "channels")) {
         if (feeds(producer, consumer)) {
             return text_at(producer, "name");
         }

@@ -41,6 +41,11 @@ std::string text_at(const Json::Value& object, const char* member) {
     return value.isString() ? value.asString() : std::string();
 }
 
+int number_at(const Json::Value& object, const char* member) {
+    const Json::Value& value = member_of(object, member);
+    return value.isInt() ? value.asInt() : 0;
+}
+
 Json::UInt64 count_at(const Json::Value& object, const char* member) {
     const Json::Value& value = member_of(object, member);
     return value.isUInt64() ? value.asUInt64() : 0;

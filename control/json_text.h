@@ -28,6 +28,7 @@ const Json::Value& member_of(const Json::Value& object, const char* member);
 
 // The same by type: "", 0 and false when it is missing or of another type.
 std::string text_at(const Json::Value& object, const char* member);
+int number_at(const Json::Value& object, const char* member);
 Json::UInt64 count_at(const Json::Value& object, const char* member);
 bool flag_at(const Json::Value& object, const char* member);
 
