@@ -59,6 +59,12 @@ bool Ring_Follower::take_ring() {
     if (reader_ && (inode == 0 || inode == reader_->memory().inode())) {
         return false;
     }
+    // Another ring has the name, so that the writer of this one has ended. What it wrote since the
+    // latest look, in its last moment, is read first.
+    if (reader_ && has_more()) {
+        looks_now_ = true;
+        return false;
+    }
     if (inode != 0 && inode == std::exchange(given_up_, 0)) {
         return false;  // once: the next look tries it again
     }
@@ -72,6 +78,12 @@ bool Ring_Follower::take_ring() {
     use(std::make_unique<Ring_Reader>(std::move(ring)));
     names_.end();
     return true;
+}
+
+bool Ring_Follower::has_more() const {
+    Ring_Record record;
+    const Ring_Reader::Look seen = reader_->look(record);
+    return seen == Ring_Reader::Look::record || seen == Ring_Reader::Look::overtaken;
 }
 
 void Ring_Follower::use(std::unique_ptr<Ring_Reader> reader) {

@@ -17,7 +17,8 @@ namespace zav_shm {
 ///
 ///   Ring_Follower follower("/dev/shm/shm/rings/CAM_LOOP_0_0", Ring_Memory::Reading::mapped);
 ///   for (;;) {
-///       if (follower.look(record) == Ring_Reader::Look::record) {
+///       Ring_Reader* const reader = follower.reader();
+///       if (reader != nullptr && reader->look(record) == Ring_Reader::Look::record) {
 ///           ... use it, is_in_reach(), advance() ...
 ///       } else if (!follower.changes_over()) {
 ///           follower.wait(deadline_ns);
@@ -40,7 +41,8 @@ public:
     Ring_Reader* reader() const { return reader_.get(); }
 
     /// To be called while there is nothing to read in the present ring, or no ring. Looks at the
-    /// name when there is reason to, and takes the ring that has it by now.
+    /// name when there is reason to, and takes the ring that has it by now. Where the present ring
+    /// has got a last record meanwhile, it stays, to be read to its end.
     ///
     /// @return true when reader() is another one; its cursor is behind its newest record.
     bool changes_over();
@@ -64,6 +66,7 @@ public:
 private:
     bool is_due(std::int64_t now_ns) const { return looks_now_ || now_ns >= next_look_ns_; }
     bool take_ring();
+    bool has_more() const;
     void use(std::unique_ptr<Ring_Reader> reader);
 
     const std::string path_;  // empty: one ring for ever

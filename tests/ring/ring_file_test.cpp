@@ -19,65 +19,15 @@
 #include "ipc/file_lock.h"
 #include "ipc/monotonic_clock.h"
 #include "ring/pattern.h"
+#include "ring/ring_file_fixture.h"
 #include "ring/ring_follower.h"
 #include "ring/ring_writer.h"
-#include "support/kernel_objects.h"
 #include "support/threads.h"
 
 using namespace zav_shm;
-using Look = Ring_Reader::Look;
 using Kind = Ring_Problem::Kind;
-using Reading = Ring_Memory::Reading;
 
 namespace {
-
-constexpr std::int64_t ms = 1'000'000;
-constexpr Ring_Size small_ring{100'000, 4096, 256};
-
-class Ring_File : public Kernel_Objects {
-protected:
-    const std::string folder_ = "/dev/shm/rings";
-    const std::string path_ = folder_ + "/CAM_LOOP_0_0";
-
-    void SetUp() override {
-        Kernel_Objects::SetUp();
-        make_folder("rings");
-    }
-    void TearDown() override {
-        for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
-            EXPECT_TRUE(entry.path() == path_ || entry.path() == path_ + ".lock") << entry.path();
-            std::filesystem::remove(entry.path());
-        }
-        Kernel_Objects::TearDown();
-    }
-
-    std::unique_ptr<Ring_Writer> open_writer(const Ring_Size& size = small_ring) {
-        return Ring_Writer::open(path_, size, problem_);
-    }
-
-    static void write(Ring_Writer& writer, std::size_t length, std::uint32_t flags = 0) {
-        fill_with_pattern(writer.reserve(length), writer.last() + 1);
-        writer.commit(length, {.flags = flags});
-    }
-
-    // What a follower reads up to now, from the oldest record on: how many, and all right.
-    static std::uint64_t read_all(Ring_Follower& follower) {
-        std::uint64_t count = 0;
-        Ring_Record record;
-        follower.reader()->move_to(follower.reader()->oldest());
-        for (; follower.reader()->look(record) == Look::record; follower.reader()->advance()) {
-            std::vector<std::byte> bytes(record.entry.length);
-            EXPECT_TRUE(follower.reader()->copy(record, 0, bytes));
-            EXPECT_TRUE(holds_pattern(bytes, record.number));
-            ++count;
-        }
-        return count;
-    }
-
-    void put_file(const std::string& content) const { std::ofstream(path_) << content; }
-
-    Ring_Problem problem_;
-};
 
 TEST_F(Ring_File, is_read_by_others_through_a_mapping_and_by_copying) {
     const auto writer = open_writer();
