@@ -18,7 +18,7 @@ namespace {
 // and the wake of its successor can come at the wrong moment.
 constexpr std::int64_t look_interval_ns = 1'000'000'000;
 
-// A sleep that ends at once again and again, without a record coming of it, is no sleep: somebody
+// A sleep that ends early again and again, without a record coming of it, is no sleep: somebody
 // plays with the head. From then on each one lasts this long.
 constexpr int in_vain_max = 64;
 constexpr std::chrono::milliseconds pause_in_vain{1};
@@ -86,10 +86,13 @@ bool Ring_Follower::has_more() const {
     return seen == Ring_Reader::Look::record || seen == Ring_Reader::Look::overtaken;
 }
 
+// The former reader goes, and is unmapped, when the lock is free again.
 void Ring_Follower::use(std::unique_ptr<Ring_Reader> reader) {
-    const std::lock_guard guard(mutex_);
-    reader_ = std::move(reader);
-    in_vain_ = 0;
+    {
+        const std::lock_guard guard(mutex_);
+        reader_.swap(reader);
+    }
+    ended_early_ = false;
 }
 
 void Ring_Follower::give_up(const std::string& why) {
@@ -108,13 +111,7 @@ void Ring_Follower::wait(std::int64_t deadline_ns) {
     const std::int64_t begin = monotonic_ns();
     deadline_ns = std::min(deadline_ns, path_.empty() ? begin + look_interval_ns : next_look_ns_);
     if (reader_) {
-        const Futex_Wait waited = reader_->wait(deadline_ns);
-        const bool has_news = reader_->has_news();
-        looks_now_ = looks_now_ || !has_news;
-        in_vain_ = has_news || waited == Futex_Wait::timed_out ? 0 : in_vain_ + 1;
-        if (in_vain_ > in_vain_max) {
-            std::this_thread::sleep_for(pause_in_vain);
-        }
+        sleep_on_head(deadline_ns);
     } else {
         names_.begin(folder_of(path_));
         if (inode_of(path_) == 0 || problem_.kind != Ring_Problem::Kind::absent) {
@@ -123,7 +120,20 @@ void Ring_Follower::wait(std::int64_t deadline_ns) {
         looks_now_ = true;
     }
     waits_ = false;
-    woken_ = false;
+    // Read, not only cleared: what another thread did before its wake() is seen behind this.
+    if (woken_.exchange(false)) {
+        ended_early_ = false;
+    }
+}
+
+void Ring_Follower::sleep_on_head(std::int64_t deadline_ns) {
+    const std::uint64_t found_before = std::exchange(found_, reader_->records_found());
+    in_vain_ = ended_early_ && found_ == found_before ? in_vain_ + 1 : 0;
+    if (in_vain_ > in_vain_max) {
+        std::this_thread::sleep_for(pause_in_vain);
+    }
+    ended_early_ = reader_->wait(deadline_ns) != Futex_Wait::timed_out;
+    looks_now_ = looks_now_ || !reader_->has_news();
 }
 
 // Again and again: a single wake may come just before the sleep.

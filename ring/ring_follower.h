@@ -67,6 +67,7 @@ private:
     bool is_due(std::int64_t now_ns) const { return looks_now_ || now_ns >= next_look_ns_; }
     bool take_ring();
     bool has_more() const;
+    void sleep_on_head(std::int64_t deadline_ns);
     void use(std::unique_ptr<Ring_Reader> reader);
 
     const std::string path_;  // empty: one ring for ever
@@ -75,7 +76,9 @@ private:
     ino_t given_up_ = 0;  // the ring that is broken
     bool looks_now_ = true;
     std::int64_t next_look_ns_ = 0;
-    int in_vain_ = 0;  // waits in a row that ended at once and brought nothing
+    bool ended_early_ = false;  // the latest wait, not by its deadline or a wake()
+    int in_vain_ = 0;           // such waits in a row that brought no record
+    std::uint64_t found_ = 0;   // records that the reader had found at the latest wait
     Name_Watch names_;
 
     std::mutex

@@ -71,6 +71,7 @@ Ring_Reader::Look Ring_Reader::look(Ring_Record& record) const {
     if (!is_sound(entry, cursor_)) {
         return Look::broken;
     }
+    ++found_;
     const std::byte* const begin = memory_->at(memory_->record_offset(entry));
     record.number = cursor_;
     record.entry = entry;

@@ -70,6 +70,9 @@ public:
     /// True when the head is another one than the latest look() saw.
     bool has_news() const { return load(ring_head_offset) != seen_head_; }
 
+    /// How many looks have found a record.
+    std::uint64_t records_found() const { return found_; }
+
     /// Ends a wait() of this reader, and now and then one of another.
     void wake() const;
 
@@ -107,6 +110,7 @@ private:
     const std::uint32_t set_;  // of the wakes that are meant for this reader
     std::uint64_t cursor_ = 1;
     mutable std::uint32_t seen_head_ = 0;  // by the latest look()
+    mutable std::uint64_t found_ = 0;      // looks that found a record
 };
 
 }  // namespace zav_shm

@@ -78,4 +78,71 @@ TEST_F(Following, loses_no_record_of_many_short_lives) {
     writing.join();
 }
 
+// The head is moved all the time, and never to where the reader waits: each of its sleeps ends at
+// once, and yet it does not take a processor for itself.
+TEST_F(Following, a_head_that_is_played_with_does_not_keep_its_reader_busy) {
+    const auto writer = open_writer();
+    for (int i = 0; i < 100; ++i) {
+        write(*writer, 10);
+    }
+    Ring_Follower follower(path_, Reading::mapped);
+    ASSERT_TRUE(follower.changes_over());
+    std::atomic<bool> begins{false};
+    std::atomic<bool> ends{false};
+    std::thread hostile([&] {
+        for (std::uint32_t behind = 0x90000000U; !ends; ++behind) {
+            writer->memory()->store_release(ring_head_offset, behind);
+            futex_wake(writer->memory()->head_word());
+            begins = true;
+        }
+    });
+    while (!begins) {
+    }
+    int rounds = 0;
+    const std::int64_t end = monotonic_ns() + 300 * ms;
+    while (monotonic_ns() < end) {
+        ASSERT_EQ(look(follower), Look::nothing);
+        if (!follower.changes_over()) {
+            follower.wait(end);
+        }
+        ++rounds;
+    }
+    ends = true;
+    hostile.join();
+    EXPECT_LT(rounds, 500);
+}
+
+// No wait may swallow a wake: what the waking thread did before it is seen behind the wait.
+TEST_F(Following, no_wake_is_lost_whenever_it_comes) {
+    const auto writer = open_writer();
+    for (const std::string& path : {path_, folder_ + "/ABSENT_0_0"}) {
+        Ring_Follower follower(path, Reading::mapped);
+        std::atomic<int> asked{0};
+        std::atomic<int> answered{0};
+        constexpr int rounds = 500;
+        std::thread asking([&] {
+            for (int round = 1; round <= rounds; ++round) {
+                asked.store(round, std::memory_order_relaxed);
+                follower.wake();
+                while (answered < round) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+        for (int round = 1; round <= rounds; ++round) {
+            const Stopwatch watch;
+            while (asked.load(std::memory_order_relaxed) < round) {
+                follower.changes_over();
+                if (follower.reader() != nullptr) {
+                    look(follower);
+                }
+                follower.wait(monotonic_ns() + 10'000 * ms);
+            }
+            ASSERT_LT(watch.elapsed().count(), 700) << "found by the look once a second alone";
+            answered = round;
+        }
+        asking.join();
+    }
+}
+
 }  // namespace
