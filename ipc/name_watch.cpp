@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstring>
 #include <utility>
 
 #include "ipc/monotonic_clock.h"
@@ -18,13 +20,8 @@ namespace {
 
 constexpr std::int64_t ns_per_second = 1'000'000'000;
 constexpr std::int64_t sleep_without_descriptors_ns = 50'000'000;
-constexpr std::uint32_t names_given = IN_CREATE | IN_MOVED_TO | IN_ONLYDIR;
-
-void empty(int descriptor) {
-    std::array<char, 4096> buffer{};
-    while (read(descriptor, buffer.data(), buffer.size()) > 0) {
-    }
-}
+constexpr std::uint32_t folder_gone = IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr std::uint32_t watched_for = IN_CREATE | IN_MOVED_TO | folder_gone | IN_ONLYDIR;
 
 std::string folder_above(const std::string& folder) {
     const std::size_t slash = folder.rfind('/');
@@ -33,7 +30,6 @@ std::string folder_above(const std::string& folder) {
 
 }  // namespace
 
-// Once the folder itself is there, what is watched above it is of no use any more.
 void Name_Watch::begin(const std::string& folder) {
     if (names_ >= 0 && folder_ == folder) {
         return;
@@ -47,7 +43,11 @@ void Name_Watch::begin(const std::string& folder) {
         if (watched == folder_) {
             return;
         }
-        if (inotify_add_watch(names_, watched.c_str(), names_given) >= 0) {
+        if (const int watch = inotify_add_watch(names_, watched.c_str(), watched_for); watch >= 0) {
+            if (watch != watch_) {
+                forget_folder();  // one above it, which it was waited for in
+            }
+            watch_ = watch;
             folder_ = watched;
             return;
         }
@@ -57,8 +57,15 @@ void Name_Watch::begin(const std::string& folder) {
     }
 }
 
-void Name_Watch::end() {
+void Name_Watch::forget_folder() {
+    if (watch_ >= 0) {
+        inotify_rm_watch(names_, std::exchange(watch_, -1));
+    }
     folder_.clear();
+}
+
+void Name_Watch::end() {
+    forget_folder();
     if (names_ >= 0) {
         close(std::exchange(names_, -1));
     }
@@ -78,9 +85,30 @@ void Name_Watch::sleep(std::int64_t deadline_ns) {
     time.tv_sec = static_cast<time_t>(left / ns_per_second);
     time.tv_nsec = static_cast<long>(left % ns_per_second);
     ppoll(waited.data(), waited.size(), &time, nullptr);
-    for (const pollfd& one : waited) {
-        if (one.revents != 0) {
-            empty(one.fd);
+    if (waited[0].revents != 0) {
+        take_events();
+    }
+    if (waited[1].revents != 0) {
+        eventfd_t wakes = 0;
+        eventfd_read(wakes_, &wakes);
+    }
+}
+
+// The names are of no interest. A folder that was removed or moved may come again as another one.
+void Name_Watch::take_events() {
+    alignas(inotify_event) std::array<std::byte, 4096> buffer;
+    for (;;) {
+        const ssize_t got = read(names_, buffer.data(), buffer.size());
+        if (got <= 0) {
+            return;
+        }
+        inotify_event event{};
+        for (std::size_t at = 0; at < static_cast<std::size_t>(got);
+             at += sizeof event + event.len) {
+            std::memcpy(&event, buffer.data() + at, sizeof event);
+            if (event.wd == watch_ && (event.mask & (folder_gone | IN_IGNORED)) != 0) {
+                forget_folder();
+            }
         }
     }
 }

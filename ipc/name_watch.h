@@ -33,7 +33,11 @@ public:
     void wake();
 
 private:
+    void forget_folder();
+    void take_events();
+
     std::string folder_;  // that is watched
+    int watch_ = -1;      // of it
     int names_ = -1;      // inotify
     std::mutex mutex_;    // guards wakes_; held for a few instructions
     int wakes_ = -1;      // eventfd

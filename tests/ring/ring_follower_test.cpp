@@ -145,4 +145,54 @@ TEST_F(Following, no_wake_is_lost_whenever_it_comes) {
     }
 }
 
+TEST_F(Following, is_found_in_a_folder_that_was_removed_and_made_again) {
+    std::atomic<int> waits{0};
+    std::atomic<std::int64_t> found_ns{0};
+    std::thread reading([&] {
+        Ring_Follower follower(path_, Reading::mapped);
+        while (!follower.changes_over()) {
+            ++waits;
+            follower.wait(monotonic_ns() + 10'000 * ms);
+        }
+        found_ns = monotonic_ns();
+    });
+    EXPECT_TRUE(becomes_true([&] { return waits == 2; }));
+    std::filesystem::remove(folder_);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    std::filesystem::create_directory(folder_);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    const std::int64_t begin = monotonic_ns();
+    const auto writer = open_writer();
+    reading.join();
+    EXPECT_LT(found_ns - begin, 500 * ms);
+}
+
+// Where the folder of rings is there, what happens in the folders above is no news.
+TEST_F(Following, is_not_woken_by_what_gets_a_name_elsewhere) {
+    std::filesystem::remove(folder_);
+    Ring_Follower follower(path_, Reading::mapped);
+    follower.changes_over();
+    follower.wait(0);
+    std::filesystem::create_directory(folder_);
+    follower.changes_over();
+    follower.wait(monotonic_ns() + 10'000 * ms);  // the folder has come
+    follower.changes_over();
+    follower.wait(0);
+    follower.changes_over();
+    std::atomic<bool> ends{false};
+    std::thread busy([&ends] {
+        const std::string file = "/dev/shm/elsewhere";
+        while (!ends) {
+            std::ofstream(file).put('x');
+            std::filesystem::remove(file);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    const Stopwatch watch;
+    follower.wait(monotonic_ns() + 300 * ms);
+    EXPECT_GT(watch.elapsed().count(), 250);
+    ends = true;
+    busy.join();
+}
+
 }  // namespace
