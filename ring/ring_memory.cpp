@@ -92,12 +92,18 @@ Ring_Problem unreadable(const std::string& path, const std::string& why) {
     return {Ring_Problem::Kind::unreadable, path + " is no ring that can be read: " + why, 0};
 }
 
-// All pages at once: a full file system shows here, and not as SIGBUS in whoever touches a page.
+// All pages at once: a full file system shows here, and not as SIGBUS in whoever touches a page. In
+// pieces, since older kernels end the call at a signal and undo what it has done: beside a
+// timer of a millisecond a large piece would never come to an end.
 int reserve(int descriptor, std::uint64_t bytes) {
+    constexpr std::uint64_t piece = 256 * 1024;
     int error = 0;
-    do {
-        error = posix_fallocate(descriptor, 0, static_cast<off_t>(bytes));
-    } while (error == EINTR);
+    for (std::uint64_t done = 0; done < bytes && error == 0; done += piece) {
+        do {
+            error = posix_fallocate(descriptor, static_cast<off_t>(done),
+                                    static_cast<off_t>(std::min(piece, bytes - done)));
+        } while (error == EINTR);
+    }
     return error;
 }
 
