@@ -83,6 +83,9 @@ std::unique_ptr<Ring_Writer> Ring_Writer::open(const std::string& path, const Ri
     const auto former = Ring_Memory::open(path, Ring_Memory::Reading::copied, none);
     auto ring = Ring_Memory::make(path, size, new_facts(), mode, problem);
     if (!ring) {
+        if (!former) {
+            lock.remove();
+        }
         return nullptr;
     }
     if (former) {
