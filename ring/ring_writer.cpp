@@ -68,7 +68,7 @@ mode_t ring_file_mode(mode_t folder) {
 
 std::unique_ptr<Ring_Writer> Ring_Writer::open(const std::string& path, const Ring_Size& size,
                                                Ring_Problem& problem) {
-    const std::string folder = path.substr(0, path.rfind('/'));
+    const std::string folder = ring_folder(path);
     struct stat status {};
     if (stat(folder.c_str(), &status) != 0) {
         problem = {Ring_Problem::Kind::absent, "there is no folder " + folder, 0};

@@ -45,6 +45,30 @@ TEST_F(Ring_File, is_read_by_others_through_a_mapping_and_by_copying) {
     }
 }
 
+TEST_F(Ring_File, may_have_a_name_without_a_folder) {
+    EXPECT_EQ(ring_folder("CAM"), ".");
+    EXPECT_EQ(ring_folder("/CAM"), "/");
+    EXPECT_EQ(ring_folder("a/b/CAM"), "a/b");
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(folder_);
+    {
+        Ring_Follower follower("CAM_LOOP_0_0", Reading::mapped);
+        follower.changes_over();
+        follower.wait(0);
+        const auto writer = Ring_Writer::open("CAM_LOOP_0_0", small_ring, problem_);
+        ASSERT_TRUE(writer) << problem_.text;
+        follower.wait(monotonic_ns() + 10'000 * ms);
+        EXPECT_TRUE(follower.changes_over());
+    }
+    std::filesystem::current_path(before);
+}
+
+// As a reader within the writer's process has it.
+TEST_F(Ring_File, has_its_writer_in_the_writers_own_eyes_too) {
+    const auto writer = open_writer();
+    EXPECT_TRUE(writer->memory()->has_writer());
+}
+
 TEST_F(Ring_File, may_be_read_by_whoever_may_list_its_folder_and_written_by_its_user_alone) {
     for (const auto& [folder, file] :
          {std::pair{0700, 0600}, {03770, 0640}, {03777, 0644}, {0750, 0640}, {0710, 0600}}) {
