@@ -282,6 +282,7 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::publish(
 std::span<std::byte> ZAV_SHM_Frame_Publisher::Body::loan(std::size_t bytes) {
     sequence_ += on_loan_ ? 0 : 1;
     on_loan_ = true;
+    room_ = {};
     if (!begin_frame() || bytes > page_bytes_) {
         return {};
     }

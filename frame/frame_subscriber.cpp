@@ -121,7 +121,6 @@ private:
     std::atomic<bool> open_{false};
     std::atomic<bool> receiving_{false};
     std::atomic<std::int64_t> opened_ns_{0};
-    std::atomic<std::int64_t> paired_ns_{0};     // when pair() was granted last
     std::atomic<bool> standing_changed_{false};  // a center has granted or refused something
 
     // Of the receiving thread, and of open() and close().
@@ -132,6 +131,7 @@ private:
     std::string producer_;  // that is read; empty: none
     std::string path_;      // of its ring
     std::uint64_t grant_ = 0;
+    std::int64_t read_since_ns_ = 0;  // the latest pair() that has been followed
     std::int64_t next_look_ns_ = 0;
     std::int64_t next_choice_ns_ = 0;
     bool asked_ = false;  // for the key frame that is waited for
@@ -233,14 +233,9 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
     if (!standing_) {
         return {Frame_State::closed, is_tap() ? "a tap is paired with nobody" : "closed", false};
     }
-    const std::int64_t now = monotonic_ns();
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    const Opened paired = standing_->pair(producer, std::max(left, 1ms));
-    if (paired || producer == zav_shm::control::no_producer) {
-        paired_ns_ = now;
-    }
-    return paired;
+    return standing_->pair(producer, std::max(left, 1ms));
 }
 
 // As the former one, which counted from the begin.
@@ -399,8 +394,10 @@ void ZAV_SHM_Frame_Subscriber::Body::follow_standing() {
     }
     grant_ = grant.number;
     next_choice_ns_ = 0;
-    if (producer != producer_ || ring_of(producer) != path_) {
-        read_from(producer, std::max(opened_ns_.load(), paired_ns_.load()));
+    const std::int64_t since_ns = std::max(opened_ns_.load(), standing_->paired_ns());
+    const bool is_paired_anew = std::exchange(read_since_ns_, since_ns) != since_ns;
+    if (is_paired_anew || producer != producer_ || ring_of(producer) != path_) {
+        read_from(producer, since_ns);
     }
     choose_slot_or_ring(monotonic_ns());
 }

@@ -30,6 +30,11 @@ bool take_file_lock(int descriptor) {
     return result == 0;
 }
 
+void release_file_lock(int descriptor) {
+    struct flock lock = whole_file(F_UNLCK);
+    fcntl(descriptor, F_OFD_SETLK, &lock);
+}
+
 // Asking for a shared lock meets an exclusive one alone; asking for an exclusive one meets both.
 File_Lock_State look_at_file_lock(int descriptor) {
     struct flock lock = whole_file(F_RDLCK);

@@ -18,6 +18,9 @@ namespace zav_shm {
 /// @return false with errno: EAGAIN when somebody else has a lock of either kind.
 bool take_file_lock(int descriptor);
 
+/// Gives it up, also where other processes have the open file description.
+void release_file_lock(int descriptor);
+
 enum class File_Lock_State {
     free,
     exclusive,  // somebody lives

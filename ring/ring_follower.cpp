@@ -26,12 +26,10 @@ constexpr std::chrono::milliseconds pause_in_vain{1};
 // Between two wakes of a follower that is about to sleep, or asleep.
 constexpr std::chrono::microseconds wake_again{50};
 
-ino_t inode_of(const std::string& path) {
+std::uint64_t inode_of(const std::string& path) {
     struct stat status {};
     return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
 }
-
-std::string folder_of(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
 }  // namespace
 
@@ -43,7 +41,9 @@ Ring_Follower::Ring_Follower(std::shared_ptr<const Ring_Memory> ring)
 
 bool Ring_Follower::changes_over() {
     const std::int64_t now = monotonic_ns();
-    if (path_.empty() || (!is_due(now) && !(reader_ && reader_->is_closed()))) {
+    // Without a ring to read, each call looks: it may be a poll that never waits.
+    const bool may_have_ended = reader_ ? reader_->is_closed() : given_up_ == 0;
+    if (path_.empty() || (!is_due(now) && !may_have_ended)) {
         return false;
     }
     looks_now_ = false;
@@ -55,7 +55,7 @@ bool Ring_Follower::changes_over() {
 }
 
 bool Ring_Follower::take_ring() {
-    const ino_t inode = inode_of(path_);
+    const std::uint64_t inode = inode_of(path_);
     if (reader_ && (inode == 0 || inode == reader_->memory().inode())) {
         return false;
     }
@@ -113,7 +113,7 @@ void Ring_Follower::wait(std::int64_t deadline_ns) {
     if (reader_) {
         sleep_on_head(deadline_ns);
     } else {
-        names_.begin(folder_of(path_));
+        names_.begin(ring_folder(path_));
         if (inode_of(path_) == 0 || problem_.kind != Ring_Problem::Kind::absent) {
             names_.sleep(deadline_ns);
         }

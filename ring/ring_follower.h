@@ -73,7 +73,7 @@ private:
     const std::string path_;  // empty: one ring for ever
     const Ring_Memory::Reading reading_ = Ring_Memory::Reading::mapped;
     Ring_Problem problem_;
-    ino_t given_up_ = 0;  // the ring that is broken
+    std::uint64_t given_up_ = 0;  // the ring that is broken
     bool looks_now_ = true;
     std::int64_t next_look_ns_ = 0;
     bool ended_early_ = false;  // the latest wait, not by its deadline or a wake()

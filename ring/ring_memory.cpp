@@ -81,7 +81,7 @@ Ring_Problem problem_of(const std::string& path, const char* what, int error) {
 Ring_Problem no_room(const std::string& path, std::uint64_t bytes) {
     struct statvfs found {};
     std::string text = "no room for " + path + ": it takes " + std::to_string(bytes) + " bytes";
-    if (statvfs(path.substr(0, path.rfind('/')).c_str(), &found) == 0 && found.f_blocks != 0) {
+    if (statvfs(ring_folder(path).c_str(), &found) == 0 && found.f_blocks != 0) {
         text += ", " + std::to_string(std::uint64_t{found.f_bavail} * found.f_frsize) +
                 " are available";
     }
@@ -92,12 +92,18 @@ Ring_Problem unreadable(const std::string& path, const std::string& why) {
     return {Ring_Problem::Kind::unreadable, path + " is no ring that can be read: " + why, 0};
 }
 
-// All pages at once: a full file system shows here, and not as SIGBUS in whoever touches a page.
+// All pages at once: a full file system shows here, and not as SIGBUS in whoever touches a page. In
+// pieces, since older kernels end the call at a signal and undo what it has done: beside a
+// timer of a millisecond a large piece would never come to an end.
 int reserve(int descriptor, std::uint64_t bytes) {
+    constexpr std::uint64_t piece = 256 * 1024;
     int error = 0;
-    do {
-        error = posix_fallocate(descriptor, 0, static_cast<off_t>(bytes));
-    } while (error == EINTR);
+    for (std::uint64_t done = 0; done < bytes && error == 0; done += piece) {
+        do {
+            error = posix_fallocate(descriptor, static_cast<off_t>(done),
+                                    static_cast<off_t>(std::min(piece, bytes - done)));
+        } while (error == EINTR);
+    }
     return error;
 }
 
@@ -134,6 +140,11 @@ void copy_racing(std::byte* to, const std::byte* from, std::size_t bytes) {
 #endif
 
 }  // namespace
+
+std::string ring_folder(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
+}
 
 std::optional<std::uint64_t> Ring_Size::file_bytes(std::string* reason) const {
     const std::uint64_t bytes = data_bytes_for(*this);
@@ -193,6 +204,7 @@ std::shared_ptr<Ring_Memory> Ring_Memory::make(const std::string& path, const Ri
         test_point("ring", "made");
         if (rename(fresh.c_str(), path.c_str()) == 0) {
             ring->inode_ = status.st_ino;
+            ring->is_writers_ = true;
             test_point("ring", "named");
             return ring;
         }
@@ -322,7 +334,9 @@ bool Ring_Memory::copy(std::uint64_t offset, std::span<std::byte> into) const {
     if (reading_ == Reading::copied) {
         return read_at(file_.get(), offset, into);
     }
-    copy_racing(into.data(), base_ + offset, into.size());
+    if (!into.empty()) {  // an empty one may lie nowhere
+        copy_racing(into.data(), base_ + offset, into.size());
+    }
     return true;
 }
 
@@ -330,8 +344,10 @@ void Ring_Memory::write_entry(std::uint32_t number, const Ring_Entry& entry) {
     std::memcpy(base_ + entry_offset(number), &entry, sizeof entry);
 }
 
+// The writer's own lock does not stand in its own way, so that it would not see it.
 bool Ring_Memory::has_writer() const {
-    return !file_.is_open() || look_at_file_lock(file_.get()) == File_Lock_State::exclusive;
+    return is_writers_ || !file_.is_open() ||
+           look_at_file_lock(file_.get()) == File_Lock_State::exclusive;
 }
 
 bool Ring_Memory::has_shrunk() const {

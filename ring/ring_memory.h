@@ -45,6 +45,9 @@ struct Ring_Problem {
     explicit operator bool() const { return kind != Kind::none; }
 };
 
+/// The folder that a ring's name lies in.
+std::string ring_folder(const std::string& path);
+
 /// The memory of one ring: the file, or private memory, with its facts.
 ///
 /// Owner    of the mapping and the descriptor. Destroying it leaves the file.
@@ -108,7 +111,7 @@ public:
     }
 
     /// Which file it is, however it is called by now; 0 for private memory.
-    ino_t inode() const { return inode_; }
+    std::uint64_t inode() const { return inode_; }
 
     /// True while the writer lives, also one in another PID namespace, and for private memory.
     bool has_writer() const;
@@ -132,7 +135,8 @@ private:
     Ring_Facts facts_;
     Reading reading_ = Reading::mapped;
     Descriptor file_;  // none: private memory
-    ino_t inode_ = 0;
+    bool is_writers_ = false;
+    std::uint64_t inode_ = 0;
     std::byte* base_ = nullptr;
     std::size_t mapped_bytes_ = 0;
     std::uint64_t file_bytes_ = 0;

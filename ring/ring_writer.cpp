@@ -58,7 +58,7 @@ Ring_Facts new_facts() {
 
 std::unique_ptr<Ring_Writer> Ring_Writer::open(const std::string& path, const Ring_Size& size,
                                                Ring_Problem& problem) {
-    const std::string folder = path.substr(0, path.rfind('/'));
+    const std::string folder = ring_folder(path);
     struct stat status {};
     if (stat(folder.c_str(), &status) != 0) {
         problem = {Ring_Problem::Kind::absent, "there is no folder " + folder, 0};
@@ -73,6 +73,9 @@ std::unique_ptr<Ring_Writer> Ring_Writer::open(const std::string& path, const Ri
     const auto former = Ring_Memory::open(path, Ring_Memory::Reading::copied, none);
     auto ring = Ring_Memory::make(path, size, new_facts(), mode, problem);
     if (!ring) {
+        if (!former) {
+            lock.remove();
+        }
         return nullptr;
     }
     if (former) {

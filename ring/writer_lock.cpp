@@ -53,23 +53,35 @@ int open_file(const std::string& path) {
                : open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | lock_flags, 0600);
 }
 
+Ring_Problem::Kind kind_of(int error) {
+    switch (error) {
+        case EACCES:
+        case EPERM:
+            return Ring_Problem::Kind::forbidden;
+        case ENOSPC:
+        case EDQUOT:
+            return Ring_Problem::Kind::no_room;
+        default:
+            return Ring_Problem::Kind::system;
+    }
+}
+
 Ring_Problem cannot_open(const std::string& path, int error) {
     struct stat status {};
     const std::string owner = lstat(path.c_str(), &status) == 0
                                   ? "; it belongs to user " + std::to_string(status.st_uid) +
                                         ": run as that user, or have it removed"
                                   : "";
-    return {error == EACCES || error == EPERM ? Ring_Problem::Kind::forbidden
-                                              : Ring_Problem::Kind::system,
-            "cannot open " + path + ": " + std::strerror(error) + owner, 0};
+    return {kind_of(error), "cannot open " + path + ": " + std::strerror(error) + owner, 0};
 }
 
 Ring_Problem cannot_lock(const std::string& path, int descriptor, int error) {
     if (error != EAGAIN) {
         return {Ring_Problem::Kind::system, "cannot lock " + path + ": " + std::strerror(error), 0};
     }
-    const pid_t holder = pid_in(descriptor);
-    return {Ring_Problem::Kind::held, "process " + std::to_string(holder) + " has " + path, holder};
+    const pid_t holder = pid_in(descriptor);  // 0: it has not written it yet
+    const std::string who = holder != 0 ? "process " + std::to_string(holder) : "another process";
+    return {Ring_Problem::Kind::held, who + " has " + path, holder};
 }
 
 }  // namespace
@@ -90,16 +102,37 @@ bool Writer_Lock::take(const std::string& path, Ring_Problem& problem) {
         }
         if (has_name(file.get(), path)) {
             if (!write_pid(file.get())) {
-                problem = {Ring_Problem::Kind::no_room,
-                           "cannot write " + path + ": " + std::strerror(errno), 0};
+                const int error = errno;
+                problem = {kind_of(error), "cannot write " + path + ": " + std::strerror(error), 0};
+                unlink(path.c_str());
                 return false;
             }
             file_ = std::move(file);
+            path_ = path;
+            owner_ = getpid();
             return true;
         }
     }
     problem = {Ring_Problem::Kind::system, path + " is removed again and again", 0};
     return false;
+}
+
+bool Writer_Lock::is_own() const { return file_.is_open() && owner_ == getpid(); }
+
+// Not by closing alone: children that were forked have the file open, too.
+void Writer_Lock::release() {
+    if (is_own()) {
+        release_file_lock(file_.get());
+    }
+    file_ = Descriptor();
+}
+
+// Whoever has opened the file meanwhile and then takes the lock finds that it has no name.
+void Writer_Lock::remove() {
+    if (is_own()) {
+        unlink(path_.c_str());
+    }
+    release();
 }
 
 }  // namespace zav_shm

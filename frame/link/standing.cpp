@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "control/control_protocol.h"
+#include "ipc/monotonic_clock.h"
 
 using namespace std::chrono_literals;
 
@@ -135,6 +136,7 @@ void Standing::tell_change() {
 }
 
 Opened Standing::pair(const std::string& producer, std::chrono::milliseconds limit) {
+    const std::int64_t now_ns = monotonic_ns();
     const auto end = Clock::now() + limit;
     std::unique_lock lock(exchange_, std::defer_lock);
     if (!lock_until(lock, end)) {
@@ -151,6 +153,7 @@ Opened Standing::pair(const std::string& producer, std::chrono::milliseconds lim
         producer_ = link_.end().producer;
         state_ = Frame_State::connected;
     }
+    paired_ns_ = now_ns;
     tell_change();
     return {producer == control::no_producer ? Frame_State::waiting_for_producer
                                              : Frame_State::connected,

@@ -54,6 +54,9 @@ public:
     std::string reason() const;    // why it is not connected
     std::uint64_t recoveries() const { return recoveries_; }
 
+    /// CLOCK_MONOTONIC when pair() was called that has been granted last; 0 before the first.
+    std::int64_t paired_ns() const { return paired_ns_; }
+
     /// connected, waiting_for_center, refused or closed.
     Frame_State state() const { return state_; }
 
@@ -85,6 +88,7 @@ private:
     std::atomic<bool> leaves_{false};  // as soon as the thread is done with this end
     std::atomic<bool> renews_{false};
     std::atomic<std::uint64_t> recoveries_{0};
+    std::atomic<std::int64_t> paired_ns_{0};
 };
 
 }  // namespace zav_shm

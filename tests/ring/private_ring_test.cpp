@@ -87,6 +87,15 @@ TEST_F(Private_Ring, refuses_a_record_beyond_the_greatest_and_takes_the_greatest
     expect_history_to_be_right();
 }
 
+TEST_F(Private_Ring, an_empty_record_may_be_copied_to_nowhere) {
+    make({4096, 100});
+    write(0);
+    Ring_Record record;
+    ASSERT_EQ(reader_->look(record), Look::record);
+    EXPECT_TRUE(reader_->copy(record, 0, {}));
+    EXPECT_FALSE(reader_->copy(record, 1, {}));
+}
+
 TEST_F(Private_Ring, keeps_the_history_asked_for_whatever_the_lengths) {
     for (const std::uint32_t history : {1U, 64U, 4000U, 100'000U}) {
         make({history, 3000, 4096});

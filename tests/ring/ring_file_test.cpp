@@ -10,6 +10,7 @@
 
 #include <array>
 #include <atomic>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -42,6 +43,30 @@ TEST_F(Ring_File, is_read_by_others_through_a_mapping_and_by_copying) {
         EXPECT_EQ(follower.reader()->memory().facts().writer_pid,
                   static_cast<std::uint32_t>(getpid()));
     }
+}
+
+TEST_F(Ring_File, may_have_a_name_without_a_folder) {
+    EXPECT_EQ(ring_folder("CAM"), ".");
+    EXPECT_EQ(ring_folder("/CAM"), "/");
+    EXPECT_EQ(ring_folder("a/b/CAM"), "a/b");
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(folder_);
+    {
+        Ring_Follower follower("CAM_LOOP_0_0", Reading::mapped);
+        follower.changes_over();
+        follower.wait(0);
+        const auto writer = Ring_Writer::open("CAM_LOOP_0_0", small_ring, problem_);
+        ASSERT_TRUE(writer) << problem_.text;
+        follower.wait(monotonic_ns() + 10'000 * ms);
+        EXPECT_TRUE(follower.changes_over());
+    }
+    std::filesystem::current_path(before);
+}
+
+// As a reader within the writer's process has it.
+TEST_F(Ring_File, has_its_writer_in_the_writers_own_eyes_too) {
+    const auto writer = open_writer();
+    EXPECT_TRUE(writer->memory()->has_writer());
 }
 
 TEST_F(Ring_File, may_be_read_by_whoever_may_list_its_folder_and_written_by_its_user_alone) {
@@ -99,6 +124,59 @@ TEST_F(Ring_File, is_not_written_by_a_forked_child) {
     EXPECT_EQ(status, 0);
     write(*writer, 1);
     EXPECT_EQ(writer->last(), 1U);
+}
+
+// A child that was forked has the lock's file open, too, and may live on for long.
+TEST_F(Ring_File, is_free_for_the_next_writer_beside_a_forked_child_of_the_former) {
+    auto writer = open_writer();
+    const pid_t child = fork();
+    if (child == 0) {
+        pause();
+        _exit(0);
+    }
+    writer->close();
+    EXPECT_TRUE(open_writer()) << problem_.text;
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+TEST_F(Ring_File, stays_its_writers_when_a_forked_child_closes_its_copy) {
+    auto writer = open_writer();
+    const pid_t child = fork();
+    if (child == 0) {
+        writer.reset();
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    EXPECT_FALSE(open_writer());
+    EXPECT_EQ(problem_.kind, Kind::held);
+    Ring_Follower follower(path_, Reading::mapped);
+    ASSERT_TRUE(follower.changes_over());
+    EXPECT_FALSE(follower.reader()->is_closed());
+}
+
+// Not even the lock's own few bytes have room.
+TEST_F(Ring_File, in_a_full_file_system_is_refused_and_leaves_nothing) {
+    ASSERT_EQ(mount("tmpfs", folder_.c_str(), "tmpfs", 0, "size=64k"), 0);
+    std::ofstream(folder_ + "/filler") << std::string(100'000, 'x');
+    EXPECT_FALSE(open_writer());
+    EXPECT_EQ(problem_.kind, Kind::no_room);
+    EXPECT_EQ(problem_.text, "cannot write " + path_ + ".lock: No space left on device");
+    std::filesystem::resize_file(folder_ + "/filler", 50'000);
+    EXPECT_FALSE(open_writer());
+    EXPECT_EQ(problem_.kind, Kind::no_room);
+    std::filesystem::remove(folder_ + "/filler");
+    EXPECT_TRUE(std::filesystem::is_empty(folder_));
+    EXPECT_EQ(umount(folder_.c_str()), 0);
+}
+
+TEST_F(Ring_File, whose_holder_has_not_written_its_number_yet_is_told_as_anothers) {
+    const int descriptor = open((path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_TRUE(take_file_lock(descriptor));
+    EXPECT_FALSE(open_writer());
+    EXPECT_EQ(problem_.kind, Kind::held);
+    EXPECT_EQ(problem_.text, "another process has " + path_ + ".lock");
+    close(descriptor);
 }
 
 TEST_F(Ring_File, that_does_not_fit_is_refused_and_leaves_nothing) {
