@@ -424,7 +424,7 @@ void ZAV_SHM_Frame_Subscriber::Body::choose_slot_or_ring(std::int64_t now_ns) {
             begin_intake();
         } else if (!is_in_slot && intake_) {
             standing_->renew();  // out of the relay
-            read_from(producer_, now_ns);
+            read_from(producer_, read_since_ns_);
         }
     }
     if (intake_) {

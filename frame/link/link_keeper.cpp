@@ -43,9 +43,30 @@ constexpr auto leave_limit = 100ms;
 /// is one, since the files beside it change every second.
 class Page_Watch {
 public:
-    Page_Watch() : events_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+    /// Watches the pages of these folders. Does nothing while they are the same and nothing has
+    /// happened: to close an inotify descriptor takes the kernel some time.
+    void watch(const std::set<std::string>& folders) {
+        if (events_.is_open() && !has_events_ && folders == folders_) {
+            return;
+        }
+        events_ = Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        folders_ = folders;
+        has_events_ = false;
+        for (const std::string& folder : folders) {
+            add(folder);
+        }
+    }
+    void end() { events_ = Descriptor(); }
 
-    void watch(const std::string& folder) {
+    bool works() const { return events_.is_open(); }
+    int descriptor() const { return events_.get(); }
+    void note_events() { has_events_ = true; }
+
+private:
+    static constexpr std::uint32_t page_gone = IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+    static constexpr std::uint32_t name_given = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF;
+
+    void add(const std::string& folder) const {
         const std::string page = center_page_path(folder);
         if (inotify_add_watch(events_.get(), page.c_str(), page_gone) >= 0) {
             return;
@@ -58,18 +79,9 @@ public:
         }
     }
 
-    bool works() const { return events_.is_open(); }
-    int descriptor() const { return events_.get(); }
-
-    /// Forgets what is watched, and what has happened to it.
-    void begin_anew() { events_ = Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)); }
-    void end() { events_ = Descriptor(); }
-
-private:
-    static constexpr std::uint32_t page_gone = IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
-    static constexpr std::uint32_t name_given = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF;
-
     Descriptor events_;
+    std::set<std::string> folders_;
+    bool has_events_ = false;
 };
 
 /// What thread and callers share. One for each process: a forked child makes another.
@@ -101,17 +113,14 @@ Shared& shared() {
 }
 
 void watch_pages(Page_Watch& watch, const Ends& ends) {
-    watch.begin_anew();
     std::set<std::string> folders;
     for (const auto& end : ends) {
         folders.insert(end->watched_folder());
     }
-    for (const std::string& folder : folders) {
-        watch.watch(folder);
-    }
+    watch.watch(folders);
 }
 
-void sleep_until_something(int wakes, const Page_Watch& watch, Clock::time_point next) {
+void sleep_until_something(int wakes, Page_Watch& watch, Clock::time_point next) {
     const auto longest =
         watch.works() ? longest_sleep : std::chrono::milliseconds(sleep_without_watch);
     const auto left = std::clamp<std::chrono::milliseconds>(
@@ -121,8 +130,13 @@ void sleep_until_something(int wakes, const Page_Watch& watch, Clock::time_point
         0ms, longest);
     std::array<pollfd, 2> waited{{{wakes, POLLIN, 0}, {watch.descriptor(), POLLIN, 0}}};
     poll(waited.data(), waited.size(), static_cast<int>(left.count()));
-    eventfd_t count = 0;
-    eventfd_read(wakes, &count);
+    if (waited[0].revents != 0) {
+        eventfd_t count = 0;
+        eventfd_read(wakes, &count);
+    }
+    if (waited[1].revents != 0) {
+        watch.note_events();
+    }
 }
 
 // The watch is made before the ends look, so that what happens meanwhile is seen.

@@ -34,6 +34,12 @@ constexpr auto check_interval = 1000ms;
 
 constexpr auto when_woken = Clock::time_point::max();
 
+// The checks of all ends of a process, and of others, fall together: one waking for all.
+Clock::time_point next_check() {
+    const auto now = Clock::now().time_since_epoch();
+    return Clock::time_point(now - now % check_interval + check_interval);
+}
+
 // Waits for the lock until then at most.
 bool lock_until(std::unique_lock<std::mutex>& lock, Clock::time_point end) {
     while (!lock.try_lock()) {
@@ -194,7 +200,7 @@ Clock::time_point Standing::keep(std::chrono::milliseconds limit) {
         if (is_current) {
             const bool is_gone = link_.center_is_gone();
             state_ = is_gone ? Frame_State::waiting_for_center : Frame_State::connected;
-            next = link_.has_page() ? when_woken : Clock::now() + check_interval;
+            next = link_.has_page() ? when_woken : next_check();
         } else if (waits_for_another) {
             next = link_.has_page() ? when_woken : Clock::now() + greatest_pause;
         } else if (retry_.is_due()) {
