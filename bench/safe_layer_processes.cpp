@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bench/safe_layer_processes.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::uint64_t warm_up_frames = 10;
+constexpr std::size_t history_bytes = std::size_t{2} << 20;
 
 // As the payload's first and last bytes, so that a torn copy shows.
 void stamp(std::span<std::byte> payload, std::uint64_t sequence) {
@@ -79,30 +81,21 @@ private:
     Consumer_Report& report_;
 };
 
-void read_in_place(ZAV_SHM_Frame_Subscriber& consumer, Frame_Count& count, Run_Control& control) {
-    bool is_right = false;
-    consumer.read_in_place(
-        {.read =
-             [&](const Received_Frame& frame, std::span<const std::byte> payload) {
-                 is_right = is_stamped(payload, frame.header.sequence);
-             },
-         .judged =
-             [&](const Received_Frame& frame, bool whole) {
-                 if (whole) {
-                     count.add(frame.header, is_right, frame.received_ns);
-                 }
-                 return control.consumers_stopping == 0;
-             }},
-        100ms);
+void view_one(ZAV_SHM_Frame_Subscriber& consumer, Frame_View& view, Frame_Count& count) {
+    if (consumer.receive_view(view, 100ms) == Receive_Status::frame) {
+        const bool is_right = is_stamped(view.payload(), view.header.sequence);
+        if (view.is_whole()) {
+            count.add(view.header, is_right, view.received_ns);
+        }
+    }
 }
 
-bool receive_one(ZAV_SHM_Frame_Subscriber& consumer, Received_Frame& frame, Frame_Count& count,
+void receive_one(ZAV_SHM_Frame_Subscriber& consumer, Received_Frame& frame, Frame_Count& count,
                  std::chrono::milliseconds timeout) {
     if (consumer.receive(frame, timeout) != Receive_Status::frame) {
-        return false;
+        return;
     }
     count.add(frame.header, is_stamped(frame.payload(), frame.header.sequence), monotonic_ns());
-    return true;
 }
 
 }  // namespace
@@ -125,7 +118,11 @@ int run_center(std::size_t payload_bytes, int consumers, Run_Control& control) {
 
 int publish_frames(std::size_t payload_bytes, int frames_per_second, bool in_place,
                    Run_Control& control) {
-    ZAV_SHM_Frame_Publisher producer({.name = producer_name()});
+    // At full rate nothing is to be lost.
+    ZAV_SHM_Frame_Publisher producer({.name = producer_name(),
+                                      .history_bytes = std::max(history_bytes, 8 * payload_bytes),
+                                      .paced = frames_per_second == 0,
+                                      .pace_limit = 10s});
     if (!producer.open()) {
         return EXIT_FAILURE;
     }
@@ -141,13 +138,13 @@ int publish_frames(std::size_t payload_bytes, int frames_per_second, bool in_pla
         const std::uint64_t sequence = producer.counters().frames + 1;
         bool written = false;
         if (in_place) {
-            if (const auto room = producer.loan(); !room.empty()) {
+            if (const auto room = producer.loan(payload_bytes); !room.empty()) {
                 stamp(room.first(payload_bytes), sequence);
-                written = producer.commit(payload_bytes, info).delivered();
+                written = producer.commit(payload_bytes, info).published();
             }
         } else {
             stamp(payload, sequence);
-            written = producer.publish(payload, info).delivered();
+            written = producer.publish(payload, info).published();
         }
         if (counts) {
             ++(written ? report.published : report.dropped);
@@ -173,12 +170,11 @@ int subscribe_frames(int consumer, bool in_place, std::span<std::int64_t> latenc
     Consumer_Report report;
     Frame_Count count(latencies_ns, report);
     Received_Frame frame;
+    Frame_View view;
     sem_post(&control.ready);
     while (control.consumers_stopping == 0) {
         if (in_place) {
-            read_in_place(subscriber, count, control);
-            while (receive_one(subscriber, frame, count, 0ms)) {  // what came between two turns
-            }
+            view_one(subscriber, view, count);
         } else {
             receive_one(subscriber, frame, count, 100ms);
         }

@@ -14,9 +14,8 @@
 #include "control/control_protocol.h"
 #include "frame/frame_poll.h"
 #include "frame/frame_source.h"
-#include "frame/link/consumer_route.h"
+#include "frame/frame_supply.h"
 #include "frame/link/standing.h"
-#include "frame/slot/slot_intake.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/shared_memory_folder.h"
 #include "ring/reader_card.h"
@@ -29,7 +28,6 @@ using zav_shm::Frame_State;
 using zav_shm::monotonic_ns;
 using zav_shm::Reader_Card;
 using zav_shm::Receive_Status;
-using zav_shm::Route_Page;
 
 namespace {
 
@@ -38,13 +36,6 @@ constexpr std::int64_t ns_per_second = 1'000'000'000;
 
 // Without a frame for this long the producer is what is waited for.
 constexpr std::int64_t producer_limit_ns = ns_per_second;
-
-// How often it is looked, while frames come, whether somebody has paired this consumer anew. While
-// none come, the center wakes it.
-constexpr std::int64_t route_look_ns = 50 * ns_per_ms;
-
-// How often it is looked whether a producer of the fixed interface has got a ring.
-constexpr std::int64_t ring_look_ns = ns_per_second;
 
 // Between two attempts to wake a receive() that is to end.
 constexpr auto wake_again = 50us;
@@ -57,14 +48,6 @@ std::int64_t deadline_after(std::int64_t now, std::chrono::milliseconds timeout)
 template <std::size_t size>
 void copy_text(char (&field)[size], const std::string& text) {
     std::memcpy(field, text.data(), std::min(text.size(), size - 1));
-}
-
-// True while a publisher writes the ring of this name.
-bool is_written(const std::string& ring_path) {
-    zav_shm::Ring_Problem problem;
-    const auto ring =
-        zav_shm::Ring_Memory::open(ring_path, zav_shm::Ring_Memory::Reading::copied, problem);
-    return ring && ring->has_writer();
 }
 
 }  // namespace
@@ -95,67 +78,47 @@ private:
 
     template <class Next>
     Receive_Status take(Frame_Facts& frame, std::chrono::milliseconds timeout, const Next& next);
-    void wake() { source_.wake(); }
     void note(const Frame_Facts& frame);
     void note_missed();
-    void begin_card();
+    void begin_card(const std::string& name);
 
-    // On the receiving thread: whose frames are read, and where they are.
-    void follow_standing();
-    void follow_route(std::int64_t now_ns);
-    void read_from(const std::string& producer, std::int64_t since_ns);
-    void choose_slot_or_ring(std::int64_t now_ns);
-    void begin_intake();
-    void end_intake();
     void ask_for_key_frame();
-    void tell_why_none_comes();
-    void tell(std::string trouble, bool refused);
-
     bool is_tap() const { return options_.name.empty(); }
-    std::string rings() const;
-    std::string ring_of(const std::string& producer) const;
+    std::shared_ptr<Standing> standing() const;
 
     const Options options_;
     std::mutex control_;  // open, close and pair; held through exchanges
-    std::string card_name_;
     std::atomic<bool> open_{false};
     std::atomic<bool> receiving_{false};
     std::atomic<std::int64_t> opened_ns_{0};
-    std::atomic<bool> standing_changed_{false};  // a center has granted or refused something
 
     // Of the receiving thread, and of open() and close().
-    Frame_Source source_;
-    zav_shm::Consumer_Route route_;
-    Route_Page::Source frames_are_in_ = Route_Page::unknown;
+    zav_shm::Frame_Supply supply_;
+    Frame_Source& source_;  // its own
     std::unique_ptr<zav_shm::Frame_Poll> poll_;
-    std::string producer_;  // that is read; empty: none
-    std::string path_;      // of its ring
-    std::uint64_t grant_ = 0;
-    std::int64_t read_since_ns_ = 0;  // the latest pair() that has been followed
-    std::int64_t next_look_ns_ = 0;
-    std::int64_t next_choice_ns_ = 0;
     bool asked_ = false;  // for the key frame that is waited for
 
-    // The receiving thread reads these without the mutex, since nobody else changes them while it
-    // receives.
-    mutable std::mutex mutex_;                      // guards all below; held for a few instructions
-    std::shared_ptr<Standing> standing_;            // null: a tap, or closed
-    std::unique_ptr<zav_shm::Own_Card> card_;       // null while closed
-    Reader_Card kept_;                              // then
-    std::unique_ptr<zav_shm::Slot_Intake> intake_;  // of a producer without a ring
-    zav_shm::Intake_Counters taken_off_slots_;
-    std::string trouble_;  // why no frames can come
-    bool is_refused_ = false;
+    // Changed by open() and close() alone; the receiving thread reads them without the mutex.
+    mutable std::mutex mutex_;                 // guards all below; held for a few instructions
+    std::shared_ptr<Standing> standing_;       // null: a tap, or closed
+    std::unique_ptr<zav_shm::Own_Card> card_;  // null while closed
+    Reader_Card kept_;                         // then
 };
 
 ZAV_SHM_Frame_Subscriber::Body::Body(Options options)
     : options_(std::move(options)),
-      source_({.from = options_.from,
-               .overflow = options_.overflow,
-               .start_at_key_frame = options_.start_at_key_frame,
-               .key_frame_after_loss = options_.key_frame_after_loss},
-              options_.untrusting ? zav_shm::Ring_Memory::Reading::copied
-                                  : zav_shm::Ring_Memory::Reading::mapped) {}
+      supply_({.name = options_.name,
+               .channel = options_.channel,
+               .stream = options_.stream,
+               .folder = options_.folder,
+               .history_bytes = static_cast<std::uint32_t>(options_.history_bytes),
+               .rules = {.from = options_.from,
+                         .overflow = options_.overflow,
+                         .start_at_key_frame = options_.start_at_key_frame,
+                         .key_frame_after_loss = options_.key_frame_after_loss},
+               .reading = options_.untrusting ? zav_shm::Ring_Memory::Reading::copied
+                                              : zav_shm::Ring_Memory::Reading::mapped}),
+      source_(supply_.source()) {}
 
 // ---- open, close, pair ----
 
@@ -164,7 +127,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     if (open_) {
         return {state(), reason(), state() == Frame_State::refused};
     }
-    card_name_ = zav_shm::Own_Card::new_name();
+    const std::string card_name = zav_shm::Own_Card::new_name();
     Opened opened{Frame_State::connected, {}, false};
     if (!is_tap()) {
         auto standing = std::make_shared<Standing>(
@@ -174,26 +137,16 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
                                  .channel = options_.channel,
                                  .stream = options_.stream,
                                  .folder = "/" + options_.folder,
-                                 .card = card_name_},
-            [this] {
-                standing_changed_ = true;
-                wake();
-            });
+                                 .card = card_name},
+            [this] { supply_.note_change(); });
         opened = standing->open(options_.center_wait);
         zav_shm::Link_Keeper::begin(standing);
         const std::lock_guard small(mutex_);
         standing_ = std::move(standing);
     }
-    begin_card();
+    begin_card(card_name);
     opened_ns_ = monotonic_ns();
-    grant_ = 0;
-    next_look_ns_ = next_choice_ns_ = 0;
-    standing_changed_ = false;
-    if (is_tap()) {
-        read_from(options_.producer, opened_ns_);
-    } else {
-        follow_standing();
-    }
+    supply_.begin(standing_, options_.producer, card_name, *card_);
     open_ = true;
     return opened;
 }
@@ -204,12 +157,11 @@ void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
         return;
     }
     while (receiving_) {
-        wake();
+        supply_.wake();
         std::this_thread::sleep_for(wake_again);
     }
     poll_.reset();
-    end_intake();
-    source_.read_from_nothing(rings());
+    supply_.end();
     if (standing_) {
         zav_shm::Link_Keeper::end(standing_);
         standing_->close(limit);
@@ -239,7 +191,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
 }
 
 // As the former one, which counted from the begin.
-void ZAV_SHM_Frame_Subscriber::Body::begin_card() {
+void ZAV_SHM_Frame_Subscriber::Body::begin_card(const std::string& name) {
     Reader_Card card = kept_;
     card.flags = is_tap() ? Reader_Card::nameless : 0;
     card.pid = static_cast<std::uint32_t>(getpid());
@@ -249,7 +201,8 @@ void ZAV_SHM_Frame_Subscriber::Body::begin_card() {
     card.cursor = 0;
     card.epoch = 0;
     copy_text(card.consumer, options_.name);
-    auto made = std::make_unique<zav_shm::Own_Card>(rings(), card_name_, card);
+    auto made = std::make_unique<zav_shm::Own_Card>(
+        zav_shm::rings_folder(standing_ ? standing_->folder() : options_.folder), name, card);
     const std::lock_guard guard(mutex_);
     card_ = std::move(made);
 }
@@ -270,7 +223,7 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
             status = Receive_Status::closed;
             break;
         }
-        follow_route(now);
+        supply_.follow(now);
         const Frame_Source::Got got = next();
         if (got == Frame_Source::Got::frame) {
             note(frame);
@@ -281,14 +234,16 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
         if (got == Frame_Source::Got::missed || source_.changes_over()) {
             continue;
         }
-        tell_why_none_comes();
+        supply_.tell_trouble();
         ask_for_key_frame();
         goes_on = now < deadline_ns;
         if (goes_on) {
             source_.wait(deadline_ns);
-            next_look_ns_ = source_.has_news() ? next_look_ns_ : 0;
+            if (!source_.has_news()) {
+                supply_.look_closely();
+            }
         } else if (poll_) {
-            poll_->nothing_left(source_.ring(), source_.next_number(), path_);
+            poll_->nothing_left(source_.ring(), source_.next_number(), supply_.ring_path());
         }
     }
     receiving_ = false;
@@ -339,146 +294,6 @@ void ZAV_SHM_Frame_Subscriber::Body::ask_for_key_frame() {
     }
 }
 
-void ZAV_SHM_Frame_Subscriber::Body::tell_why_none_comes() {
-    if (intake_) {
-        tell(intake_->trouble(), intake_->is_refused());
-    } else {
-        zav_shm::Ring_Problem problem = source_.problem();
-        const bool is_absent = problem.kind == zav_shm::Ring_Problem::Kind::absent;
-        tell(is_absent ? std::string() : std::move(problem.text), false);
-    }
-}
-
-// ---- whose frames, and where they are ----
-
-void ZAV_SHM_Frame_Subscriber::Body::follow_route(std::int64_t now_ns) {
-    if (is_tap()) {
-        return;
-    }
-    if (standing_changed_.exchange(false)) {
-        follow_standing();
-    }
-    if (now_ns >= next_look_ns_) {
-        next_look_ns_ = now_ns + route_look_ns;
-        if (const auto route = route_.look()) {
-            frames_are_in_ = route->source;
-            next_choice_ns_ = 0;
-            if (route->producer != producer_) {
-                standing_->follow(route->producer);
-                read_from(route->producer, now_ns);
-            }
-        }
-        choose_slot_or_ring(now_ns);
-    }
-}
-
-// A center has come, has granted another producer, or refuses.
-void ZAV_SHM_Frame_Subscriber::Body::follow_standing() {
-    if (standing_->state() == Frame_State::refused) {
-        read_from({}, 0);
-        return;
-    }
-    const auto grant = standing_->grant();
-    std::string producer = standing_->producer();
-    if (grant.number != grant_) {
-        const auto route = route_.begin(
-            zav_shm::route_path(rings(), options_.name, options_.channel, options_.stream), true);
-        frames_are_in_ = route ? route->source : Route_Page::unknown;
-        if (route && grant_ == 0 && route->producer != producer) {
-            producer = route->producer;  // somebody was faster
-            standing_->follow(producer);
-        }
-    } else if (grant_ == 0) {
-        static_cast<void>(route_.begin(
-            zav_shm::route_path(rings(), options_.name, options_.channel, options_.stream), false));
-    }
-    grant_ = grant.number;
-    next_choice_ns_ = 0;
-    const std::int64_t since_ns = std::max(opened_ns_.load(), standing_->paired_ns());
-    const bool is_paired_anew = std::exchange(read_since_ns_, since_ns) != since_ns;
-    if (is_paired_anew || producer != producer_ || ring_of(producer) != path_) {
-        read_from(producer, since_ns);
-    }
-    choose_slot_or_ring(monotonic_ns());
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::read_from(const std::string& producer, std::int64_t since_ns) {
-    end_intake();
-    producer_ = producer;
-    path_ = producer.empty() ? std::string() : ring_of(producer);
-    card_->set_producer(producer);
-    if (producer.empty()) {
-        source_.read_from_nothing(rings());
-    } else {
-        source_.read_from(path_, since_ns);
-    }
-}
-
-// A ring that is written wins, whatever the center has heard of its producer.
-void ZAV_SHM_Frame_Subscriber::Body::choose_slot_or_ring(std::int64_t now_ns) {
-    if (now_ns >= next_choice_ns_) {
-        next_choice_ns_ = now_ns + ring_look_ns;
-        const bool is_in_slot =
-            frames_are_in_ == Route_Page::slot && !producer_.empty() && !is_written(path_);
-        if (is_in_slot && !intake_) {
-            begin_intake();
-        } else if (!is_in_slot && intake_) {
-            standing_->renew();  // out of the relay
-            read_from(producer_, read_since_ns_);
-        }
-    }
-    if (intake_) {
-        const auto ring = intake_->ring();
-        if (ring && ring != source_.ring()) {
-            source_.read_from(ring);
-        }
-    }
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::begin_intake() {
-    auto intake = zav_shm::Slot_Intake::begin({.name = options_.name,
-                                               .producer = producer_,
-                                               .channel = options_.channel,
-                                               .stream = options_.stream,
-                                               .card = card_name_},
-                                              static_cast<std::uint32_t>(options_.history_bytes),
-                                              [this] { wake(); });
-    if (!intake) {
-        tell("no thread can be had for the slot of " + producer_, false);
-    }
-    const std::lock_guard guard(mutex_);
-    intake_ = std::move(intake);
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::end_intake() {
-    std::unique_ptr<zav_shm::Slot_Intake> intake;
-    {
-        const std::lock_guard guard(mutex_);
-        if (!intake_) {
-            return;
-        }
-        taken_off_slots_ += intake_->counters();
-        intake = std::move(intake_);
-        trouble_.clear();
-        is_refused_ = false;
-    }
-    intake.reset();  // which may take a while
-}
-
-void ZAV_SHM_Frame_Subscriber::Body::tell(std::string trouble, bool refused) {
-    const std::lock_guard guard(mutex_);
-    trouble_ = std::move(trouble);
-    is_refused_ = refused;
-}
-
-std::string ZAV_SHM_Frame_Subscriber::Body::rings() const {
-    return zav_shm::rings_folder(standing_ ? standing_->folder() : options_.folder);
-}
-
-std::string ZAV_SHM_Frame_Subscriber::Body::ring_of(const std::string& producer) const {
-    return rings() + "/" + zav_shm::channel_file_name(producer, options_.channel, options_.stream);
-}
-
 // ---- asked from any thread ----
 
 int ZAV_SHM_Frame_Subscriber::Body::descriptor() {
@@ -489,11 +304,7 @@ int ZAV_SHM_Frame_Subscriber::Body::descriptor() {
 }
 
 bool ZAV_SHM_Frame_Subscriber::Body::request_key_frame() const {
-    std::shared_ptr<Standing> standing;
-    {
-        const std::lock_guard guard(mutex_);
-        standing = standing_;
-    }
+    const auto standing = this->standing();
     const std::string producer = standing ? standing->producer() : options_.producer;
     return open_ &&
            zav_shm::send_writer_request(
@@ -501,12 +312,17 @@ bool ZAV_SHM_Frame_Subscriber::Body::request_key_frame() const {
                zav_shm::channel_file_name(producer, options_.channel, options_.stream));
 }
 
+std::shared_ptr<zav_shm::Standing> ZAV_SHM_Frame_Subscriber::Body::standing() const {
+    const std::lock_guard guard(mutex_);
+    return standing_;
+}
+
 Frame_State ZAV_SHM_Frame_Subscriber::Body::state() const {
     const std::lock_guard guard(mutex_);
     if (!open_) {
         return Frame_State::closed;
     }
-    if (is_refused_) {
+    if (supply_.is_refused()) {
         return Frame_State::refused;
     }
     if (standing_ && standing_->state() != Frame_State::connected) {
@@ -521,17 +337,14 @@ Frame_State ZAV_SHM_Frame_Subscriber::Body::state() const {
 std::string ZAV_SHM_Frame_Subscriber::Body::reason() const {
     const std::lock_guard guard(mutex_);
     const std::string reason = standing_ ? standing_->reason() : std::string();
-    return reason.empty() ? trouble_ : reason;
+    return reason.empty() ? supply_.trouble() : reason;
 }
 
 zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {
     const std::lock_guard guard(mutex_);
     zav_shm::Subscriber_Counters now;
     now.take_from(card_ ? **card_ : kept_);
-    zav_shm::Intake_Counters slots = taken_off_slots_;
-    if (intake_) {
-        slots += intake_->counters();
-    }
+    const zav_shm::Intake_Counters slots = supply_.slot_counters();
     now.torn += slots.torn;
     now.invalid += slots.invalid;
     now.repeated = slots.repeated;

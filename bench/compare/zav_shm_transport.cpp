@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Our own: the daemon as it is installed, ZAV_SHM_Frame_Publisher and ZAV_SHM_Frame_Subscriber,
-// with copies or in place. The slot is the same for both, and the publisher's waits are bounded, so
-// that there is nothing to choose for either flow.
+// with copies or in place. The history is the same for both. Where the load's flow is to lose
+// nothing, the publisher is paced; otherwise it waits for nobody.
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -28,7 +29,9 @@ using namespace std::chrono_literals;
 constexpr const char* configuration_file = "/tmp/zav_shm.json";
 constexpr const char* center_page = "/dev/shm/shm/center_page";
 constexpr const char* producer_name = "CAMERA";
-constexpr std::chrono::milliseconds in_place_turn = 60s;
+
+// Of each stream, whatever its frames: the configuration of a recorder.
+constexpr std::size_t history_bytes_least = std::size_t{2} << 20;
 
 std::string consumer_name(int consumer) { return "CONSUMER" + std::to_string(consumer); }
 
@@ -61,11 +64,19 @@ void check(const Opened& opened) {
     }
 }
 
+ZAV_SHM_Frame_Publisher::Options publisher_options(const Channel& channel) {
+    return {.name = producer_name,
+            .channel = channel.camera,
+            .stream = channel.stream,
+            .history_bytes = std::max(history_bytes_least, queue_frames * channel.load.payload_bytes),
+            .paced = channel.load.is_lossless(),
+            .pace_limit = 10s};
+}
+
 class Copying_Publisher : public Publisher {
 public:
     explicit Copying_Publisher(const Channel& channel)
-        : payload_(channel.load.payload_bytes),
-          publisher_({.name = producer_name, .channel = channel.camera, .stream = channel.stream}) {
+        : payload_(channel.load.payload_bytes), publisher_(publisher_options(channel)) {
         check(publisher_.open());
     }
 
@@ -80,15 +91,11 @@ private:
 class Lending_Publisher : public Publisher {
 public:
     explicit Lending_Publisher(const Channel& channel)
-        : payload_bytes_(channel.load.payload_bytes),
-          publisher_({.name = producer_name, .channel = channel.camera, .stream = channel.stream}) {
+        : payload_bytes_(channel.load.payload_bytes), publisher_(publisher_options(channel)) {
         check(publisher_.open());
     }
 
-    std::span<std::byte> room() override {
-        const std::span<std::byte> slot = publisher_.loan();
-        return slot.empty() ? slot : slot.first(payload_bytes_);
-    }
+    std::span<std::byte> room() override { return publisher_.loan(payload_bytes_); }
     void publish() override { publisher_.commit(payload_bytes_); }
 
 private:
@@ -104,42 +111,28 @@ public:
                        .producer = producer_name,
                        .channel = channel.camera,
                        .stream = channel.stream,
-                       .queue_frames = queue_frames,
                        .overflow = Overflow_Policy::drop_oldest}) {
         check(subscriber_.open());
     }
 
     void serve(Frame_Reader& reader) override {
-        if (in_place_) {
-            read_in_place(reader);
-        } else {
-            receive_all(reader, idle_time);
+        bool goes_on = true;
+        while (goes_on && in_place_ &&
+               subscriber_.receive_view(view_, idle_time) == Receive_Status::frame) {
+            reader.read(view_.payload());
+            goes_on = reader.judged(view_.is_whole());
+        }
+        while (goes_on && !in_place_ &&
+               subscriber_.receive(frame_, idle_time) == Receive_Status::frame) {
+            reader.read(frame_.payload());
+            goes_on = reader.judged(true);
         }
     }
 
 private:
-    // A turn lasts as long as frames are wanted: between two of them frames go to the queue.
-    void read_in_place(Frame_Reader& reader) {
-        subscriber_.read_in_place(
-            {.read = [&](const Received_Frame& /*frame*/,
-                         std::span<const std::byte> payload) { reader.read(payload); },
-             .judged = [&](const Received_Frame& /*frame*/,
-                           bool whole) { return reader.judged(whole); }},
-            in_place_turn);
-        receive_all(reader, 0ms);
-    }
-
-    void receive_all(Frame_Reader& reader, std::chrono::milliseconds time) {
-        while (subscriber_.receive(frame_, time) == Receive_Status::frame) {
-            reader.read(frame_.payload());
-            if (!reader.judged(true)) {
-                return;
-            }
-        }
-    }
-
     const bool in_place_;
     Received_Frame frame_;
+    Frame_View view_;
     ZAV_SHM_Frame_Subscriber subscriber_;
 };
 
