@@ -60,10 +60,10 @@ public:
     void close(std::chrono::milliseconds limit);
     Opened pair(const std::string& producer, std::chrono::milliseconds limit);
     Receive_Status receive(zav_shm::Received_Frame& frame, std::chrono::milliseconds timeout) {
-        return take(frame, timeout, [&] { return source_.copy_next(frame); });
+        return take(frame, timeout, false, [&] { return source_.copy_next(frame); });
     }
     Receive_Status receive_view(zav_shm::Frame_View& view, std::chrono::milliseconds timeout) {
-        return take(view, timeout, [&] { return source_.view_next(view); });
+        return take(view, timeout, true, [&] { return source_.view_next(view); });
     }
     void seek(const zav_shm::Start& from) { source_.seek(from); }
     int descriptor();
@@ -77,8 +77,10 @@ private:
     using Standing = zav_shm::Standing;
 
     template <class Next>
-    Receive_Status take(Frame_Facts& frame, std::chrono::milliseconds timeout, const Next& next);
+    Receive_Status take(Frame_Facts& frame, std::chrono::milliseconds timeout, bool in_place,
+                        const Next& next);
     void note(const Frame_Facts& frame);
+    void show_progress();
     void note_missed();
     void begin_card(const std::string& name);
 
@@ -96,7 +98,8 @@ private:
     zav_shm::Frame_Supply supply_;
     Frame_Source& source_;  // its own
     std::unique_ptr<zav_shm::Frame_Poll> poll_;
-    bool asked_ = false;  // for the key frame that is waited for
+    bool asked_ = false;       // for the key frame that is waited for
+    bool holds_view_ = false;  // the frame that was handed out last is read where it lies
 
     // Changed by open() and close() alone; the receiving thread reads them without the mutex.
     mutable std::mutex mutex_;                 // guards all below; held for a few instructions
@@ -212,10 +215,13 @@ void ZAV_SHM_Frame_Subscriber::Body::begin_card(const std::string& name) {
 template <class Next>
 Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
                                                     std::chrono::milliseconds timeout,
-                                                    const Next& next) {
+                                                    bool in_place, const Next& next) {
     // Before the flag is looked at: close() clears it and then waits for this one.
     receiving_ = true;
     Receive_Status status = Receive_Status::timeout;
+    if (std::exchange(holds_view_, false) && open_) {
+        show_progress();
+    }
     std::int64_t now = monotonic_ns();
     const std::int64_t deadline_ns = deadline_after(now, timeout);
     for (bool goes_on = true; goes_on; now = monotonic_ns()) {
@@ -227,6 +233,10 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
         const Frame_Source::Got got = next();
         if (got == Frame_Source::Got::frame) {
             note(frame);
+            holds_view_ = in_place;
+            if (!in_place) {
+                show_progress();  // a frame that is viewed is still needed
+            }
             status = Receive_Status::frame;
             break;
         }
@@ -274,7 +284,13 @@ void ZAV_SHM_Frame_Subscriber::Body::note(const Frame_Facts& frame) {
         zav_shm::set(counters.last_key_frame_ns, frame.received_ns);
     }
     asked_ = false;
-    card_->move_to(source_.reader()->memory(), source_.reader()->cursor());
+}
+
+// To a publisher that waits for its readers.
+void ZAV_SHM_Frame_Subscriber::Body::show_progress() {
+    if (const auto* const reader = source_.reader()) {
+        card_->move_to(reader->memory(), reader->cursor());
+    }
 }
 
 // What never becomes a frame. The private ring of an intake is nobody's but this reader's.
@@ -283,9 +299,7 @@ void ZAV_SHM_Frame_Subscriber::Body::note_missed() {
     zav_shm::set(counters.invalid, source_.invalid());
     zav_shm::set(counters.no_memory, source_.no_memory());
     zav_shm::set(counters.torn, source_.torn());
-    if (const auto* const reader = source_.reader()) {
-        card_->move_to(reader->memory(), reader->cursor());
-    }
+    show_progress();
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::ask_for_key_frame() {

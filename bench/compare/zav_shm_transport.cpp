@@ -69,7 +69,7 @@ ZAV_SHM_Frame_Publisher::Options publisher_options(const Channel& channel) {
             .channel = channel.camera,
             .stream = channel.stream,
             .history_bytes = std::max(history_bytes_least, queue_frames * channel.load.payload_bytes),
-            .paced = channel.load.is_lossless(),
+            .paced = channel.load.flow == Flow::wait,
             .pace_limit = 10s};
 }
 

@@ -322,6 +322,28 @@ TEST_F(History, of_a_paced_publisher_loses_nothing_for_a_slow_reader) {
     EXPECT_EQ(file.counters().given_up, 0U);
 }
 
+TEST_F(History, of_a_paced_publisher_keeps_what_is_being_viewed) {
+    ZAV_SHM_Frame_Publisher file({.name = "CAM_REC", .paced = true, .pace_limit = 5s});
+    ZAV_SHM_Frame_Subscriber recorder({.name = "PLAYER", .producer = "CAM_REC"});
+    ASSERT_TRUE(recorder.open());
+    ASSERT_TRUE(file.open());
+    std::thread publishing([&file] {
+        for (int i = 0; i < 500; ++i) {
+            EXPECT_TRUE(file.publish(payload(1000, i)).published());
+        }
+    });
+    zav_shm::Frame_View view;
+    for (int i = 0; i < 500; ++i) {
+        ASSERT_EQ(recorder.receive_view(view, 5s), Receive_Status::frame) << i;
+        if (i % 50 == 0) {
+            std::this_thread::sleep_for(5ms);
+        }
+        ASSERT_TRUE(equal(view.payload(), payload(1000, i))) << i;
+        ASSERT_TRUE(view.is_whole()) << i;
+    }
+    publishing.join();
+}
+
 TEST_F(History, of_a_paced_publisher_is_held_up_once_by_a_reader_that_stands_still) {
     ZAV_SHM_Frame_Publisher file({.name = "CAM_REC", .paced = true, .pace_limit = 100ms});
     ZAV_SHM_Frame_Subscriber recorder({.name = "PLAYER", .producer = "CAM_REC"});
