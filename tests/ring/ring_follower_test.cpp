@@ -2,8 +2,11 @@
 //
 // Following a ring by its name: changing over, sleeping, being woken.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <thread>
 
@@ -42,6 +45,25 @@ TEST_F(Following, reads_what_a_writer_wrote_in_its_last_moment_before_its_succes
     follower.reader()->move_to(1);
     ASSERT_EQ(look(follower), Look::record);
     EXPECT_EQ(record_.entry.length, 99U);
+}
+
+// Nobody sleeps on the former ring while its successor is made, so that no wake reaches anybody.
+TEST_F(Following, finds_the_successor_of_a_killed_writer_at_once_also_when_it_was_awake) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const auto writer = open_writer();
+        write(*writer, 10);
+        raise(SIGKILL);
+    }
+    waitpid(child, nullptr, 0);
+    Ring_Follower follower(path_, Reading::mapped);
+    ASSERT_TRUE(follower.changes_over());
+    ASSERT_EQ(look(follower), Look::nothing);
+    ASSERT_FALSE(follower.changes_over());
+    const auto successor = open_writer();
+    ASSERT_EQ(look(follower), Look::nothing);
+    EXPECT_TRUE(follower.reader()->is_closed());
+    EXPECT_TRUE(follower.changes_over());
 }
 
 // Many writers in a row, each of which writes and is gone at once; nobody tells the reader.
