@@ -206,7 +206,7 @@ std::uint64_t Ring_Writer::commit(std::size_t bytes, const Record_Tags& tags) {
     test_point("ring", "record");
     ring_->write_entry(low, entry);
     test_point("ring", "entry");
-    begins_[low & (ring_->facts().index_count - 1)] = room_begin_;
+    begins_[slot_of(number)] = room_begin_;
     end_ = room_begin_ + in_alignment(bytes);
     last_ = number;
     // Pairs with the acquire in Ring_Reader::look().
@@ -218,6 +218,10 @@ std::uint64_t Ring_Writer::commit(std::size_t bytes, const Record_Tags& tags) {
 
 std::uint64_t Ring_Writer::oldest_after(std::size_t bytes) const {
     return std::max(oldest_, oldest_beside(place_for(bytes), bytes));
+}
+
+std::size_t Ring_Writer::slot_of(std::uint64_t number) const {
+    return static_cast<std::uint32_t>(number) & (ring_->facts().index_count - 1);
 }
 
 // A record does not cross the end of the data: it begins with the next lap.
@@ -234,7 +238,7 @@ std::uint64_t Ring_Writer::oldest_beside(std::uint64_t begin, std::size_t bytes)
     const std::uint64_t end = begin + in_alignment(bytes);
     const std::uint64_t next = last_ + 1;
     std::uint64_t oldest = next > index_count ? std::max(oldest_, next - index_count + 1) : oldest_;
-    while (oldest < next && begins_[oldest & (index_count - 1)] + data_bytes < end) {
+    while (oldest < next && begins_[slot_of(oldest)] + data_bytes < end) {
         ++oldest;
     }
     return oldest;

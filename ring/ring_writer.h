@@ -85,6 +85,7 @@ public:
 
 private:
     explicit Ring_Writer(std::shared_ptr<Ring_Memory> ring);
+    std::size_t slot_of(std::uint64_t number) const;
     std::uint64_t place_for(std::size_t bytes) const;
     std::uint64_t oldest_beside(std::uint64_t begin, std::size_t bytes) const;
 
