@@ -77,7 +77,7 @@ TEST_F(Following, loses_no_record_of_many_short_lives) {
             while (lives_seen < life) {
                 std::this_thread::yield();
             }
-            for (std::uint64_t i = 0; i < records; ++i) {
+            for (std::size_t i = 0; i < records; ++i) {
                 write(*writer, i);
             }
         }
