@@ -242,6 +242,22 @@ TEST_F(Private_Ring, a_reader_that_stands_still_is_told_that_it_was_overtaken) {
     EXPECT_EQ(reader_->look(record), Look::record);
 }
 
+TEST_F(Private_Ring, tells_before_a_room_is_reserved_what_it_will_cost) {
+    make({4000, 1000, 64});
+    for (int i = 0; i < 200; ++i) {
+        for (const std::size_t bytes : {0U, 1U, 500U, 1000U}) {
+            const std::uint64_t told = writer_->oldest_after(bytes);
+            EXPECT_EQ(reader_->oldest(), i == 0 ? 1 : writer_->oldest_after(0));
+            EXPECT_GE(told, reader_->oldest());
+            EXPECT_LE(told, writer_->last() + 1);
+        }
+        const std::size_t length = length_of_record(writer_->last() + 1, 1000);
+        const std::uint64_t told = writer_->oldest_after(length);
+        write(length);
+        EXPECT_EQ(reader_->oldest(), told);
+    }
+}
+
 TEST_F(Private_Ring, finds_records_from_either_side) {
     make({100'000, 100, 64});
     for (int i = 1; i <= 100; ++i) {
