@@ -1,23 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// zav_test_ring_role write PATH HISTORY RECORD_MAX INDEX RECORDS
+// zav_test_ring_role write PATH HISTORY RECORD_MAX INDEX RECORDS PAUSE_US
 // zav_test_ring_role read PATH mapped|copied|in_place RECORDS
 // zav_test_ring_role scribble PATH header|ring
 // zav_test_ring_role shrink PATH
 //
 // The processes under test: of this build, or of another one, 32 bits wide beside 64.
 //
-// A writer fills records of all lengths with bytes that tell which record they are of, as fast as
-// it can; RECORDS of them, or with 0 until SIGTERM. A reader checks every byte of what it is
-// handed, is overtaken on purpose again and again, and ends when it has had RECORDS whole ones, or
-// with 0 at the writer's end; it tells what it saw, and fails if a byte was wrong. Who scribbles
-// writes anything anywhere into the file until it is killed.
+// A writer fills records of all lengths with bytes that tell which record they are of, with a pause
+// behind each or as fast as it can; RECORDS of them, or with 0 until SIGTERM. A reader checks every
+// byte of what it is handed, is overtaken on purpose again and again, and ends when it has had
+// RECORDS whole ones, or with 0 at the writer's end; it tells what it saw, and fails if a byte was
+// wrong. Who scribbles writes anything anywhere into the file until it is killed, and who shrinks
+// gives it other lengths.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cinttypes>
 #include <csignal>
 #include <cstdio>
@@ -57,7 +59,8 @@ void tell(const std::string& line) {
 
 // ---- writing ----
 
-int write_records(const std::string& path, const Ring_Size& size, std::uint64_t records) {
+int write_records(const std::string& path, const Ring_Size& size, std::uint64_t records,
+                  std::chrono::microseconds pause) {
     Ring_Problem problem;
     const auto writer = Ring_Writer::open(path, size, problem);
     if (!writer) {
@@ -73,6 +76,9 @@ int write_records(const std::string& path, const Ring_Size& size, std::uint64_t 
         const std::span<std::byte> room = writer->reserve(is_loan ? size.record_max : length);
         fill_with_pattern(room.first(length), number);
         writer->commit(length, tags_of_record(number));
+        if (pause.count() > 0) {
+            std::this_thread::sleep_for(pause);
+        }
     }
     tell("wrote " + std::to_string(writer->last()));
     return 0;
@@ -312,11 +318,12 @@ std::uint64_t number_from(const char* text) { return std::strtoull(text, nullptr
 int main(int argc, char** argv) {
     end_at_sigterm();
     const std::string role = argc > 2 ? argv[1] : "";
-    if (role == "write" && argc == 7) {
+    if (role == "write" && argc == 8) {
         const Ring_Size size{static_cast<std::uint32_t>(number_from(argv[3])),
                              static_cast<std::uint32_t>(number_from(argv[4])),
                              static_cast<std::uint32_t>(number_from(argv[5]))};
-        return write_records(argv[2], size, number_from(argv[6]));
+        const std::chrono::microseconds pause(number_from(argv[7]));
+        return write_records(argv[2], size, number_from(argv[6]), pause);
     }
     if (role == "read" && argc == 5) {
         return Reader_Role(argv[2], argv[3], number_from(argv[4])).run();
