@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <thread>
 
 #include "ipc/monotonic_clock.h"
 #include "ring/ring_file_fixture.h"
@@ -106,6 +107,40 @@ TEST_F(Ring_Trouble, another_user_is_told_whose_it_is) {
         EXPECT_EQ(follower.problem().kind, Kind::forbidden);
         EXPECT_EQ(follower.problem().text, "cannot open " + path_ + ": Permission denied");
     });
+}
+
+// It can write nothing: not the file, and no word in it that says that somebody waits.
+TEST_F(Ring_Trouble, a_reader_of_another_user_needs_only_the_right_to_read) {
+    const auto writer = open_writer();
+    const pid_t child = fork();
+    if (child == 0) {
+        if (!become_another_user()) {
+            _exit(0);
+        }
+        bool all_right = open(path_.c_str(), O_RDWR | O_CLOEXEC) < 0;
+        for (const Reading reading : {Reading::mapped, Reading::copied}) {
+            Ring_Follower follower(path_, reading);
+            all_right = all_right && follower.changes_over();
+            Ring_Record record;
+            const std::int64_t end = monotonic_ns() + 20'000 * ms;
+            while (all_right && follower.reader()->look(record) == Look::nothing) {
+                follower.wait(end);
+                all_right = monotonic_ns() < end;
+            }
+            std::vector<std::byte> bytes(record.entry.length);
+            all_right = all_right && follower.reader()->copy(record, 0, bytes) &&
+                        holds_pattern(bytes, record.number) &&
+                        follower.reader()->memory().has_writer();
+        }
+        _exit(all_right ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_TRUE(becomes_true([&] {
+        write(*writer, 100);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return waitpid(child, &status, WNOHANG) == child;
+    }));
+    EXPECT_EQ(status, 0);
 }
 
 // The sanitizers need address space and descriptors for themselves.
