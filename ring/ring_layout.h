@@ -24,7 +24,8 @@
 //    40   4  writer_pid     -       as the writer sees itself
 //    64   4  head           -       number of the newest whole record; the futex word
 //   128   4  tail           -       number of the oldest record whose bytes and entry are intact
-//   132   4  state          -       0 live, 1 closed in order
+//   132   4  state          -       0 live, 1 closed in order, 2 left by a writer that was killed
+//                                  and has a successor: it is the successor that says so
 //   192   4  awaited        -       the number at which the writer waits for its slowest reader to
 //                                   be, 0 while it does not wait; it sleeps on this word
 //
@@ -83,6 +84,7 @@ inline constexpr std::uint32_t key = 1;
 namespace ring_state {
 inline constexpr std::uint32_t live = 0;
 inline constexpr std::uint32_t closed = 1;
+inline constexpr std::uint32_t succeeded = 2;
 }  // namespace ring_state
 
 /// The constant part of a ring's header.

@@ -105,6 +105,7 @@ public:
     /// record. On the oldest itself the reader would be overtaken again at once.
     std::uint64_t safe_oldest() const;
 
+    /// True when nothing will come any more: closed in order, or its writer has a successor.
     bool is_closed() const;
     const Ring_Memory& memory() const { return *memory_; }
     const std::shared_ptr<const Ring_Memory>& shared_memory() const { return memory_; }

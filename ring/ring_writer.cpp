@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ring/ring_writer.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <thread>
 #include <utility>
 
+#include "ipc/descriptor.h"
 #include "ipc/futex.h"
 #include "ipc/memory_fence.h"
 #include "ipc/monotonic_clock.h"
@@ -44,6 +46,39 @@ std::uint64_t in_alignment(std::size_t bytes) {
            ring_record_alignment;
 }
 
+/// The ring that has the name while a successor is made.
+class Former_Ring {
+public:
+    explicit Former_Ring(const std::string& path)
+        : ring_(Ring_Memory::open(path, Ring_Memory::Reading::copied, problem_)),
+          file_(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK)) {}
+
+    bool is_there() const { return ring_ != nullptr; }
+
+    /// Sends its readers to the name. Those who are awake find the state, where this user may write
+    /// it; those who sleep are woken.
+    void tell_readers() const {
+        if (ring_->load(ring_state_offset) == ring_state::live && is_own_file()) {
+            const std::uint32_t state = ring_state::succeeded;
+            static_cast<void>(pwrite(file_.get(), &state, sizeof state, ring_state_offset));
+        }
+        futex_wake(ring_->head_word());
+        std::this_thread::sleep_for(second_wake_after);
+        futex_wake(ring_->head_word());
+    }
+
+private:
+    bool is_own_file() const {
+        struct stat status {};
+        return file_.is_open() && fstat(file_.get(), &status) == 0 &&
+               status.st_ino == ring_->inode();
+    }
+
+    Ring_Problem problem_;  // not told: there may well be none
+    const std::shared_ptr<const Ring_Memory> ring_;
+    const Descriptor file_;
+};
+
 Ring_Facts new_facts() {
     Ring_Facts facts;
     facts.epoch = random_epoch();
@@ -69,19 +104,16 @@ std::unique_ptr<Ring_Writer> Ring_Writer::open(const std::string& path, const Ri
     if (!lock.take(path + ".lock", problem)) {
         return nullptr;
     }
-    Ring_Problem none;
-    const auto former = Ring_Memory::open(path, Ring_Memory::Reading::copied, none);
+    const Former_Ring former(path);
     auto ring = Ring_Memory::make(path, size, new_facts(), mode, problem);
     if (!ring) {
-        if (!former) {
+        if (!former.is_there()) {
             lock.remove();
         }
         return nullptr;
     }
-    if (former) {
-        futex_wake(former->head_word());
-        std::this_thread::sleep_for(second_wake_after);
-        futex_wake(former->head_word());
+    if (former.is_there()) {
+        former.tell_readers();
     }
     std::unique_ptr<Ring_Writer> writer(new Ring_Writer(std::move(ring)));  // private constructor
     writer->lock_ = std::move(lock);
@@ -164,7 +196,7 @@ std::uint64_t Ring_Writer::commit(std::size_t bytes, const Record_Tags& tags) {
     test_point("ring", "record");
     ring_->write_entry(low, entry);
     test_point("ring", "entry");
-    begins_[low & (ring_->facts().index_count - 1)] = room_begin_;
+    begins_[slot_of(number)] = room_begin_;
     end_ = room_begin_ + in_alignment(bytes);
     last_ = number;
     // Pairs with the acquire in Ring_Reader::look().
@@ -176,6 +208,10 @@ std::uint64_t Ring_Writer::commit(std::size_t bytes, const Record_Tags& tags) {
 
 std::uint64_t Ring_Writer::oldest_after(std::size_t bytes) const {
     return std::max(oldest_, oldest_beside(place_for(bytes), bytes));
+}
+
+std::size_t Ring_Writer::slot_of(std::uint64_t number) const {
+    return static_cast<std::uint32_t>(number) & (ring_->facts().index_count - 1);
 }
 
 // A record does not cross the end of the data: it begins with the next lap.
@@ -192,7 +228,7 @@ std::uint64_t Ring_Writer::oldest_beside(std::uint64_t begin, std::size_t bytes)
     const std::uint64_t end = begin + in_alignment(bytes);
     const std::uint64_t next = last_ + 1;
     std::uint64_t oldest = next > index_count ? std::max(oldest_, next - index_count + 1) : oldest_;
-    while (oldest < next && begins_[oldest & (index_count - 1)] + data_bytes < end) {
+    while (oldest < next && begins_[slot_of(oldest)] + data_bytes < end) {
         ++oldest;
     }
     return oldest;

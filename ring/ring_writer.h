@@ -40,8 +40,8 @@ struct Record_Tags {
 ///          lock free.
 class Ring_Writer {
 public:
-    /// Takes the lock, makes a new file in the place of the one that has the name, and wakes who
-    /// sleeps on that one. The folder of `path` has to be there; its rights decide who may read
+    /// Takes the lock, makes a new file in the place of the one that has the name, and tells the
+    /// readers of that one. The folder of `path` has to be there; its rights decide who may read
     /// (readable_file_mode()).
     ///
     /// @return null with the problem: `held` with the process that has the lock, or another.
@@ -85,6 +85,7 @@ public:
 
 private:
     explicit Ring_Writer(std::shared_ptr<Ring_Memory> ring);
+    std::size_t slot_of(std::uint64_t number) const;
     std::uint64_t place_for(std::size_t bytes) const;
     std::uint64_t oldest_beside(std::uint64_t begin, std::size_t bytes) const;
 

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <span>
 
+#include "ring/ring_writer.h"
+
 // Bytes that tell which record they are of, and how long it is.
 
 inline std::uint64_t pattern_begin(std::uint64_t number, std::size_t length) {
@@ -38,4 +40,19 @@ inline std::size_t length_of_record(std::uint64_t number, std::size_t max) {
     std::uint64_t state = pattern_begin(number, 7);
     pattern_next(state);
     return static_cast<std::size_t>((state >> 20U) % (max + 1));
+}
+
+/// The tags of a record, by which a reader sees that an entry is of this record and in one piece.
+inline zav_shm::Record_Tags tags_of_record(std::uint64_t number) {
+    std::uint64_t state = pattern_begin(number, 11);
+    pattern_next(state);
+    const auto time = static_cast<std::int64_t>(state >> 2U);
+    return {static_cast<std::uint32_t>(number * 2654435761U), static_cast<std::int64_t>(number),
+            time};
+}
+
+inline bool has_tags_of_record(const zav_shm::Ring_Entry& entry, std::uint64_t number) {
+    const zav_shm::Record_Tags tags = tags_of_record(number);
+    return entry.flags == tags.flags && entry.pts_ns == tags.pts_ns &&
+           entry.time_ns == tags.time_ns;
 }

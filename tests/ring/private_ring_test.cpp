@@ -158,6 +158,7 @@ TEST_F(Private_Ring, hands_out_no_wrong_byte_as_right_while_it_is_lapped_on_purp
     });
     std::uint64_t right = 0;
     std::uint64_t overtaken_in_mid_copy = 0;
+    std::uint64_t copies = 0;
     std::vector<std::byte> copy(2000);
     const std::int64_t end = monotonic_ns() + 1'000'000'000;
     while (monotonic_ns() < end) {
@@ -167,8 +168,15 @@ TEST_F(Private_Ring, hands_out_no_wrong_byte_as_right_while_it_is_lapped_on_purp
         if (look == Look::overtaken) {
             reader_->move_to(reader_->oldest());
         } else if (look == Look::record) {
+            // In two halves. Between them it stands still now and then, until it is overtaken.
             const auto bytes = std::span(copy).first(record.entry.length);
-            ASSERT_TRUE(reader_->copy(record, 0, bytes));
+            const std::size_t half = bytes.size() / 2;
+            ASSERT_TRUE(reader_->copy(record, 0, bytes.first(half)));
+            const bool stands_still = ++copies % 64 == 0;
+            while (stands_still && reader_->is_in_reach(record.number)) {
+                std::this_thread::yield();
+            }
+            ASSERT_TRUE(reader_->copy(record, half, bytes.subspan(half)));
             const bool is_right = holds_pattern(bytes, record.number);
             if (reader_->is_in_reach(record.number)) {
                 ASSERT_TRUE(is_right) << record.number;
@@ -232,6 +240,22 @@ TEST_F(Private_Ring, a_reader_that_stands_still_is_told_that_it_was_overtaken) {
     reader_->move_to(reader_->safe_oldest());
     EXPECT_EQ(reader_->cursor(), reader_->oldest() + 3) << "an eighth of 16, and one";
     EXPECT_EQ(reader_->look(record), Look::record);
+}
+
+TEST_F(Private_Ring, tells_before_a_room_is_reserved_what_it_will_cost) {
+    make({4000, 1000, 64});
+    for (int i = 0; i < 200; ++i) {
+        for (const std::size_t bytes : {0U, 1U, 500U, 1000U}) {
+            const std::uint64_t told = writer_->oldest_after(bytes);
+            EXPECT_EQ(reader_->oldest(), i == 0 ? 1 : writer_->oldest_after(0));
+            EXPECT_GE(told, reader_->oldest());
+            EXPECT_LE(told, writer_->last() + 1);
+        }
+        const std::size_t length = length_of_record(writer_->last() + 1, 1000);
+        const std::uint64_t told = writer_->oldest_after(length);
+        write(length);
+        EXPECT_EQ(reader_->oldest(), told);
+    }
 }
 
 TEST_F(Private_Ring, finds_records_from_either_side) {
