@@ -16,6 +16,7 @@
 #include "apps/centerd/hosted_center.h"
 #include "apps/centerd/idle_kicker.h"
 #include "apps/centerd/notifier.h"
+#include "apps/centerd/printable.h"
 #include "apps/centerd/self_check.h"
 #include "apps/centerd/signals.h"
 
@@ -57,9 +58,6 @@ Daemon::Daemon(const Options& options, ZAV_SHM_CONFIG& config, const Access_Righ
 Outcome Daemon::check() const {
     const Room room = Room::for_start_of(inventory_);
     std::fputs(plan_.text(room).c_str(), stdout);
-    for (const std::string& warning : lock_limit_warning(inventory_)) {
-        std::printf("warning: %s\n", warning.c_str());
-    }
     Outcome held = find_holder();
     Outcome obstacle = held ? held : find_obstacles(room);
     std::puts(obstacle ? "cannot start" : "can start");
@@ -166,13 +164,13 @@ Outcome Daemon::serve(Hosted_Center& hosted) {
 }
 
 void Daemon::announce() const {
-    for (const std::string& warning : lock_limit_warning(inventory_)) {
+    for (const std::string& warning : plan_.warnings()) {
         report("warning: " + warning);
     }
-    const std::string served = plan_.summary();
-    std::printf("zav-shm-centerd " ZAV_SHM_VERSION " (pid %d) serves %s, %s, %s\n",
+    const std::string served = printable(plan_.summary());
+    std::printf("zav-shm-centerd " ZAV_SHM_VERSION " (pid %d) is ready and serves %s, %s, %s\n",
                 static_cast<int>(getpid()), served.c_str(), queues_.text().c_str(),
-                rights_.text().c_str());
+                printable(rights_.text()).c_str());
     std::fflush(stdout);
     Notifier::ready("serves " + served);
 }

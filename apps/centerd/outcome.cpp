@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "apps/centerd/printable.h"
+
 namespace zav_shm::centerd {
 
 Failure system_failure(const std::string& what, int error, const std::string& remedy) {
@@ -11,7 +13,7 @@ Failure system_failure(const std::string& what, int error, const std::string& re
 }
 
 void report(const std::string& line) {
-    std::fprintf(stderr, "zav-shm-centerd: %s\n", line.c_str());
+    std::fprintf(stderr, "zav-shm-centerd: %s\n", printable(line).c_str());
 }
 
 int exit_code(const Failure& failure) {

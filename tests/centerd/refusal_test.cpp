@@ -66,7 +66,9 @@ TEST_F(Daemon_Refusal, help_and_version_are_printed_and_end_with_0) {
 TEST_F(Daemon_Refusal, mistakes_of_usage_end_with_2_and_name_argument_and_value) {
     EXPECT_TRUE(refused(run({"--bogus"}), 2, {"--bogus", "--help"}));
     EXPECT_TRUE(refused(run({"--kick-interval", "-1"}), 2, {"--kick-interval", "-1", "86400"}));
-    EXPECT_TRUE(refused(run({"--kick-interval", "soon"}), 2, {"--kick-interval", "soon"}));
+    for (const char* text : {"soon", "nan", "inf", "-nan", "1s", ""}) {
+        EXPECT_TRUE(refused(run({"--kick-interval", text}), 2, {"--kick-interval", text}));
+    }
     EXPECT_TRUE(refused(run({"--mode", "0640"}), 2, {"--mode", "0640", "0660"}));
     EXPECT_TRUE(refused(run({"--mode", "rw"}), 2, {"--mode", "rw"}));
     EXPECT_TRUE(refused(run({"--config"}), 2, {"--config"}));
@@ -78,12 +80,47 @@ TEST_F(Daemon_Refusal, mistakes_of_usage_end_with_2_and_name_argument_and_value)
 
 TEST_F(Daemon_Refusal, missing_file_ends_with_3) {
     EXPECT_TRUE(refused(run({"--config", "/nowhere/zav.json"}), 3,
-                        {"/nowhere/zav.json", "No such file", "correct"}));
+                        {": cannot open /nowhere/zav.json: No such file", "--config takes"}));
+    EXPECT_TRUE(refused(run({"--config", folder()}), 3,
+                        {": cannot read " + folder() + ": Is a directory", "--config takes"}));
 }
 
 TEST_F(Daemon_Refusal, broken_file_ends_with_3_and_tells_where) {
     EXPECT_TRUE(refused(run(with("{\n  \"Stream\": [1,,2]}")), 3, {"zav_shm.json: line 2"}));
     EXPECT_TRUE(refused(run(with("{}")), 3, {"Stream"}));
+    EXPECT_TRUE(refused(run(with("\xEF\xBB\xBF{}")), 3,
+                        {"zav_shm.json: the text begins with a byte "
+                         "order mark"}));
+}
+
+TEST_F(Daemon_Refusal, warnings_stand_beside_the_mistake_that_they_may_explain) {
+    const Ended ended = run(with(R"({"Streams": []})"));
+    EXPECT_EQ(ended.status, 3);
+    EXPECT_NE(ended.errors.find("zav_shm.json: Stream is missing; correct the file\n"),
+              std::string::npos);
+    EXPECT_NE(ended.errors.find("zav_shm.json: warning: the unknown key \"Streams\" is ignored"),
+              std::string::npos)
+        << ended.errors;
+}
+
+// Whatever a name or path holds, a terminal is only ever shown text.
+TEST_F(Daemon_Refusal, names_and_paths_are_shown_in_printable_form) {
+    std::string content = sized_configuration(R"("System": {"SHM_PATH": "s\u001b]0;x\u0007"},)");
+    content.replace(content.find("CAM_LOOP"), 8, R"(CAM\u001b[2J)");
+    const Ended planned = run(with(content, {"--check"}));
+    EXPECT_EQ(planned.status, 0) << planned.errors;
+    EXPECT_NE(planned.output.find("producer \"CAM\\x1b[2J\": 2 channels"), std::string::npos)
+        << planned.output;
+    EXPECT_NE(planned.output.find("segments       2 in /dev/shm/s\\x1b]0;x\\x07, "),
+              std::string::npos)
+        << planned.output;
+    const std::string path = write_file("new\nline\x1b\xff.json", "{}");
+    EXPECT_TRUE(refused(run({"--config", path}), 3, {"new\\x0aline\\x1b\\xff.json: Stream"}));
+    EXPECT_TRUE(refused(run({"--gr\x1boup", "a"}), 2, {"--gr\\x1boup"}));
+    EXPECT_TRUE(refused(run({"--group", "a\x1b"}), 2, {"\"a\\x1b\""}));
+    for (const Ended& ended : {planned, run({"--config", path})}) {
+        EXPECT_EQ((ended.output + ended.errors).find('\x1b'), std::string::npos);
+    }
 }
 
 TEST_F(Daemon_Refusal, every_problem_of_a_configuration_has_a_line) {
@@ -141,6 +178,19 @@ TEST_F(Daemon_Refusal, check_says_that_the_defaults_refuse_all_clients) {
     EXPECT_EQ(ended.status, 0);
     EXPECT_NE(ended.output.find("warning: all clients are refused every stream"),
               std::string::npos);
+}
+
+TEST_F(Daemon_Refusal, check_warns_of_what_is_probably_not_meant) {
+    std::string content = sized_configuration(R"("System": {"kick_idel": true},)");
+    content.replace(content.find("[0]"), 3, "[0, 0]");
+    const Ended ended = run(with(content + "}", {"--check", "--kick-interval", "0"}));
+    EXPECT_EQ(ended.status, 0) << ended.errors;
+    for (const char* part : {"\nwarning: line 1, column ", ": what follows the object is ignored\n",
+                             "\nwarning: System: the unknown key \"kick_idel\" is ignored; ",
+                             "\nwarning: Distributor[0].stream: [0, 0] accepts the streams 0 to 1, "
+                             "but there is only stream 0"}) {
+        EXPECT_NE(ended.output.find(part), std::string::npos) << part << ended.output;
+    }
 }
 
 TEST_F(Daemon_Refusal, check_ends_as_a_start_would) {

@@ -45,7 +45,8 @@ protected:
 TEST_F(Daemon_Life, start_prints_what_it_serves_in_one_line_and_answers) {
     ASSERT_TRUE(start());
     EXPECT_NE(start_line.find("(pid " + std::to_string(daemon->pid()) +
-                              ") serves 12 producer and 28 consumer channels of " + folder()),
+                              ") is ready and serves 12 producer and 28 consumer channels of " +
+                              folder()),
               std::string::npos)
         << start_line;
     EXPECT_NE(start_line.find("mode 0600"), std::string::npos) << start_line;
@@ -66,6 +67,16 @@ TEST_F(Daemon_Life, start_line_warns_of_names_that_are_refused_every_stream) {
     EXPECT_NE(start_line.find("warning: consumer \"DEAF\" is refused every stream"),
               std::string::npos);
     EXPECT_EQ(end(), 0);
+}
+
+TEST_F(Daemon_Life, start_reports_what_the_configuration_probably_does_not_mean) {
+    std::string content = small_configuration;
+    content.insert(content.find('{') + 1, R"("system": {},)");
+    ASSERT_TRUE(start_with(content));
+    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(errors(),
+              "zav-shm-centerd: warning: the unknown key \"system\" is ignored; \"System\" is a "
+              "known one\n");
 }
 
 TEST_F(Daemon_Life, without_a_file_serves_the_defaults_and_warns_that_all_are_refused) {
