@@ -11,6 +11,8 @@
 #include <fstream>
 #include <utility>
 
+#include "apps/centerd/memory_folder.h"
+
 namespace zav_shm::centerd {
 
 namespace {
@@ -41,7 +43,7 @@ Outcome Center_Lock::take() {
             if (Outcome held = find_holder()) {
                 return held;
             }
-            return system_failure("lock " + path_, error,
+            return memory_failure("lock " + path_, error,
                                   "it may be another user's: run as that user, or remove it");
         }
         if (Outcome failed = lock(std::move(file))) {

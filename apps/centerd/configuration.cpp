@@ -3,18 +3,19 @@
 
 #include <sys/stat.h>
 
+#include "apps/centerd/memory_folder.h"
+
 namespace zav_shm::centerd {
 
 namespace {
 
-constexpr const char* memory_folder = "/dev/shm";
-
-// By what they are, not by how they are written: "/dev/shm/" and "/run/shm" may be the same.
-bool is_memory_folder(const char* path) {
+// By what they are, not by how they are written: "/dev/shm/" and "/run/shm" may be the same. Where
+// there is no such folder at all, the configuration is not to blame.
+bool leads_elsewhere(const char* path) {
     struct stat given {};
     struct stat real {};
-    return stat(path, &given) == 0 && stat(memory_folder, &real) == 0 &&
-           given.st_dev == real.st_dev && given.st_ino == real.st_ino;
+    return stat(memory_folder, &real) == 0 &&
+           (stat(path, &given) != 0 || given.st_dev != real.st_dev || given.st_ino != real.st_ino);
 }
 
 // Of a file that could not be read, the text names the path itself.
@@ -43,7 +44,7 @@ Outcome load(const std::string& path, ZAV_SHM_CONFIG& config) {
         for (const std::string& problem : config.problems()) {
             lines.push_back(front + problem + "; correct the file");
         }
-        if (!is_memory_folder(config.root_path)) {
+        if (leads_elsewhere(config.root_path)) {
             lines.push_back(front + "System.ROOT_PATH: \"" + config.root_path +
                             "\" is not the folder /dev/shm, where segments are made; set it to "
                             "\"/dev/shm\", or leave it out");

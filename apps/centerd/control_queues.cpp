@@ -82,6 +82,11 @@ bool Control_Queues::were_replaced() const {
     return msgget(request_key_, 0) != request_id_ || msgget(reply_key_, 0) != reply_id_;
 }
 
+bool Control_Queues::exist() const {
+    return msgget(request_key_, 0) >= 0 || errno != ENOENT || msgget(reply_key_, 0) >= 0 ||
+           errno != ENOENT;
+}
+
 // By key, not by id: a queue that somebody removed meanwhile was made again under the same key.
 void Control_Queues::remove() const {
     for (const key_t key : {request_key_, reply_key_}) {

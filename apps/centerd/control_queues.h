@@ -27,6 +27,9 @@ public:
     /// permission bits, for which prepare() has to be called again.
     bool were_replaced() const;
 
+    /// True when any of both is there, whoever made it.
+    bool exist() const;
+
     /// Removes both.
     void remove() const;
 

@@ -8,17 +8,20 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <optional>
+#include <system_error>
 
 #include "apps/centerd/clock_watch.h"
 #include "apps/centerd/configuration.h"
 #include "apps/centerd/event_loop.h"
 #include "apps/centerd/hosted_center.h"
 #include "apps/centerd/idle_kicker.h"
+#include "apps/centerd/limits.h"
+#include "apps/centerd/memory_folder.h"
 #include "apps/centerd/notifier.h"
 #include "apps/centerd/printable.h"
 #include "apps/centerd/self_check.h"
 #include "apps/centerd/signals.h"
+#include "apps/centerd/start_traces.h"
 
 namespace zav_shm::centerd {
 
@@ -70,8 +73,14 @@ Outcome Daemon::find_holder() const {
 }
 
 Outcome Daemon::find_obstacles(const Room& room) const {
+    if (Outcome unusable = check_memory_folder()) {
+        return unusable;
+    }
     if (Outcome foreign = Access_Rights::check_leftovers(inventory_)) {
         return foreign;
+    }
+    if (Outcome limited = check_limits(inventory_)) {
+        return limited;
     }
     return room.check();
 }
@@ -79,17 +88,29 @@ Outcome Daemon::find_obstacles(const Room& room) const {
 // ---- start and end ----
 
 Outcome Daemon::run() {
+    const Start_Traces traces(inventory_, queues_);
     Outcome failed = take_locks();
-    if (!failed) {
-        failed = queues_.prepare(rights_.file());
+    if (failed) {
+        release_locks();
+        return failed;
     }
-    if (!failed) {
-        failed = serve();
-        if (options_.clean) {
-            remove_objects();
-        }
+    failed = queues_.prepare(rights_.file());
+    try {
+        failed = failed ? failed : serve();
+    } catch (const std::bad_alloc&) {
+        failed = out_of_memory();
+    }
+    const bool start_failed = failed && !has_served_;
+    if (start_failed) {
+        traces.remove_objects();
+    }
+    if (options_.clean) {
+        remove_objects();
     }
     release_locks();
+    if (start_failed) {
+        traces.remove_folders();
+    }
     return failed;
 }
 
@@ -149,18 +170,32 @@ Outcome Daemon::serve() {
 
 Outcome Daemon::serve(Hosted_Center& hosted) {
     if (!published_.write_page() || !published_.write_status(hosted.center())) {
-        return system_failure("page and status in " + inventory_.segment_folder, errno,
-                              "the folder has to be the own user's and /dev/shm to have room");
+        return memory_failure("page and status in " + inventory_.segment_folder, errno,
+                              "the folder has to be the own user's");
     }
     std::optional<Idle_Kicker> kicker;
-    if (options_.kick_interval.count() > 0) {
-        kicker.emplace(hosted.center(), options_.kick_interval);
+    Outcome failed = start_kicker(hosted, kicker);
+    if (!failed) {
+        failed = run_loop(hosted);
     }
-    Outcome failed = run_loop(hosted);
     Notifier::stopping();
     limit_the_end(end_max_s);
     published_.remove();
     return failed;
+}
+
+Outcome Daemon::start_kicker(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker) const {
+    if (options_.kick_interval.count() == 0) {
+        return std::nullopt;
+    }
+    try {
+        kicker.emplace(hosted.center(), options_.kick_interval);
+    } catch (const std::system_error& refused) {
+        return failure(
+            Exit_Status::system_error,
+            std::string("the thread of the idle kick could not be started: ") + limit_on_threads());
+    }
+    return std::nullopt;
 }
 
 void Daemon::announce() const {
@@ -201,6 +236,7 @@ Outcome Daemon::run_loop(Hosted_Center& hosted) {
         return system_failure("descriptors of the main thread", errno,
                               "raise their limit (ulimit -n, LimitNOFILE=)");
     }
+    has_served_ = true;
     announce();
     loop.run();
     return std::nullopt;

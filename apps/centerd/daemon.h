@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <optional>
+
 #include "apps/centerd/access_rights.h"
 #include "apps/centerd/center_lock.h"
 #include "apps/centerd/control_queues.h"
@@ -14,6 +16,7 @@
 namespace zav_shm::centerd {
 
 class Hosted_Center;
+class Idle_Kicker;
 
 /// One run of the daemon, from a configuration that was loaded to the end.
 ///
@@ -39,6 +42,7 @@ private:
     void release_locks();
     Outcome serve();
     Outcome serve(Hosted_Center& hosted);
+    Outcome start_kicker(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker) const;
     Outcome run_loop(Hosted_Center& hosted);
     void refresh(Hosted_Center& hosted);
     void announce() const;
@@ -53,6 +57,7 @@ private:
     Status_Page published_;
     Center_Lock folder_lock_;
     Center_Lock queue_lock_;
+    bool has_served_ = false;
     bool status_failed_ = false;  // reported once, until it works again
 };
 

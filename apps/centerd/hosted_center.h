@@ -30,6 +30,10 @@ public:
     Self_Check& self_check() { return self_check_; }
 
 private:
+    Outcome check_objects(const Access_Rights& rights) const;
+    Outcome check_relays() const;
+    Outcome check_answers();
+
     ZAV_SHM_CONFIG* config_;
     const Inventory& inventory_;
     ZAV_SHM_CENTER center_;

@@ -6,14 +6,13 @@
 
 #include <numeric>
 
+#include "apps/centerd/memory_folder.h"
 #include "stream/channel_names.h"
 #include "stream/frame_slot.h"
 
 namespace zav_shm::centerd {
 
 namespace {
-
-constexpr const char* memory_folder = "/dev/shm";
 
 // Where the C library keeps the semaphore "/NAME".
 std::string semaphore_path(const std::string& name) {

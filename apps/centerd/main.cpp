@@ -3,10 +3,12 @@
 // zav-shm-centerd, the host of the center. docs/daemon.md is its manual.
 #include <cstdio>
 #include <exception>
+#include <new>
 
 #include "apps/centerd/arguments.h"
 #include "apps/centerd/configuration.h"
 #include "apps/centerd/daemon.h"
+#include "apps/centerd/limits.h"
 #include "apps/centerd/signals.h"
 
 namespace {
@@ -43,9 +45,10 @@ int main(int argc, char** argv) {
         }
         const Outcome failed = run(std::get<Options>(options));
         return failed ? exit_code(*failed) : 0;
+    } catch (const std::bad_alloc&) {
+        return exit_code(out_of_memory());
     } catch (const std::exception& error) {
         return exit_code(
-            failure(Exit_Status::system_error, std::string("cannot go on: ") + error.what() +
-                                                   "; see the limits on memory and threads"));
+            failure(Exit_Status::system_error, std::string("cannot go on: ") + error.what()));
     }
 }

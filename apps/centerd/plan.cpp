@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/centerd/plan.h"
 
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <span>
 
 #include "apps/centerd/configuration.h"
+#include "apps/centerd/limits.h"
 #include "apps/centerd/printable.h"
 #include "stream/frame_slot.h"
 
@@ -52,21 +50,8 @@ std::string accepted(const _SHM_DIST_RECV_CONFIG_& record) {
                : "may have streams 0 to " + std::to_string(record.stream.size() - 1);
 }
 
-// Each segment is locked while it is mapped, which is one at a time; root has no limit.
-std::vector<std::string> lock_limit_warning(const Inventory& inventory) {
-    std::uint64_t greatest = 0;
-    for (const Shared_File& segment : inventory.segments) {
-        greatest = std::max(greatest, Inventory::in_pages(segment.bytes));
-    }
-    rlimit limit{};
-    if (geteuid() == 0 || getrlimit(RLIMIT_MEMLOCK, &limit) != 0 ||
-        limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur >= greatest) {
-        return {};
-    }
-    return {"RLIMIT_MEMLOCK is " + std::to_string(limit.rlim_cur) +
-            " bytes, the greatest segment " + "has " + std::to_string(greatest) +
-            ": segments are not locked into memory and may be swapped out; raise the limit "
-            "(LimitMEMLOCK=, ulimit -l)"};
+std::string or_no_limit(std::uint64_t available) {
+    return available == Room::unlimited ? "no limit" : std::to_string(available) + " are available";
 }
 
 }  // namespace
@@ -89,10 +74,9 @@ std::string Plan::text(const Room& room) const {
             " of them relays\n";
     text += "idle kick      " + kick_text() + "\n";
     text += "room           " + std::to_string(room.needed_bytes) + " bytes more are needed, " +
-            (room.available_bytes == Room::unlimited
-                 ? "no limit"
-                 : std::to_string(room.available_bytes) + " are available") +
-            " in /dev/shm\n";
+            or_no_limit(room.available_bytes) + " in /dev/shm\n";
+    text += "files          " + std::to_string(room.needed_files) + " more are needed, " +
+            or_no_limit(room.available_files) + " in /dev/shm\n";
     text += names_text();
     for (const auto& found : {refusals(), warnings()}) {
         for (const std::string& warning : found) {
@@ -166,7 +150,7 @@ std::vector<std::string> Plan::refusals() const {
 
 std::vector<std::string> Plan::warnings() const {
     std::vector<std::string> found = config_.warnings();
-    const auto limits = lock_limit_warning(inventory_);
+    const auto limits = limit_warnings(inventory_);
     found.insert(found.end(), limits.begin(), limits.end());
     return found;
 }

@@ -5,6 +5,10 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <numeric>
+#include <string>
+
+#include "apps/centerd/memory_folder.h"
 
 namespace zav_shm::centerd {
 
@@ -32,38 +36,76 @@ std::uint64_t own_bytes(const Inventory& inventory) {
            (Inventory::in_pages(1) + Inventory::in_pages(1 + channels * status_bytes_per_channel));
 }
 
-// A file system without a limit of its own says that it has 0 blocks.
-std::uint64_t available_bytes_in(const char* folder) {
+// Locks and reserve, page and status, of which each exists twice while it is replaced; both
+// folders, and the file under another name that a semaphore is before it gets its own.
+constexpr std::uint64_t own_files = 2 + 1 + 4 + 2 + 1;
+
+bool exists(const std::string& path) {
+    struct stat found {};
+    return lstat(path.c_str(), &found) == 0;
+}
+
+std::uint64_t missing_of(const std::vector<Shared_File>& files) {
+    return static_cast<std::uint64_t>(std::count_if(
+        files.begin(), files.end(), [](const Shared_File& file) { return !exists(file.path); }));
+}
+
+std::uint64_t bytes_missing_of(const std::vector<Shared_File>& files) {
+    return std::accumulate(files.begin(), files.end(), std::uint64_t{0},
+                           [](std::uint64_t sum, const Shared_File& file) {
+                               return sum + Inventory::in_pages(file.bytes) - present_bytes(file);
+                           });
+}
+
+// A file system without a limit of its own says that it has 0 blocks, and 0 files.
+void look_at_memory_folder(Room& room) {
     struct statvfs found {};
-    if (statvfs(folder, &found) != 0) {
-        return 0;
+    if (statvfs(memory_folder, &found) != 0) {
+        return;
     }
-    return found.f_blocks == 0 ? Room::unlimited
+    room.available_bytes = found.f_blocks == 0
+                               ? Room::unlimited
                                : static_cast<std::uint64_t>(found.f_bavail) * found.f_frsize;
+    room.available_files = found.f_files == 0 ? Room::unlimited : found.f_favail;
 }
 
 }  // namespace
 
 Room Room::for_start_of(const Inventory& inventory) {
     Room room;
-    room.needed_bytes = Inventory::in_pages(inventory.segments) +
+    room.needed_bytes = bytes_missing_of(inventory.segments) +
                         Inventory::in_pages(inventory.semaphores) + own_bytes(inventory);
-    for (const Shared_File& segment : inventory.segments) {
-        room.needed_bytes -= present_bytes(segment);
-    }
-    room.available_bytes = available_bytes_in("/dev/shm");
+    room.needed_files = missing_of(inventory.segments) + inventory.semaphores.size() + own_files;
+    look_at_memory_folder(room);
+    return room;
+}
+
+Room Room::for_the_rest_of(const Inventory& inventory) {
+    Room room;
+    room.needed_bytes =
+        bytes_missing_of(inventory.segments) + bytes_missing_of(inventory.semaphores);
+    room.needed_files = missing_of(inventory.segments) + missing_of(inventory.semaphores);
+    look_at_memory_folder(room);
     return room;
 }
 
 Outcome Room::check() const {
-    if (needed_bytes <= available_bytes) {
-        return std::nullopt;
+    if (needed_bytes > available_bytes) {
+        return failure(
+            Exit_Status::no_room,
+            "/dev/shm has " + std::to_string(available_bytes) + " bytes available, " +
+                std::to_string(needed_bytes) +
+                " are needed; enlarge it (mount -o remount,size=... /dev/shm), remove what "
+                "is not used there, or configure fewer channels or smaller pages");
     }
-    return failure(Exit_Status::no_room,
-                   "/dev/shm has " + std::to_string(available_bytes) + " bytes available, " +
-                       std::to_string(needed_bytes) +
-                       " are needed; enlarge it (mount -o remount,size=... /dev/shm), remove what "
-                       "is not used there, or configure fewer channels or smaller pages");
+    if (needed_files > available_files) {
+        return failure(Exit_Status::no_room,
+                       "/dev/shm has room for " + std::to_string(available_files) +
+                           " more files (inodes), " + std::to_string(needed_files) +
+                           " are needed; allow more (mount -o remount,nr_inodes=... /dev/shm), "
+                           "remove what is not used there, or configure fewer channels");
+    }
+    return std::nullopt;
 }
 
 }  // namespace zav_shm::centerd

@@ -27,7 +27,7 @@ sigset_t ending_signals() { return set_of({SIGTERM, SIGINT, SIGHUP}); }
 }  // namespace
 
 void set_up_signals() {
-    const sigset_t all = set_of({SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGUSR1, SIGUSR2});
+    const sigset_t all = set_of({SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGUSR1, SIGUSR2, SIGXFSZ});
     pthread_sigmask(SIG_BLOCK, &all, nullptr);
     struct sigaction interrupting {};
     interrupting.sa_handler = [](int) {};  // and no SA_RESTART: waits end with EINTR

@@ -14,7 +14,8 @@ inline constexpr int interrupting_signal = SIGURG;
 /// in all that it starts afterwards; installs the handler, which does nothing, of the interrupting
 /// one. To be called before there are threads.
 ///
-/// SIGTERM, SIGINT and SIGHUP end the daemon. SIGPIPE, SIGUSR1 and SIGUSR2 do nothing.
+/// SIGTERM, SIGINT and SIGHUP end the daemon. SIGPIPE, SIGUSR1 and SIGUSR2 do nothing, and a file
+/// that would be longer than the process's limit is an error and not the end (SIGXFSZ).
 void set_up_signals();
 
 /// Keeps the interrupting signal from this thread and those that it starts: it is for the relays.

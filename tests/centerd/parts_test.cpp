@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <json/json.h>
 #include <sys/eventfd.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -247,6 +248,25 @@ TEST_F(Started, segment_of_another_length_is_named_with_both) {
     const auto failed = rights().apply(inventory);
     ASSERT_TRUE(failed);
     EXPECT_NE(failed->lines[0].find("CAM_REC_0_1 has 100 bytes, not 8320"), std::string::npos)
+        << failed->lines[0];
+}
+
+// Others may take the room between the look at it and the start.
+TEST_F(Started, room_that_is_gone_by_the_time_of_the_start_is_named_as_the_cause) {
+    ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, "nr_inodes=100"), 0);
+    config = parsed(small_configuration);
+    const Inventory inventory(*config);
+    Outcome failed;
+    {
+        const auto queues = prepared_queues();
+        std::unique_ptr<Hosted_Center> hosted;
+        output_of([&] { hosted = std::make_unique<Hosted_Center>(*config, inventory, queues); });
+        failed = hosted->open_to_clients(rights());
+    }
+    EXPECT_EQ(umount("/dev/shm"), 0);
+    ASSERT_TRUE(failed);
+    EXPECT_EQ(failed->status, Exit_Status::no_room);
+    EXPECT_NE(failed->lines[0].find("more files (inodes), 36 are needed"), std::string::npos)
         << failed->lines[0];
 }
 

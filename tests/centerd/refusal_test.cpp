@@ -2,7 +2,9 @@
 //
 // What the daemon refuses, with which exit status and words, and the plan that it prints instead of
 // starting.
+#include <fcntl.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -160,6 +162,7 @@ TEST_F(Daemon_Refusal, check_prints_the_plan_and_makes_nothing) {
              "semaphores     120 in /dev/shm, 491520 bytes",
              "threads        15, 12 of them relays",
              "idle kick      every 5 s, off at the start",
+             "files          142 more are needed, ",
              "producer \"CAM_LOOP\": 4 channels, 8 segments of 81920 bytes, 24 semaphores, 8 "
              "threads; may have streams 0 to 1",
              "consumer \"REMOTE_LOOP\": 9 channels, 54 semaphores; may have streams 0 to 1",
@@ -293,10 +296,116 @@ TEST_F(Daemon_Room, segments_that_are_there_already_need_none) {
     EXPECT_EQ(end(), 0);
 }
 
+TEST_F(Daemon_Room, for_too_few_files_ends_with_5_and_both_figures_and_makes_nothing) {
+    give_room("nr_inodes=60");
+    const std::string files = "room for 59 more files (inodes), 142 are needed";
+    EXPECT_TRUE(refused(run(with(small_configuration)), 5, {files, "remount,nr_inodes"}));
+    EXPECT_TRUE(refused(run(with(small_configuration, {"--check"})), 5, {files}));
+    EXPECT_TRUE(fs::is_empty("/dev/shm"));
+    EXPECT_FALSE(requests.status().exists);
+}
+
 TEST_F(Daemon_Room, without_a_limit_is_enough) {
-    give_room("size=0");
+    give_room("size=0,nr_inodes=0");
+    const Ended planned = run(with(small_configuration, {"--check"}));
+    EXPECT_NE(planned.output.find("bytes more are needed, no limit in"), std::string::npos);
+    EXPECT_NE(planned.output.find("files          142 more are needed, no limit in"),
+              std::string::npos);
     ASSERT_TRUE(start()) << errors();
     EXPECT_EQ(end(), 0);
+}
+
+// ---- a folder that cannot be used ----
+
+TEST_F(Daemon_Room, mounted_read_only_is_called_so) {
+    give_room("ro");
+    const Words parts{"/dev/shm is mounted read-only", "remount,rw"};
+    EXPECT_TRUE(refused(run(with(small_configuration)), 1, parts));
+    EXPECT_TRUE(refused(run(with(small_configuration, {"--check"})), 1, parts));
+    EXPECT_FALSE(requests.status().exists);
+}
+
+TEST_F(Daemon_Room, without_the_right_to_make_files_is_called_so) {
+    if (!there_is_nobody()) {
+        GTEST_SKIP() << "needs a second user who may run the program";
+    }
+    give_room("mode=0755");
+    const Words parts{"/dev/shm has mode 0755 of user 0, and user 65534 may make nothing there",
+                      "chmod 1777 /dev/shm"};
+    EXPECT_TRUE(refused(run(with(small_configuration), as_nobody()), 1, parts));
+    EXPECT_TRUE(refused(run(with(small_configuration, {"--check"}), as_nobody()), 1, parts));
+}
+
+// Nor is the configuration blamed for it.
+TEST_F(Daemon_Refusal, missing_memory_folder_is_called_so) {
+    const Words arguments = with(small_configuration);
+    ASSERT_EQ(mount("tmpfs", "/dev", "tmpfs", 0, nullptr), 0);
+    close(open("/dev/null", O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+    const Ended ended = run(arguments);
+    EXPECT_EQ(umount("/dev"), 0);
+    EXPECT_TRUE(refused(ended, 1, {"there is no folder /dev/shm", "mount -t tmpfs"}));
+}
+
+// ---- limits of the process ----
+
+class Daemon_Limits : public Daemon_Refusal {
+protected:
+    // A start under this limit, unless not even the program itself runs under it: a sanitizer, or
+    // an emulator.
+    std::optional<Ended> run_limited(const std::string& limit) const {
+        const Words limited{"/usr/bin/prlimit", limit};
+        if (run({"--version"}, limited).status != 0) {
+            return {};
+        }
+        return run(with(small_configuration), limited);
+    }
+
+    void expect_refusal_that_leaves_nothing(const std::string& limit, const Words& parts) {
+        const auto ended = run_limited(limit);
+        if (!ended) {
+            GTEST_SKIP() << "the program does not run with " << limit;
+        }
+        EXPECT_TRUE(refused(*ended, 1, parts));
+        EXPECT_TRUE(fs::is_empty("/dev/shm"));
+        EXPECT_FALSE(requests.status().exists);
+        EXPECT_FALSE(replies.status().exists);
+    }
+};
+
+TEST_F(Daemon_Limits, address_space_is_named_when_relays_have_no_stack) {
+    expect_refusal_that_leaves_nothing(
+        "--as=60000000", {"of 12 relay threads could be started", "RLIMIT_AS is 60000000 bytes",
+                          "stack takes 8388608", "ulimit -v"});
+}
+
+TEST_F(Daemon_Limits, stack_is_named_when_there_is_no_memory_for_one) {
+    const std::string bytes = sizeof(void*) == 4 ? "3500000000" : "900000000000";
+    expect_refusal_that_leaves_nothing(
+        "--stack=" + bytes + ":" + bytes,
+        {"only 0 of 12 relay threads", "no memory for another stack", "ulimit -s"});
+}
+
+TEST_F(Daemon_Limits, file_size_is_named_before_anything_is_made) {
+    expect_refusal_that_leaves_nothing(
+        "--fsize=5000",
+        {"RLIMIT_FSIZE is 5000 bytes", "the greatest segment has 8320", "ulimit -f"});
+}
+
+TEST_F(Daemon_Limits, descriptors_are_named_before_anything_is_made) {
+    expect_refusal_that_leaves_nothing("--nofile=12",
+                                       {"RLIMIT_NOFILE is 12", "32 are needed", "ulimit -n"});
+}
+
+// What was there before the start stays, and all that it made goes.
+TEST_F(Daemon_Limits, failed_start_leaves_what_it_found) {
+    ASSERT_TRUE(start_with(sized_configuration("")));
+    EXPECT_EQ(end(), 0);
+    const auto ended = run_limited("--as=60000000");
+    if (!ended) {
+        GTEST_SKIP() << "the program does not run with this limit";
+    }
+    EXPECT_EQ(ended->status, 1);
+    EXPECT_TRUE(requests.status().exists);
 }
 
 }  // namespace
