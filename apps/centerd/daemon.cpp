@@ -42,6 +42,20 @@ constexpr int watchdog_parts = 4;
 constexpr int further_interruptions = 4;
 constexpr milliseconds interruption_period{70};
 
+// A start that fails must not leave a queue behind in which no request fits.
+class Opened_At_The_End {
+public:
+    Opened_At_The_End(Control_Queues& queues, File_Access access)
+        : queues_(queues), access_(access) {}
+    ~Opened_At_The_End() { queues_.prepare(access_); }
+    Opened_At_The_End(const Opened_At_The_End&) = delete;
+    Opened_At_The_End& operator=(const Opened_At_The_End&) = delete;
+
+private:
+    Control_Queues& queues_;
+    const File_Access access_;
+};
+
 }  // namespace
 
 Daemon::Daemon(const Options& options, ZAV_SHM_CONFIG& config, const Access_Rights& rights,
@@ -94,7 +108,7 @@ Outcome Daemon::run() {
         release_locks();
         return failed;
     }
-    failed = queues_.prepare(rights_.file());
+    failed = queues_.prepare(rights_.file(), Control_Queues::Requests::held);
     try {
         failed = failed ? failed : serve();
     } catch (const std::bad_alloc&) {
@@ -159,22 +173,10 @@ void Daemon::remove_objects() const {
 // know that they have to wait, with the wrong one they would not.
 Outcome Daemon::serve() {
     published_.remove();
+    const Opened_At_The_End hold(queues_, rights_.file());
     Hosted_Center hosted(config_, inventory_, queues_);
-    Outcome failed = hosted.open_to_clients(rights_);
-    if (!failed) {
-        failed = serve(hosted);
-    }
-    published_.remove();
-    return failed;
-}
-
-Outcome Daemon::serve(Hosted_Center& hosted) {
-    if (!published_.write_page() || !published_.write_status(hosted.center())) {
-        return memory_failure("page and status in " + inventory_.segment_folder, errno,
-                              "the folder has to be the own user's");
-    }
     std::optional<Idle_Kicker> kicker;
-    Outcome failed = start_kicker(hosted, kicker);
+    Outcome failed = open_to_clients(hosted, kicker);
     if (!failed) {
         failed = run_loop(hosted);
     }
@@ -182,6 +184,24 @@ Outcome Daemon::serve(Hosted_Center& hosted) {
     limit_the_end(end_max_s);
     published_.remove();
     return failed;
+}
+
+// Clients that are answered find everything: group and mode of what they open, and the page.
+Outcome Daemon::open_to_clients(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker) {
+    if (Outcome failed = hosted.make_ready(rights_)) {
+        return failed;
+    }
+    if (!published_.write_page() || !published_.write_status(hosted.center())) {
+        return memory_failure("page and status in " + inventory_.segment_folder, errno,
+                              "the folder has to be the own user's");
+    }
+    if (Outcome failed = start_kicker(hosted, kicker)) {
+        return failed;
+    }
+    if (Outcome failed = queues_.prepare(rights_.file())) {
+        return failed;
+    }
+    return hosted.check_answers();
 }
 
 Outcome Daemon::start_kicker(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker) const {

@@ -20,9 +20,9 @@ class Idle_Kicker;
 
 /// One run of the daemon, from a configuration that was loaded to the end.
 ///
-/// Order of a start: what can be refused without making anything; both locks; queues; the center;
-/// access rights; page and status; the one line that says what is served. Clients may come from
-/// then on, and the end is the same backwards.
+/// Order of a start: what can be refused without making anything; both locks; queues, whose
+/// requests are held; the center; access rights; page and status. Then requests are taken, and the
+/// one line says what is served. The end is the same backwards.
 class Daemon {
 public:
     /// All outlive the daemon.
@@ -41,7 +41,7 @@ private:
     Outcome take_locks();
     void release_locks();
     Outcome serve();
-    Outcome serve(Hosted_Center& hosted);
+    Outcome open_to_clients(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker);
     Outcome start_kicker(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker) const;
     Outcome run_loop(Hosted_Center& hosted);
     void refresh(Hosted_Center& hosted);

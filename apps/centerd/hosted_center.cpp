@@ -43,14 +43,9 @@ Hosted_Center::~Hosted_Center() {
     self_check_.forget();
 }
 
-Outcome Hosted_Center::open_to_clients(const Access_Rights& rights) {
-    if (Outcome failed = check_objects(rights)) {
-        return failed;
-    }
-    if (Outcome failed = check_relays()) {
-        return failed;
-    }
-    return check_answers();
+Outcome Hosted_Center::make_ready(const Access_Rights& rights) const {
+    Outcome failed = check_objects(rights);
+    return failed ? failed : check_relays();
 }
 
 // What is missing was refused room when the center wanted to make it: others may have taken it

@@ -3,11 +3,14 @@
 #include <json/json.h>
 #include <sys/eventfd.h>
 #include <sys/mount.h>
+#include <sys/msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <thread>
 
 #include "apps/centerd/access_rights.h"
 #include "apps/centerd/clock_watch.h"
@@ -25,6 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace zav_shm::centerd;
 using std::chrono::milliseconds;
+using Requests = zav_shm::centerd::Control_Queues::Requests;
 
 const std::string register_player =
     R"({"command":"register","type":"Receiver","name":"PLAYER","pair_name":"CAM_LOOP",)"
@@ -75,6 +79,63 @@ TEST_F(Parts, queues_keep_their_messages_and_size_when_they_are_taken_over) {
     EXPECT_EQ(requests.messages(), 1U);
     EXPECT_EQ(requests.status().bytes_max, bytes_max);
     EXPECT_EQ(requests.status().mode, 0600U);
+}
+
+// Root has no privilege here.
+TEST_F(Parts, queue_of_requests_that_is_held_takes_none_from_anybody) {
+    auto queues = prepared_queues();
+    requests.send("from before", 1, milliseconds(0));
+    ASSERT_FALSE(queues.prepare({0600, getegid()}, Requests::held));
+    EXPECT_FALSE(requests.send(std::string(1028, 'x'), 1, milliseconds(0)));
+    EXPECT_FALSE(requests.send("xx", 1, milliseconds(0)));
+    EXPECT_EQ(requests.messages(), 1U);
+    EXPECT_TRUE(replies.send("reply", 1, milliseconds(0)));
+    ASSERT_FALSE(queues.prepare({0660, getegid()}));
+    EXPECT_TRUE(requests.send(std::string(1028, 'x'), 1, milliseconds(0)));
+    EXPECT_EQ(requests.status().mode, 0660U);
+}
+
+TEST_F(Parts, request_that_waits_for_the_hold_to_end_is_answered_then) {
+    auto queues = prepared_queues();
+    ASSERT_FALSE(queues.prepare({0600, getegid()}, Requests::held));
+    std::string reply;
+    std::thread early([this, &reply] { reply = client.ask(farewell); });
+    start();
+    EXPECT_EQ(requests.messages() + replies.messages(), 0U);
+    ASSERT_FALSE(queues.prepare({0600, getegid()}));
+    early.join();
+    EXPECT_EQ(field_of(reply, "status"), "success");
+}
+
+TEST_F(Parts, center_is_shut_down_while_requests_are_held) {
+    auto queues = prepared_queues();
+    ASSERT_FALSE(queues.prepare({0600, getegid()}, Requests::held));
+    start();
+    const Stopwatch watch;
+    stop();
+    EXPECT_LT(watch.elapsed(), std::chrono::seconds(10));
+}
+
+TEST_F(Parts, queue_that_a_killed_daemon_left_held_is_given_its_room_again) {
+    prepared_queues();
+    const std::size_t usual = requests.status().bytes_max;
+    EXPECT_FALSE(prepared_queues().prepare({0600, getegid()}, Requests::held));
+    EXPECT_EQ(requests.status().bytes_max, 1U);
+    prepared_queues();
+    EXPECT_EQ(requests.status().bytes_max, usual);
+}
+
+// It was made under another limit, and only who has the privilege may go beyond the present one.
+TEST_F(Parts, queue_larger_than_the_limit_is_given_as_much_as_is_allowed_after_the_hold) {
+    auto queues = prepared_queues();
+    const std::size_t usual = requests.status().bytes_max;
+    std::ofstream("/proc/sys/kernel/msgmnb") << usual / 2;
+    std::size_t limit = 0;
+    std::ifstream("/proc/sys/kernel/msgmnb") >> limit;
+    ASSERT_FALSE(queues.prepare({0600, getegid()}, Requests::held));
+    ASSERT_FALSE(queues.prepare({0600, getegid()}));
+    EXPECT_TRUE(requests.status().bytes_max == usual || requests.status().bytes_max == limit);
+    std::ofstream("/proc/sys/kernel/msgmnb") << usual;
 }
 
 // ---- self-check ----
@@ -261,7 +322,7 @@ TEST_F(Started, room_that_is_gone_by_the_time_of_the_start_is_named_as_the_cause
         const auto queues = prepared_queues();
         std::unique_ptr<Hosted_Center> hosted;
         output_of([&] { hosted = std::make_unique<Hosted_Center>(*config, inventory, queues); });
-        failed = hosted->open_to_clients(rights());
+        failed = hosted->make_ready(rights());
     }
     EXPECT_EQ(umount("/dev/shm"), 0);
     ASSERT_TRUE(failed);
