@@ -13,6 +13,7 @@
 #include "apps/centerd/clock_watch.h"
 #include "apps/centerd/configuration.h"
 #include "apps/centerd/event_loop.h"
+#include "apps/centerd/former_segments.h"
 #include "apps/centerd/hosted_center.h"
 #include "apps/centerd/idle_kicker.h"
 #include "apps/centerd/limits.h"
@@ -108,7 +109,10 @@ Outcome Daemon::run() {
         release_locks();
         return failed;
     }
-    failed = queues_.prepare(rights_.file(), Control_Queues::Requests::held);
+    failed = make_room();
+    if (!failed) {
+        failed = queues_.prepare(rights_.file(), Control_Queues::Requests::held);
+    }
     try {
         failed = failed ? failed : serve();
     } catch (const std::bad_alloc&) {
@@ -146,6 +150,23 @@ Outcome Daemon::take_locks() {
         return failed;
     }
     return queue_lock_.take();
+}
+
+// The memory of segments that are replaced is free only once nobody has them mapped.
+Outcome Daemon::make_room() const {
+    const auto replaced = Former_Segments(inventory_).of_another_length;
+    if (replaced == 0) {
+        return std::nullopt;
+    }
+    Former_Segments::remove_of_another_length(inventory_);
+    report("segments of another length are replaced: " + std::to_string(replaced) +
+           "; clients keep the former ones until they register again");
+    Outcome full = Room::for_start_of(inventory_).check();
+    if (full) {
+        full->lines.emplace_back(
+            "segments that were replaced take room while clients have them mapped: end those");
+    }
+    return full;
 }
 
 // A folder in which there is something stays.

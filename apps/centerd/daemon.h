@@ -39,6 +39,7 @@ private:
     Outcome find_holder() const;
     Outcome find_obstacles(const Room& room) const;
     Outcome take_locks();
+    Outcome make_room() const;
     void release_locks();
     Outcome serve();
     Outcome open_to_clients(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker);

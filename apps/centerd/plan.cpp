@@ -7,6 +7,7 @@
 #include <span>
 
 #include "apps/centerd/configuration.h"
+#include "apps/centerd/former_segments.h"
 #include "apps/centerd/limits.h"
 #include "apps/centerd/printable.h"
 #include "stream/frame_slot.h"
@@ -68,6 +69,10 @@ std::string Plan::text(const Room& room) const {
     text += "segments       " + std::to_string(inventory_.segments.size()) + " in " +
             printable(inventory_.segment_folder) + ", " + std::to_string(segment_bytes) +
             " bytes\n";
+    if (const auto replaced = Former_Segments(inventory_).of_another_length; replaced > 0) {
+        text += "replaced       " + count(replaced, "segment") +
+                " of another length; clients keep the former ones until they register again\n";
+    }
     text += "semaphores     " + std::to_string(inventory_.semaphores.size()) + " in /dev/shm, " +
             std::to_string(semaphore_bytes) + " bytes\n";
     text += "threads        " + std::to_string(threads) + ", " + std::to_string(inventory_.relays) +

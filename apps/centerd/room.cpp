@@ -5,28 +5,17 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
-#include <numeric>
 #include <string>
 
+#include "apps/centerd/former_segments.h"
 #include "apps/centerd/memory_folder.h"
 
 namespace zav_shm::centerd {
 
 namespace {
 
-constexpr std::uint64_t stat_block_bytes = 512;  // the unit of st_blocks, whatever the file system
-
 // Generous: 400 bytes for each relay and 120 for each consumer is what a long name takes.
 constexpr std::uint64_t status_bytes_per_channel = 512;
-
-std::uint64_t present_bytes(const Shared_File& file) {
-    struct stat found {};
-    if (lstat(file.path.c_str(), &found) != 0 || !S_ISREG(found.st_mode)) {
-        return 0;
-    }
-    return std::min(static_cast<std::uint64_t>(found.st_blocks) * stat_block_bytes,
-                    Inventory::in_pages(file.bytes));
-}
 
 // Page, status and lock; the first two exist twice while they are replaced.
 std::uint64_t own_bytes(const Inventory& inventory) {
@@ -51,10 +40,11 @@ std::uint64_t missing_of(const std::vector<Shared_File>& files) {
 }
 
 std::uint64_t bytes_missing_of(const std::vector<Shared_File>& files) {
-    return std::accumulate(files.begin(), files.end(), std::uint64_t{0},
-                           [](std::uint64_t sum, const Shared_File& file) {
-                               return sum + Inventory::in_pages(file.bytes) - present_bytes(file);
-                           });
+    std::uint64_t bytes = 0;
+    for (const Shared_File& file : files) {
+        bytes += exists(file.path) ? 0 : Inventory::in_pages(file.bytes);
+    }
+    return bytes;
 }
 
 // A file system without a limit of its own says that it has 0 blocks, and 0 files.
@@ -72,11 +62,16 @@ void look_at_memory_folder(Room& room) {
 }  // namespace
 
 Room Room::for_start_of(const Inventory& inventory) {
+    const Former_Segments former(inventory);
     Room room;
-    room.needed_bytes = bytes_missing_of(inventory.segments) +
+    room.needed_bytes = Inventory::in_pages(inventory.segments) - former.reused_bytes +
                         Inventory::in_pages(inventory.semaphores) + own_bytes(inventory);
-    room.needed_files = missing_of(inventory.segments) + inventory.semaphores.size() + own_files;
+    room.needed_files = inventory.segments.size() - former.of_same_length -
+                        former.of_another_length + inventory.semaphores.size() + own_files;
     look_at_memory_folder(room);
+    if (room.available_bytes != unlimited) {
+        room.available_bytes += former.freed_bytes;
+    }
     return room;
 }
 

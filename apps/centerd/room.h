@@ -20,8 +20,9 @@ struct Room {
     std::uint64_t needed_files = 0;
     std::uint64_t available_files = 0;
 
-    /// Segments that are there already need only what they lack. Semaphores are counted in full:
-    /// they are made anew, while clients may still hold the former ones.
+    /// Segments that are there already need only what they lack; those of another length are
+    /// replaced. Semaphores are counted in full: they are made anew, while clients may still hold
+    /// the former ones.
     static Room for_start_of(const Inventory& inventory);
 
     /// After a start has failed: what is still lacking of segments and semaphores.

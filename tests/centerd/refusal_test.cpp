@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "daemon_fixture.h"
+#include "ipc/zav_shm.h"
 
 namespace {
 
@@ -293,6 +294,29 @@ TEST_F(Daemon_Room, segments_that_are_there_already_need_none) {
     ASSERT_TRUE(start_with(sized_configuration("", 1'000'000))) << errors();
     daemon->kill();
     ASSERT_TRUE(start_with(sized_configuration("", 1'000'000))) << errors();
+    EXPECT_EQ(end(), 0);
+}
+
+// A device whose pages were made smaller, or larger.
+TEST_F(Daemon_Room, of_segments_with_another_length_is_used_again_unless_they_are_mapped) {
+    give_room("size=3m");
+    ASSERT_TRUE(start_with(sized_configuration("", 1'000'000))) << errors();
+    daemon->kill();
+    const Ended planned = run(with(sized_configuration("", 1'200'000), {"--check"}));
+    EXPECT_EQ(planned.status, 0) << planned.errors;
+    EXPECT_NE(planned.output.find("replaced       2 segments of another length"),
+              std::string::npos);
+    ASSERT_TRUE(start_with(sized_configuration("", 1'200'000))) << errors();
+    daemon->kill();
+    {
+        const IPC_SHMEMORY mapped("/shm/CAM_LOOP_0_0", O_RDONLY);
+        ASSERT_TRUE(mapped.is_mapped());
+        const Ended ended = run(with(sized_configuration("", 1'300'000)));
+        EXPECT_EQ(ended.status, 5);
+        EXPECT_NE(ended.errors.find("take room while clients have them mapped"), std::string::npos)
+            << ended.errors;
+    }
+    ASSERT_TRUE(start_with(sized_configuration("", 1'300'000))) << errors();
     EXPECT_EQ(end(), 0);
 }
 

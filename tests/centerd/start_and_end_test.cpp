@@ -1,14 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <json/json.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "control/center_page.h"
 #include "daemon_fixture.h"
+#include "ipc/zav_shm.h"
 
 namespace {
 
@@ -22,6 +27,17 @@ const std::string register_player =
 class Daemon_Life : public Daemon_Process {
 protected:
     bool answers() const { return field_of(client.ask(farewell), "status") == "success"; }
+
+    // Runs this in a process of its own.
+    static bool survives(const std::function<void()>& action) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            action();
+            _exit(0);
+        }
+        int status = -1;
+        return waitpid(pid, &status, 0) == pid && status == 0;
+    }
 
     // Names below /dev/shm, folders included.
     static std::size_t names_left() {
@@ -100,6 +116,26 @@ TEST_F(Daemon_Life, follows_a_killed_one) {
     ASSERT_TRUE(start()) << errors();
     EXPECT_TRUE(answers());
     EXPECT_NE(zav_shm::read_center_page("/shm")->epoch, page_of_the_killed->epoch);
+    EXPECT_EQ(end(), 0);
+}
+
+// Cutting them off would kill whoever has them mapped, at the next frame.
+TEST_F(Daemon_Life, with_smaller_pages_leaves_the_former_segments_to_those_who_have_them) {
+    ASSERT_TRUE(start());
+    const IPC_SHMEMORY former("/shm/CAM_LOOP_0_1", O_RDWR);
+    ASSERT_EQ(former.size, 8192U + 128U);
+    daemon->kill();
+    std::string content = small_configuration;
+    content.replace(content.find("8192"), 4, "1024");
+    ASSERT_TRUE(start_with(content)) << errors();
+    EXPECT_EQ(
+        errors(),
+        "zav-shm-centerd: segments of another length are replaced: 6; clients keep the former "
+        "ones until they register again\n");
+    EXPECT_TRUE(
+        survives([&former] { static_cast<char*>(former.mem_addr)[former.size - 1] = 'x'; }));
+    const IPC_SHMEMORY found("/shm/CAM_LOOP_0_1", O_RDONLY);
+    EXPECT_EQ(found.size, 1024U + 128U);
     EXPECT_EQ(end(), 0);
 }
 
