@@ -48,6 +48,7 @@ Outcome Control_Queues::prepare(File_Access access, Requests requests) {
     if (Outcome failed = prepare_queue("request", request_key_, access, requests, request_id_)) {
         return failed;
     }
+    is_held_ = requests == Requests::held;
     return prepare_queue("reply", reply_key_, access, Requests::taken, reply_id_);
 }
 
@@ -92,6 +93,13 @@ int Control_Queues::set_access(int id, File_Access access, Requests requests) {
     }
     status.msg_qbytes = usual_bytes;
     return errno == EPERM ? msgctl(id, IPC_SET, &status) : -1;
+}
+
+// A start that fails must not leave a queue behind in which no request fits.
+void Control_Queues::open_if_held(File_Access access) {
+    if (is_held_) {
+        prepare(access);
+    }
 }
 
 bool Control_Queues::were_replaced() const {

@@ -33,6 +33,9 @@ public:
     /// Makes both queues, or takes over those that are there, with the own user as the owner.
     Outcome prepare(File_Access access, Requests requests = Requests::taken);
 
+    /// Opens the queue of requests if it is held.
+    void open_if_held(File_Access access);
+
     /// True when somebody removed a queue: the center has made, or will make, another one without
     /// permission bits, for which prepare() has to be called again.
     bool were_replaced() const;
@@ -60,6 +63,7 @@ private:
     key_t reply_key_ = -1;
     int request_id_ = -1;
     int reply_id_ = -1;
+    bool is_held_ = false;
     msglen_t bytes_before_hold_ = 0;  // of the queue of requests, while it is held
 };
 

@@ -1,63 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/centerd/daemon.h"
 
-#include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <system_error>
+#include <new>
 
-#include "apps/centerd/clock_watch.h"
-#include "apps/centerd/configuration.h"
-#include "apps/centerd/event_loop.h"
 #include "apps/centerd/former_segments.h"
-#include "apps/centerd/hosted_center.h"
-#include "apps/centerd/idle_kicker.h"
 #include "apps/centerd/limits.h"
 #include "apps/centerd/memory_folder.h"
-#include "apps/centerd/notifier.h"
-#include "apps/centerd/printable.h"
-#include "apps/centerd/self_check.h"
+#include "apps/centerd/service.h"
 #include "apps/centerd/signals.h"
 #include "apps/centerd/start_traces.h"
 
 namespace zav_shm::centerd {
-
-namespace {
-
-using std::chrono::milliseconds;
-
-// Several times what the slowest relay's cycle and freeing all memory take.
-constexpr unsigned end_max_s = 4;
-
-constexpr milliseconds status_period{1000};
-
-// The watchdog hears this often within its time that all is well.
-constexpr int watchdog_parts = 4;
-
-// After a step of the clock. A relay that had just read the clock and not begun to wait when the
-// signal came is reached by one of the next; it takes a few microseconds from one to the other.
-constexpr int further_interruptions = 4;
-constexpr milliseconds interruption_period{70};
-
-// A start that fails must not leave a queue behind in which no request fits.
-class Opened_At_The_End {
-public:
-    Opened_At_The_End(Control_Queues& queues, File_Access access)
-        : queues_(queues), access_(access) {}
-    ~Opened_At_The_End() { queues_.prepare(access_); }
-    Opened_At_The_End(const Opened_At_The_End&) = delete;
-    Opened_At_The_End& operator=(const Opened_At_The_End&) = delete;
-
-private:
-    Control_Queues& queues_;
-    const File_Access access_;
-};
-
-}  // namespace
 
 Daemon::Daemon(const Options& options, ZAV_SHM_CONFIG& config, const Access_Rights& rights,
                const Control_Queues& queues)
@@ -67,7 +23,6 @@ Daemon::Daemon(const Options& options, ZAV_SHM_CONFIG& config, const Access_Righ
       queues_(queues),
       inventory_(config),
       plan_(options, config, inventory_),
-      published_(config.shm_path, title_of(options.config_path), rights.file()),
       folder_lock_(inventory_.lock, "the folder " + inventory_.segment_folder),
       queue_lock_(queues.lock_path(), "the pair of " + queues.text()) {}
 
@@ -107,22 +62,22 @@ Outcome Daemon::run() {
     Outcome failed = take_locks();
     if (failed) {
         release_locks();
+        if (failed->status != Exit_Status::already_running) {
+            traces.remove_folders();
+        }
         return failed;
     }
-    failed = make_room();
-    if (!failed) {
-        failed = queues_.prepare(rights_.file(), Control_Queues::Requests::held);
-    }
     try {
-        failed = failed ? failed : serve();
+        failed = serve();
     } catch (const std::bad_alloc&) {
         failed = out_of_memory();
     }
+    queues_.open_if_held(rights_.file());
     const bool start_failed = failed && !has_served_;
     if (start_failed) {
         traces.remove_objects();
     }
-    if (options_.clean) {
+    if (options_.clean && folder_lock_.has_its_name() && queue_lock_.has_its_name()) {
         remove_objects();
     }
     release_locks();
@@ -130,6 +85,27 @@ Outcome Daemon::run() {
         traces.remove_folders();
     }
     return failed;
+}
+
+// A center whose objects are lost is followed by the next one in the same process: the locks stay
+// held, nobody has to start anything, and clients find it as after a restart.
+Outcome Daemon::serve() {
+    for (;;) {
+        if (Outcome full = make_room()) {
+            return full;
+        }
+        if (Outcome failed = queues_.prepare(rights_.file(), Control_Queues::Requests::held)) {
+            return failed;
+        }
+        Service service(
+            {options_, config_, rights_, queues_, inventory_, plan_, folder_lock_, queue_lock_});
+        Outcome failed = service.run();
+        has_served_ = has_served_ || service.has_served();
+        if (failed || !service.has_lost_objects()) {
+            return failed;
+        }
+        lift_the_limit();
+    }
 }
 
 // Nothing is made before it is clear that nobody else serves here and that nothing hinders.
@@ -186,114 +162,6 @@ void Daemon::remove_objects() const {
         }
     }
     queues_.remove();
-}
-
-// ---- service ----
-
-// The page of a center that was killed goes before there is another one: without a page clients
-// know that they have to wait, with the wrong one they would not.
-Outcome Daemon::serve() {
-    published_.remove();
-    const Opened_At_The_End hold(queues_, rights_.file());
-    Hosted_Center hosted(config_, inventory_, queues_);
-    std::optional<Idle_Kicker> kicker;
-    Outcome failed = open_to_clients(hosted, kicker);
-    if (!failed) {
-        failed = run_loop(hosted);
-    }
-    Notifier::stopping();
-    limit_the_end(end_max_s);
-    published_.remove();
-    return failed;
-}
-
-// Clients that are answered find everything: group and mode of what they open, and the page.
-Outcome Daemon::open_to_clients(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker) {
-    if (Outcome failed = hosted.make_ready(rights_)) {
-        return failed;
-    }
-    if (!published_.write_page() || !published_.write_status(hosted.center())) {
-        return memory_failure("page and status in " + inventory_.segment_folder, errno,
-                              "the folder has to be the own user's");
-    }
-    if (Outcome failed = start_kicker(hosted, kicker)) {
-        return failed;
-    }
-    if (Outcome failed = queues_.prepare(rights_.file())) {
-        return failed;
-    }
-    return hosted.check_answers();
-}
-
-Outcome Daemon::start_kicker(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker) const {
-    if (options_.kick_interval.count() == 0) {
-        return std::nullopt;
-    }
-    try {
-        kicker.emplace(hosted.center(), options_.kick_interval);
-    } catch (const std::system_error& refused) {
-        return failure(
-            Exit_Status::system_error,
-            std::string("the thread of the idle kick could not be started: ") + limit_on_threads());
-    }
-    return std::nullopt;
-}
-
-void Daemon::announce() const {
-    for (const std::string& warning : plan_.warnings()) {
-        report("warning: " + warning);
-    }
-    const std::string served = printable(plan_.summary());
-    std::printf("zav-shm-centerd " ZAV_SHM_VERSION " (pid %d) is ready and serves %s, %s, %s\n",
-                static_cast<int>(getpid()), served.c_str(), queues_.text().c_str(),
-                printable(rights_.text()).c_str());
-    std::fflush(stdout);
-    Notifier::ready("serves " + served);
-}
-
-Outcome Daemon::run_loop(Hosted_Center& hosted) {
-    Event_Loop loop;
-    Clock_Watch clock;
-    const Descriptor end = make_end_descriptor();
-    const auto free_relays = [&hosted] {
-        hosted.center().manager()->interrupt_waits(interrupting_signal);
-    };
-    loop.on_readable(end.get(), [&loop] { loop.end(); });
-    loop.on_readable(clock.descriptor(), [&] {
-        if (clock.was_set()) {
-            free_relays();
-            loop.repeat(further_interruptions, interruption_period, free_relays);
-        }
-    });
-    loop.every(status_period, [&] { refresh(hosted); });
-    if (const auto interval = Notifier::watchdog_interval()) {
-        loop.every(std::max(*interval / watchdog_parts, milliseconds(1)), [&hosted] {
-            if (hosted.self_check().step()) {
-                Notifier::alive();
-            }
-        });
-    }
-    if (!loop.is_open() || !end.is_open()) {
-        return system_failure("descriptors of the main thread", errno,
-                              "raise their limit (ulimit -n, LimitNOFILE=)");
-    }
-    has_served_ = true;
-    announce();
-    loop.run();
-    return std::nullopt;
-}
-
-// Once a second. A queue that somebody removed has no permissions when the center makes it anew.
-void Daemon::refresh(Hosted_Center& hosted) {
-    if (queues_.were_replaced()) {
-        queues_.prepare(rights_.file());
-    }
-    const bool written = published_.write_status(hosted.center());
-    if (!written && !status_failed_) {
-        report(published_.status_path() + " cannot be written: " + std::strerror(errno) +
-               "; it stays as it is until there is room");
-    }
-    status_failed_ = !written;
 }
 
 }  // namespace zav_shm::centerd

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <optional>
-
 #include "apps/centerd/access_rights.h"
 #include "apps/centerd/center_lock.h"
 #include "apps/centerd/control_queues.h"
@@ -10,19 +8,16 @@
 #include "apps/centerd/options.h"
 #include "apps/centerd/outcome.h"
 #include "apps/centerd/plan.h"
-#include "apps/centerd/status_page.h"
 #include "config/zav_shm_config.h"
 
 namespace zav_shm::centerd {
-
-class Hosted_Center;
-class Idle_Kicker;
 
 /// One run of the daemon, from a configuration that was loaded to the end.
 ///
 /// Order of a start: what can be refused without making anything; both locks; queues, whose
 /// requests are held; the center; access rights; page and status. Then requests are taken, and the
-/// one line says what is served. The end is the same backwards.
+/// one line says what is served. The end is the same backwards. A center whose objects somebody
+/// has removed is followed by another one.
 class Daemon {
 public:
     /// All outlive the daemon.
@@ -42,11 +37,6 @@ private:
     Outcome make_room() const;
     void release_locks();
     Outcome serve();
-    Outcome open_to_clients(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker);
-    Outcome start_kicker(Hosted_Center& hosted, std::optional<Idle_Kicker>& kicker) const;
-    Outcome run_loop(Hosted_Center& hosted);
-    void refresh(Hosted_Center& hosted);
-    void announce() const;
     void remove_objects() const;
 
     const Options& options_;
@@ -55,11 +45,9 @@ private:
     Control_Queues queues_;
     const Inventory inventory_;
     const Plan plan_;
-    Status_Page published_;
     Center_Lock folder_lock_;
     Center_Lock queue_lock_;
     bool has_served_ = false;
-    bool status_failed_ = false;  // reported once, until it works again
 };
 
 }  // namespace zav_shm::centerd

@@ -24,6 +24,17 @@ sigset_t set_of(std::initializer_list<int> numbers) {
 
 sigset_t ending_signals() { return set_of({SIGTERM, SIGINT, SIGHUP}); }
 
+// The touch that raised the signal is made again when the handler returns, and ends the process.
+void explain_bus_error(int /*signal*/) {
+    static constexpr char line[] =
+        "zav-shm-centerd: SIGBUS: somebody has cut a semaphore or segment below /dev/shm that was "
+        "in "
+        "use, or there is no memory for it; the next start makes all of them anew\n";
+    if (write(STDERR_FILENO, line, sizeof line - 1) < 0) {
+        return;  // with nobody to tell
+    }
+}
+
 }  // namespace
 
 void set_up_signals() {
@@ -32,6 +43,10 @@ void set_up_signals() {
     struct sigaction interrupting {};
     interrupting.sa_handler = [](int) {};  // and no SA_RESTART: waits end with EINTR
     sigaction(interrupting_signal, &interrupting, nullptr);
+    struct sigaction explaining {};
+    explaining.sa_handler = explain_bus_error;
+    explaining.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGBUS, &explaining, nullptr);
 }
 
 void block_interrupting_signal() {
@@ -53,6 +68,8 @@ void limit_the_end(unsigned seconds) {
     sigaction(SIGALRM, &giving_up, nullptr);
     alarm(seconds);
 }
+
+void lift_the_limit() { alarm(0); }
 
 Descriptor make_end_descriptor() {
     const sigset_t ending = ending_signals();

@@ -86,6 +86,11 @@ Status_Page::Status_Page(std::string folder, std::string configuration, File_Acc
     page_.started_utc_ns = utc_ns();
 }
 
+bool Status_Page::has_page() const {
+    const auto found = read_center_page(folder_);
+    return found && found->epoch == page_.epoch;
+}
+
 bool Status_Page::write_page() const { return write_center_page(folder_, page_, access_); }
 
 bool Status_Page::write_status(const ZAV_SHM_CENTER& center) const {

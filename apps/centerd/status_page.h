@@ -21,6 +21,9 @@ public:
 
     const Center_Page& page() const { return page_; }
 
+    /// True when the page is there, and this one.
+    bool has_page() const;
+
     /// Both return false with errno; the former content is still there then.
     bool write_page() const;
     bool write_status(const ZAV_SHM_CENTER& center) const;

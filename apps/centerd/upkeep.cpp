@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/centerd/upkeep.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace zav_shm::centerd {
+
+Outcome Upkeep::keep_locks() {
+    Outcome taken_over = keep(kept_.folder_lock);
+    return taken_over ? taken_over : keep(kept_.queue_lock);
+}
+
+Outcome Upkeep::keep(Center_Lock& lock) const {
+    if (lock.has_its_name()) {
+        return std::nullopt;
+    }
+    Outcome failed = Access_Rights::prepare_folder(kept_.inventory.segment_folder);
+    if (!failed) {
+        failed = lock.take();
+    }
+    if (!failed) {
+        report("lock " + lock.path() + " was removed; it is taken again");
+        return std::nullopt;
+    }
+    failed->lines.insert(failed->lines.begin(), "lock " + lock.path() + " was removed");
+    return failed;
+}
+
+std::optional<std::string> Upkeep::find_loss() {
+    const Object_Watch::Finding found = objects_.look();
+    for (const std::string& line : found.mended) {
+        report(line);
+    }
+    return found.lost;
+}
+
+// A queue that somebody removed has no permissions when the center makes it anew.
+void Upkeep::refresh() {
+    if (kept_.queues.were_replaced()) {
+        kept_.queues.prepare(kept_.rights.file());
+    }
+    keep_page();
+    write_status();
+}
+
+void Upkeep::keep_page() const {
+    if (!kept_.published.has_page() && kept_.published.write_page()) {
+        report("the center page was removed or replaced; it is written again");
+    }
+}
+
+void Upkeep::write_status() {
+    const bool written = kept_.published.write_status(kept_.center);
+    if (!written && !status_failed_) {
+        report(kept_.published.status_path() + " cannot be written: " + std::strerror(errno) +
+               "; it stays as it is until there is room");
+    }
+    status_failed_ = !written;
+}
+
+}  // namespace zav_shm::centerd
