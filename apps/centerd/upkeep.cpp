@@ -40,6 +40,10 @@ void Upkeep::refresh() {
     if (kept_.queues.were_replaced()) {
         kept_.queues.prepare(kept_.rights.file());
     }
+    if (const std::size_t swept = replies_.step(); swept > 0) {
+        report("the reply queue was half full of messages that nobody took for 5 s; " +
+               std::to_string(swept) + " were thrown away");
+    }
     keep_page();
     write_status();
 }

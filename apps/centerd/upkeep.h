@@ -10,6 +10,7 @@
 #include "apps/centerd/inventory.h"
 #include "apps/centerd/object_watch.h"
 #include "apps/centerd/outcome.h"
+#include "apps/centerd/reply_sweeper.h"
 #include "apps/centerd/status_page.h"
 
 namespace zav_shm::centerd {
@@ -40,7 +41,7 @@ public:
     /// @return what is gone for good, so that new clients cannot come: "semaphore ... was removed".
     std::optional<std::string> find_loss();
 
-    /// Queues, page and status.
+    /// Queues, reply queue, page and status.
     void refresh();
 
 private:
@@ -50,6 +51,7 @@ private:
 
     const Kept kept_;
     Object_Watch objects_;
+    Reply_Sweeper replies_{kept_.queues};
     bool status_failed_ = false;  // reported once, until it works again
 };
 

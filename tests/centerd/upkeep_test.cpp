@@ -236,4 +236,48 @@ TEST_F(Daemon_Upkeep, semaphore_that_is_cut_while_a_relay_uses_it_ends_the_daemo
     EXPECT_EQ(end(), 0);
 }
 
+// ---- replies that nobody takes ----
+
+class Crowded_Replies : public Daemon_Upkeep {
+protected:
+    // Under types of all kinds: of no process, of one that lives, of one that is gone.
+    void fill_with_messages_of_others() const {
+        const long types[] = {getpid() + 1'000'000L, 1, getppid(), gone_pid(), 1L << 30U};
+        std::size_t number = 0;
+        for (const std::size_t bytes : {110U, 1U}) {
+            while (replies.send(std::string(bytes, 'x'), types[number % std::size(types)],
+                                milliseconds(0))) {
+                ++number;
+            }
+        }
+        ASSERT_GE(number, 141U);
+    }
+};
+
+TEST_F(Crowded_Replies, of_others_do_not_keep_new_clients_out) {
+    ASSERT_TRUE(start_serving());
+    fill_with_messages_of_others();
+    ASSERT_TRUE(client.send_signed(farewell));
+    EXPECT_EQ(client.reply(milliseconds(300)), "no reply");
+    EXPECT_TRUE(becomes_true(
+        [this] {
+            client.send_signed(farewell);
+            return field_of(client.reply(milliseconds(300)), "status") == "success";
+        },
+        seconds(20)));
+    EXPECT_TRUE(reports("the reply queue was half full of messages that nobody took for 5 s; "));
+    while (replies.take(getpid(), milliseconds(200))) {
+    }
+    EXPECT_EQ(replies.messages(), 0U);
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(Crowded_Replies, are_left_alone_while_there_is_room) {
+    ASSERT_TRUE(start_serving());
+    ASSERT_TRUE(replies.send(std::string(1000, 'x'), getppid(), milliseconds(0)));
+    std::this_thread::sleep_for(seconds(8));
+    EXPECT_EQ(replies.messages(), 1U);
+    EXPECT_EQ(end(), 0);
+}
+
 }  // namespace
