@@ -17,12 +17,10 @@ namespace {
 // Generous: 400 bytes for each relay and 120 for each consumer is what a long name takes.
 constexpr std::uint64_t status_bytes_per_channel = 512;
 
-// Page, status and lock; the first two exist twice while they are replaced.
+// Page and status, which exist twice while they are replaced, and the reserve for the status. Lock
+// files are empty.
 std::uint64_t own_bytes(const Inventory& inventory) {
-    const auto channels = static_cast<std::uint64_t>(inventory.relays) +
-                          static_cast<std::uint64_t>(inventory.consumer_channels);
-    return 2 *
-           (Inventory::in_pages(1) + Inventory::in_pages(1 + channels * status_bytes_per_channel));
+    return 2 * Inventory::in_pages(1) + 3 * Room::status_bytes(inventory);
 }
 
 // Locks and reserve, page and status, of which each exists twice while it is replaced; both
@@ -60,6 +58,12 @@ void look_at_memory_folder(Room& room) {
 }
 
 }  // namespace
+
+std::uint64_t Room::status_bytes(const Inventory& inventory) {
+    const auto channels = static_cast<std::uint64_t>(inventory.relays) +
+                          static_cast<std::uint64_t>(inventory.consumer_channels);
+    return Inventory::in_pages(1 + channels * status_bytes_per_channel);
+}
 
 Room Room::for_start_of(const Inventory& inventory) {
     const Former_Segments former(inventory);

@@ -25,6 +25,9 @@ struct Room {
     /// the former ones.
     static Room for_start_of(const Inventory& inventory);
 
+    /// What the status file takes at most.
+    static std::uint64_t status_bytes(const Inventory& inventory);
+
     /// After a start has failed: what is still lacking of segments and semaphores.
     static Room for_the_rest_of(const Inventory& inventory);
 

@@ -4,7 +4,14 @@
 #include <cerrno>
 #include <cstring>
 
+#include "apps/centerd/room.h"
+
 namespace zav_shm::centerd {
+
+Upkeep::Upkeep(const Kept& kept)
+    : kept_(kept),
+      objects_(kept.inventory),
+      reserve_(kept.inventory.segment_folder, Room::status_bytes(kept.inventory)) {}
 
 Outcome Upkeep::keep_locks() {
     Outcome taken_over = keep(kept_.folder_lock);
@@ -55,12 +62,34 @@ void Upkeep::keep_page() const {
 }
 
 void Upkeep::write_status() {
-    const bool written = kept_.published.write_status(kept_.center);
+    bool written = kept_.published.write_status(kept_.center);
+    if (written) {
+        is_full_ = false;
+        reserve_.hold();
+    } else if (errno == ENOSPC || errno == EDQUOT) {
+        written = write_status_with_the_reserve();
+    }
     if (!written && !status_failed_) {
         report(kept_.published.status_path() + " cannot be written: " + std::strerror(errno) +
                "; it stays as it is until there is room");
     }
     status_failed_ = !written;
+}
+
+// The room goes to the new status, and that of the former one becomes the reserve, unless somebody
+// else is faster.
+bool Upkeep::write_status_with_the_reserve() {
+    if (!is_full_) {
+        report(
+            "/dev/shm is full (df /dev/shm, df -i /dev/shm); channels have their room and go on");
+        is_full_ = true;
+    }
+    reserve_.give_up();
+    const bool written = kept_.published.write_status(kept_.center);
+    const int error = errno;
+    reserve_.hold();
+    errno = error;
+    return written;
 }
 
 }  // namespace zav_shm::centerd

@@ -11,6 +11,7 @@
 #include "apps/centerd/object_watch.h"
 #include "apps/centerd/outcome.h"
 #include "apps/centerd/reply_sweeper.h"
+#include "apps/centerd/room_reserve.h"
 #include "apps/centerd/status_page.h"
 
 namespace zav_shm::centerd {
@@ -31,7 +32,7 @@ public:
     };
 
     /// To be made once everything is there. All outlive this.
-    explicit Upkeep(const Kept& kept) : kept_(kept), objects_(kept.inventory) {}
+    explicit Upkeep(const Kept& kept);
 
     /// Takes a lock whose file was removed again, and with it a folder that was.
     ///
@@ -48,10 +49,13 @@ private:
     Outcome keep(Center_Lock& lock) const;
     void keep_page() const;
     void write_status();
+    bool write_status_with_the_reserve();
 
     const Kept kept_;
     Object_Watch objects_;
     Reply_Sweeper replies_{kept_.queues};
+    Room_Reserve reserve_;        // for the status
+    bool is_full_ = false;        // the former status took the reserve; reported once
     bool status_failed_ = false;  // reported once, until it works again
 };
 

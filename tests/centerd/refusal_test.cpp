@@ -12,6 +12,7 @@
 
 #include "daemon_fixture.h"
 #include "ipc/zav_shm.h"
+#include "other_memory_folder.h"
 
 namespace {
 
@@ -260,29 +261,13 @@ TEST_F(Daemon_Refusal, another_user_is_told_the_pid_of_the_first_too) {
 
 // ---- room ----
 
-class Daemon_Room : public Daemon_Refusal {
-protected:
-    // Another file system over the one that the test began with.
-    void give_room(const std::string& options) {
-        mounted_ = mount("tmpfs", "/dev/shm", "tmpfs", 0, options.c_str()) == 0;
-        ASSERT_TRUE(mounted_);
-    }
-    void TearDown() override {
-        Daemon_Refusal::TearDown();
-        if (mounted_) {
-            EXPECT_EQ(umount("/dev/shm"), 0);
-        }
-    }
-
-private:
-    bool mounted_ = false;
-};
+using Daemon_Room = Other_Memory_Folder<Daemon_Refusal>;
 
 TEST_F(Daemon_Room, too_little_of_it_ends_with_5_and_both_figures_and_makes_nothing) {
     give_room("size=1m");
     const Ended ended = run(with(sized_configuration("", 1'000'000)));
     EXPECT_TRUE(
-        refused(ended, 5, {"1048576 bytes available", "2072576 are needed", "remount,size"}));
+        refused(ended, 5, {"1048576 bytes available", "2076672 are needed", "remount,size"}));
     EXPECT_TRUE(fs::is_empty("/dev/shm"));
     EXPECT_FALSE(requests.status().exists);
     EXPECT_EQ(run(with(sized_configuration("", 1'000'000), {"--check"})).status, 5);

@@ -10,6 +10,7 @@
 #include "control/center_page.h"
 #include "daemon_fixture.h"
 #include "ipc/zav_shm.h"
+#include "other_memory_folder.h"
 
 namespace {
 
@@ -233,6 +234,58 @@ TEST_F(Daemon_Upkeep, semaphore_that_is_cut_while_a_relay_uses_it_ends_the_daemo
     EXPECT_TRUE(reports("SIGBUS: somebody has cut a semaphore"));
     ASSERT_TRUE(start_serving()) << errors();
     expect_frames();
+    EXPECT_EQ(end(), 0);
+}
+
+// ---- full ----
+
+class Full_Memory_Folder : public Other_Memory_Folder<Daemon_Upkeep> {
+protected:
+    void TearDown() override {
+        for (const auto& entry : fs::directory_iterator("/dev/shm")) {
+            if (entry.path().filename().string().rfind("fill", 0) == 0) {
+                fs::remove(entry.path());
+            }
+        }
+        Other_Memory_Folder::TearDown();
+    }
+
+    // In bytes, and then in files.
+    static void fill() {
+        const int file = open("/dev/shm/fill", O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+        const std::string page(4096, 'x');
+        while (write(file, page.data(), page.size()) > 0) {
+        }
+        close(file);
+        for (int i = 0;; ++i) {
+            const std::string name = "/dev/shm/fill" + std::to_string(i);
+            const int another = open(name.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+            if (another < 0) {
+                return;
+            }
+            close(another);
+        }
+    }
+
+    static bool status_is_renewed() {
+        const std::string before = content_of("/dev/shm/shm/center_status.json");
+        return becomes_true(
+            [&] { return content_of("/dev/shm/shm/center_status.json") != before; });
+    }
+};
+
+TEST_F(Full_Memory_Folder, does_not_keep_the_status_from_being_renewed) {
+    give_room("size=3m,nr_inodes=200");
+    ASSERT_TRUE(start_serving()) << errors();
+    fill();
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_TRUE(status_is_renewed()) << i;
+    }
+    EXPECT_TRUE(
+        reports("/dev/shm is full (df /dev/shm, df -i /dev/shm); channels have their room"));
+    EXPECT_FALSE(reports("cannot be written"));
+    expect_frames();
+    expect_the_same_center();
     EXPECT_EQ(end(), 0);
 }
 
