@@ -14,8 +14,11 @@ namespace zav_shm::centerd {
 
 namespace {
 
-// Generous: 400 bytes for each relay and 120 for each consumer is what a long name takes.
+// Generous: 400 bytes for each relay and 120 for each consumer is what a long name takes, and
+// characters of a name may be written as six.
 constexpr std::uint64_t status_bytes_per_channel = 512;
+constexpr std::uint64_t status_bytes_per_name = 256;
+constexpr std::uint64_t status_bytes_per_stream_of_a_name = 80;
 
 // Page and status, which exist twice while they are replaced, and the reserve for the status. Lock
 // files are empty.
@@ -62,7 +65,11 @@ void look_at_memory_folder(Room& room) {
 std::uint64_t Room::status_bytes(const Inventory& inventory) {
     const auto channels = static_cast<std::uint64_t>(inventory.relays) +
                           static_cast<std::uint64_t>(inventory.consumer_channels);
-    return Inventory::in_pages(1 + channels * status_bytes_per_channel);
+    const std::uint64_t bytes_of_a_name =
+        status_bytes_per_name +
+        static_cast<std::uint64_t>(inventory.stream_count) * status_bytes_per_stream_of_a_name;
+    return Inventory::in_pages(1 + channels * status_bytes_per_channel +
+                               static_cast<std::uint64_t>(inventory.name_count) * bytes_of_a_name);
 }
 
 Room Room::for_start_of(const Inventory& inventory) {

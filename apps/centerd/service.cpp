@@ -20,6 +20,7 @@
 #include "apps/centerd/printable.h"
 #include "apps/centerd/self_check.h"
 #include "apps/centerd/signals.h"
+#include "apps/centerd/status_names.h"
 #include "apps/centerd/upkeep.h"
 
 namespace zav_shm::centerd {
@@ -46,7 +47,7 @@ constexpr milliseconds interruption_period{70};
 Service::Service(const Ground& ground)
     : ground_(ground),
       published_(ground.config.shm_path, title_of(ground.options.config_path),
-                 ground.rights.file()) {}
+                 status_names(ground.config), ground.rights.file()) {}
 
 // The page of a center that was killed goes before there is another one: without a page clients
 // know that they have to wait, with the wrong one they would not.

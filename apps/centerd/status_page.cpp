@@ -78,8 +78,12 @@ Json::Value json_of(const Relay_Snapshot& relay) {
 
 }  // namespace
 
-Status_Page::Status_Page(std::string folder, std::string configuration, File_Access access)
-    : folder_(std::move(folder)), configuration_(std::move(configuration)), access_(access) {
+Status_Page::Status_Page(std::string folder, std::string configuration, Json::Value names,
+                         File_Access access)
+    : folder_(std::move(folder)),
+      configuration_(std::move(configuration)),
+      names_(std::move(names)),
+      access_(access) {
     page_.epoch = new_epoch();
     page_.pid = static_cast<std::uint32_t>(getpid());
     page_.semaphore_bytes = sizeof(sem_t);
@@ -106,6 +110,7 @@ std::string Status_Page::status_of(const ZAV_SHM_CENTER& center) const {
     status["version"] = ZAV_SHM_VERSION;
     status["configuration"] = configuration_;
     status["kick_idle"] = center.is_kick_idle_enabled();
+    status["names"] = names_;
     status["channels"] = Json::Value(Json::arrayValue);
     for (const Relay_Snapshot& relay : center.manager()->snapshot()) {
         status["channels"].append(json_of(relay));

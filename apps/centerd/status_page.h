@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <json/json.h>
+
 #include <string>
 
 #include "center/shm_center.h"
@@ -17,7 +19,9 @@ public:
     ///
     /// @param folder         of the segments, "/shm"
     /// @param configuration  its file, or what stands for one
-    Status_Page(std::string folder, std::string configuration, File_Access access);
+    /// @param names          who may be a client (status_names)
+    Status_Page(std::string folder, std::string configuration, Json::Value names,
+                File_Access access);
 
     const Center_Page& page() const { return page_; }
 
@@ -39,6 +43,7 @@ public:
 private:
     const std::string folder_;
     const std::string configuration_;
+    const Json::Value names_;
     const File_Access access_;
     Center_Page page_;
 };

@@ -20,6 +20,7 @@
 #include "apps/centerd/inventory.h"
 #include "apps/centerd/self_check.h"
 #include "apps/centerd/signals.h"
+#include "apps/centerd/status_names.h"
 #include "apps/centerd/status_page.h"
 #include "parts_fixture.h"
 
@@ -253,7 +254,7 @@ TEST_F(Parts, kicker_ends_at_once_whatever_its_interval) {
 TEST_F(Parts, status_is_readable_json_with_the_centers_own_words) {
     start();
     client.ask(register_player);
-    const Status_Page page("/shm", "some \"file\"", {});
+    const Status_Page page("/shm", "some \"file\"", {}, {});
     EXPECT_NE(page.page().epoch, 0U);
     Json::Value status;
     const std::string text = page.status_of(*center);
@@ -263,12 +264,53 @@ TEST_F(Parts, status_is_readable_json_with_the_centers_own_words) {
     EXPECT_EQ(status["configuration"].asString(), "some \"file\"");
     EXPECT_EQ(status["channels"].size(), 12U);
     EXPECT_EQ(status["channels"][0]["consumers"][0]["name"].asString(), "PLAYER");
-    EXPECT_NE(Status_Page("/shm", "", {}).page().epoch, page.page().epoch);
+    EXPECT_NE(Status_Page("/shm", "", {}, {}).page().epoch, page.page().epoch);
+}
+
+TEST_F(Parts, status_lists_names_with_the_streams_that_are_accepted) {
+    const auto tricky = parsed(R"({
+        "Stream": [{"index": 7, "page_size": 100}, {"index": 8, "page_size": 200}],
+        "Distributor": [{"name": "MAIN", "channel": 2, "stream": [1]}],
+        "Receiver": [{"name": "LONG", "channel": 3, "stream": [0, 1, 1]},
+                     {"name": "NONE", "channel": 1, "stream": []}]
+    })");
+    const Json::Value names = status_names(*tricky);
+    const auto written = [](const Json::Value& value) {
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        return Json::writeString(builder, value);
+    };
+    const std::string first = R"({"index":7,"page_size":100,"stream":0})";
+    EXPECT_EQ(written(names["distributors"]),
+              R"([{"channels":2,"name":"MAIN","streams":[)" + first + "]}]");
+    EXPECT_EQ(written(names["receivers"]), R"([{"channels":3,"name":"LONG","streams":[)" + first +
+                                               R"(,{"index":8,"page_size":200,"stream":1}]},)" +
+                                               R"({"channels":1,"name":"NONE","streams":[]}])");
+}
+
+// What the start reckons with is enough: for the longest names, with all their channels paired.
+TEST_F(Parts, status_takes_no_more_than_the_room_that_is_kept_for_it) {
+    const std::string name(31, '\x01');
+    std::string escaped;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        escaped += "\\u0001";
+    }
+    start(R"({"Stream": [{"index": 2147483647, "page_size": 1}],
+              "Distributor": [{"name": ")" +
+          escaped + R"(", "channel": 1, "stream": [0]}],
+              "Receiver": [{"name": ")" +
+          escaped + R"(", "channel": 1, "stream": [0]}]})");
+    client.ask(R"({"command":"register","type":"Receiver","channel":0,"stream":0,"name":")" +
+               escaped + R"(","pair_name":")" + escaped + "\"}");
+    const std::string text =
+        Status_Page("/shm", std::string(4000, '/'), status_names(*config), {}).status_of(*center);
+    EXPECT_NE(text.find("consumers\":[{"), std::string::npos);
+    EXPECT_LT(text.size() - 4000, 2U * 512U + 2U * (256U + 80U));  // channels, and names
 }
 
 TEST_F(Parts, status_that_cannot_be_written_leaves_the_former_one) {
     start();
-    const Status_Page page("/shm", "file", {});
+    const Status_Page page("/shm", "file", {}, {});
     ASSERT_TRUE(page.write_page());
     ASSERT_TRUE(page.write_status(*center));
     fs::create_directories("/dev/shm/shm/center_status.json.new/inner");

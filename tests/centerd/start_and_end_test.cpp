@@ -289,6 +289,14 @@ TEST_F(Daemon_Life, status_describes_center_and_channels) {
         EXPECT_TRUE(channel[count].isInt()) << count;
     }
     EXPECT_TRUE(channel["consumers"].isArray());
+    const Json::Value& names = status["names"];
+    ASSERT_EQ(names["distributors"].size(), 3U);
+    ASSERT_EQ(names["receivers"].size(), 3U);
+    EXPECT_EQ(names["distributors"][0]["name"].asString(), "CAM_LOOP");
+    EXPECT_EQ(names["distributors"][0]["channels"].asInt(), 4);
+    EXPECT_EQ(names["distributors"][0]["streams"][1]["page_size"].asInt(), 8192);
+    EXPECT_EQ(names["receivers"][2]["name"].asString(), "DEAF");
+    EXPECT_TRUE(names["receivers"][2]["streams"].empty());
     EXPECT_EQ(end(), 0);
 }
 
