@@ -145,7 +145,7 @@ std::vector<std::string> Plan::refusals() const {
     if (all_are_refused(config_.distributors()) && all_are_refused(config_.receivers())) {
         found.emplace_back(
             "all clients are refused every stream, since no name lists any; --config names a file "
-            "that does, such as the recorder.json that is installed");
+            "that does, such as share/zav_shm/recorder.json of the installation");
     } else {
         warn_of_refused(found, "producer", config_.distributors());
         warn_of_refused(found, "consumer", config_.receivers());
