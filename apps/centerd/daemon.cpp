@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <new>
 
@@ -14,6 +15,14 @@
 #include "apps/centerd/start_traces.h"
 
 namespace zav_shm::centerd {
+
+namespace {
+
+// Of a center that follows another one.
+constexpr int attempts_max = 10;
+constexpr std::chrono::milliseconds pause_between_attempts{1000};
+
+}  // namespace
 
 Daemon::Daemon(const Options& options, ZAV_SHM_CONFIG& config, const Access_Rights& rights,
                const Control_Queues& queues)
@@ -88,24 +97,43 @@ Outcome Daemon::run() {
 }
 
 // A center whose objects are lost is followed by the next one in the same process: the locks stay
-// held, nobody has to start anything, and clients find it as after a restart.
+// held, nobody has to start anything, and clients find it as after a restart. Whoever removed them
+// may remove those of the next one while it is made, so that gets some attempts.
 Outcome Daemon::serve() {
-    for (;;) {
-        if (Outcome full = make_room()) {
-            return full;
-        }
-        if (Outcome failed = queues_.prepare(rights_.file(), Control_Queues::Requests::held)) {
-            return failed;
-        }
+    for (int failures = 0;;) {
         Service service(
             {options_, config_, rights_, queues_, inventory_, plan_, folder_lock_, queue_lock_});
-        Outcome failed = service.run();
+        Outcome failed = prepare_ground();
+        failed = failed ? failed : service.run();
+        lift_the_limit();
         has_served_ = has_served_ || service.has_served();
-        if (failed || !service.has_lost_objects()) {
+        failures = service.has_served() ? 0 : failures + 1;
+        if (!failed && !service.has_lost_objects()) {
+            return std::nullopt;
+        }
+        if (failed && !is_worth_another_attempt(*failed, failures)) {
             return failed;
         }
-        lift_the_limit();
+        if (failed) {
+            report(*failed);
+            if (is_end_wanted_within(pause_between_attempts)) {
+                return std::nullopt;
+            }
+        }
+        if (Outcome taken = take_locks_again()) {
+            return taken;
+        }
     }
+}
+
+Outcome Daemon::prepare_ground() {
+    Outcome full = make_room();
+    return full ? full : queues_.prepare(rights_.file(), Control_Queues::Requests::held);
+}
+
+bool Daemon::is_worth_another_attempt(const Failure& failed, int failures) const {
+    return has_served_ && failures < attempts_max &&
+           (failed.status == Exit_Status::system_error || failed.status == Exit_Status::no_room);
 }
 
 // Nothing is made before it is clear that nobody else serves here and that nothing hinders.
@@ -119,13 +147,16 @@ Outcome Daemon::take_locks() {
     if (Outcome obstacle = find_obstacles(Room::for_start_of(inventory_))) {
         return obstacle;
     }
+    return take_locks_again();
+}
+
+// In a folder that is made, if it has to be.
+Outcome Daemon::take_locks_again() {
     if (Outcome failed = Access_Rights::prepare_folder(inventory_.segment_folder)) {
         return failed;
     }
-    if (Outcome failed = folder_lock_.take()) {
-        return failed;
-    }
-    return queue_lock_.take();
+    Outcome failed = folder_lock_.take();
+    return failed ? failed : queue_lock_.take();
 }
 
 // The memory of segments that are replaced is free only once nobody has them mapped.

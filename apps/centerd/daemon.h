@@ -34,6 +34,9 @@ private:
     Outcome find_holder() const;
     Outcome find_obstacles(const Room& room) const;
     Outcome take_locks();
+    Outcome take_locks_again();
+    Outcome prepare_ground();
+    bool is_worth_another_attempt(const Failure& failed, int failures) const;
     Outcome make_room() const;
     void release_locks();
     Outcome serve();

@@ -41,10 +41,9 @@ Object_Watch::Object_Watch(const Inventory& inventory) {
 }
 
 void Object_Watch::remember(Kind kind, const std::string& path, std::uint64_t bytes) {
-    struct stat found {};
-    if (lstat(path.c_str(), &found) == 0) {
-        objects_.push_back({kind, path, bytes, found.st_dev, found.st_ino});
-    }
+    struct stat found {};  // all 0 for what is gone already, which the first look finds
+    lstat(path.c_str(), &found);
+    objects_.push_back({kind, path, bytes, found.st_dev, found.st_ino});
 }
 
 Object_Watch::Finding Object_Watch::look() {

@@ -16,10 +16,14 @@ void report(const std::string& line) {
     std::fprintf(stderr, "zav-shm-centerd: %s\n", printable(line).c_str());
 }
 
-int exit_code(const Failure& failure) {
+void report(const Failure& failure) {
     for (const std::string& line : failure.lines) {
         report(line);
     }
+}
+
+int exit_code(const Failure& failure) {
+    report(failure);
     return static_cast<int>(failure.status);
 }
 

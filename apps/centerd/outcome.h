@@ -35,6 +35,11 @@ Failure system_failure(const std::string& what, int error, const std::string& re
 void report(const std::string& line);
 
 /// Reports every line.
+void report(const Failure& failure);
+
+/// Reports every line.
+///
+/// @return what the process ends with.
 int exit_code(const Failure& failure);
 
 }  // namespace zav_shm::centerd

@@ -64,7 +64,7 @@ Outcome Service::run() {
     if (has_lost_objects_) {
         Notifier::not_ready("the center is made anew");
         ground_.queues.prepare(ground_.rights.file(), Control_Queues::Requests::held);
-    } else {
+    } else if (has_served_) {
         Notifier::stopping();
     }
     return failed;

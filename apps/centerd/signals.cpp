@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/centerd/signals.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -67,6 +68,12 @@ void limit_the_end(unsigned seconds) {
     };
     sigaction(SIGALRM, &giving_up, nullptr);
     alarm(seconds);
+}
+
+bool is_end_wanted_within(std::chrono::milliseconds limit) {
+    const Descriptor end = make_end_descriptor();
+    pollfd wanted{end.get(), POLLIN, 0};
+    return poll(&wanted, 1, static_cast<int>(limit.count())) > 0;
 }
 
 void lift_the_limit() { alarm(0); }

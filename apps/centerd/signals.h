@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <csignal>
 
 #include "apps/centerd/descriptor.h"
@@ -27,6 +28,9 @@ void limit_the_end(unsigned seconds);
 
 /// Takes that limit away: the center has ended, and the process goes on.
 void lift_the_limit();
+
+/// Waits for one of the signals that end the daemon, and leaves it to be taken.
+bool is_end_wanted_within(std::chrono::milliseconds limit);
 
 /// Readable when the daemon is to end.
 Descriptor make_end_descriptor();

@@ -18,6 +18,7 @@
 #include "apps/centerd/hosted_center.h"
 #include "apps/centerd/idle_kicker.h"
 #include "apps/centerd/inventory.h"
+#include "apps/centerd/object_watch.h"
 #include "apps/centerd/self_check.h"
 #include "apps/centerd/signals.h"
 #include "apps/centerd/status_names.h"
@@ -225,6 +226,18 @@ TEST_F(Parts, loop_repeats_as_often_as_told_beside_what_goes_on) {
     loop.run();
     EXPECT_EQ(repeated, 6);
     EXPECT_GE(watch.elapsed(), milliseconds(200));
+}
+
+// ---- what somebody removes ----
+
+TEST_F(Parts, watch_finds_what_was_gone_before_it_began) {
+    start();
+    const Inventory inventory(*config);
+    EXPECT_FALSE(Object_Watch(inventory).look().lost);
+    fs::rename("/dev/shm/shm/CAM_LOOP_3_1", "/dev/shm/shm/away");
+    const auto lost = Object_Watch(inventory).look().lost;
+    fs::rename("/dev/shm/shm/away", "/dev/shm/shm/CAM_LOOP_3_1");
+    EXPECT_EQ(lost, "segment /dev/shm/shm/CAM_LOOP_3_1 was removed");
 }
 
 // ---- idle kick ----

@@ -134,6 +134,19 @@ TEST_F(Daemon_Upkeep, all_that_is_there_may_be_removed) {
     EXPECT_EQ(end(), 0);
 }
 
+// Also while it is made again.
+TEST_F(Daemon_Upkeep, folder_may_be_removed_again_and_again) {
+    ASSERT_TRUE(start_serving());
+    for (int i = 0; i < 60; ++i) {
+        std::error_code nothing_there;
+        fs::remove_all("/dev/shm/shm", nothing_there);
+        std::this_thread::sleep_for(milliseconds(50));
+    }
+    expect_another_center();
+    expect_a_second_one_to_be_refused();
+    EXPECT_EQ(end(), 0);
+}
+
 TEST_F(Daemon_Upkeep, nothing_is_left_by_clean_after_a_loss) {
     ASSERT_TRUE(start_serving({"--clean"}));
     fs::remove_all("/dev/shm/shm");
