@@ -43,7 +43,8 @@ Outcome check_memory_folder() {
         return failure(Exit_Status::system_error,
                        std::string("/dev/shm is mounted read-only; ") + read_only_remedy);
     }
-    if (faccessat(AT_FDCWD, memory_folder, W_OK | X_OK, AT_EACCESS) != 0) {
+    // Other errors than this one may come from a filter of system calls.
+    if (faccessat(AT_FDCWD, memory_folder, W_OK | X_OK, AT_EACCESS) != 0 && errno == EACCES) {
         return failure(Exit_Status::system_error,
                        "/dev/shm has " + owner_and_mode(found) + ", and user " +
                            std::to_string(geteuid()) + " may make nothing there (" +
