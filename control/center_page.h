@@ -25,8 +25,8 @@ namespace zav_shm {
 //    24   8  started_utc_ns   ns     since 1970, UTC
 //    32  32  reserved         -      0
 //
-// The center's host writes it once it answers and removes it at an orderly end. A killed one
-// leaves it, and the next replaces it: a page alone does not say that a center runs.
+// The center's host writes it just before it lets requests in and removes it at an orderly end. A
+// killed one leaves it, and the next replaces it: a page alone does not say that a center runs.
 struct alignas(8) Center_Page {
     char magic[4] = {'Z', 'A', 'V', 'C'};
     std::uint16_t version = 1;

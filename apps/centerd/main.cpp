@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // zav-shm-centerd, the host of the center. docs/daemon.md is its manual.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
 #include <new>
@@ -32,9 +35,20 @@ Outcome run(const Options& options) {
     return options.check ? daemon.check() : daemon.run();
 }
 
+// A standard stream that is closed would lend its number to the next file: a lock, or a segment
+// that what the center prints would be written into.
+void open_standard_streams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
+            return;
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    open_standard_streams();
     // Whole lines, also into a pipe: what the center prints is read while it runs.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     set_up_signals();

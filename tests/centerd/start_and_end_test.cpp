@@ -95,6 +95,20 @@ TEST_F(Daemon_Life, start_reports_what_the_configuration_probably_does_not_mean)
               "known one\n");
 }
 
+// Else a lock or a segment would get the number of a standard stream.
+TEST_F(Daemon_Life, starts_without_standard_streams) {
+    const std::string path = configuration();
+    daemon.emplace(Words{"/bin/sh", "-c", R"(exec "$@" 0<&- 1>&- 2>&-)", "sh", ZAV_TEST_CENTERD,
+                         "--config", path, "--clean"});
+    ASSERT_TRUE(becomes_true([] { return zav_shm::read_center_page("/shm").has_value(); }));
+    for (const char* stream : {"0", "1", "2"}) {
+        EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(daemon->pid()) + "/fd/" + stream),
+                  "/dev/null");
+    }
+    EXPECT_TRUE(answers());
+    EXPECT_EQ(end(), 0);
+}
+
 TEST_F(Daemon_Life, without_a_file_serves_the_defaults_and_warns_that_all_are_refused) {
     daemon.emplace(command({"--clean"}));
     std::optional<std::string> line;
