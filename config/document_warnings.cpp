@@ -40,7 +40,8 @@ struct Mistake {
     std::string text;
 };
 
-std::optional<Mistake> first_mistake(const std::string& text, Json::CharReaderBuilder rules) {
+std::optional<Mistake> first_mistake(const std::string& text,
+                                     const Json::CharReaderBuilder& rules) {
     const std::unique_ptr<Json::CharReader> reader(rules.newCharReader());
     Json::Value root;
     std::string messages;

@@ -54,7 +54,8 @@ Outcome load(const std::string& path, ZAV_SHM_CONFIG& config) {
         return std::nullopt;
     }
     for (const std::string& warning : config.warnings()) {
-        lines.push_back(front + "warning: " + warning);
+        lines.push_back(front);
+        lines.back().append("warning: ").append(warning);
     }
     return Failure{Exit_Status::configuration_refused, lines};
 }
