@@ -47,11 +47,13 @@ private:
 
     Read read_block(const Stop_Signal& stop);
     std::optional<Problem> recognise(bool at_end);
+    Problem no_picture() const;
     Problem input_problem(const std::string& text) const;
     Problem read_problem() const;
 
     const std::string file_;
     const std::string title_;
+    const std::optional<media::Video_Codec> wanted_codec_;
     std::optional<media::Video_Codec> codec_;
     int descriptor_ = -1;
     std::vector<std::byte> beginning_;  // what open() read

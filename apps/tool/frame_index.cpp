@@ -20,9 +20,9 @@ std::optional<Problem> Frame_Index::open() {
     return {};
 }
 
-void Frame_Index::add(int stream, std::uint64_t sequence, std::uint64_t bytes, bool is_key) {
+void Frame_Index::add(int stream, std::uint64_t sequence, std::uint64_t bytes, Entry_Point entry) {
     if (stream_ && std::fprintf(stream_.get(), "%d %" PRIu64 " %" PRIu64 " %d\n", stream, sequence,
-                                bytes, is_key ? 1 : 0) < 0) {
+                                bytes, static_cast<int>(entry)) < 0) {
         error_ = error_ != 0 ? error_ : errno;
     }
 }

@@ -12,9 +12,13 @@
 
 namespace zav_shm::tool {
 
+/// Where a decoder may begin, as the index writes it.
+enum class Entry_Point { none = 0, key_frame = 1, recovery_point = 2 };
+
 /// A text file with a line "stream sequence bytes key" for each frame that was offered or written,
-/// `key` being 1 or 0. With it what was recorded can be compared with what was sent, frame by
-/// frame. Each line is written at once, so that a killed process leaves whole lines.
+/// `key` being the number of an Entry_Point. With it what was recorded can be compared with what
+/// was sent, frame by frame. Each line is written at once, so that a killed process leaves whole
+/// lines.
 class Frame_Index {
 public:
     /// @param file  nothing: the index is not wanted, and every operation does nothing.
@@ -22,7 +26,7 @@ public:
 
     std::optional<Problem> open();
 
-    void add(int stream, std::uint64_t sequence, std::uint64_t bytes, bool is_key);
+    void add(int stream, std::uint64_t sequence, std::uint64_t bytes, Entry_Point entry);
 
     /// @return what went wrong since open().
     std::optional<Problem> close();

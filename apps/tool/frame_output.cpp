@@ -32,8 +32,9 @@ std::uint16_t flag_if(bool condition, std::uint16_t flag) {
 Frame_Output::Frame_Output(const Publish_Options& options, const Stop_Signal& stop)
     : options_(options),
       stop_(stop),
+      field_rate_(fields_of(options.rate)),
       publisher_(publisher_options(options)),
-      pacer_(options.rate),
+      pacer_(field_rate_),
       index_(options.index),
       channel_(channel_text(options.name, options.channel, options.stream)) {}
 
@@ -66,21 +67,24 @@ void Frame_Output::set_format(Frame_Format format) {
 }
 
 void Frame_Output::publish(const Frame& frame) {
-    if (is_over() || !pacer_.wait_for(frames_, stop_)) {
+    if (is_over() || !pacer_.wait_for(fields_, stop_)) {
         return;
     }
     Frame_Info info;
     info.pts = presentation_time();
+    const std::uint64_t next = fields_ + (frame.is_field ? 1 : 2);
     info.duration = std::chrono::duration_cast<std::chrono::microseconds>(
-        time_of(options_.rate, frames_ + 1) - time_of(options_.rate, frames_));
+        time_of(field_rate_, next) - time_of(field_rate_, fields_));
     info.flags = static_cast<std::uint16_t>(
-        flag_if(frame.is_key, frame_flag::key_frame) |
+        flag_if(frame.entry == Entry_Point::key_frame, frame_flag::key_frame) |
+        flag_if(frame.entry == Entry_Point::recovery_point, frame_flag::recovery_point) |
         flag_if(frame.has_configuration, frame_flag::codec_configuration) |
         flag_if(discontinuity_, frame_flag::discontinuity) |
         flag_if(frame.is_last, frame_flag::end_of_stream));
     ++frames_;
+    fields_ = next;
     const auto result = publisher_.publish(frame.payload, info);
-    index_.add(options_.stream, frames_, frame.size_bytes, frame.is_key);
+    index_.add(options_.stream, frames_, frame.size_bytes, frame.entry);
     discontinuity_ = result.outcome == Publish_Outcome::too_large;
     if (discontinuity_ && too_large_++ < complaints_max) {
         complain_of(frame, result);
@@ -90,7 +94,7 @@ void Frame_Output::publish(const Frame& frame) {
 
 std::chrono::nanoseconds Frame_Output::presentation_time() {
     if (options_.rate.is_paced()) {
-        return time_of(options_.rate, frames_);
+        return time_of(field_rate_, fields_);
     }
     const auto now = Pacer::Clock::now();
     if (frames_ == 0) {

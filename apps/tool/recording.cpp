@@ -21,6 +21,13 @@ constexpr milliseconds look{20};
 // A queue holds no more frames than this when it is emptied at the end.
 constexpr int queued_max = 64;
 
+Entry_Point entry_of(const Received_Frame& frame) {
+    if (frame.is_key_frame()) {
+        return Entry_Point::key_frame;
+    }
+    return frame.is_recovery_point() ? Entry_Point::recovery_point : Entry_Point::none;
+}
+
 }  // namespace
 
 Recording::Recording(const Record_Options& options, int standard_output, const Stop_Signal& stop)
@@ -103,7 +110,7 @@ bool Recording::take(std::size_t input, milliseconds timeout) {
     if (inputs_[input]->receive(frame_, timeout) != Receive_Status::frame) {
         return false;
     }
-    if (switch_.offer(input, frame_.is_key_frame(), Stop_Signal::Clock::now())) {
+    if (switch_.offer(input, frame_.is_entry_point(), Stop_Signal::Clock::now())) {
         write(input, frame_);
     }
     return true;
@@ -117,7 +124,7 @@ void Recording::write(std::size_t input, const Received_Frame& frame) {
     if (options_.verify_synthetic && !is_synthetic(frame.payload(), frame.header.sequence)) {
         ++damaged_;
     }
-    index_.add(options_.streams[input], frame.header.sequence, frame.length, frame.is_key_frame());
+    index_.add(options_.streams[input], frame.header.sequence, frame.length, entry_of(frame));
     first_sequence_ = frames_ == 0 ? frame.header.sequence : first_sequence_;
     last_sequence_ = frame.header.sequence;
     ++frames_;

@@ -9,47 +9,12 @@
 
 #include "support/threads.h"
 #include "tool/split_streams.h"
-#include "tool/tool_process.h"
+#include "tool/tool_frames.h"
 
 namespace {
 
 using std::chrono::milliseconds;
 using Words = std::vector<std::string>;
-
-constexpr milliseconds relay_sleep_max{150};
-
-class Tool_Frames : public Tool {
-protected:
-    void SetUp() override {
-        Tool::SetUp();
-        ASSERT_TRUE(start_center(tool_configuration));
-    }
-
-    // A recorder that is ready for frames: a relay without consumers looks for new ones every
-    // 50 ms only, and until then the frames of a producer are nobody's.
-    Tool_Process start_recorder(const Words& more, const std::string& shell = "exec \"$@\"") {
-        Words words{"record", "--name", "RECODER", "--pair", "CAM_LOOP"};
-        words.insert(words.end(), more.begin(), more.end());
-        Tool_Process recorder = start(words, shell);
-        recorder.says("fed by CAM_LOOP/0/0: connected");
-        std::this_thread::sleep_for(relay_sleep_max);
-        return recorder;
-    }
-
-    Tool_Process start_publisher(const Words& more, const std::string& shell = "exec \"$@\"") {
-        Words words{"publish", "--name", "CAM_LOOP"};
-        words.insert(words.end(), more.begin(), more.end());
-        return start(words, shell);
-    }
-};
-
-std::string text_of(const Bytes& bytes) {
-    std::string text;
-    for (const std::byte byte : bytes) {
-        text += static_cast<char>(byte);
-    }
-    return text;
-}
 
 // ---- the way through ----
 
