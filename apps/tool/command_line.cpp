@@ -235,9 +235,13 @@ public:
         number("--frames", options_.frames, 1, count_max, "End after so many frames");
         seconds("--duration", options_.duration, 0.001, "End after so long");
         app_.add_flag("--any-frame", options_.any_frame, "Do not wait for a key frame to begin");
+        app_.add_flag("--keep-all", options_.keep_all,
+                      "After a gap do not wait for a key frame to go on");
         app_.add_flag("--sync", options_.sync, "Write down to the medium before the end");
-        app_.add_flag("--strict", options_.strict,
-                      "Exit with 1 when a frame was lost, dropped or torn, or none came");
+        app_.add_flag(
+            "--strict", options_.strict,
+            "Exit with 1 when a frame was lost, dropped or torn, the recording has a gap, "
+            "or none came");
         app_.add_flag("--verify-synthetic", options_.verify_synthetic,
                       "Check the pattern of publish --synthetic");
         index(options_.index, "Also write a line \"stream sequence bytes key\" for each frame");

@@ -9,7 +9,7 @@
 namespace zav_shm::tool {
 
 Frame_Input::Frame_Input(const Common_Options& common, const Channel_Options& channel,
-                         const std::string& producer, bool start_at_key_frame)
+                         const std::string& producer)
     : wait_(common.wait),
       name_(channel.name),
       producer_(producer),
@@ -20,7 +20,7 @@ Frame_Input::Frame_Input(const Common_Options& common, const Channel_Options& ch
                    .channel = channel.channel,
                    .stream = channel.stream,
                    .center_wait = common.wait,
-                   .start_at_key_frame = start_at_key_frame}) {}
+                   .overflow = Overflow_Policy::drop_oldest}) {}
 
 std::optional<Problem> Frame_Input::open() {
     for (const auto& [type, name] : {std::pair{control::type::receiver, &name_},

@@ -15,7 +15,7 @@ namespace zav_shm::tool {
 class Frame_Input {
 public:
     Frame_Input(const Common_Options& common, const Channel_Options& channel,
-                const std::string& producer, bool start_at_key_frame);
+                const std::string& producer);
 
     /// Registers with the center, which has to know both names.
     std::optional<Problem> open();
@@ -29,7 +29,7 @@ public:
 
     Frame_State state() const { return subscriber_.state(); }
     Subscriber_Counters counters() const { return subscriber_.counters(); }
-    const std::string& producer_channel() const { return producer_channel_; }
+    const std::string& consumer_channel() const { return consumer_channel_; }
 
 private:
     const std::chrono::milliseconds wait_;

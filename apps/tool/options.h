@@ -60,7 +60,8 @@ struct Record_Options : Common_Options, Channel_Options {
     std::chrono::milliseconds switch_every{0};
     std::uint64_t frames = 0;               // 0 is no limit
     std::chrono::milliseconds duration{0};  // 0 is no limit
-    bool any_frame = false;
+    bool any_frame = false;                 // begin at once
+    bool keep_all = false;                  // go on at once after a gap
     bool sync = false;
     bool strict = false;
     bool verify_synthetic = false;

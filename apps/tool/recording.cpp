@@ -18,6 +18,12 @@ using std::chrono::milliseconds;
 // stream, whose key frame waits for as long.
 constexpr milliseconds look{20};
 
+// A stream that loses frames all the time would fill the screen.
+constexpr std::uint64_t gaps_told_max = 5;
+
+// Encoders that make key frames at all make one within this time, as a rule.
+constexpr std::chrono::seconds waiting_told_after{5};
+
 // A queue holds no more frames than this when it is emptied at the end.
 constexpr int queued_max = 64;
 
@@ -39,8 +45,9 @@ Recording::Recording(const Record_Options& options, int standard_output, const S
       switch_(options.switch_every, begin_) {
     for (const int stream : options.streams) {
         const Channel_Options channel{options.name, options.channel, stream};
-        inputs_.push_back(
-            std::make_unique<Frame_Input>(options, channel, options.producer, !options.any_frame));
+        inputs_.push_back(std::make_unique<Frame_Input>(options, channel, options.producer));
+        gates_.push_back(Entry_Gate(
+            {.waits_at_begin = !options.any_frame, .waits_after_gap = !options.keep_all}));
     }
 }
 
@@ -77,6 +84,7 @@ std::optional<Problem> Recording::run() {
         for (const auto& input : inputs_) {
             input->tell_state();
         }
+        tell_what_is_waited_for();
         if (!write_error_ && !file_.flush_if_due()) {
             write_error_ = errno;
         }
@@ -110,10 +118,25 @@ bool Recording::take(std::size_t input, milliseconds timeout) {
     if (inputs_[input]->receive(frame_, timeout) != Receive_Status::frame) {
         return false;
     }
-    if (switch_.offer(input, frame_.is_entry_point(), Stop_Signal::Clock::now())) {
+    pass_on(input);
+    return true;
+}
+
+// The gate of the stream that is not written is kept up to date, too: what it lets pass is where a
+// change may come about.
+void Recording::pass_on(std::size_t input) {
+    const auto now = Stop_Signal::Clock::now();
+    const bool passes = gates_[input].lets_pass(frame_, now);
+    const std::size_t before = switch_.active();
+    if (!passes) {
+        skipped_ += input == before ? 1U : 0U;
+    } else if (switch_.offer(input, frame_.is_entry_point(), now)) {
+        if (input == before) {
+            tell_gap(inputs_[input]->consumer_channel(), gates_[input].gap());
+        }
+        told_waiting_ = false;
         write(input, frame_);
     }
-    return true;
 }
 
 void Recording::write(std::size_t input, const Received_Frame& frame) {
@@ -130,6 +153,40 @@ void Recording::write(std::size_t input, const Received_Frame& frame) {
     ++frames_;
     bytes_ += frame.length;
     key_frames_ += frame.is_key_frame() ? 1U : 0U;
+    recovery_points_ += entry_of(frame) == Entry_Point::recovery_point ? 1U : 0U;
+}
+
+// @param gap  lies before the frame that is about to be written.
+void Recording::tell_gap(const std::string& consumer, const Entry_Gate::Gap& gap) {
+    if (gap.is_none() || gaps_++ >= gaps_told_max) {
+        return;
+    }
+    const std::string frame = "frame " + std::to_string(frame_.header.sequence);
+    std::string text = consumer + ": ";
+    text += gap.other_producer ? frame + " is the first one of another or restarted producer"
+                               : "a gap before " + frame;
+    for (const auto& [count, fate] :
+         {std::pair{gap.lost, " lost"}, std::pair{gap.dropped, " dropped as the queue was full"},
+          std::pair{gap.skipped, " left out on the way to a key frame"}}) {
+        text += count > 0 ? ", " + std::to_string(count) + fate : "";
+    }
+    complain(text + (gaps_ == gaps_told_max ? "; further gaps are only counted" : ""));
+}
+
+void Recording::tell_what_is_waited_for() {
+    const Entry_Gate& gate = gates_[switch_.active()];
+    const auto waits = gate.waits_for(Stop_Signal::Clock::now());
+    if (told_waiting_ ||
+        waits.value_or(waiting_told_after - milliseconds(1)) < waiting_told_after) {
+        return;
+    }
+    told_waiting_ = true;
+    complain(inputs_[switch_.active()]->consumer_channel() + ": for " +
+             std::to_string(waiting_told_after.count()) + " s neither a key frame nor a recovery " +
+             "point has come, " + std::to_string(gate.left_out()) +
+             " frames are left out so far; have the encoder make key frames more often, or record "
+             "with " +
+             (gate.has_begun() ? "--keep-all" : "--any-frame"));
 }
 
 Problem Recording::write_problem() const {
@@ -147,24 +204,30 @@ Exit_Status Recording::tell() const {
         sum.lost += counters.lost;
         sum.dropped += counters.dropped;
         sum.torn += counters.torn;
-        sum.skipped += counters.skipped;
         sum.foreign += counters.foreign;
         sum.recoveries += counters.recoveries;
     }
     std::fprintf(stderr,
                  "record: frames=%" PRIu64 " bytes=%" PRIu64 " lost=%" PRIu64 " dropped=%" PRIu64
-                 " torn=%" PRIu64 " key_frames=%" PRIu64 " first=%" PRIu64 " last=%" PRIu64
-                 " skipped=%" PRIu64 " foreign=%" PRIu64 " reconnects=%" PRIu64 " switches=%" PRIu64
-                 " damaged=%" PRIu64 "\n",
-                 frames_, bytes_, sum.lost, sum.dropped, sum.torn, key_frames_, first_sequence_,
-                 last_sequence_, sum.skipped, sum.foreign, sum.recoveries, switch_.switches(),
-                 damaged_);
+                 " torn=%" PRIu64 " key_frames=%" PRIu64 " recovery_points=%" PRIu64
+                 " first=%" PRIu64 " last=%" PRIu64 " skipped=%" PRIu64 " gaps=%" PRIu64
+                 " foreign=%" PRIu64 " reconnects=%" PRIu64 " switches=%" PRIu64 " damaged=%" PRIu64
+                 "\n",
+                 frames_, bytes_, sum.lost, sum.dropped, sum.torn, key_frames_, recovery_points_,
+                 first_sequence_, last_sequence_, skipped_, gaps_, sum.foreign, sum.recoveries,
+                 switch_.switches(), damaged_);
+    if (frames_ == 0 && skipped_ > 0) {
+        complain(
+            "nothing was written: of the " + std::to_string(skipped_) +
+            " frames that came none was a key frame or recovery point; record for longer, with "
+            "--any-frame, or have the encoder make key frames more often");
+    }
     if (damaged_ > 0) {
         complain(std::to_string(damaged_) + " of " + std::to_string(frames_) +
                  " frames do not hold the pattern of publish --synthetic");
         return Exit_Status::incomplete;
     }
-    const bool complete = sum.lost + sum.dropped + sum.torn == 0 && frames_ > 0;
+    const bool complete = sum.lost + sum.dropped + sum.torn + gaps_ == 0 && frames_ > 0;
     return complete || !options_.strict ? Exit_Status::ok : Exit_Status::incomplete;
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/tool/entry_gate.h"
 #include "apps/tool/frame_index.h"
 #include "apps/tool/frame_input.h"
 #include "apps/tool/options.h"
@@ -36,12 +37,16 @@ private:
     bool is_over() const;
     bool is_full() const;
     bool take(std::size_t input, std::chrono::milliseconds timeout);
+    void pass_on(std::size_t input);
     void write(std::size_t input, const Received_Frame& frame);
+    void tell_gap(const std::string& consumer, const Entry_Gate::Gap& gap);
+    void tell_what_is_waited_for();
     Problem write_problem() const;
 
     const Record_Options& options_;
     const Stop_Signal& stop_;
     std::vector<std::unique_ptr<Frame_Input>> inputs_;
+    std::vector<Entry_Gate> gates_;  // one for each input
     Output_File file_;
     Frame_Index index_;
     Stop_Signal::Clock::time_point begin_;
@@ -52,6 +57,10 @@ private:
     std::uint64_t frames_ = 0;
     std::uint64_t bytes_ = 0;
     std::uint64_t key_frames_ = 0;
+    std::uint64_t recovery_points_ = 0;
+    std::uint64_t skipped_ = 0;  // left out on the way to a key frame or recovery point
+    std::uint64_t gaps_ = 0;     // places in the file where frames are missing or may be
+    bool told_waiting_ = false;  // of the present wait
     std::uint64_t damaged_ = 0;  // by --verify-synthetic
     std::uint64_t first_sequence_ = 0;
     std::uint64_t last_sequence_ = 0;

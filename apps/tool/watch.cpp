@@ -29,7 +29,7 @@ public:
         : options_(options),
           output_(output),
           rewrites_(!options.json && output.is_terminal()),
-          input_(options, options, options.producer, false) {}
+          input_(options, options, options.producer) {}
 
     std::optional<Problem> open() { return input_.open(); }
 
