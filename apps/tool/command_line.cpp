@@ -107,8 +107,10 @@ protected:
 
     void json(bool& flag) { app_.add_flag("--json", flag, "Write JSON, an object on each line"); }
 
-    void index(std::string& target, const char* description) {
-        app_.add_option("--index", target, description)
+    void index(std::string& target) {
+        app_.add_option("--index", target,
+                        "Also write a line \"stream sequence bytes key\" for each frame; - is "
+                        "standard output")
             ->check(checked_by(file_mistake))
             ->type_name("FILE");
     }
@@ -161,7 +163,7 @@ public:
                "Synthetic frames from one key frame to the next")
             ->capture_default_str()
             ->needs(synthetic_);
-        index(options_.index, "Write a line \"stream sequence bytes key\" for each frame");
+        index(options_.index);
         common(options_, 5, "5");
     }
 
@@ -244,11 +246,14 @@ public:
             "or none came");
         app_.add_flag("--verify-synthetic", options_.verify_synthetic,
                       "Check the pattern of publish --synthetic");
-        index(options_.index, "Also write a line \"stream sequence bytes key\" for each frame");
+        index(options_.index);
         common(options_, 5, "5");
     }
 
     std::optional<std::string> finish() override {
+        if (options_.file == standard_stream && options_.index == standard_stream) {
+            return "--index: standard output carries the frames already";
+        }
         if (streams_->count() == 0) {
             options_.streams = {options_.stream};
             return {};

@@ -40,11 +40,17 @@ Elementary_Source::~Elementary_Source() {
     }
 }
 
-std::optional<Problem> Elementary_Source::open(const Stop_Signal& stop) {
-    descriptor_ =
-        file_ == standard_stream ? STDIN_FILENO : ::open(file_.c_str(), O_RDONLY | O_CLOEXEC);
+std::optional<Problem> Elementary_Source::open(bool again, const Stop_Signal& stop) {
+    // Without blocking: a named pipe without a writer would hold the program up where no signal
+    // ends it. Such a pipe becomes readable when the first writer has written, or gone again.
+    descriptor_ = file_ == standard_stream
+                      ? STDIN_FILENO
+                      : ::open(file_.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (descriptor_ < 0) {
         return input_problem(std::string("cannot open ") + title_ + ": " + std::strerror(errno));
+    }
+    if (again && lseek(descriptor_, 0, SEEK_CUR) < 0) {
+        return no_beginning();
     }
     for (;;) {
         const Read read = read_block(stop);
@@ -88,8 +94,7 @@ std::optional<Problem> Elementary_Source::run(std::size_t limit_bytes, bool loop
                     return {};
                 }
                 if (lseek(descriptor_, 0, SEEK_SET) != 0) {
-                    return input_problem("cannot go back to the beginning of " + title_ +
-                                         " for --loop: " + std::strerror(errno));
+                    return no_beginning();
                 }
                 break;
             case Read::stopped:
@@ -156,6 +161,11 @@ std::optional<Problem> Elementary_Source::recognise(bool at_end) {
                              "; say which with --codec h264 or --codec h265");
     }
     return {};
+}
+
+Problem Elementary_Source::no_beginning() const {
+    return input_problem("cannot go back to the beginning of " + title_ +
+                         " for --loop: " + std::strerror(errno));
 }
 
 Problem Elementary_Source::no_picture() const {

@@ -29,16 +29,20 @@ std::uint16_t flag_if(bool condition, std::uint16_t flag) {
 
 }  // namespace
 
-Frame_Output::Frame_Output(const Publish_Options& options, const Stop_Signal& stop)
+Frame_Output::Frame_Output(const Publish_Options& options, int standard_output,
+                           const Stop_Signal& stop)
     : options_(options),
       stop_(stop),
       field_rate_(fields_of(options.rate)),
       publisher_(publisher_options(options)),
       pacer_(field_rate_),
-      index_(options.index),
+      index_(options.index, standard_output, stop),
       channel_(channel_text(options.name, options.channel, options.stream)) {}
 
 std::optional<Problem> Frame_Output::open() {
+    if (auto problem = index_.open(Output_File::Clock::time_point::max())) {
+        return problem;
+    }
     const auto known = query_name(control::type::distributor, options_.name, options_.wait);
     if (const auto* problem = std::get_if<Problem>(&known)) {
         return *problem;
@@ -51,7 +55,7 @@ std::optional<Problem> Frame_Output::open() {
     if (!opened) {
         return Problem{Exit_Status::no_center, opened.reason};
     }
-    if (auto problem = index_.open()) {
+    if (auto problem = index_.begin()) {
         return problem;
     }
     state_ = publisher_.state();
@@ -134,7 +138,7 @@ Exit_Status Frame_Output::close() {
                  counters.frames, counters.delivered, counters.no_consumer, counters.too_large,
                  counters.no_center, counters.slow_reads, counters.recoveries, counters.bytes,
                  seconds.count());
-    if (const auto problem = index_.close()) {
+    if (const auto problem = index_.close(false)) {
         return report(*problem);
     }
     if (too_large_ == 0) {

@@ -28,7 +28,7 @@ public:
         bool is_field = false;  // it lasts for half of a frame's time
     };
 
-    Frame_Output(const Publish_Options& options, const Stop_Signal& stop);
+    Frame_Output(const Publish_Options& options, int standard_output, const Stop_Signal& stop);
 
     /// Registers with the center, which has to know the name.
     std::optional<Problem> open();

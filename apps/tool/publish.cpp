@@ -106,15 +106,15 @@ void publish_synthetic(const Publish_Options& options, Frame_Output& output) {
 
 }  // namespace
 
-Exit_Status run(const Publish_Options& options, const Standard_Output& /*output*/) {
+Exit_Status run(const Publish_Options& options, const Standard_Output& standard_output) {
     const Stop_Signal stop;
     Elementary_Source source(options.file, options.codec);
     if (!options.synthetic) {
-        if (const auto problem = source.open(stop)) {
+        if (const auto problem = source.open(options.loop, stop)) {
             return report(*problem);
         }
     }
-    Frame_Output output(options, stop);
+    Frame_Output output(options, standard_output.descriptor(), stop);
     if (const auto problem = output.open()) {
         return report(*problem);
     }

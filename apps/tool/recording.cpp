@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
+#include <utility>
 
 #include "apps/tool/synthetic_pattern.h"
 
@@ -27,20 +27,14 @@ constexpr std::chrono::seconds waiting_told_after{5};
 // A queue holds no more frames than this when it is emptied at the end.
 constexpr int queued_max = 64;
 
-Entry_Point entry_of(const Received_Frame& frame) {
-    if (frame.is_key_frame()) {
-        return Entry_Point::key_frame;
-    }
-    return frame.is_recovery_point() ? Entry_Point::recovery_point : Entry_Point::none;
-}
-
 }  // namespace
 
 Recording::Recording(const Record_Options& options, int standard_output, const Stop_Signal& stop)
     : options_(options),
       stop_(stop),
       file_(options.file, standard_output, stop),
-      index_(options.index),
+      index_(options.index, standard_output, stop),
+      recorded_(index_),
       begin_(Stop_Signal::Clock::now()),
       switch_(options.switch_every, begin_) {
     for (const int stream : options.streams) {
@@ -52,14 +46,13 @@ Recording::Recording(const Record_Options& options, int standard_output, const S
 }
 
 std::optional<Problem> Recording::open() {
-    const auto file_problem = [this] {
-        return Problem{Exit_Status::input_output,
-                       "cannot open " + file_.title() + ": " + std::strerror(errno)};
-    };
-    if (!file_.open()) {
-        return file_problem();
+    using Clock = Stop_Signal::Clock;
+    const bool has_limit = options_.duration > milliseconds(0);
+    const auto end = has_limit ? Clock::now() + options_.duration : Clock::time_point::max();
+    if (auto problem = file_.open(end)) {
+        return problem;
     }
-    if (auto problem = index_.open()) {
+    if (auto problem = index_.open(end)) {
         return problem;
     }
     for (const auto& input : inputs_) {
@@ -68,10 +61,11 @@ std::optional<Problem> Recording::open() {
         }
     }
     if (!file_.empty()) {
-        return file_problem();
+        write_error_ = errno;
+        return write_problem();
     }
-    begin_ = Stop_Signal::Clock::now();
-    return {};
+    begin_ = Clock::now();
+    return index_.begin();
 }
 
 std::optional<Problem> Recording::run() {
@@ -85,9 +79,7 @@ std::optional<Problem> Recording::run() {
             input->tell_state();
         }
         tell_what_is_waited_for();
-        if (!write_error_ && !file_.flush_if_due()) {
-            write_error_ = errno;
-        }
+        note(write_error_ || file_.flush_if_due());
     }
     return write_error_ ? std::optional(write_problem()) : std::nullopt;
 }
@@ -98,14 +90,29 @@ std::optional<Problem> Recording::close() {
             break;
         }
     }
-    if (!write_error_ && !file_.close(options_.sync)) {
-        write_error_ = errno;
+    note(write_error_ || file_.flush());
+    // Behind the last whole frame only the beginning of one can be.
+    file_.cut_back(recorded_.bytes());
+    const bool closed = file_.close(options_.sync);
+    const int error = errno;
+    const auto index_problem = index_.close(options_.sync);
+    if (write_error_) {
+        return write_problem();
     }
-    const auto index_problem = index_.close();
-    return write_error_ ? std::optional(write_problem()) : index_problem;
+    return closed ? index_problem : close_problem(error);
 }
 
-bool Recording::is_full() const { return options_.frames != 0 && frames_ >= options_.frames; }
+// Keeps what is told of the recording up with what is in its file.
+void Recording::note(bool written) {
+    if (!written) {
+        write_error_ = errno;
+    }
+    recorded_.settle(file_.written());
+}
+
+bool Recording::is_full() const {
+    return options_.frames != 0 && recorded_.handed_over() >= options_.frames;
+}
 
 bool Recording::is_over() const {
     const bool late = options_.duration > milliseconds(0) &&
@@ -140,20 +147,25 @@ void Recording::pass_on(std::size_t input) {
 }
 
 void Recording::write(std::size_t input, const Received_Frame& frame) {
-    if (!file_.write(frame.payload())) {
-        write_error_ = errno;
-        return;
+    tell_change_of_codec(frame);
+    const bool written = file_.write(frame.payload());
+    if (written) {
+        recorded_.add(options_.streams[input], frame);
+        const bool is_damaged =
+            options_.verify_synthetic && !is_synthetic(frame.payload(), frame.header.sequence);
+        damaged_ += is_damaged ? 1U : 0U;
     }
-    if (options_.verify_synthetic && !is_synthetic(frame.payload(), frame.header.sequence)) {
-        ++damaged_;
+    note(written);
+}
+
+void Recording::tell_change_of_codec(const Received_Frame& frame) {
+    const std::uint32_t before = std::exchange(codec_, frame.header.codec);
+    if (before != 0 && codec_ != 0 && before != codec_) {
+        ++codec_changes_;
+        complain("the stream changes from " + codec_name(before) + " to " + codec_name(codec_) +
+                 " at frame " + std::to_string(frame.header.sequence) + ": players of " +
+                 file_.title() + " stop there");
     }
-    index_.add(options_.streams[input], frame.header.sequence, frame.length, entry_of(frame));
-    first_sequence_ = frames_ == 0 ? frame.header.sequence : first_sequence_;
-    last_sequence_ = frame.header.sequence;
-    ++frames_;
-    bytes_ += frame.length;
-    key_frames_ += frame.is_key_frame() ? 1U : 0U;
-    recovery_points_ += entry_of(frame) == Entry_Point::recovery_point ? 1U : 0U;
 }
 
 // @param gap  lies before the frame that is about to be written.
@@ -190,11 +202,20 @@ void Recording::tell_what_is_waited_for() {
 }
 
 Problem Recording::write_problem() const {
-    const char* cause =
-        *write_error_ == ETIMEDOUT ? "nobody reads it" : std::strerror(*write_error_);
-    return {Exit_Status::input_output, "cannot write to " + file_.title() + " after " +
-                                           std::to_string(frames_) + " frames, " +
-                                           std::to_string(bytes_) + " bytes: " + cause};
+    return {Exit_Status::input_output, "cannot write to " + file_.title() + " after " + amount() +
+                                           ": " + Output_File::cause(*write_error_)};
+}
+
+// What the system has taken may still be lost on the way to the medium.
+Problem Recording::close_problem(int error) const {
+    return {Exit_Status::input_output, "cannot write " + file_.title() +
+                                           " down to the medium, which may lack a part of " +
+                                           amount() + ": " + Output_File::cause(error)};
+}
+
+std::string Recording::amount() const {
+    return std::to_string(recorded_.frames()) + " frames, " + std::to_string(recorded_.bytes()) +
+           " bytes";
 }
 
 Exit_Status Recording::tell() const {
@@ -213,21 +234,23 @@ Exit_Status Recording::tell() const {
                  " first=%" PRIu64 " last=%" PRIu64 " skipped=%" PRIu64 " gaps=%" PRIu64
                  " foreign=%" PRIu64 " reconnects=%" PRIu64 " switches=%" PRIu64 " damaged=%" PRIu64
                  "\n",
-                 frames_, bytes_, sum.lost, sum.dropped, sum.torn, key_frames_, recovery_points_,
-                 first_sequence_, last_sequence_, skipped_, gaps_, sum.foreign, sum.recoveries,
+                 recorded_.frames(), recorded_.bytes(), sum.lost, sum.dropped, sum.torn,
+                 recorded_.key_frames(), recorded_.recovery_points(), recorded_.first_sequence(),
+                 recorded_.last_sequence(), skipped_, gaps_, sum.foreign, sum.recoveries,
                  switch_.switches(), damaged_);
-    if (frames_ == 0 && skipped_ > 0) {
+    if (recorded_.handed_over() == 0 && skipped_ > 0) {
         complain(
             "nothing was written: of the " + std::to_string(skipped_) +
             " frames that came none was a key frame or recovery point; record for longer, with "
             "--any-frame, or have the encoder make key frames more often");
     }
     if (damaged_ > 0) {
-        complain(std::to_string(damaged_) + " of " + std::to_string(frames_) +
+        complain(std::to_string(damaged_) + " of " + std::to_string(recorded_.frames()) +
                  " frames do not hold the pattern of publish --synthetic");
         return Exit_Status::incomplete;
     }
-    const bool complete = sum.lost + sum.dropped + sum.torn + gaps_ == 0 && frames_ > 0;
+    const std::uint64_t flaws = sum.lost + sum.dropped + sum.torn + gaps_ + codec_changes_;
+    const bool complete = flaws == 0 && recorded_.frames() > 0;
     return complete || !options_.strict ? Exit_Status::ok : Exit_Status::incomplete;
 }
 

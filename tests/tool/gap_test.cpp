@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <sstream>
 
 #include "support/threads.h"
 #include "tool/crafted_streams.h"
@@ -27,21 +26,7 @@ protected:
         return start_publisher(words);
     }
 
-    // The numbers and entry points of what was written: "4", "5 key", ...
-    struct Line {
-        unsigned long sequence;
-        int entry;
-    };
-    std::vector<Line> written() {
-        std::vector<Line> lines;
-        std::istringstream index(content(path("index")));
-        int stream = 0;
-        unsigned long bytes = 0;
-        for (Line line{}; index >> stream >> line.sequence >> bytes >> line.entry;) {
-            lines.push_back(line);
-        }
-        return lines;
-    }
+    std::vector<Index_Line> written() { return index_lines(path("index")); }
 
     // A key frame stands behind each gap.
     void expect_entry_behind_each_gap() {
@@ -119,7 +104,7 @@ TEST_F(Tool_Gaps, recording_begins_anew_at_a_key_frame_of_another_producer) {
     expect_entry_behind_each_gap();
     const auto lines = written();
     const auto other = std::find_if(lines.begin() + 1, lines.end(),
-                                    [](const Line& line) { return line.sequence == 31; });
+                                    [](const Index_Line& line) { return line.sequence == 31; });
     ASSERT_NE(other, lines.end());
     EXPECT_EQ(other->entry, 1);
     EXPECT_TRUE(recorder.says("frame 31 is the first one of another or restarted producer"));

@@ -184,7 +184,9 @@ TEST_F(Tool_Frames, a_file_that_may_not_grow_keeps_what_fits) {
     Tool_Process publisher = start_publisher({"--synthetic", "--size", "10000", "--fps", "20"});
     EXPECT_EQ(recorder.status(), input_output);
     EXPECT_TRUE(recorder.says("File too large"));
-    EXPECT_EQ(content(path("out")).size(), 40U * 512U);
+    EXPECT_EQ(content(path("out")).size(), 20'000U) << "two whole frames of the 20,480 bytes";
+    EXPECT_EQ(recorder.figure("bytes"), 20'000);
+    EXPECT_EQ(recorder.figure("frames"), 2);
     publisher.signal(SIGINT);
     EXPECT_EQ(publisher.status(), 0);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,6 +35,22 @@ protected:
         std::vector<std::string> words{"publish", "--name", "CAM_LOOP"};
         words.insert(words.end(), more.begin(), more.end());
         return start(words, shell);
+    }
+
+    /// A line of an index, the part that tests look at.
+    struct Index_Line {
+        unsigned long sequence = 0;
+        unsigned long bytes = 0;
+        int entry = 0;
+    };
+    static std::vector<Index_Line> index_lines(const std::string& file) {
+        std::vector<Index_Line> lines;
+        std::istringstream index(content(file));
+        int stream = 0;
+        for (Index_Line line; index >> stream >> line.sequence >> line.bytes >> line.entry;) {
+            lines.push_back(line);
+        }
+        return lines;
     }
 
 private:

@@ -97,6 +97,7 @@ TEST_F(Tool_Usage, record_and_watch_name_what_is_wrong) {
     expect_record_mistake({"-o", "x", "--streams", "0,x", "--switch-every", "2"}, "'x'");
     expect_record_mistake({"-o", "x", "--stream", "0", "--streams", "0,1", "--switch-every", "2"},
                           "--stream");
+    expect_record_mistake({"-o", "-", "--index", "-"}, "standard output carries the frames");
     expect_mistake({"watch", "--name", "A", "--pair", "B", "--count", "x"}, "'x' is no whole");
 }
 
@@ -164,10 +165,18 @@ TEST_F(Tool_Usage, a_file_that_is_no_elementary_stream_is_named) {
 
 TEST_F(Tool_Usage, an_earlier_recording_survives_one_that_does_not_come_about) {
     write(path("out"), "precious");
-    Tool_Process tool = start(
-        {"record", "--name", "RECODER", "--pair", "CAM_LOOP", "-o", path("out"), "--wait", "0.1"});
-    EXPECT_EQ(tool.status(), no_center);
-    EXPECT_EQ(content(path("out")), "precious");
+    write(path("index"), "likewise");
+    for (const Words& words :
+         {Words{"record", "--name", "RECODER", "--pair", "CAM_LOOP", "-o", path("out"), "--index",
+                path("index")},
+          Words{"publish", "--synthetic", "--name", "CAM_LOOP", "--index", path("index")}}) {
+        Words all = words;
+        all.insert(all.end(), {"--wait", "0.1"});
+        Tool_Process tool = start(all);
+        EXPECT_EQ(tool.status(), no_center);
+        EXPECT_EQ(content(path("out")), "precious");
+        EXPECT_EQ(content(path("index")), "likewise");
+    }
 }
 
 TEST_F(Tool_Usage, an_output_that_cannot_be_opened_is_named) {
