@@ -9,8 +9,10 @@
 
 #include <memory>
 #include <optional>
+#include <sstream>
 
 #include "apps/tool/argument_checks.h"
+#include "apps/tool/standard_output.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {
@@ -407,8 +409,9 @@ std::variant<Options, Exit_Status> read_command_line(int argc, const char* const
         app.parse(argc, argv);
     } catch (const CLI::ParseError& reason) {
         if (reason.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            app.exit(reason);  // prints help or version
-            return Exit_Status::ok;
+            std::ostringstream help_or_version;
+            app.exit(reason, help_or_version, help_or_version);
+            return write_to(Standard_Output(true), help_or_version.str());
         }
         const bool has_command = argc < 2 || !app.get_subcommands().empty();
         return usage_error(

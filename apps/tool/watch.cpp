@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <cerrno>
 #include <ctime>
+#include <span>
 
 #include "apps/tool/commands.h"
 #include "apps/tool/frame_input.h"
+#include "apps/tool/output_file.h"
 #include "apps/tool/stop_signal.h"
 #include "apps/tool/synthetic_pattern.h"
 #include "apps/tool/watch_line.h"
@@ -27,11 +30,14 @@ class Watch {
 public:
     Watch(const Watch_Options& options, const Standard_Output& output)
         : options_(options),
-          output_(output),
           rewrites_(!options.json && output.is_terminal()),
+          output_(standard_stream, output.descriptor(), stop_),
           input_(options, options, options.producer) {}
 
-    std::optional<Problem> open() { return input_.open(); }
+    std::optional<Problem> open() {
+        auto problem = output_.open();
+        return problem ? problem : input_.open();
+    }
 
     Exit_Status run() {
         Clock::time_point line_begin = Clock::now();
@@ -53,7 +59,7 @@ public:
             line_begin = now - line_end > line_every ? now : line_end;
         }
         if (rewrites_) {
-            output_.write("\n");
+            write("\n");
         }
         return damaged_ == 0 ? Exit_Status::ok : Exit_Status::incomplete;
     }
@@ -79,16 +85,23 @@ private:
 
     Exit_Status write(const Watch_Sample& sample) {
         if (options_.json) {
-            return write_to(output_, json_of(sample) + "\n");
+            return write(json_of(sample) + "\n");
         }
-        return write_to(output_,
-                        rewrites_ ? "\r" + text_of(sample) + "\x1b[K" : text_of(sample) + "\n");
+        return write(rewrites_ ? "\r" + text_of(sample) + "\x1b[K" : text_of(sample) + "\n");
+    }
+
+    Exit_Status write(const std::string& text) {
+        if (output_.write(std::as_bytes(std::span(text))) && output_.flush()) {
+            return Exit_Status::ok;
+        }
+        return report({Exit_Status::input_output,
+                       "cannot write to " + output_.title() + ": " + Output_File::cause(errno)});
     }
 
     const Watch_Options& options_;
-    const Standard_Output& output_;
     const bool rewrites_;
     const Stop_Signal stop_;
+    Output_File output_;
     Frame_Input input_;
     Received_Frame frame_;
     std::uint64_t damaged_ = 0;

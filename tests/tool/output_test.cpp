@@ -116,6 +116,59 @@ TEST_F(Tool_Output, an_index_can_go_through_a_pipe_and_to_standard_output) {
     EXPECT_EQ(static_cast<long>(index_lines(path("index")).size()), recorder.figure("frames"));
 }
 
+// ---- standard output that is closed or full ----
+
+// Every command: "$@" is it, with its standard output closed, full, or open for reading only.
+TEST_F(Tool_Output, that_is_closed_or_full_is_an_error_of_every_command) {
+    const auto with_name = [](const char* command, const char* type) {
+        return Words{command, "--name", "PLAYER", type, type[2] == 't' ? "Receiver" : "CAM_LOOP"};
+    };
+    Tool_Process publisher = synthetic({"--size", "100"});
+    write("/dev/shm/shm/center_status.json", R"({"pid":)" + std::to_string(getpid()) + "}\n");
+    Words watch = with_name("watch", "--pair");
+    watch.insert(watch.end(), {"--count", "1"});
+    for (const Words& words :
+         {Words{"--help"}, Words{"--version"}, Words{"record", "--help"}, Words{"status"},
+          Words{"status", "--json"}, with_name("query", "--type"), with_name("pair", "--pair"),
+          Words{"kick", "on", "--wait", "0.1", "--json"}, watch,
+          record({"-o", "-", "--frames", "3"})}) {
+        for (const auto& [redirection, cause] :
+             {std::pair{">&-", "Bad file descriptor"}, std::pair{">/dev/full", "No space left"},
+              std::pair{"1</dev/null", "Bad file descriptor"}}) {
+            Tool_Process tool = start(words, std::string("exec \"$@\" ") + redirection);
+            EXPECT_EQ(tool.status(), input_output) << words[0] << " " << redirection;
+            EXPECT_NE(tool.errors().find("standard output"), std::string::npos) << tool.errors();
+            EXPECT_NE(tool.errors().find(cause), std::string::npos) << tool.errors();
+        }
+    }
+    end(publisher);
+    unlink("/dev/shm/shm/center_status.json");
+}
+
+TEST_F(Tool_Output, closed_standard_input_and_error_are_told_by_the_status) {
+    Tool_Process input = start_publisher({"-"}, "exec \"$@\" <&-");
+    EXPECT_EQ(input.status(), input_output);
+    EXPECT_TRUE(input.says("cannot read standard input: Bad file descriptor"));
+    Tool_Process errors = start({"query", "--type", "Receiver", "--name", "X"}, "exec \"$@\" 2>&-");
+    EXPECT_EQ(errors.status(), refused);
+    EXPECT_EQ(errors.output(), "");
+}
+
+TEST_F(Tool_Output, that_nobody_reads_does_not_keep_a_signal_from_watch) {
+    const std::string fifo = named_pipe("pipe");
+    const int pipe = open(fifo.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
+    ASSERT_GE(pipe, 0);
+    const std::string fill(1 << 20, 'x');
+    ASSERT_GT(::write(pipe, fill.data(), fill.size()), 0);
+    Tool_Process watcher = start({"watch", "--name", "PLAYER", "--pair", "CAM_LOOP", "--json"},
+                                 "exec \"$@\" >'" + fifo + "'");
+    std::this_thread::sleep_for(1500ms);  // the first line is due after a second
+    watcher.signal(SIGTERM);
+    EXPECT_EQ(watcher.status(), input_output);
+    EXPECT_TRUE(watcher.says("cannot write to standard output: nobody reads it"));
+    close(pipe);
+}
+
 // ---- a recorder that is killed ----
 
 TEST_F(Tool_Output, the_index_of_a_killed_recorder_names_nothing_that_is_not_in_the_file) {
