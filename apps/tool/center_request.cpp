@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <thread>
 
+#include "apps/tool/json_text.h"
 #include "control/control_protocol.h"
-#include "frame/control_exchange.h"
 
 namespace zav_shm::tool {
 
@@ -23,12 +23,21 @@ std::string seconds_text(milliseconds time) {
     return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " s";
 }
 
+// An exchange tells how long its last try was; all tries together had the whole wait.
+Problem no_center(std::string reason, milliseconds wait) {
+    const std::size_t limit = reason.rfind(" within ");
+    if (limit != std::string::npos && reason.ends_with(" ms")) {
+        reason.erase(limit);
+    }
+    return {Exit_Status::no_center,
+            "no center within " + seconds_text(wait) + ": " + reason +
+                "; start zav-shm-centerd, or give it more time with --wait"};
+}
+
 Problem problem_of(const Answer& answer, milliseconds wait) {
     switch (answer.outcome) {
         case Outcome::no_center:
-            return {Exit_Status::no_center,
-                    "no center within " + seconds_text(wait) + ": " + answer.reason() +
-                        "; start zav-shm-centerd, or give it more time with --wait"};
+            return no_center(answer.reason(), wait);
         case Outcome::failed:
             return {Exit_Status::system, answer.reason()};
         case Outcome::replied:
@@ -53,9 +62,24 @@ Answer persist(milliseconds wait, Exchange exchange) {
 
 }  // namespace
 
-std::variant<Json::Value, Problem> ask_center(const Json::Value& request, milliseconds wait) {
-    const Answer answer = persist(
-        wait, [&request](milliseconds left) { return Control_Exchange::ask(request, left); });
+std::optional<Problem> problem_of(const Opened& opened, const std::string& channel,
+                                  milliseconds wait) {
+    if (opened) {
+        return {};
+    }
+    if (!opened.refused) {
+        return no_center(opened.reason, wait);
+    }
+    const bool is_by_center = opened.reason.starts_with(channel + ": ");
+    return Problem{Exit_Status::refused,
+                   is_by_center ? "the center refuses " + opened.reason : opened.reason};
+}
+
+std::variant<Json::Value, Problem> ask_center(const Json::Value& request, milliseconds wait,
+                                              const Control_Exchange::Judge& judge) {
+    const Answer answer = persist(wait, [&request, &judge](milliseconds left) {
+        return Control_Exchange::ask(request, left, judge);
+    });
     if (answer.granted()) {
         return answer.reply;
     }
@@ -77,7 +101,12 @@ std::variant<Json::Value, Problem> query_name(const char* type, const std::strin
     request[control::field::command] = control::command::query_shm;
     request[control::field::type] = type;
     request[control::field::name] = name;
-    return ask_center(request, wait);
+    const Control_Exchange::Judge is_of_this_name = [type, &name](const Json::Value& reply) {
+        const bool is_refusal = text_at(reply, control::field::name).empty();
+        return is_refusal || (text_at(reply, control::field::name) == name &&
+                              text_at(reply, control::field::type) == type);
+    };
+    return ask_center(request, wait, is_of_this_name);
 }
 
 }  // namespace zav_shm::tool

@@ -9,15 +9,27 @@
 #include <variant>
 
 #include "apps/tool/problem.h"
+#include "frame/control_exchange.h"
+#include "frame/frame_format.h"
 
 namespace zav_shm::tool {
 
+/// What a publisher or subscriber that could not be opened within the wait says.
+///
+/// @param channel  as channel_text() has it.
+/// @return nothing when it is open.
+std::optional<Problem> problem_of(const Opened& opened, const std::string& channel,
+                                  std::chrono::milliseconds wait);
+
 /// One exchange with the center, which is given the whole time to appear.
 ///
+/// @param judge  tells whether a reply belongs to the request; a late one of an earlier request may
+///               come first.
 /// @return its reply, or why there is none to use; a refusal is a problem with the center's
 ///         reason.
 std::variant<Json::Value, Problem> ask_center(const Json::Value& request,
-                                              std::chrono::milliseconds wait);
+                                              std::chrono::milliseconds wait,
+                                              const Control_Exchange::Judge& judge = nullptr);
 
 /// Sends a request that has no reply.
 std::optional<Problem> tell_center(const Json::Value& request, std::chrono::milliseconds wait);

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/frame_input.h"
 
-#include <variant>
-
 #include "apps/tool/center_request.h"
+#include "apps/tool/configured_name.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {
@@ -11,7 +10,7 @@ namespace zav_shm::tool {
 Frame_Input::Frame_Input(const Common_Options& common, const Channel_Options& channel,
                          const std::string& producer)
     : wait_(common.wait),
-      name_(channel.name),
+      channel_(channel),
       producer_(producer),
       consumer_channel_(channel_text(channel.name, channel.channel, channel.stream)),
       producer_channel_(channel_text(producer, channel.channel, channel.stream)),
@@ -23,21 +22,15 @@ Frame_Input::Frame_Input(const Common_Options& common, const Channel_Options& ch
                    .overflow = Overflow_Policy::drop_oldest}) {}
 
 std::optional<Problem> Frame_Input::open() {
-    for (const auto& [type, name] : {std::pair{control::type::receiver, &name_},
+    for (const auto& [type, name] : {std::pair{control::type::receiver, &channel_.name},
                                      std::pair{control::type::distributor, &producer_}}) {
-        const auto known = query_name(type, *name, wait_);
-        if (const auto* problem = std::get_if<Problem>(&known)) {
-            return *problem;
+        if (auto problem =
+                check_channel_end(type, *name, channel_.channel, channel_.stream, wait_)) {
+            return problem;
         }
     }
-    const auto opened = subscriber_.open();
-    if (opened.refused) {
-        return Problem{Exit_Status::refused, "the center refuses " + consumer_channel_ +
-                                                 " fed by " + producer_channel_ + ": " +
-                                                 opened.reason};
-    }
-    if (!opened) {
-        return Problem{Exit_Status::no_center, opened.reason};
+    if (auto problem = problem_of(subscriber_.open(), consumer_channel_, wait_)) {
+        return problem;
     }
     tell_state();
     return {};

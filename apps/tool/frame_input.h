@@ -33,7 +33,7 @@ public:
 
 private:
     const std::chrono::milliseconds wait_;
-    const std::string name_;
+    const Channel_Options channel_;
     const std::string producer_;
     const std::string consumer_channel_;
     const std::string producer_channel_;

@@ -3,9 +3,9 @@
 
 #include <cinttypes>
 #include <cstdio>
-#include <variant>
 
 #include "apps/tool/center_request.h"
+#include "apps/tool/configured_name.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {
@@ -43,17 +43,12 @@ std::optional<Problem> Frame_Output::open() {
     if (auto problem = index_.open(Output_File::Clock::time_point::max())) {
         return problem;
     }
-    const auto known = query_name(control::type::distributor, options_.name, options_.wait);
-    if (const auto* problem = std::get_if<Problem>(&known)) {
-        return *problem;
+    if (auto problem = check_channel_end(control::type::distributor, options_.name,
+                                         options_.channel, options_.stream, options_.wait)) {
+        return problem;
     }
-    const auto opened = publisher_.open();
-    if (opened.refused) {
-        return Problem{Exit_Status::refused,
-                       "the center refuses " + channel_ + ": " + opened.reason};
-    }
-    if (!opened) {
-        return Problem{Exit_Status::no_center, opened.reason};
+    if (auto problem = problem_of(publisher_.open(), channel_, options_.wait)) {
+        return problem;
     }
     if (auto problem = index_.begin()) {
         return problem;

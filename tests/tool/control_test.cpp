@@ -87,10 +87,85 @@ TEST_F(Tool_Control, pair_moves_every_channel_and_stream_if_asked_to) {
 TEST_F(Tool_Control, pair_with_an_unknown_name_is_refused_with_the_reason) {
     Tool_Process producer = start({"pair", "--name", "PLAYER", "--pair", "X", "--json"});
     EXPECT_EQ(producer.status(), refused);
-    EXPECT_TRUE(producer.says("Can't Find Shm Pair Name X"));
+    EXPECT_TRUE(producer.says("Can't Find Shm Name X Distributor"));
     Tool_Process consumer = start({"pair", "--name", "X", "--pair", "CAM_LOOP", "--all"});
     EXPECT_EQ(consumer.status(), refused);
     EXPECT_TRUE(consumer.says("Can't Find Shm Name X"));
+}
+
+// The center itself would say "success", and interrupt the consumer.
+TEST_F(Tool_Control,
+       pair_with_a_channel_or_stream_that_is_not_there_is_refused_and_disturbs_nobody) {
+    Tool_Process watcher = start(
+        {"watch", "--name", "PLAYER", "--pair", "CAM_LOOP", "--channel", "1", "--json", "--quiet"});
+    ASSERT_TRUE(watcher.read_line());
+    printed_within(std::chrono::milliseconds(100));
+    for (const auto& [words, complaint] :
+         {std::pair{
+              Words{"CAM_LOOP", "--channel", "4095"},
+              "there is no PLAYER/4095/0: in the center's configuration PLAYER has 2 channels "
+              "(0 to 1) and 2 streams (0 to 1)"},
+          std::pair{Words{"CAM_LOOP", "--stream", "2"}, "there is no PLAYER/0/2"},
+          std::pair{Words{"CAM_REC", "--channel", "1"},
+                    "there is no CAM_REC/1/0: in the center's configuration CAM_REC has 1 channel "
+                    "(0) and 2 streams (0 to 1)"}}) {
+        Words all{"pair", "--name", "PLAYER", "--pair"};
+        all.insert(all.end(), words.begin(), words.end());
+        Tool_Process tool = start(all);
+        EXPECT_EQ(tool.status(), refused);
+        EXPECT_TRUE(tool.says(complaint));
+        EXPECT_EQ(tool.output(), "");
+    }
+    EXPECT_EQ(printed_within(std::chrono::milliseconds(200)).find("remove_distributor"),
+              std::string::npos);
+    watcher.signal(SIGTERM);
+    EXPECT_EQ(watcher.status(), 0);
+}
+
+TEST_F(Tool_Control, pair_with_a_producer_of_fewer_channels_moves_those_that_both_have) {
+    Tool_Process tool = start({"pair", "--name", "PLAYER", "--pair", "CAM_REC", "--all"});
+    EXPECT_EQ(tool.output(),
+              "PLAYER/0/0 is fed by CAM_REC/0/0\nPLAYER/0/1 is fed by CAM_REC/0/1\n");
+    EXPECT_EQ(tool.status(), 0);
+    EXPECT_TRUE(
+        tool.says("2 of 4 channel ends of PLAYER stay as they are: CAM_REC has 1 channel (0) and"));
+}
+
+class Tool_Names : public Tool {
+protected:
+    // A producer called NONE, by which consumers are freed, and one without streams.
+    void SetUp() override {
+        Tool::SetUp();
+        ASSERT_TRUE(start_center(R"({
+            "Stream": [{"index": 0, "page_size": 4096}],
+            "Distributor": [{"name": "CAM_LOOP", "channel": 2, "stream": [0]},
+                            {"name": "NONE", "channel": 1, "stream": [0]},
+                            {"name": "SILENT", "channel": 3, "stream": []}],
+            "Receiver": [{"name": "PLAYER", "channel": 2, "stream": [0]}]
+        })"));
+    }
+};
+
+TEST_F(Tool_Names, pair_frees_a_consumer_on_every_channel_where_a_producer_is_called_so) {
+    Tool_Process one = start({"pair", "--name", "PLAYER", "--pair", "NONE", "--channel", "1"});
+    EXPECT_EQ(one.output(), "PLAYER/1/0 is fed by nobody\n");
+    EXPECT_EQ(one.status(), 0);
+    Tool_Process all = start({"pair", "--name", "PLAYER", "--pair", "NONE", "--all"});
+    EXPECT_EQ(all.output(), "PLAYER/0/0 is fed by nobody\nPLAYER/1/0 is fed by nobody\n");
+    EXPECT_EQ(all.status(), 0);
+}
+
+TEST_F(Tool_Names, that_list_no_stream_are_refused_with_the_reason) {
+    for (const Words& words :
+         {Words{"publish", "--synthetic", "--name", "SILENT"},
+          Words{"pair", "--name", "PLAYER", "--pair", "SILENT", "--all"},
+          Words{"watch", "--name", "PLAYER", "--pair", "SILENT"},
+          Words{"record", "--name", "PLAYER", "--pair", "SILENT", "-o", path("out")}}) {
+        Tool_Process tool = start(words);
+        EXPECT_EQ(tool.status(), refused) << words[0];
+        EXPECT_TRUE(
+            tool.says("SILENT has 3 channels (0 to 2) and no stream; the built-in defaults"));
+    }
 }
 
 // ---- kick ----

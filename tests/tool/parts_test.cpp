@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "apps/tool/argument_checks.h"
+#include "apps/tool/center_request.h"
 #include "apps/tool/json_text.h"
 #include "apps/tool/pacer.h"
 #include "apps/tool/rate.h"
@@ -119,6 +120,23 @@ TEST(Synthetic_Pattern, is_known_by_its_sequence_number) {
     payload[1000] ^= std::byte{1};
     EXPECT_FALSE(is_synthetic(payload, 7));
     EXPECT_TRUE(is_synthetic({}, 7));
+}
+
+// ---- the center's answers ----
+
+TEST(Center_Request, problem_names_the_channel_once_and_the_time_that_was_given) {
+    const auto text_of = [](const Opened& opened) {
+        return problem_of(opened, "CAM_LOOP/0/0", 2s)->text;
+    };
+    EXPECT_EQ(text_of({.reason = "CAM_LOOP/0/0: Can't Find Channel 0", .refused = true}),
+              "the center refuses CAM_LOOP/0/0: Can't Find Channel 0");
+    EXPECT_EQ(text_of({.reason = "32- and 64-bit processes", .refused = true}),
+              "32- and 64-bit processes");
+    EXPECT_EQ(
+        text_of({.reason = "no answer from the center within 19 ms"}),
+        "no center within 2.0 s: no answer from the center; start zav-shm-centerd, or give it "
+        "more time with --wait");
+    EXPECT_FALSE(problem_of({.state = Frame_State::connected, .reason = {}}, "CAM_LOOP/0/0", 2s));
 }
 
 // ---- what is printed ----

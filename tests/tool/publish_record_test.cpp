@@ -288,7 +288,7 @@ TEST_F(Tool_Frames, of_a_name_that_the_center_does_not_know_are_refused_with_its
     EXPECT_TRUE(publisher.says("Can't Find Shm Name NOBODY Distributor"));
     Tool_Process channel = start_publisher({"--synthetic", "--channel", "7"});
     EXPECT_EQ(channel.status(), refused);
-    EXPECT_TRUE(channel.says("Can't Find Channel 7, Stream 0 Distributor"));
+    EXPECT_TRUE(channel.says("there is no CAM_LOOP/7/0"));
     Tool_Process recorder =
         start({"record", "--name", "RECODER", "--pair", "NOBODY", "-o", path("out")});
     EXPECT_EQ(recorder.status(), refused);
@@ -296,7 +296,29 @@ TEST_F(Tool_Frames, of_a_name_that_the_center_does_not_know_are_refused_with_its
     Tool_Process stream_2 = start(
         {"record", "--name", "RECODER", "--pair", "CAM_LOOP", "--stream", "2", "-o", path("out")});
     EXPECT_EQ(stream_2.status(), refused);
-    EXPECT_TRUE(stream_2.says("Can't Find Channel 0, Stream 2 Receiver"));
+    EXPECT_TRUE(stream_2.says("there is no RECODER/0/2"));
+}
+
+TEST_F(Tool_Frames, recording_of_a_channel_that_is_not_there_disturbs_no_other) {
+    Tool_Process recorder = start({"record", "--name", "RECODER", "--pair", "CAM_LOOP", "--channel",
+                                   "1", "-o", path("out"), "--quiet"});
+    ASSERT_TRUE(recorder.says("connected"));
+    for (const char* command : {"record", "watch"}) {
+        Words words{command, "--name", "RECODER", "--pair", "CAM_REC", "--channel", "1"};
+        if (words[0] == "record") {
+            words.insert(words.end(), {"-o", path("other")});
+        }
+        Tool_Process tool = start(words);
+        EXPECT_EQ(tool.status(), refused);
+        EXPECT_TRUE(tool.says("there is no CAM_REC/1/0"));
+    }
+    std::this_thread::sleep_for(relay_sleep_max);
+    Tool_Process publisher =
+        start_publisher({"--synthetic", "--channel", "1", "--fps", "20", "--count", "10"});
+    EXPECT_EQ(publisher.status(), 0);
+    EXPECT_GT(publisher.figure("delivered"), 5) << "the recorder is still paired";
+    recorder.signal(SIGTERM);
+    EXPECT_EQ(recorder.status(), 0);
 }
 
 // ---- two streams in turn ----

@@ -13,6 +13,8 @@
 /// Fixture of tests with frames through a real center, from `publish` to `record`.
 class Tool_Frames : public Tool {
 protected:
+    static constexpr std::chrono::milliseconds relay_sleep_max{150};
+
     void SetUp() override {
         Tool::SetUp();
         ASSERT_TRUE(start_center(tool_configuration));
@@ -52,9 +54,6 @@ protected:
         }
         return lines;
     }
-
-private:
-    static constexpr std::chrono::milliseconds relay_sleep_max{150};
 };
 
 inline std::string text_of(const Bytes& bytes) {

@@ -2,6 +2,7 @@
 //
 // What the tool says of command lines that it cannot follow, and without a center.
 #include <algorithm>
+#include <csignal>
 
 #include "support/threads.h"
 #include "tool/tool_process.h"
@@ -133,6 +134,20 @@ TEST_F(Tool_Usage, without_a_center_every_command_ends_within_the_wait) {
         EXPECT_NE(tool.errors().find("zav-shm: no center within 0.3 s"), std::string::npos)
             << tool.errors();
     }
+}
+
+TEST_F(Tool_Usage, a_center_that_stands_still_does_not_answer_within_the_wait) {
+    ASSERT_TRUE(start_center(tool_configuration));
+    center->signal(SIGSTOP);
+    for (const Words& arguments : {Words{"query", "--type", "Receiver", "--name", "PLAYER"},
+                                   Words{"publish", "--synthetic", "--name", "CAM_LOOP"}}) {
+        Words words = arguments;
+        words.insert(words.end(), {"--wait", "0.5"});
+        Tool_Process tool = start(words);
+        EXPECT_EQ(tool.status(), no_center);
+        EXPECT_TRUE(tool.says("no center within 0.5 s: no answer from the center; start"));
+    }
+    center->signal(SIGCONT);
 }
 
 TEST_F(Tool_Usage, a_killed_center_counts_as_none) {
