@@ -86,6 +86,12 @@ std::variant<Json::Value, Problem> ask_center(const Json::Value& request, millis
     return problem_of(answer, wait);
 }
 
+bool center_answers(milliseconds wait) {
+    const auto answer = query_name(control::type::distributor, "", wait);
+    const auto* problem = std::get_if<Problem>(&answer);
+    return problem == nullptr || problem->status == Exit_Status::refused;
+}
+
 std::optional<Problem> tell_center(const Json::Value& request, milliseconds wait) {
     const Answer answer = persist(
         wait, [&request](milliseconds left) { return Control_Exchange::tell(request, left); });

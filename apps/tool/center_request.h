@@ -31,6 +31,9 @@ std::variant<Json::Value, Problem> ask_center(const Json::Value& request,
                                               std::chrono::milliseconds wait,
                                               const Control_Exchange::Judge& judge = nullptr);
 
+/// Whether a center answers at all; whatever it says will do.
+bool center_answers(std::chrono::milliseconds wait);
+
 /// Sends a request that has no reply.
 std::optional<Problem> tell_center(const Json::Value& request, std::chrono::milliseconds wait);
 

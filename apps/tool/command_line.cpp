@@ -311,6 +311,21 @@ private:
     Status_Options options_;
 };
 
+class Names_Command : public Command {
+public:
+    explicit Names_Command(CLI::App& app)
+        : Command(app, "names", "List the producers and consumers that are configured") {
+        folder(options_.folder);
+        json(options_.json);
+        common(options_, 2, "2");
+    }
+
+    Options options() const override { return options_; }
+
+private:
+    Names_Options options_;
+};
+
 class Pair_Command : public Command {
 public:
     explicit Pair_Command(CLI::App& app)
@@ -402,6 +417,7 @@ std::variant<Options, Exit_Status> read_command_line(int argc, const char* const
     commands.push_back(std::make_unique<Record_Command>(app));
     commands.push_back(std::make_unique<Watch_Command>(app));
     commands.push_back(std::make_unique<Status_Command>(app));
+    commands.push_back(std::make_unique<Names_Command>(app));
     commands.push_back(std::make_unique<Pair_Command>(app));
     commands.push_back(std::make_unique<Kick_Command>(app));
     commands.push_back(std::make_unique<Query_Command>(app));

@@ -81,6 +81,11 @@ struct Status_Options : Common_Options {
     std::string folder = "shm";
 };
 
+struct Names_Options : Common_Options {
+    bool json = false;
+    std::string folder = "shm";
+};
+
 struct Pair_Options : Common_Options, Channel_Options {
     std::string producer;
     bool json = false;
@@ -100,6 +105,6 @@ struct Query_Options : Common_Options {
 };
 
 using Options = std::variant<Publish_Options, Record_Options, Watch_Options, Status_Options,
-                             Pair_Options, Kick_Options, Query_Options>;
+                             Names_Options, Pair_Options, Kick_Options, Query_Options>;
 
 }  // namespace zav_shm::tool

@@ -7,6 +7,7 @@
 #include "apps/tool/commands.h"
 #include "apps/tool/configured_name.h"
 #include "apps/tool/json_text.h"
+#include "apps/tool/printable.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {
@@ -97,7 +98,8 @@ std::variant<Json::Value, Problem> pair_one(const Pair_Options& options, const E
 std::string text_of(const Pair_Options& options, const End& end) {
     const std::string producer =
         frees(options) ? "nobody" : channel_text(options.producer, end.channel, end.stream);
-    return channel_text(options.name, end.channel, end.stream) + " is fed by " + producer;
+    return printable(channel_text(options.name, end.channel, end.stream) + " is fed by " +
+                     producer);
 }
 
 }  // namespace

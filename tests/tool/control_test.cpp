@@ -2,6 +2,7 @@
 //
 // The commands that ask the center, and `watch`.
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,6 +34,15 @@ protected:
                                R"("kick_idle":)" + (kick ? "true" : "false") +
                                R"(,"configuration":"test.json","channels":[{"name":"CAM_LOOP",)" +
                                R"("channel":0,"stream":0,"frames":77,"consumers":[]}]})" + "\n");
+    }
+
+    // The same ten seconds ago.
+    static void write_old_status() {
+        write_status(getpid(), true);
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        const timespec times[] = {{now.tv_sec - 10, 0}, {now.tv_sec - 10, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, status_file, times, 0), 0);
     }
 
     static constexpr const char* status_file = "/dev/shm/shm/center_status.json";
@@ -155,6 +165,27 @@ TEST_F(Tool_Names, pair_frees_a_consumer_on_every_channel_where_a_producer_is_ca
     EXPECT_EQ(all.status(), 0);
 }
 
+// A name that would clear the screen and write a line of its own.
+TEST_F(Tool_Names, are_printed_so_that_they_steer_no_terminal) {
+    ASSERT_TRUE(start_center(R"({
+        "Stream": [{"index": 0, "page_size": 4096}],
+        "Distributor": [{"name": "CAM\u001b[2J\nX", "channel": 1, "stream": [0]}],
+        "Receiver": [{"name": "PLAYER", "channel": 1, "stream": [0]}]
+    })"));
+    const std::string name = "CAM\x1B[2J\nX";
+    for (const Words& words : {Words{"query", "--type", "Distributor", "--name", name},
+                               Words{"pair", "--name", "PLAYER", "--pair", name},
+                               Words{"publish", "--synthetic", "--name", name, "--count", "1"},
+                               Words{"query", "--type", "Receiver", "--name", name}}) {
+        Tool_Process tool = start(words, "exec \"$@\" --quiet");
+        const std::string output = tool.output();
+        tool.status();
+        const std::string all = output + tool.errors();
+        EXPECT_EQ(all.find('\x1B'), std::string::npos) << all;
+        EXPECT_NE(all.find("CAM\\x1b[2J\\x0aX"), std::string::npos) << all;
+    }
+}
+
 TEST_F(Tool_Names, that_list_no_stream_are_refused_with_the_reason) {
     for (const Words& words :
          {Words{"publish", "--synthetic", "--name", "SILENT"},
@@ -219,6 +250,7 @@ TEST_F(Tool_Control, status_shows_the_file) {
 }
 
 TEST_F(Tool_Control, status_tells_when_the_center_is_gone) {
+    center->kill();
     Child_Process ended({"/bin/true"});
     ASSERT_EQ(ended.wait(), 0);
     write_status(ended.pid(), true);
@@ -229,15 +261,30 @@ TEST_F(Tool_Control, status_tells_when_the_center_is_gone) {
 }
 
 TEST_F(Tool_Control, status_tells_when_the_center_hangs) {
-    write_status(getpid(), true);
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const timespec times[] = {{now.tv_sec - 10, 0}, {now.tv_sec - 10, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, status_file, times, 0), 0);
+    write_old_status();
+    center->signal(SIGSTOP);
     Tool_Process tool = start({"status", "--json"});
     EXPECT_TRUE(parsed_json(tool.output())["stale"].asBool());
     EXPECT_EQ(tool.status(), no_center);
-    EXPECT_TRUE(tool.says("the center hangs"));
+    EXPECT_TRUE(tool.says("the center hangs: it does not answer"));
+    center->signal(SIGCONT);
+}
+
+// The status cannot be replaced then, and the center is well.
+TEST_F(Tool_Control, status_on_a_full_file_system_does_not_say_that_the_center_hangs) {
+    const auto limit_to = [](const char* size) {
+        return mount("tmpfs", "/dev/shm", "tmpfs", MS_REMOUNT, size) == 0;
+    };
+    ASSERT_TRUE(limit_to("size=8m"));
+    write_old_status();
+    Tool_Process fill = start({}, "cat /dev/zero > /dev/shm/filler");
+    EXPECT_NE(fill.status(), 0);
+    Tool_Process tool = start({"status"});
+    EXPECT_EQ(tool.status(), input_output);
+    EXPECT_TRUE(tool.says("the center answers, but what it tells is old"));
+    EXPECT_TRUE(tool.says("the file system has 0 of 8388608 bytes"));
+    unlink("/dev/shm/filler");
+    EXPECT_TRUE(limit_to("size=50%"));
 }
 
 TEST_F(Tool_Control, status_without_a_file_and_with_a_damaged_one_says_so) {
@@ -256,6 +303,51 @@ TEST_F(Tool_Control, status_lets_the_center_print_if_asked_to) {
     EXPECT_EQ(tool.status(), 0);
     EXPECT_NE(printed_within(std::chrono::milliseconds(200)).find("======== Distributor ======="),
               std::string::npos);
+}
+
+// ---- names ----
+
+TEST_F(Tool_Control, names_lists_what_is_configured_and_who_is_registered) {
+    write(status_file, R"({"pid":)" + std::to_string(getpid()) + R"(, "names": {
+        "distributors": [
+            {"name": "CAM_LOOP", "channels": 2, "streams": [
+                {"stream": 0, "index": 0, "page_size": 65536},
+                {"stream": 1, "index": 4, "page_size": 16384}]},
+            {"name": "SILENT", "channels": 1, "streams": []}],
+        "receivers": [
+            {"name": "PLAYER", "channels": 2, "streams": [
+                {"stream": 0, "index": 0, "page_size": 65536}]},
+            {"name": "RECODER", "channels": 1, "streams": []}]},
+        "channels": [
+            {"name": "CAM_LOOP", "channel": 0, "stream": 0, "consumers": [
+                {"name": "PLAYER", "channel": 0, "stream": 0}]},
+            {"name": "CAM_LOOP", "channel": 1, "stream": 0, "consumers": [
+                {"name": "PLAYER", "channel": 1, "stream": 0}]}]})");
+    Tool_Process text = start({"names"});
+    EXPECT_EQ(text.output(),
+              "producer  channels  streams  page sizes    feeds\n"
+              "CAM_LOOP         2        2  65536, 16384  PLAYER/0/0, PLAYER/1/0\n"
+              "SILENT           1        0  -             -\n"
+              "\n"
+              "consumer  channels  streams  page sizes  fed by\n"
+              "PLAYER           2        1  65536       CAM_LOOP/0/0, CAM_LOOP/1/0\n"
+              "RECODER          1        0  -           -\n");
+    EXPECT_EQ(text.status(), 0) << text.errors();
+    Tool_Process json = start({"names", "--json"});
+    const Json::Value names = parsed_json(json.output());
+    EXPECT_EQ(json.status(), 0);
+    EXPECT_EQ(names["producers"][0]["streams"][1]["index"], 4);
+    EXPECT_EQ(names["producers"][0]["feeds"][1]["name"], "PLAYER");
+    EXPECT_EQ(names["consumers"][0]["fed"][1]["producer"], "CAM_LOOP");
+    EXPECT_EQ(names["consumers"][1]["fed"].size(), 0U);
+}
+
+TEST_F(Tool_Control, names_of_a_center_that_does_not_list_them_says_so) {
+    write_status(getpid(), true);
+    Tool_Process tool = start({"names"});
+    EXPECT_EQ(tool.output(), "");
+    EXPECT_EQ(tool.status(), input_output);
+    EXPECT_TRUE(tool.says("lists no names: it is of zav-shm-centerd 9.9, which is older"));
 }
 
 // ---- watch ----

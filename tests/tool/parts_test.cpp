@@ -9,7 +9,9 @@
 #include "apps/tool/argument_checks.h"
 #include "apps/tool/center_request.h"
 #include "apps/tool/json_text.h"
+#include "apps/tool/name_lists.h"
 #include "apps/tool/pacer.h"
+#include "apps/tool/printable.h"
 #include "apps/tool/rate.h"
 #include "apps/tool/status_file.h"
 #include "apps/tool/stream_switch.h"
@@ -141,6 +143,23 @@ TEST(Center_Request, problem_names_the_channel_once_and_the_time_that_was_given)
 
 // ---- what is printed ----
 
+TEST(Printable, shows_text_and_escapes_what_steers_terminals) {
+    EXPECT_EQ(printable("CAM_LOOP/0/1 caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xA5"),
+              "CAM_LOOP/0/1 caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xA5");
+    EXPECT_EQ(printable("a\x1B[2Jb\nc\x7F"), "a\\x1b[2Jb\\x0ac\\x7f");
+    EXPECT_EQ(printable(std::string("\0", 1)), "\\x00");
+    EXPECT_EQ(printable("\xC2\x9B"
+                        "31m"),
+              "\\xc2\\x9b31m")
+        << "a control character of two bytes";
+    // Cut, overlong, a surrogate, beyond the last character, a byte in mid-character.
+    for (const char* text : {"\xC3", "\xE2\x82", "\xC0\xAF", "\xE0\x80\x80", "\xF0\x80\x80\x80",
+                             "\xED\xA0\x80", "\xF4\x90\x80\x80", "\x80", "\xFF"}) {
+        EXPECT_EQ(printable(text).find_first_not_of("\\x0123456789abcdef"), std::string::npos);
+        EXPECT_EQ(printable(text).size(), 4 * std::string(text).size());
+    }
+}
+
 Subscriber_Counters some_counters() {
     Subscriber_Counters counters;
     counters.frames = 130;
@@ -229,6 +248,19 @@ TEST(Status_Table, of_a_file_with_other_content_is_harmless) {
         status.content = parsed_json(text);
         EXPECT_NE(table_of(status), "") << text;
         EXPECT_TRUE(parsed_json(json_of(status)).isObject()) << text;
+    }
+}
+
+TEST(Name_Lists, of_a_file_with_other_content_are_harmless) {
+    EXPECT_EQ(names_of(parsed_json("[]")), std::nullopt);
+    EXPECT_EQ(names_of(parsed_json(R"({"names":[]})")), std::nullopt);
+    for (
+        const char* text :
+        {R"({"names":{}})", R"({"names":{"distributors":5,"receivers":[1,null,[]]},"channels":3})",
+         R"({"names":{"distributors":[{"streams":[7,{}],"name":9}]},"channels":[4,{"name":""}]})"}) {
+        const auto names = names_of(parsed_json(text));
+        ASSERT_TRUE(names) << text;
+        EXPECT_NE(text_of_names(*names), "") << text;
     }
 }
 

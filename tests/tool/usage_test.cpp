@@ -43,7 +43,7 @@ TEST_F(Tool_Usage, help_and_version_need_nothing) {
     for (const Words& arguments :
          {Words{"--help"}, Words{"publish", "--help"}, Words{"record", "--help"},
           Words{"watch", "--help"}, Words{"status", "--help"}, Words{"pair", "--help"},
-          Words{"kick", "--help"}, Words{"query", "--help"}}) {
+          Words{"kick", "--help"}, Words{"query", "--help"}, Words{"names", "--help"}}) {
         Tool_Process tool = start(arguments);
         EXPECT_NE(tool.output().find("Exit status"), std::string::npos) << arguments[0];
         EXPECT_EQ(tool.status(), 0);
