@@ -42,11 +42,6 @@ protected:
     bool index_has(std::size_t lines) {
         return becomes_true([&] { return written().size() >= lines; });
     }
-
-    void end(Tool_Process& process) {
-        process.signal(SIGTERM);
-        EXPECT_EQ(process.status(), 0) << process.errors();
-    }
 };
 
 // A recorder that stands still loses frames.

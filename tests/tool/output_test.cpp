@@ -31,11 +31,6 @@ protected:
         return start_publisher(words);
     }
 
-    void end(Tool_Process& process) {
-        process.signal(SIGTERM);
-        EXPECT_EQ(process.status(), 0) << process.errors();
-    }
-
     Words record(const Words& more) {
         Words words{"record", "--name", "RECODER", "--pair", "CAM_LOOP"};
         words.insert(words.end(), more.begin(), more.end());

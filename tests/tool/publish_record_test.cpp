@@ -52,14 +52,15 @@ INSTANTIATE_TEST_SUITE_P(Files, Tool_Way,
                          });
 
 TEST_F(Tool_Frames, of_a_real_camera_stream_arrive_bit_by_bit) {
-    const std::string whole = content(sample("sub.h264"));
-    Tool_Process recorder = start_recorder({"-o", path("out"), "--frames", "90", "--strict"});
+    Tool_Process recorder = start_recorder({"-o", path("out"), "--index", path("index")});
     Tool_Process publisher = start_publisher({sample("sub.h264"), "--fps", "60", "--count", "90"});
-    EXPECT_EQ(recorder.status(), 0) << recorder.errors();
+    EXPECT_EQ(publisher.status(), 0);
+    end(recorder);
+    const auto units =
+        split(zav_shm::media::Video_Codec::h264, bytes_of(content(sample("sub.h264"))));
     const std::string recorded = content(path("out"));
     EXPECT_GT(recorded.size(), 10'000U);
-    EXPECT_TRUE(recorded == whole.substr(0, recorded.size()));
-    EXPECT_EQ(publisher.status(), 0);
+    EXPECT_TRUE(recorded == named_frames(units, path("index")));
 }
 
 TEST_F(Tool_Frames, recording_begins_at_a_key_frame) {
@@ -76,7 +77,7 @@ TEST_F(Tool_Frames, recording_begins_at_a_key_frame) {
     const std::string frames =
         std::to_string(split(zav_shm::media::Video_Codec::h264, from_key).size());
     Tool_Process recorder = start_recorder({"-o", path("out"), "--frames", frames});
-    Tool_Process publisher = start_publisher({path("headless"), "--codec", "h264", "--fps", "50"});
+    Tool_Process publisher = start_publisher({path("headless"), "--codec", "h264", "--fps", "10"});
     EXPECT_EQ(recorder.status(), 0) << recorder.errors();
     EXPECT_TRUE(content(path("out")) == text_of(from_key));
     EXPECT_GT(recorder.figure("skipped"), 0);
@@ -86,7 +87,7 @@ TEST_F(Tool_Frames, recording_begins_at_a_key_frame) {
 TEST_F(Tool_Frames, recording_begins_at_any_frame_if_asked_to) {
     Tool_Process recorder = start_recorder({"-o", path("out"), "--frames", "5", "--any-frame"});
     Tool_Process publisher = start_publisher(
-        {"--synthetic", "--count", "6", "--key-interval", "1000", "--size", "100", "--fps", "20"});
+        {"--synthetic", "--count", "30", "--key-interval", "1000", "--size", "100", "--fps", "20"});
     EXPECT_EQ(recorder.status(), 0);
     EXPECT_EQ(content(path("out")).size(), 500U);
     EXPECT_EQ(publisher.status(), 0);
@@ -95,19 +96,20 @@ TEST_F(Tool_Frames, recording_begins_at_any_frame_if_asked_to) {
 TEST_F(Tool_Frames, from_a_pipe_arrive_bit_by_bit) {
     Tool_Process recorder = start_recorder({"-o", path("out"), "--frames", "20", "--strict"});
     Tool_Process publisher =
-        start_publisher({"-", "--fps", "50"}, "cat '" + stream("plain.h264") + "' | \"$@\"");
+        start_publisher({"-", "--fps", "10"}, "cat '" + stream("plain.h264") + "' | \"$@\"");
     EXPECT_EQ(recorder.status(), 0) << recorder.errors();
     EXPECT_EQ(publisher.status(), 0) << publisher.errors();
     EXPECT_TRUE(content(path("out")) == content(stream("plain.h264")));
 }
 
 TEST_F(Tool_Frames, of_a_file_in_a_loop_go_on) {
-    Tool_Process recorder = start_recorder({"-o", path("out"), "--frames", "50", "--strict"});
+    Tool_Process recorder =
+        start_recorder({"-o", path("out"), "--index", path("index"), "--frames", "50"});
     Tool_Process publisher = start_publisher({stream("plain.h264"), "--loop", "--fps", "50"});
     EXPECT_EQ(recorder.status(), 0) << recorder.errors();
-    const std::string once = content(stream("plain.h264"));
-    const std::string recorded = content(path("out"));
-    EXPECT_TRUE(recorded == (once + once + once).substr(0, recorded.size()));
+    const auto units = split(zav_shm::media::Video_Codec::h264, stream_file("plain.h264"));
+    EXPECT_TRUE(content(path("out")) == named_frames(units, path("index")));
+    EXPECT_GT(recorder.figure("last"), 40);
     publisher.signal(SIGTERM);
     EXPECT_EQ(publisher.status(), 0);
 }
@@ -134,12 +136,16 @@ TEST_F(Tool_Frames, of_a_slow_pipe_do_not_wait_for_more) {
 // ---- standard output ----
 
 TEST_F(Tool_Frames, nothing_but_payload_reaches_standard_output) {
+    const auto units = split(zav_shm::media::Video_Codec::h264, stream_file("plain.h264"));
     for (const char* quiet : {"--quiet", "--strict"}) {
-        Tool_Process recorder = start_recorder({"-o", "-", "--frames", "20", quiet});
-        Tool_Process publisher = start_publisher({stream("plain.h264"), "--fps", "50"});
-        EXPECT_EQ(publisher.status(), 0);
-        EXPECT_TRUE(recorder.output() == content(stream("plain.h264")));
-        EXPECT_EQ(recorder.status(), 0);
+        Tool_Process recorder =
+            start_recorder({"-o", "-", "--index", path("index"), "--frames", "20", quiet});
+        Tool_Process publisher = start_publisher({stream("plain.h264"), "--loop", "--fps", "50"});
+        const std::string output = recorder.output();
+        recorder.status();
+        EXPECT_GT(output.size(), 1000U);
+        EXPECT_TRUE(output == named_frames(units, path("index")));
+        end(publisher);
     }
 }
 
@@ -232,13 +238,13 @@ TEST_F(Tool_Frames, publishing_keeps_the_rate) {
 
 TEST_F(Tool_Frames, synthetic_ones_are_verified) {
     Tool_Process recorder =
-        start_recorder({"-o", path("out"), "--frames", "40", "--verify-synthetic", "--strict"});
-    Tool_Process publisher =
-        start_publisher({"--synthetic", "--size", "65536", "--count", "40", "--fps", "50"});
+        start_recorder({"-o", path("out"), "--frames", "40", "--verify-synthetic"});
+    Tool_Process publisher = start_publisher({"--synthetic", "--size", "65536", "--fps", "50"});
     EXPECT_EQ(recorder.status(), 0) << recorder.errors();
     EXPECT_EQ(recorder.figure("damaged"), 0);
-    EXPECT_EQ(recorder.figure("key_frames"), 2);
-    EXPECT_EQ(publisher.status(), 0);
+    EXPECT_GE(recorder.figure("key_frames"), 1);
+    EXPECT_EQ(content(path("out")).size(), 40U * 65536U);
+    end(publisher);
 }
 
 TEST_F(Tool_Frames, others_are_not_taken_for_synthetic_ones) {

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
+#include <span>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -39,6 +41,26 @@ protected:
         return start(words, shell);
     }
 
+    /// Ends it by a signal, in order.
+    static void end(Tool_Process& process) {
+        process.signal(SIGTERM);
+        EXPECT_EQ(process.status(), 0) << process.errors();
+    }
+
+    /// What an index says of a stream: those of its frames that were written, in their order. A
+    /// machine that is busy enough costs frames at every rate; whoever demands all of them takes 10
+    /// per second, and else what is there is compared with what is named.
+    static std::string named_frames(const std::vector<Kept_Unit>& units, const std::string& index) {
+        std::string frames;
+        for (const Index_Line& line : index_lines(index)) {
+            const Kept_Unit& unit = units.at((line.sequence - 1) % units.size());
+            for (const std::byte byte : unit.bytes) {
+                frames += static_cast<char>(byte);
+            }
+        }
+        return frames;
+    }
+
     /// A line of an index, the part that tests look at.
     struct Index_Line {
         unsigned long sequence = 0;
@@ -55,6 +77,11 @@ protected:
         return lines;
     }
 };
+
+inline Bytes bytes_of(const std::string& text) {
+    const auto bytes = std::as_bytes(std::span(text));
+    return {bytes.begin(), bytes.end()};
+}
 
 inline std::string text_of(const Bytes& bytes) {
     std::string text;
