@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cerrno>
 #include <ctime>
+#include <optional>
 #include <span>
 
 #include "apps/tool/commands.h"
@@ -52,6 +53,10 @@ public:
             Watch_Sample sample =
                 sample_of(before, counters, now - line_begin, monotonic_ns(), input_.state());
             sample.damaged_total = damaged_;
+            if (recovery_point_ns_) {
+                sample.recovery_point_age_s =
+                    static_cast<double>(monotonic_ns() - *recovery_point_ns_) / 1e9;
+            }
             if (const Exit_Status status = write(sample); status != Exit_Status::ok) {
                 return status;
             }
@@ -79,6 +84,9 @@ private:
                 const bool damaged = options_.verify_synthetic &&
                                      !is_synthetic(frame_.payload(), frame_.header.sequence);
                 damaged_ += damaged ? 1U : 0U;
+                if (frame_.is_recovery_point()) {
+                    recovery_point_ns_ = frame_.received_ns;
+                }
             }
         }
     }
@@ -105,6 +113,7 @@ private:
     Frame_Input input_;
     Received_Frame frame_;
     std::uint64_t damaged_ = 0;
+    std::optional<std::int64_t> recovery_point_ns_;  // when the last one came
 };
 
 }  // namespace

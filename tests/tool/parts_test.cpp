@@ -197,6 +197,15 @@ TEST(Watch_Line, shows_the_stretch_and_the_totals) {
     EXPECT_NE(text.find("key frame 0.5 s ago"), std::string::npos) << text;
 }
 
+TEST(Watch_Line, shows_a_recovery_point_beside_the_key_frame) {
+    Watch_Sample sample = sample_of({}, {}, 1s, 1, Frame_State::connected);
+    EXPECT_TRUE(parsed_json(json_of(sample))["recovery_point_age_s"].isNull());
+    sample.recovery_point_age_s = 0.5;
+    EXPECT_EQ(parsed_json(json_of(sample))["recovery_point_age_s"].asDouble(), 0.5);
+    EXPECT_NE(text_of(sample).find("key frame none yet, recovery point 0.5 s ago"),
+              std::string::npos);
+}
+
 TEST(Watch_Line, before_the_first_frame_has_no_key_frame) {
     const Watch_Sample sample = sample_of({}, {}, 1s, 1, Frame_State::waiting_for_producer);
     EXPECT_TRUE(parsed_json(json_of(sample))["key_frame_age_s"].isNull());
