@@ -17,6 +17,7 @@ using Answer = Control_Exchange::Answer;
 using Outcome = Control_Exchange::Outcome;
 
 constexpr milliseconds pause{50};
+constexpr milliseconds ask_max{250};
 
 std::string seconds_text(milliseconds time) {
     const auto tenths = time.count() / 100;
@@ -46,17 +47,26 @@ Problem problem_of(const Answer& answer, milliseconds wait) {
     return {Exit_Status::refused, "the center refuses: " + answer.reason()};
 }
 
-// Without its queues an exchange fails at once, so it is tried again while there is time.
+// Without its queues an exchange fails at once, and with those of a center that starts its request
+// may be thrown away: so it is tried again while there is time, and between two tries signals are
+// seen.
 template <typename Exchange>
-Answer persist(milliseconds wait, Exchange exchange) {
-    const auto end = Clock::now() + wait;
+Answer persist(const Patience& patience, milliseconds try_max, Exchange exchange) {
+    const auto end = Clock::now() + patience.wait;
+    const auto is_stopped = [&patience](Clock::time_point until) {
+        if (patience.stop != nullptr) {
+            return patience.stop->wait_until(until);
+        }
+        std::this_thread::sleep_until(until);
+        return false;
+    };
     for (;;) {
         const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now());
-        Answer answer = exchange(std::max(left, milliseconds(1)));
-        if (answer.outcome != Outcome::no_center || Clock::now() + pause >= end) {
+        Answer answer = exchange(std::clamp(left, milliseconds(1), try_max));
+        const auto next = std::min(Clock::now() + pause, end);
+        if (answer.outcome != Outcome::no_center || Clock::now() >= end || is_stopped(next)) {
             return answer;
         }
-        std::this_thread::sleep_for(pause);
     }
 }
 
@@ -75,26 +85,32 @@ std::optional<Problem> problem_of(const Opened& opened, const std::string& chann
                    is_by_center ? "the center refuses " + opened.reason : opened.reason};
 }
 
-std::variant<Json::Value, Problem> ask_center(const Json::Value& request, milliseconds wait,
+std::variant<Json::Value, Problem> ask_center(const Json::Value& request, const Patience& patience,
                                               const Control_Exchange::Judge& judge) {
-    const Answer answer = persist(wait, [&request, &judge](milliseconds left) {
+    const Answer answer = persist(patience, ask_max, [&request, &judge](milliseconds left) {
         return Control_Exchange::ask(request, left, judge);
     });
     if (answer.granted()) {
         return answer.reply;
     }
-    return problem_of(answer, wait);
+    if (patience.stop != nullptr && answer.outcome == Outcome::no_center &&
+        patience.stop->requested()) {
+        return Problem{Exit_Status::no_center, "stopped by a signal before a center answered"};
+    }
+    return problem_of(answer, patience.wait);
 }
 
 bool center_answers(milliseconds wait) {
-    const auto answer = query_name(control::type::distributor, "", wait);
+    const auto answer = query_name(control::type::distributor, "", {wait});
     const auto* problem = std::get_if<Problem>(&answer);
     return problem == nullptr || problem->status == Exit_Status::refused;
 }
 
 std::optional<Problem> tell_center(const Json::Value& request, milliseconds wait) {
-    const Answer answer = persist(
-        wait, [&request](milliseconds left) { return Control_Exchange::tell(request, left); });
+    // A request that has no reply is sent by each try.
+    const Answer answer =
+        persist({wait}, std::max(wait, milliseconds(1)),
+                [&request](milliseconds left) { return Control_Exchange::tell(request, left); });
     if (answer.outcome == Outcome::replied) {
         return {};
     }
@@ -102,7 +118,7 @@ std::optional<Problem> tell_center(const Json::Value& request, milliseconds wait
 }
 
 std::variant<Json::Value, Problem> query_name(const char* type, const std::string& name,
-                                              milliseconds wait) {
+                                              const Patience& patience) {
     Json::Value request;
     request[control::field::command] = control::command::query_shm;
     request[control::field::type] = type;
@@ -112,7 +128,7 @@ std::variant<Json::Value, Problem> query_name(const char* type, const std::strin
         return is_refusal || (text_at(reply, control::field::name) == name &&
                               text_at(reply, control::field::type) == type);
     };
-    return ask_center(request, wait, is_of_this_name);
+    return ask_center(request, patience, is_of_this_name);
 }
 
 }  // namespace zav_shm::tool

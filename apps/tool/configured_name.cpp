@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/configured_name.h"
 
-#include "apps/tool/center_request.h"
 #include "apps/tool/json_text.h"
 #include "control/control_protocol.h"
 
@@ -30,8 +29,8 @@ bool is_below(int number, std::uint64_t count) {
 
 std::variant<Configured_Name, Problem> Configured_Name::ask(const char* type,
                                                             const std::string& name,
-                                                            std::chrono::milliseconds wait) {
-    const auto known = query_name(type, name, wait);
+                                                            const Patience& patience) {
+    const auto known = query_name(type, name, patience);
     if (const auto* problem = std::get_if<Problem>(&known)) {
         return *problem;
     }
@@ -63,8 +62,8 @@ std::optional<Problem> Configured_Name::missing(int channel, int stream) const {
 }
 
 std::optional<Problem> check_channel_end(const char* type, const std::string& name, int channel,
-                                         int stream, std::chrono::milliseconds wait) {
-    const auto known = Configured_Name::ask(type, name, wait);
+                                         int stream, const Patience& patience) {
+    const auto known = Configured_Name::ask(type, name, patience);
     if (const auto* problem = std::get_if<Problem>(&known)) {
         return *problem;
     }

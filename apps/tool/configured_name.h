@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <variant>
 
+#include "apps/tool/center_request.h"
 #include "apps/tool/problem.h"
 
 namespace zav_shm::tool {
@@ -23,7 +23,7 @@ public:
     ///
     /// @param type  a word of control::type.
     static std::variant<Configured_Name, Problem> ask(const char* type, const std::string& name,
-                                                      std::chrono::milliseconds wait);
+                                                      const Patience& patience);
 
     std::uint64_t channels() const { return channels_; }
     std::uint64_t streams() const { return streams_; }
@@ -44,6 +44,6 @@ private:
 
 /// Asks the center whether it has this name with this channel and stream.
 std::optional<Problem> check_channel_end(const char* type, const std::string& name, int channel,
-                                         int stream, std::chrono::milliseconds wait);
+                                         int stream, const Patience& patience);
 
 }  // namespace zav_shm::tool

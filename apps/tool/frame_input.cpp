@@ -8,8 +8,9 @@
 namespace zav_shm::tool {
 
 Frame_Input::Frame_Input(const Common_Options& common, const Channel_Options& channel,
-                         const std::string& producer)
-    : wait_(common.wait),
+                         const std::string& producer, const Stop_Signal& stop)
+    : stop_(stop),
+      wait_(common.wait),
       channel_(channel),
       producer_(producer),
       consumer_channel_(channel_text(channel.name, channel.channel, channel.stream)),
@@ -24,8 +25,8 @@ Frame_Input::Frame_Input(const Common_Options& common, const Channel_Options& ch
 std::optional<Problem> Frame_Input::open() {
     for (const auto& [type, name] : {std::pair{control::type::receiver, &channel_.name},
                                      std::pair{control::type::distributor, &producer_}}) {
-        if (auto problem =
-                check_channel_end(type, *name, channel_.channel, channel_.stream, wait_)) {
+        if (auto problem = check_channel_end(type, *name, channel_.channel, channel_.stream,
+                                             {wait_, &stop_})) {
             return problem;
         }
     }

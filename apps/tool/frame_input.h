@@ -7,6 +7,7 @@
 
 #include "apps/tool/options.h"
 #include "apps/tool/problem.h"
+#include "apps/tool/stop_signal.h"
 #include "frame/frame_subscriber.h"
 
 namespace zav_shm::tool {
@@ -15,7 +16,7 @@ namespace zav_shm::tool {
 class Frame_Input {
 public:
     Frame_Input(const Common_Options& common, const Channel_Options& channel,
-                const std::string& producer);
+                const std::string& producer, const Stop_Signal& stop);
 
     /// Registers with the center, which has to know both names.
     std::optional<Problem> open();
@@ -32,6 +33,7 @@ public:
     const std::string& consumer_channel() const { return consumer_channel_; }
 
 private:
+    const Stop_Signal& stop_;
     const std::chrono::milliseconds wait_;
     const Channel_Options channel_;
     const std::string producer_;

@@ -43,8 +43,9 @@ std::optional<Problem> Frame_Output::open() {
     if (auto problem = index_.open(Output_File::Clock::time_point::max())) {
         return problem;
     }
-    if (auto problem = check_channel_end(control::type::distributor, options_.name,
-                                         options_.channel, options_.stream, options_.wait)) {
+    if (auto problem =
+            check_channel_end(control::type::distributor, options_.name, options_.channel,
+                              options_.stream, {options_.wait, &stop_})) {
         return problem;
     }
     if (auto problem = problem_of(publisher_.open(), channel_, options_.wait)) {

@@ -60,12 +60,13 @@ std::variant<std::vector<End>, Problem> common_ends(const Pair_Options& options,
 
 // What is to be paired, once it is known to exist on both sides.
 std::variant<std::vector<End>, Problem> ends_to_pair(const Pair_Options& options) {
-    const auto consumer = Configured_Name::ask(control::type::receiver, options.name, options.wait);
+    const auto consumer =
+        Configured_Name::ask(control::type::receiver, options.name, {options.wait});
     if (const auto* problem = std::get_if<Problem>(&consumer)) {
         return *problem;
     }
     const auto producer =
-        Configured_Name::ask(control::type::distributor, options.producer, options.wait);
+        Configured_Name::ask(control::type::distributor, options.producer, {options.wait});
     if (const auto* problem = std::get_if<Problem>(&producer)) {
         return *problem;
     }
@@ -92,7 +93,7 @@ std::variant<Json::Value, Problem> pair_one(const Pair_Options& options, const E
     request[control::field::pair_name] = options.producer;
     request[control::field::channel] = end.channel;
     request[control::field::stream] = end.stream;
-    return ask_center(request, options.wait);
+    return ask_center(request, {options.wait});
 }
 
 std::string text_of(const Pair_Options& options, const End& end) {

@@ -28,7 +28,7 @@ std::string text_of(const Json::Value& reply) {
 }  // namespace
 
 Exit_Status run(const Query_Options& options, const Standard_Output& output) {
-    const auto result = query_name(options.type.c_str(), options.name, options.wait);
+    const auto result = query_name(options.type.c_str(), options.name, {options.wait});
     if (const auto* problem = std::get_if<Problem>(&result)) {
         return report(*problem);
     }

@@ -39,7 +39,7 @@ Recording::Recording(const Record_Options& options, int standard_output, const S
       switch_(options.switch_every, begin_) {
     for (const int stream : options.streams) {
         const Channel_Options channel{options.name, options.channel, stream};
-        inputs_.push_back(std::make_unique<Frame_Input>(options, channel, options.producer));
+        inputs_.push_back(std::make_unique<Frame_Input>(options, channel, options.producer, stop));
         gates_.push_back(Entry_Gate(
             {.waits_at_begin = !options.any_frame, .waits_after_gap = !options.keep_all}));
     }

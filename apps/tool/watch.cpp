@@ -33,7 +33,7 @@ public:
         : options_(options),
           rewrites_(!options.json && output.is_terminal()),
           output_(standard_stream, output.descriptor(), stop_),
-          input_(options, options, options.producer) {}
+          input_(options, options, options.producer, stop_) {}
 
     std::optional<Problem> open() {
         auto problem = output_.open();

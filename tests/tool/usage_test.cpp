@@ -3,6 +3,7 @@
 // What the tool says of command lines that it cannot follow, and without a center.
 #include <algorithm>
 #include <csignal>
+#include <thread>
 
 #include "support/threads.h"
 #include "tool/tool_process.h"
@@ -134,6 +135,32 @@ TEST_F(Tool_Usage, without_a_center_every_command_ends_within_the_wait) {
         EXPECT_NE(tool.errors().find("zav-shm: no center within 0.3 s"), std::string::npos)
             << tool.errors();
     }
+}
+
+TEST_F(Tool_Usage, waiting_for_a_center_ends_at_a_signal) {
+    for (const bool is_there : {false, true}) {  // none at all, or one that stands still
+        if (is_there) {
+            ASSERT_TRUE(start_center(tool_configuration));
+            center->signal(SIGSTOP);
+        }
+        for (const Words& arguments :
+             {Words{"publish", "--synthetic", "--name", "CAM_LOOP"},
+              Words{"record", "--name", "RECODER", "--pair", "CAM_LOOP", "-o", path("out")},
+              Words{"watch", "--name", "PLAYER", "--pair", "CAM_LOOP"}, Words{"kick", "on"},
+              Words{"query", "--type", "Receiver", "--name", "PLAYER"}}) {
+            Words words = arguments;
+            words.insert(words.end(), {"--wait", "60"});
+            Tool_Process tool = start(words);
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            const Stopwatch watch;
+            tool.signal(SIGTERM);
+            const bool has_frames =
+                words[0] == "publish" || words[0] == "record" || words[0] == "watch";
+            EXPECT_EQ(tool.status(), has_frames ? no_center : 128 + SIGTERM) << words[0];
+            EXPECT_LT(watch.elapsed(), std::chrono::seconds(5)) << words[0];
+        }
+    }
+    center->signal(SIGCONT);
 }
 
 TEST_F(Tool_Usage, a_center_that_stands_still_does_not_answer_within_the_wait) {
