@@ -121,6 +121,12 @@ protected:
         return text.empty() ? "the name is empty" : "";
     }
 
+    // The index would overwrite the stream.
+    static bool has_own_index(const std::string& file, const std::string& index) {
+        return !file.empty() && file != standard_stream && !index.empty() &&
+               index != standard_stream && is_same_file(file, index);
+    }
+
     void folder(std::string& target) {
         app_.add_option("--folder", target, "Folder of the segments below /dev/shm")
             ->check(checked_by(folder_mistake))
@@ -180,6 +186,9 @@ public:
             if (options_.synthetic && option->count() != 0) {
                 return option->get_name() + " does not go with --synthetic";
             }
+        }
+        if (has_own_index(options_.file, options_.index)) {
+            return "--index: '" + options_.index + "' is the file that is published";
         }
         if (options_.loop && options_.file == standard_stream) {
             return "--loop needs a file: standard input cannot begin again";
@@ -255,6 +264,9 @@ public:
     std::optional<std::string> finish() override {
         if (options_.file == standard_stream && options_.index == standard_stream) {
             return "--index: standard output carries the frames already";
+        }
+        if (has_own_index(options_.file, options_.index)) {
+            return "--index: '" + options_.index + "' is the file that is recorded to";
         }
         if (streams_->count() == 0) {
             options_.streams = {options_.stream};

@@ -96,6 +96,15 @@ TEST(Argument_Checks, name_the_value_and_the_limits) {
     }
 }
 
+TEST(Argument_Checks, know_a_file_by_any_of_its_names) {
+    const std::string file = ZAV_TEST_STREAMS "/plain.h264";
+    EXPECT_TRUE(is_same_file(file, ZAV_TEST_STREAMS "/../streams/plain.h264"));
+    EXPECT_FALSE(is_same_file(file, ZAV_TEST_STREAMS "/plain.h265"));
+    EXPECT_TRUE(is_same_file("/no/such/file", "/no/such/../such/file"));
+    EXPECT_FALSE(is_same_file("/no/such/file", "/no/such/other"));
+    EXPECT_FALSE(is_same_file("/dev/null", "/dev/null"));
+}
+
 // ---- two streams in turn ----
 
 TEST(Stream_Switch, changes_at_a_key_frame_of_the_other_stream_only) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What the tool says of command lines that it cannot follow, and without a center.
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 #include <thread>
@@ -84,6 +86,16 @@ TEST_F(Tool_Usage, publish_names_what_is_wrong) {
     expect_mistake({"publish", "x", "--name", ""}, "the name is empty");
 }
 
+TEST_F(Tool_Usage, an_index_in_place_of_the_stream_is_a_mistake) {
+    write(path("in"), "precious");
+    ASSERT_EQ(link(path("in").c_str(), path("linked").c_str()), 0);
+    for (const char* index : {"in", "./in", "linked"}) {
+        expect_publish_mistake({path("in"), "--index", path(index)},
+                               "is the file that is published");
+    }
+    EXPECT_EQ(content(path("in")), "precious");
+}
+
 TEST_F(Tool_Usage, record_and_watch_name_what_is_wrong) {
     expect_mistake({"record", "--name", "A", "-o", "x"}, "--pair is required");
     expect_record_mistake({}, "--output is required");
@@ -100,6 +112,8 @@ TEST_F(Tool_Usage, record_and_watch_name_what_is_wrong) {
     expect_record_mistake({"-o", "x", "--stream", "0", "--streams", "0,1", "--switch-every", "2"},
                           "--stream");
     expect_record_mistake({"-o", "-", "--index", "-"}, "standard output carries the frames");
+    expect_record_mistake({"-o", path("x"), "--index", path("./x")},
+                          "is the file that is recorded to");
     expect_mistake({"watch", "--name", "A", "--pair", "B", "--count", "x"}, "'x' is no whole");
 }
 
