@@ -87,8 +87,8 @@ std::uint64_t Frame_Queue::push(Received_Frame& frame) {
     if (closed_) {
         return 0;
     }
-    const bool is_key = frame.is_key_frame() || !frame.verified;
-    seen_key_ = seen_key_ || frame.is_key_frame();
+    const bool is_key = frame.is_entry_point() || !frame.verified;
+    seen_key_ = seen_key_ || frame.is_entry_point();
     std::uint64_t dropped = 0;
     if (limits_.overflow == Overflow_Policy::drop_until_key_frame && seen_key_) {
         if (!is_key && (waits_for_key_ || is_full_for(frame))) {
@@ -120,7 +120,7 @@ bool Frame_Queue::let_pass(const Received_Frame& frame) {
     if (closed_ || count_ > 0 || waits_for_key_) {
         return false;
     }
-    seen_key_ = seen_key_ || frame.is_key_frame();
+    seen_key_ = seen_key_ || frame.is_entry_point();
     return true;  // an empty queue that waits for no key frame has no gap to tell of
 }
 

@@ -19,7 +19,8 @@ namespace zav_shm {
 enum class Overflow_Policy {
     drop_oldest,
     drop_until_key_frame,  // keeps what is queued, which can be decoded, and drops what comes
-                           // until the next key frame; as drop_oldest while there was none ever
+                           // until the next key frame or recovery point; as drop_oldest while
+                           // there was none ever
     newest_only            // never holds more than one frame
 };
 
@@ -66,6 +67,7 @@ public:
         std::size_t queue_frames = 64;
         std::size_t queue_bytes = std::size_t{16} << 20;  // of payload; one frame always fits
         zav_shm::Overflow_Policy overflow = zav_shm::Overflow_Policy::drop_until_key_frame;
+        // Key frames, or recovery points.
         bool start_at_key_frame = false;    // leave out what comes before the first
         bool key_frame_after_loss = false;  // leave out what comes between a loss and the next
     };

@@ -15,6 +15,10 @@ namespace zav_shm {
 struct Received_Frame {
     std::span<const std::byte> payload() const { return {bytes.data(), length}; }
     bool is_key_frame() const { return (header.flags & frame_flag::key_frame) != 0; }
+    bool is_recovery_point() const { return (header.flags & frame_flag::recovery_point) != 0; }
+
+    /// A decoder may begin here: at a recovery point the first pictures may be incomplete.
+    bool is_entry_point() const { return is_key_frame() || is_recovery_point(); }
 
     ZAV_SHM_Frame_Header header = {};  // of a foreign producer: only payload_length is set
     std::vector<std::byte> bytes;      // the room; the payload is its first `length` bytes

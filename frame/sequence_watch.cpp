@@ -26,7 +26,7 @@ Sequence_Watch::Verdict Sequence_Watch::judge(Received_Frame& frame) {
     if (key_frame_after_loss_ && (lost_now_ > 0 || epoch_changed_)) {
         waits_for_key_ = true;
     }
-    if (waits_for_key_ && frame.verified && !frame.is_key_frame()) {
+    if (waits_for_key_ && frame.verified && !frame.is_entry_point()) {
         ++skipped_;
         return Verdict::skipped;
     }

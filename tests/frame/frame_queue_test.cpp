@@ -127,6 +127,19 @@ TEST_F(Queue, keeps_what_can_be_decoded_and_goes_on_at_a_key_frame) {
     EXPECT_EQ(taken.dropped, 2U);
 }
 
+// A stream with an IDR picture at its beginning only, and recovery points from then on.
+TEST_F(Queue, goes_on_at_a_recovery_point) {
+    const auto queue = of(1, Overflow_Policy::drop_until_key_frame);
+    push(*queue, 1, key);
+    EXPECT_EQ(push(*queue, 2), 1U);
+    EXPECT_EQ(pop(*queue), 1U);
+    EXPECT_EQ(push(*queue, 3), 1U);
+    Received_Frame recovery = frame(4);
+    recovery.header.flags = zav_shm::frame_flag::recovery_point;
+    EXPECT_EQ(queue->push(recovery), 0U);
+    EXPECT_EQ(pop(*queue), 4U);
+}
+
 TEST_F(Queue, a_key_frame_that_finds_it_still_full_empties_it) {
     const auto queue = of(2, Overflow_Policy::drop_until_key_frame);
     push(*queue, 1, key);

@@ -72,6 +72,21 @@ TEST(Sequence_Watch, starting_at_a_key_frame_leaves_out_what_is_before) {
     EXPECT_EQ(watch.judge(second), Verdict::hand_out);
 }
 
+TEST(Sequence_Watch, a_recovery_point_is_as_good_a_start_as_a_key_frame) {
+    Sequence_Watch watch(true, true);
+    Received_Frame early = delta_frame(7, 1);
+    Received_Frame first = delta_frame(7, 2);
+    first.header.flags = zav_shm::frame_flag::recovery_point;
+    EXPECT_FALSE(first.is_key_frame());
+    EXPECT_EQ(watch.judge(early), Verdict::skipped);
+    EXPECT_EQ(watch.judge(first), Verdict::hand_out);
+    Received_Frame behind_loss = delta_frame(7, 4);
+    Received_Frame next = delta_frame(7, 5);
+    next.header.flags = zav_shm::frame_flag::recovery_point;
+    EXPECT_EQ(watch.judge(behind_loss), Verdict::skipped);
+    EXPECT_EQ(watch.judge(next), Verdict::hand_out);
+}
+
 TEST(Sequence_Watch, after_a_loss_it_can_go_on_at_the_next_key_frame) {
     Sequence_Watch watch(false, true);
     Received_Frame first = key_frame(7, 1);
