@@ -69,7 +69,7 @@ public:
     /// replaced it. A few system calls; meant for when no frame has passed for a while.
     bool is_stale() const;
 
-    /// True when the page of the center names a process that is gone, or there is none.
+    /// True when the host that wrote the page of the center is gone, or there is no page any more.
     bool center_is_gone() const;
 
     /// True once a center answers that has come up since the last attempt to register. Looks at

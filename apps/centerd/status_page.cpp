@@ -76,7 +76,10 @@ Status_Page::Status_Page(std::string folder, std::string configuration, File_Acc
     page_.started_utc_ns = utc_ns();
 }
 
-bool Status_Page::write_page() const { return write_center_page(folder_, page_, access_); }
+bool Status_Page::write_page() const {
+    held_page_ = hold_center_page(folder_, page_, access_);
+    return held_page_.is_open();
+}
 
 bool Status_Page::write_status(const ZAV_SHM_CENTER& center) const {
     return replace_file(status_path(), status_of(center) + "\n", access_);

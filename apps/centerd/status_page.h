@@ -38,6 +38,7 @@ private:
     const std::string configuration_;
     const File_Access access_;
     Center_Page page_;
+    mutable Descriptor held_page_;  // the one written last, by which clients see that this lives
 };
 
 }  // namespace zav_shm::centerd

@@ -10,9 +10,11 @@
 #include <vector>
 
 #include "../center/center_fixture.h"
+#include "control/center_page.h"
 #include "frame/frame_dual_subscriber.h"
 #include "frame/frame_publisher.h"
 #include "frame/frame_subscriber.h"
+#include "support/pid_namespace.h"
 
 using namespace std::chrono_literals;
 using zav_shm::Frame_State;
@@ -546,6 +548,30 @@ TEST_F(Frames, that_do_not_come_are_counted_by_cause) {
     client.ask(
         R"({"command":"deregister","type":"Receiver","name":"PLAYER","channel":0,"stream":0})");
     EXPECT_TRUE(becomes_true([&] { return player.counters().timeouts_no_relay >= before + 3; }));
+}
+
+// As in a container: the center's process id means nothing there.
+TEST_F(Frames, that_nobody_wants_are_no_sign_of_a_dead_center_in_another_pid_namespace) {
+    leaves_segment("shm/center_page");
+    zav_shm::Center_Page page;
+    page.epoch = 1;
+    page.pid = static_cast<std::uint32_t>(getpid());
+    const auto held = zav_shm::hold_center_page("/shm", page);
+    const auto idle_outcome = [] {
+        ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+        if (!camera.open()) {
+            return 99;
+        }
+        auto outcome = Publish_Outcome::no_consumer;
+        for (int i = 0; i < 15; ++i) {
+            const auto now = camera.publish(payload(10, i)).outcome;
+            outcome = now == Publish_Outcome::no_consumer ? outcome : now;
+            std::this_thread::sleep_for(10ms);
+        }
+        return static_cast<int>(outcome);
+    };
+    EXPECT_EQ(result_in_pid_namespace(idle_outcome),
+              static_cast<int>(Publish_Outcome::no_consumer));
 }
 
 class Frames_Without_Center : public Control_Queues {};
