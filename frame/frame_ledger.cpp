@@ -68,6 +68,7 @@ void Frame_Ledger::count(Slot_Reader::Take taken, bool noticed) {
             ++counters_.no_memory;
             break;
         case Slot_Reader::Take::unmapped:
+        case Slot_Reader::Take::unwritten:
         case Slot_Reader::Take::frame:
             break;
     }

@@ -43,6 +43,12 @@ std::uint64_t load_halves(const std::byte* slot, std::size_t offset) {
     return value;
 }
 
+// A foreign producer whose header is nothing but zeros has no payload either.
+bool is_unwritten(const ZAV_SHM_Frame_Header& header) {
+    static constexpr ZAV_SHM_Frame_Header as_made = {};
+    return std::memcmp(&header, &as_made, sizeof header) == 0;
+}
+
 bool is_ours(const ZAV_SHM_Frame_Header& header) {
     return header.magic == frame_magic && header.version == frame_version;
 }
@@ -153,6 +159,9 @@ Slot_Reader::Take Slot_Reader::use_once(Received_Frame& frame, const Use& use) c
     if (frame.verified &&
         (commit == 0 || commit != commit_of(header.sequence) || epoch != header.epoch)) {
         return Take::torn;
+    }
+    if (is_unwritten(header)) {
+        return Take::unwritten;
     }
     if (header.payload_length > shm->size - frame_header_bytes) {
         return Take::invalid;

@@ -30,6 +30,7 @@ TEST(Ledger, counts_waits_by_what_ended_them) {
     ledger.count(Take::invalid, true);
     ledger.count(Take::no_memory, true);
     ledger.count(Take::unmapped, true);
+    ledger.count(Take::unwritten, true);
     ledger.count(Take::frame, true);
     const auto counted = ledger.counters();
     EXPECT_EQ(counted.timeouts_no_frame, 1U);

@@ -71,7 +71,9 @@ protected:
                        R"("channel":0,"stream":0,"name":"ABSENT_)" +
                        std::to_string(i) + "\"}");
         }
-        loop_ = std::make_unique<Running_Camera>("CAM_LOOP");
+        if (loop_runs_) {
+            loop_ = std::make_unique<Running_Camera>("CAM_LOOP");
+        }
         rec_ = std::make_unique<Running_Camera>("CAM_REC");
         ASSERT_TRUE(player_.open());
     }
@@ -122,6 +124,7 @@ protected:
         });
     }
 
+    bool loop_runs_ = true;
     std::unique_ptr<Running_Camera> loop_;
     std::unique_ptr<Running_Camera> rec_;
     ZAV_SHM_Frame_Subscriber player_{{.name = "PLAYER", .producer = "CAM_LOOP", .queue_frames = 4}};
@@ -179,6 +182,23 @@ TEST_F(Slow_Pairing, with_a_channel_that_the_producer_does_not_have_is_refused_a
     EXPECT_EQ(paired.reason, "PLAYER/1/0: CAM_REC has 1 channels with 1 streams");
     EXPECT_EQ(second.state(), zav_shm::Frame_State::connected);
     EXPECT_TRUE(becomes_true([this] { return feeds("PLAYER") == "CAM_LOOP"; }));
+}
+
+class Slow_Pairing_Of_A_Silent_Camera : public Slow_Pairing {
+protected:
+    Slow_Pairing_Of_A_Silent_Camera() { loop_runs_ = false; }
+};
+
+// Until it is settled, the posts of CAM_REC lead to the slot of CAM_LOOP, which is as it was made.
+TEST_F(Slow_Pairing_Of_A_Silent_Camera, hands_out_no_frame_from_a_slot_that_nobody_has_written) {
+    for (int i = 0; i < 3; ++i) {
+        pair_in_vain();
+        Received_Frame frame;
+        while (player_.receive(frame, 500ms) == Receive_Status::frame) {
+            EXPECT_TRUE(frame.verified) << frame.length << " bytes";
+        }
+    }
+    EXPECT_EQ(player_.counters().foreign, 0U);
 }
 
 }  // namespace

@@ -391,21 +391,23 @@ TEST_F(Frames, of_the_present_stream_from_before_the_change_come_first) {
     ASSERT_TRUE(player.open());
     ASSERT_TRUE(player.select(ZAV_SHM_Frame_Dual_Subscriber::sub));
     const zav_shm::Frame_Info key{.flags = zav_shm::frame_flag::key_frame};
+    // One more may be on its way when the third is seen.
     EXPECT_TRUE(becomes_true([&] {
         static_cast<void>(main.publish(payload(10, 1), key));
-        return player.counters(ZAV_SHM_Frame_Dual_Subscriber::main).queued == 3;
+        return player.counters(ZAV_SHM_Frame_Dual_Subscriber::main).queued >= 3;
     }));
     EXPECT_TRUE(becomes_true([&] {
-        return sub.publish(payload(10, 2), key).delivered() &&
-               player.counters(ZAV_SHM_Frame_Dual_Subscriber::sub).queued == 1;
+        static_cast<void>(sub.publish(payload(10, 2), key));
+        return player.counters(ZAV_SHM_Frame_Dual_Subscriber::sub).queued >= 1;
     }));
     Received_Frame frame;
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
-        EXPECT_EQ(frame.header.epoch, main.epoch()) << i;
-    }
-    EXPECT_EQ(player.changes(), 0U);
+    int of_main = 0;
     ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    for (; frame.header.epoch == main.epoch(); ++of_main) {
+        EXPECT_EQ(player.changes(), 0U);
+        ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    }
+    EXPECT_GE(of_main, 3);
     EXPECT_EQ(frame.header.epoch, sub.epoch());
     EXPECT_EQ(player.changes(), 1U);
     EXPECT_EQ(player.state(), Frame_State::connected);
