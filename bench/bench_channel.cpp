@@ -7,13 +7,13 @@
 #include <cerrno>
 #include <string>
 
+#include "ipc/shared_memory_folder.h"
 #include "stream/frame_slot.h"
 
 namespace zav_shm::bench {
 
 namespace {
 
-constexpr const char* segment_directory = "/dev/shm";
 constexpr const char* segment_folder = "shm";
 constexpr unsigned owner_only = 0600;
 
@@ -22,9 +22,9 @@ Shm_Stream_Transmission_Index producer_key() { return {producer_name(), 0, 0}; }
 }  // namespace
 
 bool prepare_names() {
-    IPC_SHMEMORY::set_root_path(segment_directory);
+    IPC_SHMEMORY::set_root_path(shared_memory_folder);
     IPC_SHM_CTRL_INFO::set_shm_root_path(segment_folder);
-    const std::string folder = std::string(segment_directory) + "/" + segment_folder;
+    const std::string folder = shared_memory_path(segment_folder);
     return mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST;
 }
 

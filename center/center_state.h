@@ -14,8 +14,22 @@ class ZAV_SHM_CENTER;
 
 namespace zav_shm {
 
-/// What a center is made of. It belongs to the center object and to the receive thread, so that
-/// the thread goes on when the object is destroyed.
+/// What a center is made of, and who holds it.
+///
+///     the host's center object                    the receive thread
+///     ZAV_SHM_CENTER                              fun_shm_center_msgq_recv
+///          |                                              |
+///          | shares                                       | serves for (a plain pointer)
+///          v                                              v
+///     Center_State  ------- owns: `served` ------->  ZAV_SHM_CENTER, the second one
+///          ^                                              |
+///          +------------------- shares -------------------+
+///
+/// Destroying a center does nothing: its thread goes on answering. So the thread needs a center
+/// that outlives the host's, and the handlers, the actions and the thread's body all take a
+/// ZAV_SHM_CENTER: it is the second one, made when the thread starts. State and second center hold
+/// each other; that circle is what keeps both alive behind a host that has destroyed its own, and
+/// only shutdown() breaks it, after the thread has left.
 struct Center_State {
     ZAV_SHM_CONFIG* config = nullptr;  // the caller's
     std::unique_ptr<SHM_Stream_Transmission_Manager> manager;
@@ -25,7 +39,7 @@ struct Center_State {
     Reply_Sender replies{send_msgq};
     std::atomic<bool> stopping{false};  // shutdown writes, receive thread reads
     Receive_Thread receiver;
-    std::unique_ptr<ZAV_SHM_CENTER> served;  // the receive thread's own view of this state
+    std::unique_ptr<ZAV_SHM_CENTER> served;  // whom the receive thread serves for
 };
 
 }  // namespace zav_shm

@@ -2,10 +2,9 @@
 //
 // The idle kick and "query_status".
 
-#include <iostream>
-
 #include "center/center_state.h"
 #include "center/shm_center.h"
+#include "ipc/standard_output.h"
 
 void ZAV_SHM_CENTER::enable_kick_idle_client(bool enable) { state_->kick_idle_enabled = enable; }
 
@@ -19,6 +18,6 @@ void ZAV_SHM_CENTER::kick_idle_client() {
 
 void ZAV_SHM_CENTER::shm_center_query_status(const std::string& /*text*/) {
     if (!is_shut_down()) {
-        std::cout << *state_->manager << std::endl;
+        zav_shm::standard_output() << *state_->manager << std::endl;
     }
 }

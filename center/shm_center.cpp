@@ -73,7 +73,7 @@ ZAV_SHM_CENTER::ZAV_SHM_CENTER(ZAV_SHM_CONFIG*& config) : state_(std::make_share
 
 ZAV_SHM_CENTER::ZAV_SHM_CENTER(std::shared_ptr<Center_State> state) : state_(std::move(state)) {}
 
-// The receive thread's view keeps the state alive.
+// The receive thread goes on: center_state.h tells what keeps it alive.
 ZAV_SHM_CENTER::~ZAV_SHM_CENTER() = default;
 
 void ZAV_SHM_CENTER::create_recv_msgq() {
@@ -100,7 +100,7 @@ void ZAV_SHM_CENTER::shutdown() {
     state_->recv_msgq.discard_all(wake_type);
     state_->manager.reset();
     state_->config = nullptr;
-    state_->served.reset();  // the last that holds the state beside this object
+    state_->served.reset();  // the circle of center_state.h ends
 }
 
 bool ZAV_SHM_CENTER::is_shut_down() const { return state_->manager == nullptr; }
@@ -126,6 +126,7 @@ void ZAV_SHM_CENTER::receive_and_serve() {
         recover_from(error);
         return;
     }
+    state_->replies.request_comes_from(state_->recv_msgq.last_sender());
     const std::string text = text_of(record);
     const std::unique_ptr<SHM_CENTER_ACTION> action(Factory_Shm_Center_Action(text, this));
     if (action) {

@@ -15,7 +15,7 @@ namespace zav_shm {
 /// something, and what is missing or of the wrong type reads as missing.
 class Control_Reply : public control::Fields {
 public:
-    explicit Control_Reply(const std::string& text);
+    using Fields::Fields;
 
     /// True when the field is there, a string, and another one. A missing field contradicts
     /// nothing.
@@ -40,9 +40,6 @@ public:
 
     /// The whole reply as it was understood, indented by tabs; "null" when nothing was.
     friend std::ostream& operator<<(std::ostream& out, const Control_Reply& reply);
-
-private:
-    Json::Value root_;
 };
 
 }  // namespace zav_shm

@@ -2,16 +2,16 @@
 #include "client/name_layout.h"
 
 #include <cstddef>
-#include <iostream>
 
 #include "client/control_reply.h"
+#include "ipc/standard_output.h"
 
 namespace zav_shm {
 
 void Name_Layout::take(const Control_Reply& reply) {
     const std::vector<int> sizes = reply.numbers(control::field::page_size);
     if (static_cast<int>(sizes.size()) != reply.number(control::field::stream)) {
-        std::cout << "Invalid Page Size" << std::endl;
+        zav_shm::standard_output() << "Invalid Page Size" << std::endl;
         throw "Invalid Page Size";
     }
     if (reply.is_integer(control::field::channel)) {

@@ -2,11 +2,11 @@
 #include "client/shm_client_distributor.h"
 
 #include <cstdio>
-#include <iostream>
 
 #include "client/control_reply.h"
 #include "client/control_request.h"
 #include "control/control_protocol.h"
+#include "ipc/standard_output.h"
 
 using namespace zav_shm::control;
 using zav_shm::Requester;
@@ -16,7 +16,7 @@ namespace {
 // Flushed line by line: what was asked is to be seen while the center does not answer.
 template <class Text>
 void print(const char* label, const Text& json) {
-    std::cout << label << std::endl << json << std::endl;
+    zav_shm::standard_output() << label << std::endl << json << std::endl;
 }
 
 }  // namespace
@@ -58,7 +58,7 @@ unsigned ZAV_SHM_CLIENT_DISTRIBUTOR::query_shm() {
         throw "Invalid Command";
     }
     if (reply->contradicts(field::status, status::success)) {
-        std::cout << "Status is " << reply->text(field::status) << std::endl;
+        zav_shm::standard_output() << "Status is " << reply->text(field::status) << std::endl;
         throw "Invalid Status";
     }
     layout_.take(*reply);
@@ -87,7 +87,7 @@ int ZAV_SHM_CLIENT_DISTRIBUTOR::reg_shm(int channel, int stream) {
     }
     print("Recv Reg : ", *reply);
     if (reply->answers(command::register_end)) {
-        std::cout << "Create " << reply->text(field::shm_path) << std::endl;
+        zav_shm::standard_output() << "Create " << reply->text(field::shm_path) << std::endl;
         insert(channel, stream, reply->open_endpoint<ZAV_SHM_Stream_Distributor>());
     }
     return 1;
@@ -97,7 +97,8 @@ int ZAV_SHM_CLIENT_DISTRIBUTOR::reg_shm(int channel, int stream) {
 void ZAV_SHM_CLIENT_DISTRIBUTOR::insert(int channel, int stream,
                                         std::unique_ptr<ZAV_SHM_Stream_Distributor> endpoint) {
     if (!endpoints_.try_emplace({channel, stream}, std::move(endpoint)).second) {
-        std::cout << "Insert Channel " << channel << ", Stream " << stream << " Fail" << std::endl;
+        zav_shm::standard_output()
+            << "Insert Channel " << channel << ", Stream " << stream << " Fail" << std::endl;
     }
 }
 

@@ -4,11 +4,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 
 #include "client/control_reply.h"
 #include "client/control_request.h"
 #include "control/control_protocol.h"
+#include "ipc/standard_output.h"
 
 using namespace zav_shm::control;
 using zav_shm::Control_Reply;
@@ -109,7 +109,8 @@ int ZAV_SHM_CLIENT_RECEIVER::reg_shm(int channel, int stream, const std::string&
 void ZAV_SHM_CLIENT_RECEIVER::insert(int channel, int stream, const Control_Reply& reply) {
     auto endpoint = reply.open_endpoint<ZAV_SHM_Stream_Receiver>();
     if (!endpoints_.try_emplace({channel, stream}, std::move(endpoint)).second) {
-        std::cout << "Insert Channel " << channel << ", Stream " << stream << " Fail" << std::endl;
+        zav_shm::standard_output()
+            << "Insert Channel " << channel << ", Stream " << stream << " Fail" << std::endl;
         std::printf("Fail Reason : %s\n", std::strerror(errno));
     }
 }
@@ -150,7 +151,7 @@ void ZAV_SHM_CLIENT_RECEIVER::pair_one(int channel, int stream, const std::strin
         return;
     }
     if (!reply->grants(command::pair_source)) {
-        std::cout << "Invalid Pair";
+        zav_shm::standard_output() << "Invalid Pair";
         throw "Invalid Pair";
     }
     const std::string segment = reply->text(field::shm_path);

@@ -3,7 +3,8 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <iostream>
+
+#include "ipc/standard_output.h"
 
 void ZAV_SHM_Dual_Stream_Receiver::set_dual_stream(ZAV_SHM_Stream_Receiver* main,
                                                    ZAV_SHM_Stream_Receiver* sub) {
@@ -54,12 +55,13 @@ unsigned ZAV_SHM_Dual_Stream_Receiver::switch_stream() {
     }
     const int current = get_current_stream_index();
     if (current == INVALID_STREAM_INDEX) {
-        std::cout << "Can't Get Any Stream" << std::endl;
+        zav_shm::standard_output() << "Can't Get Any Stream" << std::endl;
         return 0;
     }
     const int next = (current + 1) % MAX_DUAL_STREAM_NUM;
     if (slot(next) == nullptr) {
-        std::cout << "Stream Index " << next << " is NULL, switch stream fail." << std::endl;
+        zav_shm::standard_output()
+            << "Stream Index " << next << " is NULL, switch stream fail." << std::endl;
         return 0;
     }
     set_cursor(slot(next));

@@ -5,32 +5,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+
+#include "ipc/file_content.h"
+#include "ipc/shared_memory_folder.h"
 
 namespace zav_shm {
 
 namespace {
-
-constexpr const char* system_directory = "/dev/shm/";
-
-// One byte more than a page shows that the file is longer.
-ssize_t read_up_to(int descriptor, char* buffer, std::size_t size) {
-    std::size_t got = 0;
-    while (got < size) {
-        const ssize_t part = read(descriptor, buffer + got, size - got);
-        if (part < 0 && errno == EINTR) {
-            continue;
-        }
-        if (part < 0) {
-            return -1;
-        }
-        if (part == 0) {
-            break;
-        }
-        got += static_cast<std::size_t>(part);
-    }
-    return static_cast<ssize_t>(got);
-}
 
 bool is_valid(const Center_Page& page) {
     const Center_Page expected;
@@ -38,36 +21,90 @@ bool is_valid(const Center_Page& page) {
            page.version == expected.version && page.epoch != 0 && page.pid != 0;
 }
 
-}  // namespace
-
-std::string center_page_path(const std::string& folder) {
-    const std::size_t begin = folder.find_first_not_of('/');
-    return system_directory + (begin == std::string::npos ? "" : folder.substr(begin)) +
-           "/center_page";
-}
-
-// O_NONBLOCK keeps a FIFO of that name from blocking the open for ever.
-std::optional<Center_Page> read_center_page(const std::string& folder) {
-    const int descriptor =
-        open(center_page_path(folder).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
-    if (descriptor < 0) {
-        return std::nullopt;
-    }
-    char bytes[sizeof(Center_Page) + 1];
-    const ssize_t got = read_up_to(descriptor, bytes, sizeof bytes);
-    close(descriptor);
-    if (got != static_cast<ssize_t>(sizeof(Center_Page))) {
-        return std::nullopt;
+std::optional<Center_Page> page_in(int descriptor) {
+    char bytes[sizeof(Center_Page) + 1];  // one more shows that the file is longer
+    if (read_up_to(descriptor, bytes, sizeof bytes) != sizeof(Center_Page)) {
+        return {};
     }
     Center_Page page;
     std::memcpy(&page, bytes, sizeof page);
     return is_valid(page) ? std::optional(page) : std::nullopt;
 }
 
+Descriptor open_page(const std::string& folder) {
+    return Descriptor(
+        open(center_page_path(folder).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+}
+
+struct flock whole_file(short type) {
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    return lock;
+}
+
+// Asking takes nothing: a lock that was taken for a try would keep the next host from its own.
+std::optional<bool> is_held(int descriptor) {
+    struct flock lock = whole_file(F_RDLCK);
+    if (fcntl(descriptor, F_OFD_GETLK, &lock) != 0) {
+        return {};
+    }
+    return lock.l_type != F_UNLCK;
+}
+
+bool exists(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH); }
+
+bool is_host_alive(int descriptor, const Center_Page& page) {
+    const auto held = (page.flags & center_page_is_held) != 0 ? is_held(descriptor) : std::nullopt;
+    return held ? *held : exists(static_cast<pid_t>(page.pid));
+}
+
+std::string_view bytes_of(const Center_Page& page, char (&room)[sizeof(Center_Page)]) {
+    std::memcpy(room, &page, sizeof page);
+    return {room, sizeof room};
+}
+
+}  // namespace
+
+std::string center_page_path(const std::string& folder) {
+    return shared_memory_path(folder + "/center_page");
+}
+
+std::optional<Center_Page> read_center_page(const std::string& folder) {
+    const Descriptor file = open_page(folder);
+    return file.is_open() ? page_in(file.get()) : std::nullopt;
+}
+
 bool write_center_page(const std::string& folder, const Center_Page& page, File_Access access) {
     char bytes[sizeof page];
-    std::memcpy(bytes, &page, sizeof page);
-    return replace_file(center_page_path(folder), {bytes, sizeof bytes}, access);
+    return replace_file(center_page_path(folder), bytes_of(page, bytes), access);
+}
+
+Descriptor hold_center_page(const std::string& folder, const Center_Page& page,
+                            File_Access access) {
+    File_Replacement replacement(center_page_path(folder));
+    if (!replacement.is_open()) {
+        return Descriptor();
+    }
+    struct flock lock = whole_file(F_WRLCK);
+    Center_Page written = page;
+    if (fcntl(replacement.descriptor(), F_OFD_SETLK, &lock) == 0) {
+        written.flags |= center_page_is_held;
+    }
+    char bytes[sizeof page];
+    return replacement.finish(bytes_of(written, bytes), access) ? replacement.take() : Descriptor();
+}
+
+bool is_center_alive(const std::string& folder) {
+    const Descriptor file = open_page(folder);
+    const auto page = file.is_open() ? page_in(file.get()) : std::nullopt;
+    return page && is_host_alive(file.get(), *page);
+}
+
+bool is_center_alive(const std::string& folder, pid_t pid) {
+    const auto page = read_center_page(folder);
+    return page && page->pid == static_cast<std::uint32_t>(pid) ? is_center_alive(folder)
+                                                                : exists(pid);
 }
 
 void remove_center_page(const std::string& folder) { unlink(center_page_path(folder).c_str()); }

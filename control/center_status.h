@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -20,8 +21,10 @@ std::string center_status_path(const std::string& folder);
 
 /// The name of the producer that the status tells to feed this consumer's channel.
 ///
+/// @param since  a status that was not written after this says what was before, and is none.
 /// @return nothing when there is no status, it cannot be read, or nobody feeds the consumer. Total:
 ///         no content of the file does more harm than that.
-std::optional<std::string> producer_feeding(const std::string& folder, const Status_End& consumer);
+std::optional<std::string> producer_feeding(const std::string& folder, const Status_End& consumer,
+                                            std::chrono::system_clock::time_point since = {});
 
 }  // namespace zav_shm

@@ -1,26 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "control/control_protocol.h"
 
-#include <exception>
+#include "control/json_text.h"
 
 namespace zav_shm::control {
 
 namespace {
-
-// Json::Reader accepts what clients have always been allowed to send (comments, a text behind the
-// object); the builder that replaces it accepts other things.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-void parse(const std::string& text, Json::Value& root) {
-    try {
-        Json::Reader reader;
-        // What was read before an error is used, so the result says nothing.
-        static_cast<void>(reader.parse(text, root, true));
-    } catch (const std::exception&) {
-        root = Json::Value();  // nested too deep
-    }
-}
-#pragma GCC diagnostic pop
 
 std::string written(const Json::Value& object, const char* indentation) {
     Json::StreamWriterBuilder builder;
@@ -34,7 +19,8 @@ int as_number(const Json::Value& value) {
 
 }  // namespace
 
-Fields::Fields(const std::string& text) { parse(text, root_); }
+// What was read before an error is used, so the result says nothing.
+Fields::Fields(const std::string& text) { static_cast<void>(read_json(text, root_)); }
 
 std::string Fields::text(const char* field) const {
     const Json::Value& value = at(field);
@@ -61,9 +47,7 @@ std::vector<int> Fields::numbers(const char* field) const {
 
 bool Fields::is_text(const char* field) const { return at(field).isString(); }
 
-const Json::Value& Fields::at(const char* field) const {
-    return root_.isObject() ? root_[field] : Json::Value::nullSingleton();
-}
+const Json::Value& Fields::at(const char* field) const { return member_of(root_, field); }
 
 Request::Request(const std::string& text) {
     const Fields fields(text);

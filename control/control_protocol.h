@@ -5,9 +5,7 @@
 // texts, how they are written, and one reader for both directions. docs/protocol.md has a row
 // per command.
 //
-// Whatever arrives on a queue is hostile. The reader is total: every text reads as something, no
-// exception leaves it, and what is missing, of the wrong type, out of range or nested too deep
-// reads as missing.
+// Whatever arrives on a queue is hostile; the reader is as tolerant as json_text.h says.
 
 #include <json/json.h>
 
@@ -81,9 +79,14 @@ public:
     /// True when the field is there and a string.
     bool is_text(const char* field) const;
 
-private:
+protected:
+    /// The whole text as it was understood; null when nothing was.
+    const Json::Value& root() const { return root_; }
+
+    /// Null when missing.
     const Json::Value& at(const char* field) const;
 
+private:
     Json::Value root_;
 };
 

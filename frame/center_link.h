@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "frame/control_exchange.h"
@@ -31,6 +32,9 @@ public:
         std::string sem_dst;
         std::string sem_exist;
 
+        // Made by another center than what was registered before: its semaphores are others.
+        bool is_of_another_center = false;
+
         explicit operator bool() const { return outcome == Outcome::registered; }
     };
 
@@ -40,14 +44,24 @@ public:
 
     Registration register_end(std::chrono::milliseconds limit);
 
-    /// Moves a consumer to another producer, which is remembered unless the center refuses.
+    /// Moves a consumer to another producer, and remembers it when the center has granted that. A
+    /// producer that does not have this channel and stream is refused here: the center would take
+    /// the consumer away from its present one and call that a success.
     Registration pair(const std::string& producer, std::chrono::milliseconds limit);
 
-    /// Looks up which producer feeds this consumer. When it is another one than it was paired with
-    /// here, that one is remembered.
+    /// True when pair() got no answer: the center may serve it any time, and feed this consumer
+    /// from a producer that is not the one remembered.
+    bool is_in_doubt() const { return in_doubt_; }
+
+    /// Ends the doubt by asking for the producer that is remembered, behind what is unanswered. The
+    /// answer may also come to a later call.
+    Registration settle(std::chrono::milliseconds limit);
+
+    /// Looks up which producer feeds this consumer, and remembers it.
     ///
-    /// @return the name of its slot's segment; empty when nothing has changed, or nobody can tell.
-    std::string follow_pairing();
+    /// @param segment  of the slot that is read
+    /// @return the segment to read instead; empty when that is the right one, or nobody can tell.
+    std::string follow_pairing(const std::string& segment);
 
     void deregister_end(std::chrono::milliseconds limit);
 
@@ -55,7 +69,7 @@ public:
     /// replaced it. A few system calls; meant for when no frame has passed for a while.
     bool is_stale() const;
 
-    /// True when the page of the center names a process that is gone, or there is none.
+    /// True when the host that wrote the page of the center is gone, or there is no page any more.
     bool center_is_gone() const;
 
     /// True once a center answers that has come up since the last attempt to register. Looks at
@@ -65,10 +79,15 @@ public:
     /// Sleeps until then, or until a center has come.
     void wait_for_center(std::chrono::steady_clock::time_point until);
 
+    /// Whose slot the center granted last; before that, the one that was wanted.
     const std::string& producer() const { return producer_; }
 
 private:
     Registration read(const Control_Exchange::Answer& answer);
+    Registration ask_for_pairing(const std::string& producer, std::chrono::milliseconds limit);
+    std::optional<Registration> problem_of_pairing(const std::string& producer,
+                                                   std::chrono::milliseconds limit);
+    std::string end_name() const;
     Json::Value request(const char* command) const;
     void remember(const Registration& made);
     std::uint64_t epoch_of_center() const;  // 0 without a page
@@ -77,6 +96,7 @@ private:
     const std::string name_;
     std::string producer_;
     bool has_left_ = false;  // the former producer, for a registration that is unanswered
+    bool in_doubt_ = false;
     const int channel_;
     const int stream_;
 
@@ -85,6 +105,7 @@ private:
     ino_t semaphore_ = 0;
     std::uint64_t epoch_ = 0;        // of the center; 0 while it is unknown
     std::uint64_t tried_epoch_ = 0;  // of the center at the last attempt; 0 when there was none
+    std::chrono::system_clock::time_point granted_at_{};  // as the files of the center are dated
     std::chrono::steady_clock::time_point next_look_{};
 };
 

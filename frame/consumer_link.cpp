@@ -18,6 +18,10 @@ constexpr auto greatest_pause = 2000ms;
 // How often it is looked for a center while there is none.
 constexpr auto look_interval = 50ms;
 
+// What settling a pairing takes of the time in which frames are taken: less than the relay waits
+// for one to be read. The answer may come to the next attempt.
+constexpr auto settling_limit = 15ms;
+
 using Clock = Backoff::Clock;
 
 }  // namespace
@@ -43,8 +47,9 @@ void Consumer_Link::begin_to_close() {
 
 void Consumer_Link::leave(std::chrono::milliseconds limit) {
     const std::lock_guard guard(control_);
-    if (reader()) {
+    if (reader() || link_.is_in_doubt()) {
         link_.deregister_end(limit);
+        in_doubt_ = false;
     }
     const std::lock_guard small(small_);
     reader_.reset();
@@ -64,6 +69,7 @@ Consumer_Link::Attempt Consumer_Link::attempt(std::chrono::milliseconds limit) {
         return Attempt::failed;
     }
     retry_.reset();
+    in_doubt_ = link_.is_in_doubt();
     state_ = Frame_State::connected;
     return std::exchange(was_registered_, true) ? Attempt::again : Attempt::first;
 }
@@ -146,6 +152,7 @@ Opened Consumer_Link::pair(const std::string& producer, std::chrono::millisecond
     const std::lock_guard guard(control_);
     if (producer == control::no_producer) {
         link_.deregister_end(limit);
+        in_doubt_ = false;
         const std::lock_guard small(small_);
         unpaired_ = true;
         reader_.reset();
@@ -153,30 +160,66 @@ Opened Consumer_Link::pair(const std::string& producer, std::chrono::millisecond
         return {state_, {}, false};
     }
     const Center_Link::Registration made = link_.pair(producer, limit);
+    in_doubt_ = link_.is_in_doubt();
     if (!made) {
         return {Frame_State::waiting_for_center, made.reason,
                 made.outcome == Center_Link::Outcome::refused};
     }
-    const std::lock_guard small(small_);
-    unpaired_ = false;
-    if (reader_) {
-        reader_->change_shm(made.segment.c_str());
-        state_ = Frame_State::connected;
-    } else {
-        retries_now_ = true;
+    {
+        const std::lock_guard small(small_);
+        unpaired_ = false;
     }
-    wake_.notify_all();
+    read_from(made);
     return {Frame_State::connected, {}, false};
+}
+
+// Called with control_ held. Semaphores of a center that has gone are no use for reading from the
+// slot of another one's.
+void Consumer_Link::read_from(const Center_Link::Registration& granted) {
+    const std::shared_ptr<Slot_Reader> current = reader();
+    if (current && !granted.is_of_another_center) {
+        if (current->segment() != granted.segment) {
+            current->change_shm(granted.segment.c_str());
+        }
+        state_ = Frame_State::connected;
+        return;
+    }
+    if (current && use(granted)) {
+        state_ = Frame_State::connected;
+        return;
+    }
+    const std::lock_guard small(small_);
+    reader_.reset();
+    retries_now_ = true;
+    wake_.notify_all();
 }
 
 void Consumer_Link::follow_pairing() {
     const std::lock_guard guard(control_);
-    const std::string segment = link_.follow_pairing();
+    const std::shared_ptr<Slot_Reader> current = reader();
+    if (!current) {
+        return;
+    }
+    if (link_.is_in_doubt()) {
+        settle();
+        return;
+    }
+    const std::string segment = link_.follow_pairing(current->segment());
     if (!segment.empty()) {
-        const std::lock_guard small(small_);
-        if (reader_) {
-            reader_->change_shm(segment.c_str());
-        }
+        current->change_shm(segment.c_str());
+    }
+}
+
+// Called with control_ held. What pair() asked for in vain may have been served since, or be served
+// any time: then the posts would be of one producer and the slot of another. Asked for behind it,
+// the producer that was granted last is what it comes to, as pair() has said.
+void Consumer_Link::settle() {
+    const Center_Link::Registration made = link_.settle(settling_limit);
+    in_doubt_ = link_.is_in_doubt();
+    if (made) {
+        read_from(made);
+    } else if (made.outcome == Center_Link::Outcome::refused) {
+        nobody_answers();
     }
 }
 

@@ -52,8 +52,12 @@ public:
     /// As ZAV_SHM_Frame_Subscriber::pair().
     Opened pair(const std::string& producer, std::chrono::milliseconds limit);
 
-    /// Looks whether somebody else has paired this consumer, and moves the reader to that slot.
+    /// Looks whether somebody else has paired this consumer, and moves the reader to that slot;
+    /// while a pairing is in doubt, tries to settle it. Takes 15 ms at most.
     void follow_pairing();
+
+    /// pair() got no answer: nobody knows whose posts come. follow_pairing() is to be called.
+    bool is_in_doubt() const { return in_doubt_; }
 
     /// Null while not registered. It stays usable for who has it.
     std::shared_ptr<Slot_Reader> reader() const;
@@ -70,9 +74,12 @@ public:
 private:
     bool use(const Center_Link::Registration& made);
     bool is_unpaired() const;
+    void read_from(const Center_Link::Registration& granted);
+    void settle();
 
     std::atomic<Frame_State> state_{Frame_State::closed};
     std::atomic<Backoff::Clock::time_point> registered_at_{};
+    std::atomic<bool> in_doubt_{false};  // as the link says, to be read without control_
 
     mutable std::mutex control_;  // held through exchanges; guards the next five
     Center_Link link_;

@@ -6,17 +6,21 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
-#include <exception>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "control/control_protocol.h"
+#include "control/json_text.h"
+#include "frame/reply_judge.h"
+#include "frame/unanswered_requests.h"
+#include "ipc/deadline.h"
 #include "ipc/zav_msg_q.h"
 
 // System V queues have no timed calls: both ways are tried without waiting, with pauses that grow
@@ -30,35 +34,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Outcome = Control_Exchange::Outcome;
 using Answer = Control_Exchange::Answer;
-
-/// The right to talk to the center, for one thread of the process at a time.
-class Turn {
-public:
-    explicit Turn(Clock::time_point end) {
-        std::unique_lock lock(mutex);
-        mine_ = changed.wait_until(lock, end, [] { return !taken; });
-        if (mine_) {
-            taken = true;
-        }
-    }
-    ~Turn() {
-        if (mine_) {
-            const std::lock_guard guard(mutex);
-            taken = false;
-            changed.notify_one();
-        }
-    }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-
-    bool is_mine() const { return mine_; }
-
-private:
-    static inline std::mutex mutex;
-    static inline std::condition_variable changed;
-    static inline bool taken = false;  // guarded by mutex
-    bool mine_ = false;
-};
 
 class Pause {
 public:
@@ -126,30 +101,15 @@ std::optional<Answer> send(const ZAV_MSG_Q& queue, const std::string& text, Cloc
     return {};
 }
 
-// As the fields of requests: what is no object reads as an empty one.
-Json::Value parsed(const Control_Record& record, std::size_t length) {
-    try {
-        Json::Value root;
-        const Json::CharReaderBuilder builder;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        if (reader->parse(record.text, record.text + length, &root, nullptr) && root.isObject()) {
-            return root;
-        }
-    } catch (const std::exception&) {
-        // nested too deep
-    }
-    return Json::objectValue;
-}
-
-std::string text_of(const Json::Value& object, const char* field) {
-    const Json::Value& value = object[field];
-    return value.isString() ? value.asString() : std::string();
+// What is no object reads as an empty one.
+Json::Value reply_of(const Control_Record& record, std::size_t length) {
+    Json::Value root = parsed_json({record.text, length});
+    return root.isObject() ? root : Json::objectValue;
 }
 
 bool belongs_to(const Json::Value& request, const Json::Value& reply,
                 const Control_Exchange::Judge& judge) {
-    return text_of(reply, control::field::command) == text_of(request, control::field::command) &&
-           (!judge || judge(reply));
+    return is_reply_to(request, reply) && (!judge || judge(reply));
 }
 
 // One reply of the queue, whatever it answers; nothing when there is none.
@@ -160,81 +120,49 @@ std::optional<Json::Value> take(const ZAV_MSG_Q& queue, long pid) {
     if (length < 0) {
         return {};
     }
-    return parsed(record, static_cast<std::size_t>(length));
+    return reply_of(record, static_cast<std::size_t>(length));
 }
 
-Answer receive(const ZAV_MSG_Q& queue, const Json::Value& request, Clock::time_point end,
-               std::chrono::milliseconds limit, const Control_Exchange::Judge& judge) {
-    const long pid = request[control::field::pid].asInt();
-    Pause pause;
-    for (;;) {
-        if (auto reply = take(queue, pid)) {
-            if (belongs_to(request, *reply, judge)) {
-                return {Outcome::replied, std::move(*reply), {}};
-            }
-        } else if (errno != ENOMSG && errno != EINTR) {
-            return failed_call("cannot receive from the center");
-        } else if (!pause.once(end)) {
-            return no_answer(limit);
-        }
-    }
-}
-
-/// Requests that were sent and not answered in time. The center serves them all the same, sooner
-/// or later, and each registration that it serves starts the consumer's channel anew, which costs
-/// a frame: so the same request is not sent again while the first may still be answered.
-///
-/// Used by whose turn it is.
-class Unanswered {
-public:
-    bool may_be_answered(const std::string& text, const ZAV_MSG_Q& requests) const {
-        const auto entry = sent_.find(text);
-        if (entry == sent_.end()) {
-            return false;
-        }
-        // Taken off the queue, it is answered within some relay cycles; or a center that started
-        // has thrown it away, and serves another queue or the rest of this one.
-        const Sent& sent = entry->second;
-        const State now = state_of(requests);
-        const bool may_wait =
-            now.waiting > 0 && now.id == sent.queue.id && now.server == sent.queue.server;
-        return Clock::now() - sent.at < (may_wait ? given_up_after : served_within);
-    }
-    void sent(const std::string& text, const ZAV_MSG_Q& requests) {
-        if (sent_.size() >= remembered_max) {
-            sent_.clear();
-        }
-        sent_[text] = {Clock::now(), state_of(requests)};
-    }
-    void answered(const std::string& text) { sent_.erase(text); }
-
-private:
-    static constexpr std::chrono::milliseconds served_within{300};
-    static constexpr std::chrono::milliseconds given_up_after{5000};
-    static constexpr std::size_t remembered_max = 64;
-
-    struct State {
-        int id;
-        pid_t server;         // who took a request last
-        std::size_t waiting;  // how many there are
-    };
-    struct Sent {
-        Clock::time_point at;
-        State queue{};
-    };
-
-    static State state_of(const ZAV_MSG_Q& queue) {
-        msqid_ds status{};
-        if (msgctl(queue.id, IPC_STAT, &status) != 0) {
-            return {queue.id, 0, 0};
-        }
-        return {queue.id, status.msg_lrpid, status.msg_qnum};
-    }
-
-    std::map<std::string, Sent> sent_;
+/// What the exchanges of a process share. Made at its first use and never destroyed: publishers and
+/// subscribers of static storage talk to the center before the objects of this file are made, and
+/// after they are gone.
+struct Process {
+    std::mutex mutex;                 // guards `is_taken`
+    std::condition_variable changed;  // notified when a turn is over
+    bool is_taken = false;            // somebody has the turn
+    Unanswered_Requests unanswered;   // of whoever has it
 };
 
-Unanswered unanswered;
+Process& process() {
+    static auto* const made = std::make_unique<Process>().release();
+    return *made;
+}
+
+/// The right to talk to the center, for one thread of the process at a time.
+class Turn {
+public:
+    explicit Turn(Clock::time_point end) {
+        std::unique_lock lock(process().mutex);
+        mine_ = process().changed.wait_until(lock, end, [] { return !process().is_taken; });
+        if (mine_) {
+            process().is_taken = true;
+        }
+    }
+    ~Turn() {
+        if (mine_) {
+            const std::lock_guard guard(process().mutex);
+            process().is_taken = false;
+            process().changed.notify_one();
+        }
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    bool is_mine() const { return mine_; }
+
+private:
+    bool mine_ = false;
+};
 
 struct Queues {
     ZAV_MSG_Q requests;
@@ -246,7 +174,15 @@ std::optional<Answer> open(Queues& queues) {
     return problem ? problem : open(queues.replies, control::reply_project);
 }
 
-// A request as it travels; the pid is taken now, since a process may have forked meanwhile.
+/// What travels: the request that is answered, and before it one that is not, if there is one.
+struct Letters {
+    Json::Value request;
+    std::string text;
+    std::string before;
+    std::string subject;  // as Unanswered_Requests::sent() has it
+};
+
+// The pid is taken now, since a process may have forked meanwhile.
 std::optional<Answer> write(Json::Value& request, std::string& text) {
     request[control::field::pid] = static_cast<int>(getpid());
     text = control::written_on_one_line(request);
@@ -258,28 +194,37 @@ std::optional<Answer> write(Json::Value& request, std::string& text) {
                                         std::to_string(control_text_bytes));
 }
 
-}  // namespace
-
-bool Control_Exchange::Answer::granted() const {
-    return outcome == Outcome::replied &&
-           text_of(reply, control::field::status) == control::status::success;
+// The channel end that a request is about.
+std::string subject_of(const Json::Value& request) {
+    if (!request.isMember(control::field::channel)) {
+        return {};
+    }
+    Json::Value subject;
+    for (const char* const field : {control::field::type, control::field::name,
+                                    control::field::channel, control::field::stream}) {
+        subject[field] = request[field];
+    }
+    return control::written_on_one_line(subject);
 }
 
-std::string Control_Exchange::Answer::reason() const {
-    if (outcome != Outcome::replied) {
-        return problem;
+std::optional<Answer> send(const Queues& queues, const Letters& letters, Clock::time_point end,
+                           std::chrono::milliseconds limit) {
+    for (const std::string* const text : {&letters.before, &letters.text}) {
+        if (!text->empty()) {
+            if (auto problem = send(queues.requests, *text, end, limit)) {
+                return problem;
+            }
+        }
     }
-    const std::string said = text_of(reply, control::field::reason);
-    return said.empty() ? text_of(reply, control::field::status) : said;
+    process().unanswered.sent(letters.text, letters.subject, queues.requests);
+    return {};
 }
 
-Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limit,
-                             const Judge& judge) {
-    const auto end = Clock::now() + limit;
-    std::string text;
-    if (auto problem = write(request, text)) {
-        return *problem;
-    }
+// Sends it unless it was sent already, and again when it is lost: a center that has just started
+// has thrown away what it found on its queue.
+Answer exchange(const Letters& letters, std::chrono::milliseconds limit,
+                const Control_Exchange::Judge& judge) {
+    const auto end = moment_after(limit);
     const Turn turn(end);
     if (!turn.is_mine()) {
         return no_answer(limit);
@@ -288,41 +233,75 @@ Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limi
     if (auto problem = open(queues)) {
         return *problem;
     }
-    if (!unanswered.may_be_answered(text, queues.requests)) {
-        queues.replies.discard_all(request[control::field::pid].asInt());
-        if (auto problem = send(queues.requests, text, end, limit)) {
+    const long pid = letters.request[control::field::pid].asInt();
+    Unanswered_Requests& unanswered = process().unanswered;
+    if (!unanswered.may_be_answered(letters.text, queues.requests)) {
+        queues.replies.discard_all(pid);
+        if (auto problem = send(queues, letters, end, limit)) {
             return *problem;
         }
-        unanswered.sent(text, queues.requests);
     }
-    Answer answer = receive(queues.replies, request, end, limit, judge);
-    if (answer.outcome == Outcome::replied) {
-        unanswered.answered(text);
+    Pause pause;
+    for (;;) {
+        if (auto reply = take(queues.replies, pid)) {
+            if (belongs_to(letters.request, *reply, judge)) {
+                unanswered.answered(letters.text);
+                return {Outcome::replied, std::move(*reply), {}};
+            }
+        } else if (errno != ENOMSG && errno != EINTR) {
+            return failed_call("cannot receive from the center");
+        } else if (!pause.once(end)) {
+            return no_answer(limit);
+        } else if (!unanswered.may_be_answered(letters.text, queues.requests)) {
+            if (auto problem = send(queues, letters, end, limit)) {
+                return *problem;
+            }
+        }
     }
-    return answer;
+}
+
+}  // namespace
+
+bool Control_Exchange::Answer::granted() const {
+    return outcome == Outcome::replied &&
+           text_at(reply, control::field::status) == control::status::success;
+}
+
+std::string Control_Exchange::Answer::reason() const {
+    if (outcome != Outcome::replied) {
+        return problem;
+    }
+    const std::string said = text_at(reply, control::field::reason);
+    return said.empty() ? text_at(reply, control::field::status) : said;
+}
+
+Answer Control_Exchange::ask(Json::Value request, std::chrono::milliseconds limit,
+                             const Judge& judge) {
+    Letters letters{std::move(request), {}, {}, {}};
+    if (auto problem = write(letters.request, letters.text)) {
+        return *problem;
+    }
+    letters.subject = subject_of(letters.request);
+    return exchange(letters, limit, judge);
 }
 
 // The center serves requests in the order of their arrival: once it has refused a query for a name
-// that nobody has, it is done with the request before it.
+// that nobody has, it is done with the request before it. Each has another such name, so that no
+// late refusal is taken for its own.
 Answer Control_Exchange::tell(Json::Value request, std::chrono::milliseconds limit) {
-    const auto end = Clock::now() + limit;
-    std::string text;
-    if (auto problem = write(request, text)) {
-        return *problem;
-    }
-    ZAV_MSG_Q requests;
-    if (auto problem = open(requests, control::request_project)) {
-        return *problem;
-    }
-    if (auto problem = send(requests, text, end, limit)) {
-        return *problem;
-    }
+    static std::atomic<unsigned> count{0};
     Json::Value query;
     query[control::field::command] = control::command::query_shm;
     query[control::field::type] = control::type::distributor;
-    query[control::field::name] = "";
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-    Answer answer = ask(std::move(query), std::max(left, std::chrono::milliseconds(1)));
+    query[control::field::name] = "?" + std::to_string(++count);
+    Letters letters{std::move(query), {}, {}, {}};
+    for (const auto& [what, text] :
+         {std::pair{&request, &letters.before}, std::pair{&letters.request, &letters.text}}) {
+        if (auto problem = write(*what, *text)) {
+            return *problem;
+        }
+    }
+    Answer answer = exchange(letters, limit, nullptr);
     answer.reply = {};
     return answer;
 }

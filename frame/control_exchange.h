@@ -37,15 +37,18 @@ public:
         std::string reason() const;
     };
 
-    /// Tells whether a reply belongs to the request: a late one of an earlier request does not.
+    /// Tells whether a reply that is one to such a request (reply_judge.h) is the one wanted.
     using Judge = std::function<bool(const Json::Value& reply)>;
 
-    /// Sends the request, to which "pid" is added, and waits for a reply of the same "command" that
-    /// the judge, if there is one, accepts.
+    /// Sends the request, to which "pid" is added, and waits for the reply that belongs to it: one
+    /// of the same "command" whose names are those asked for, and that the judge, if there is one,
+    /// accepts. A center that starts throws away what has waited for it: then the request is sent
+    /// again, while there is time.
     static Answer ask(Json::Value request, std::chrono::milliseconds limit,
                       const Judge& judge = nullptr);
 
-    /// Sends a request to which the center gives no reply ("kick_idle", "query_status").
+    /// Sends a request to which the center gives no reply ("kick_idle", "query_status"), and again
+    /// as ask() does.
     ///
     /// @return replied when the center took it off the queue, with a null reply.
     static Answer tell(Json::Value request, std::chrono::milliseconds limit);

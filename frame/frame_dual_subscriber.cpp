@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "ipc/deadline.h"
+
 using namespace std::chrono_literals;
 using zav_shm::Receive_Status;
 
@@ -84,7 +86,7 @@ bool ZAV_SHM_Frame_Dual_Subscriber::take_during_change(zav_shm::Received_Frame& 
 
 Receive_Status ZAV_SHM_Frame_Dual_Subscriber::receive(zav_shm::Received_Frame& frame,
                                                       std::chrono::milliseconds timeout) {
-    const auto end = std::chrono::steady_clock::now() + timeout;
+    const auto end = zav_shm::moment_after(timeout);
     while (is_changing()) {
         if (take_during_change(frame)) {
             return Receive_Status::frame;

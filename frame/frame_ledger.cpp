@@ -1,7 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "frame/frame_ledger.h"
 
+#include <limits>
+
 namespace zav_shm {
+
+namespace {
+
+// The time of publishing is what a producer has written, and may be any number.
+std::int64_t latency_of(const Received_Frame& frame) {
+    std::int64_t latency = 0;
+    const bool overflows =
+        __builtin_sub_overflow(frame.received_ns, frame.header.publish_ns, &latency);
+    return overflows ? std::numeric_limits<std::int64_t>::max() : latency;
+}
+
+}  // namespace
 
 Frame_Ledger::Frame_Ledger(bool start_at_key_frame, bool key_frame_after_loss)
     : start_at_key_frame_(start_at_key_frame),
@@ -26,7 +40,7 @@ Sequence_Watch::Verdict Frame_Ledger::judge(Received_Frame& frame) {
     counters_.skipped += verdict == Verdict::skipped ? 1 : 0;
     counters_.foreign += frame.verified ? 0 : 1;
     if (frame.verified) {
-        counters_.latency.add(frame.received_ns - frame.header.publish_ns);
+        counters_.latency.add(latency_of(frame));
     }
     if (frame.is_key_frame()) {
         ++counters_.key_frames;
@@ -54,6 +68,7 @@ void Frame_Ledger::count(Slot_Reader::Take taken, bool noticed) {
             ++counters_.no_memory;
             break;
         case Slot_Reader::Take::unmapped:
+        case Slot_Reader::Take::unwritten:
         case Slot_Reader::Take::frame:
             break;
     }

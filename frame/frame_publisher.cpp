@@ -11,9 +11,10 @@
 
 #include "control/control_protocol.h"
 #include "frame/center_link.h"
-#include "frame/monotonic_clock.h"
-#include "frame/random_epoch.h"
 #include "frame/slot_writer.h"
+#include "ipc/deadline.h"
+#include "ipc/monotonic_clock.h"
+#include "ipc/random_epoch.h"
 
 using namespace std::chrono_literals;
 using zav_shm::Backoff;
@@ -98,7 +99,7 @@ private:
 // ---- standing with the center ----
 
 ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
-    const auto end = Backoff::Clock::now() + options_.center_wait;
+    const auto end = zav_shm::moment_after(options_.center_wait);
     const auto left = [&end] {
         return std::chrono::duration_cast<std::chrono::milliseconds>(end - Backoff::Clock::now());
     };

@@ -15,6 +15,7 @@
 #include "frame/in_place_turn.h"
 #include "frame/slot_reader.h"
 #include "frame/taking_turn.h"
+#include "ipc/deadline.h"
 
 using namespace std::chrono_literals;
 using zav_shm::Consumer_Link;
@@ -39,6 +40,9 @@ constexpr auto unnoticed_limit = 400ms;
 // How often it is looked for another producer while the slot does not change.
 constexpr auto look_interval = 500ms;
 
+// How often it is tried to settle a pairing that is in doubt.
+constexpr auto settle_interval = 150ms;
+
 // How long a wait is that the counters of timeouts count.
 constexpr auto wait_counted = 30ms;
 
@@ -62,7 +66,9 @@ public:
         return in_place_.read(by, time);
     }
     Opened pair(const std::string& producer, std::chrono::milliseconds limit) {
-        return link_.pair(producer, limit);
+        Opened paired = link_.pair(producer, limit);
+        looks_ = looks_ || link_.is_in_doubt();
+        return paired;
     }
 
     Frame_State state() const { return link_.state(); }
@@ -116,7 +122,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     if (thread_.joinable()) {
         return link_.opened();
     }
-    const auto end = Clock::now() + options_.center_wait;
+    const auto end = zav_shm::moment_after(options_.center_wait);
     const auto left = [&end] {
         return std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
     };
@@ -289,11 +295,14 @@ void ZAV_SHM_Frame_Subscriber::Body::note(const Slot_Reader& reader, Slot_Reader
     }
 }
 
-// A slot that does not change while frames are announced is not the one that they are in: somebody
-// else has paired this consumer with another producer, whose slot is looked for and taken.
+// A slot that does not change while frames are announced may not be the one that they are in:
+// somebody else has paired this consumer with another producer, whose slot is looked for and taken.
+// Where others keep the old producer going, its frames come more often or more seldom than the
+// posts, and sooner or later one comes twice.
 void ZAV_SHM_Frame_Subscriber::Body::look_if_repeated() {
-    if (repeats_ && taken_at_ - since(last_frame_) >= unnoticed_limit && taken_at_ >= next_look_) {
-        next_look_ = taken_at_ + look_interval;
+    const bool in_doubt = link_.is_in_doubt();
+    if ((repeats_ || in_doubt) && taken_at_ >= next_look_) {
+        next_look_ = taken_at_ + (in_doubt ? settle_interval : look_interval);
         looks_ = true;
     }
 }
@@ -317,8 +326,8 @@ bool ZAV_SHM_Frame_Subscriber::Body::is_wanted(Slot_Reader::Take taken, Received
 
 zav_shm::Receive_Status ZAV_SHM_Frame_Subscriber::Body::receive(Received_Frame& frame,
                                                                 std::chrono::milliseconds timeout) {
+    const auto end = zav_shm::moment_after(timeout);
     auto now = Clock::now();
-    const auto end = now + timeout;
     const zav_shm::Taking_Turn::Reasons reasons{.is_queued = [this] { return queue_.size() > 0; },
                                                 .is_in_the_way = [this] { return needs_thread(); }};
     zav_shm::Receive_Status status = queue_.pop(frame, 0ms);

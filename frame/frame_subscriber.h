@@ -117,6 +117,10 @@ public:
 
     /// Moves to another producer, or to none with "NONE". What the queue holds stays.
     ///
+    /// A producer without this channel or stream is refused. When the center does not answer in
+    /// time it may serve the request all the same; the subscriber then asks for the producer that
+    /// it had, and stays with that one.
+    ///
     /// @return connected; or why not, while the subscriber stays as it was. With "NONE" it is
     ///         waiting_for_producer, without a reason.
     Opened pair(const std::string& producer,

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "frame/in_place_turn.h"
 
+#include "ipc/deadline.h"
+
 namespace zav_shm {
 
 void In_Place_Turn::open() {
@@ -20,8 +22,8 @@ Receive_Status In_Place_Turn::read(const In_Place& by, std::chrono::milliseconds
         return Receive_Status::closed;
     }
     lent_ = &by;
-    const bool ended =
-        changed_.wait_for(lock, time, [this] { return lent_ == nullptr || closed_; });
+    const bool ended = changed_.wait_until(lock, moment_after(time),
+                                           [this] { return lent_ == nullptr || closed_; });
     lent_ = nullptr;
     changed_.wait(lock, [this] { return !in_use_; });
     if (closed_) {

@@ -3,11 +3,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <new>
 
-#include "frame/monotonic_clock.h"
 #include "frame/payload_copy.h"
 #include "frame/slot_fence.h"
+#include "ipc/monotonic_clock.h"
 #include "ipc/test_point.h"
 #include "stream/semaphore_roles.h"
 
@@ -42,6 +43,12 @@ std::uint64_t load_halves(const std::byte* slot, std::size_t offset) {
     return value;
 }
 
+// A foreign producer whose header is nothing but zeros has no payload either.
+bool is_unwritten(const ZAV_SHM_Frame_Header& header) {
+    static constexpr ZAV_SHM_Frame_Header as_made = {};
+    return std::memcmp(&header, &as_made, sizeof header) == 0;
+}
+
 bool is_ours(const ZAV_SHM_Frame_Header& header) {
     return header.magic == frame_magic && header.version == frame_version;
 }
@@ -55,6 +62,11 @@ bool Slot_Reader::is_usable() const {
         }
     }
     return slot_is_mapped();
+}
+
+std::string Slot_Reader::segment() const {
+    const std::lock_guard guard(*lock);
+    return slot_is_mapped() ? shm->get_shm_path() : std::string();
 }
 
 const std::byte* Slot_Reader::slot() const { return static_cast<const std::byte*>(shm->mem_addr); }
@@ -147,6 +159,9 @@ Slot_Reader::Take Slot_Reader::use_once(Received_Frame& frame, const Use& use) c
     if (frame.verified &&
         (commit == 0 || commit != commit_of(header.sequence) || epoch != header.epoch)) {
         return Take::torn;
+    }
+    if (is_unwritten(header)) {
+        return Take::unwritten;
     }
     if (header.payload_length > shm->size - frame_header_bytes) {
         return Take::invalid;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <span>
+#include <string>
 
 #include "frame/received_frame.h"
 #include "stream/endpoint.h"
@@ -27,11 +28,15 @@ public:
         torn,       // overwritten during the copy, and again during a second one
         invalid,    // its length field is beyond the slot
         no_memory,  // for the copy
-        unmapped    // there is no slot
+        unmapped,   // there is no slot
+        unwritten   // nobody has written into it yet: what was announced is in another one
     };
 
     /// False when the segment or a semaphore could not be had.
     bool is_usable() const;
+
+    /// The name of the segment that is read; empty when none is.
+    std::string segment() const;
 
     /// What is done with a payload where it lies. It may be overwritten meanwhile: only the
     /// result of taking tells whether it was one whole frame.

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ipc/deadline.h"
 
+#include <algorithm>
+
 namespace zav_shm {
 
 namespace {
 constexpr long ms_per_second = 1000;
 constexpr long ns_per_ms = 1'000'000;
 constexpr long ns_per_second = 1'000'000'000;
+constexpr std::chrono::milliseconds longest = std::chrono::hours(24) * 3653;
 }  // namespace
 
 timespec deadline_after(const timespec& now, long ms) {
@@ -32,6 +35,10 @@ timespec steady_clock_deadline(long ms) {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return deadline_after(now, ms);
+}
+
+std::chrono::steady_clock::time_point moment_after(std::chrono::milliseconds time) {
+    return std::chrono::steady_clock::now() + std::clamp(time, -longest, longest);
 }
 
 }  // namespace zav_shm

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <ctime>
 
 namespace zav_shm {
@@ -19,5 +20,9 @@ timespec wall_clock_deadline(long ms);
 
 /// The moment `ms` milliseconds from now on CLOCK_MONOTONIC, for sem_clockwait.
 timespec steady_clock_deadline(long ms);
+
+/// The moment `time` from now on the steady clock, ten years away at most: added to a clock as they
+/// are, the times that callers give for "without end", such as milliseconds::max(), overflow.
+std::chrono::steady_clock::time_point moment_after(std::chrono::milliseconds time);
 
 }  // namespace zav_shm

@@ -5,10 +5,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <iostream>
 
 #include "ipc/deadline.h"
 #include "ipc/name_field.h"
+#include "ipc/standard_output.h"
 #include "ipc/test_point.h"
 
 namespace {
@@ -27,7 +27,7 @@ SEM_CTRL::SEM_CTRL(const char* new_name, bool create) {
             sem = sem_open(name, 0);
         }
         if (!is_open()) {
-            std::cout << "Open Sem Failed\n";
+            zav_shm::standard_output() << "Open Sem Failed\n";
         }
         return;
     }
@@ -36,7 +36,7 @@ SEM_CTRL::SEM_CTRL(const char* new_name, bool create) {
         sem = sem_open(name, O_CREAT | O_EXCL | O_RDWR, owner_only, 0);
     }
     if (!is_open()) {
-        std::cout << "Sem is SEM_FAILED, Open it " << name << '\n';
+        zav_shm::standard_output() << "Sem is SEM_FAILED, Open it " << name << '\n';
         if (named) {
             sem = sem_open(name, 0);
         }
@@ -74,7 +74,11 @@ int SEM_CTRL::wait_steady(long ms) {
         return -1;
     }
     const timespec deadline = zav_shm::steady_clock_deadline(ms);
-    return sem_clockwait(sem, CLOCK_MONOTONIC, &deadline);
+    int result = 0;
+    do {
+        result = sem_clockwait(sem, CLOCK_MONOTONIC, &deadline);
+    } while (result != 0 && errno == EINTR);
+    return result;
 }
 
 int SEM_CTRL::wait_forever() {

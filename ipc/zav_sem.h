@@ -38,7 +38,10 @@ public:
     /// @return 0 when taken; -1 otherwise, with errno ETIMEDOUT, EINTR or EINVAL.
     int wait(long ms);
 
-    /// As wait(), by the steady clock: a step of the wall clock does not change this wait.
+    /// As wait(), by the steady clock and to its end: neither a step of the wall clock nor a signal
+    /// changes this wait. For the safe layer: a wait that a signal ends early looks like a timeout.
+    ///
+    /// @return 0 when taken; -1 otherwise, with errno ETIMEDOUT or EINVAL.
     int wait_steady(long ms);
 
     /// Takes the semaphore, waiting without limit.

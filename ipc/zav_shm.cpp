@@ -6,30 +6,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string_view>
 
 #include "ipc/name_field.h"
+#include "ipc/shared_memory_folder.h"
 
 namespace {
-
-// Where Linux keeps shared-memory files; shm_open allows no other place.
-constexpr const char* system_directory = "/dev/shm/";
 
 constexpr unsigned size_unknown = 0xFFFFFFFFU;
 
 // What shm_open adds to the caller's flags by itself. O_NONBLOCK keeps a FIFO of that name from
 // blocking the open for ever.
 constexpr int protective_flags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
-
-std::string_view without_leading_slashes(const char* name) {
-    std::string_view rest(name);
-    rest.remove_prefix(std::min(rest.find_first_not_of('/'), rest.size()));
-    return rest;
-}
 
 bool names_a_folder(std::string_view name) { return name.find('/') != std::string_view::npos; }
 
@@ -48,7 +40,7 @@ bool climbs(std::string_view name) {
 
 // shm_open refuses a name with an inner slash (EINVAL), so a segment in a folder is opened here.
 int open_segment(const char* name, int oflag, unsigned mode) {
-    const std::string_view rest = without_leading_slashes(name);
+    const std::string_view rest = zav_shm::without_leading_slashes(name);
     if (!names_a_folder(rest)) {
         return shm_open(name, oflag, mode);
     }
@@ -56,11 +48,11 @@ int open_segment(const char* name, int oflag, unsigned mode) {
         errno = EINVAL;
         return -1;
     }
-    return open((system_directory + std::string(rest)).c_str(), oflag | protective_flags, mode);
+    return open(zav_shm::shared_memory_path(rest).c_str(), oflag | protective_flags, mode);
 }
 
 int unlink_segment(const char* name) {
-    const std::string_view rest = without_leading_slashes(name);
+    const std::string_view rest = zav_shm::without_leading_slashes(name);
     if (!names_a_folder(rest)) {
         return shm_unlink(name);
     }
@@ -68,7 +60,7 @@ int unlink_segment(const char* name) {
         errno = EINVAL;
         return -1;
     }
-    return unlink((system_directory + std::string(rest)).c_str());
+    return unlink(zav_shm::shared_memory_path(rest).c_str());
 }
 
 // 0 or an error number, as posix_fallocate.
@@ -80,9 +72,16 @@ int reserve_pages(int descriptor, std::uint32_t size) {
     return error == EOPNOTSUPP ? 0 : error;
 }
 
+// Made at its first use and never destroyed: publishers and subscribers of static storage open
+// segments before the objects of this file are made, and after they are gone.
+std::string& stored_root_path() {
+    static auto* const path = std::make_unique<std::string>().release();
+    return *path;
+}
+
 }  // namespace
 
-std::string IPC_SHMEMORY::root_path;
+std::string& IPC_SHMEMORY::root_path = stored_root_path();
 
 IPC_SHMEMORY::IPC_SHMEMORY(const char* new_name, int oflag, unsigned mode, int new_size) {
     if (new_size < 0) {
@@ -169,7 +168,7 @@ unsigned IPC_SHMEMORY::get_shm_path_size(const char* name) {
     if (name == nullptr) {
         return size_unknown;
     }
-    const std::string path = root_path + "/" + name;
+    const std::string path = stored_root_path() + "/" + name;
     const int descriptor = open(path.c_str(), O_RDONLY | protective_flags);
     if (descriptor == 0) {  // standard input was closed; kept as a failure on purpose
         return size_unknown;
@@ -204,7 +203,7 @@ int IPC_SHMEMORY::shm_change_path(const char* path) {
     return switched;
 }
 
-void IPC_SHMEMORY::set_root_path(const std::string& path) { root_path = path; }
+void IPC_SHMEMORY::set_root_path(const std::string& path) { stored_root_path() = path; }
 
 bool IPC_SHMEMORY::operator==(const IPC_SHMEMORY& other) const {
     return std::strncmp(name, other.name, zav_shm::name_field_bytes) == 0;

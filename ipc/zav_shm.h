@@ -95,7 +95,9 @@ public:
     char name[256] = {};
     void* mem_addr = nullptr;
 
-    static std::string root_path;
+    /// What set_root_path() stores. Objects of static storage may call that before the initialisers
+    /// of this class have run, but must not name the string itself then.
+    static std::string& root_path;
 
 private:
     bool open_descriptor(const char* new_name, int oflag, unsigned mode);

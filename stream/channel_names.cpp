@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdio>
+#include <memory>
 
 namespace {
 
@@ -24,14 +25,25 @@ std::string semaphore_name(const std::string& side, const Shm_Stream_Transmissio
     return text.data();
 }
 
+struct Roots {
+    std::string segments;
+    std::string semaphores;
+};
+
+// Made at its first use and never destroyed: a center may be of static storage.
+Roots& roots() {
+    static auto* const made = std::make_unique<Roots>().release();
+    return *made;
+}
+
 }  // namespace
 
-std::string IPC_SHM_CTRL_INFO::shm_root_path;
-std::string IPC_SHM_CTRL_INFO::sem_root_path;
+std::string& IPC_SHM_CTRL_INFO::shm_root_path = roots().segments;
+std::string& IPC_SHM_CTRL_INFO::sem_root_path = roots().semaphores;
 
 IPC_SHM_CTRL_INFO::IPC_SHM_CTRL_INFO(const std::string& side, const std::string& name,
                                      const Shm_Stream_Transmission_Index& key)
-    : shm_path(segment_name(shm_root_path, name, key)),
+    : shm_path(segment_name(roots().segments, name, key)),
       sem_path_src(semaphore_name(side, key, 0)),
       sem_path_dst(semaphore_name(side, key, 1)),
       sem_path_exist(semaphore_name(side, key, 2)) {}
@@ -43,9 +55,9 @@ void IPC_SHM_CTRL_INFO::reset() {
     shm_path.clear();
 }
 
-void IPC_SHM_CTRL_INFO::set_shm_root_path(const std::string& path) { shm_root_path = path; }
+void IPC_SHM_CTRL_INFO::set_shm_root_path(const std::string& path) { roots().segments = path; }
 
-void IPC_SHM_CTRL_INFO::set_sem_root_path(const std::string& path) { sem_root_path = path; }
+void IPC_SHM_CTRL_INFO::set_sem_root_path(const std::string& path) { roots().semaphores = path; }
 
 IPC_SHM_SRC_CTRL_INFO::IPC_SHM_SRC_CTRL_INFO(const Shm_Stream_Transmission_Index& key)
     : IPC_SHM_CTRL_INFO("SRC", key.name, key) {}

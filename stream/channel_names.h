@@ -36,8 +36,10 @@ public:
     std::string sem_path_dst;
     std::string sem_path_exist;
 
-    static std::string shm_root_path;
-    static std::string sem_root_path;
+    // What these store; a center of static storage may call them before the initialisers of this
+    // class have run, but nobody must name the strings themselves then.
+    static std::string& shm_root_path;
+    static std::string& sem_root_path;
 };
 
 /// The producer's side of a channel.

@@ -84,8 +84,9 @@ public:
     void delete_distributor(ZAV_SHM_Stream_Transmission_Distributor* d);
     int get_distributor_num();
 
-    /// The start-flag variant of the cycle, which the relay thread does not use: a writer takes
-    /// part once its consumer has posted "read done", and prints when it joins or is slow.
+    /// The start-flag variant of the cycle (relay_variant.cpp), which the relay thread does not
+    /// use: a writer takes part once its consumer has posted "read done", and prints when it joins
+    /// or is slow.
     void get_start_transmission_distributor_list(
         std::list<ZAV_SHM_Stream_Transmission_Distributor*>& out);
     int check_receiver_exist();

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <pthread.h>
+
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -15,14 +17,19 @@ namespace zav_shm {
 /// tickets a command that arrives during a cycle comes right after it, and a flood of commands
 /// cannot keep the relay out either.
 ///
-/// Threads  of one process. Meets BasicLockable; not recursive.
+/// Threads  of one process. Meets BasicLockable; not recursive. As with every mutex, waiting for it
+///          is no place at which a thread can be cancelled: its ticket would be left behind, and
+///          nobody who came later would ever be let in.
 /// Crash    goes with its process.
 class Ticket_Mutex {
 public:
     void lock() {
         std::unique_lock guard(state_);
         const std::uint64_t ticket = next_++;
-        turn_.wait(guard, [&] { return serving_ == ticket; });
+        if (serving_ != ticket) {
+            const Uncancelled waiting;
+            turn_.wait(guard, [&] { return serving_ == ticket; });
+        }
     }
 
     void unlock() {
@@ -44,6 +51,18 @@ public:
     }
 
 private:
+    /// While it lives, the calling thread is not cancelled; a request to do so is kept.
+    class Uncancelled {
+    public:
+        Uncancelled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former_); }
+        ~Uncancelled() { pthread_setcancelstate(former_, nullptr); }
+        Uncancelled(const Uncancelled&) = delete;
+        Uncancelled& operator=(const Uncancelled&) = delete;
+
+    private:
+        int former_ = PTHREAD_CANCEL_ENABLE;
+    };
+
     std::mutex state_;              // guards both counts; held for a few instructions only
     std::condition_variable turn_;  // notified when `serving_` moves on to somebody's ticket
     std::uint64_t next_ = 0;        // the ticket that the next to ask will draw

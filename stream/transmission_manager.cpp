@@ -14,11 +14,11 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <iostream>
 #include <limits>
 #include <memory>
 #include <vector>
 
+#include "ipc/standard_output.h"
 #include "stream/frame_slot.h"
 
 namespace {
@@ -54,7 +54,8 @@ Key consumer_key(const Pair_Key& pair) { return {pair.name, pair.channel, pair.s
 Key producer_key(const Pair_Key& pair) { return {pair.pair_name, pair.channel, pair.stream}; }
 
 void print_insert_failure(const char* what, const Key& key) {
-    std::cout << what << key.name << ", " << key.channel << ", " << key.stream << " Fail\n";
+    zav_shm::standard_output() << what << key.name << ", " << key.channel << ", " << key.stream
+                               << " Fail\n";
 }
 
 template <class Map>
@@ -117,7 +118,7 @@ void SHM_Stream_Transmission_Manager::create_sem_folder(const ZAV_SHM_CONFIG* co
 
 void SHM_Stream_Transmission_Manager::create_shm(const Key& key, int page_size) {
     const IPC_SHM_SRC_CTRL_INFO names(key);
-    std::cout << "Create SHM at " << names.shm_path << '\n';
+    zav_shm::standard_output() << "Create SHM at " << names.shm_path << '\n';
     const IPC_SHMEMORY segment(names.shm_path.c_str(), O_CREAT | O_RDWR, segment_mode,
                                segment_bytes(page_size));
     if (segment.is_mapped()) {
@@ -148,7 +149,7 @@ void SHM_Stream_Transmission_Manager::create_distributor(const Key& key) {
 void SHM_Stream_Transmission_Manager::create_transmission(Reader* reader) {
     const std::lock_guard guard(maps_);
     if (transmission_map.contains(reader)) {
-        std::cout << "Insert Reciver Transmission Fail\n";
+        zav_shm::standard_output() << "Insert Reciver Transmission Fail\n";
         return;
     }
     transmission_map.emplace(reader, std::make_unique<Relay>(reader).release());

@@ -11,8 +11,8 @@
 #include <cstdio>
 #include <vector>
 
-#include "apps/centerd/descriptor.h"
 #include "apps/centerd/memory_folder.h"
+#include "ipc/descriptor.h"
 
 namespace zav_shm::centerd {
 

@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "apps/centerd/descriptor.h"
 #include "apps/centerd/outcome.h"
+#include "ipc/descriptor.h"
 
 namespace zav_shm::centerd {
 

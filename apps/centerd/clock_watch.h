@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "apps/centerd/descriptor.h"
+#include "ipc/descriptor.h"
 
 namespace zav_shm::centerd {
 

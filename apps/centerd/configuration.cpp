@@ -3,7 +3,7 @@
 
 #include <sys/stat.h>
 
-#include "apps/centerd/memory_folder.h"
+#include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::centerd {
 
@@ -14,7 +14,7 @@ namespace {
 bool leads_elsewhere(const char* path) {
     struct stat given {};
     struct stat real {};
-    return stat(memory_folder, &real) == 0 &&
+    return stat(shared_memory_folder, &real) == 0 &&
            (stat(path, &given) != 0 || given.st_dev != real.st_dev || given.st_ino != real.st_ino);
 }
 

@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "control/control_protocol.h"
+#include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::centerd {
 
@@ -126,7 +127,7 @@ std::string Control_Queues::text() const {
 }
 
 std::string Control_Queues::lock_path() const {
-    return "/dev/shm/zav_shm_queues_" + hexadecimal(request_key_);
+    return shared_memory_path("zav_shm_queues_" + hexadecimal(request_key_));
 }
 
 }  // namespace zav_shm::centerd

@@ -6,7 +6,7 @@
 #include <map>
 #include <memory>
 
-#include "apps/centerd/descriptor.h"
+#include "ipc/descriptor.h"
 
 namespace zav_shm::centerd {
 

@@ -6,18 +6,13 @@
 
 #include <numeric>
 
-#include "apps/centerd/memory_folder.h"
+#include "ipc/shared_memory_folder.h"
 #include "stream/channel_names.h"
 #include "stream/frame_slot.h"
 
 namespace zav_shm::centerd {
 
 namespace {
-
-// Where the C library keeps the semaphore "/NAME".
-std::string semaphore_path(const std::string& name) {
-    return std::string(memory_folder) + "/sem." + name.substr(1);
-}
 
 template <class Action>
 void for_each_channel(const ZAV_SHM_CONFIG& config, const _SHM_DIST_RECV_CONFIG_& record,
@@ -35,8 +30,8 @@ void for_each_channel(const ZAV_SHM_CONFIG& config, const _SHM_DIST_RECV_CONFIG_
 
 // The prefix of segment names is class-wide; the center sets it to the same value.
 Inventory::Inventory(const ZAV_SHM_CONFIG& config)
-    : segment_folder(std::string(memory_folder) + "/" + config.shm_path),
-      semaphore_folder(std::string(memory_folder) + "/" + config.sem_path),
+    : segment_folder(shared_memory_path(config.shm_path)),
+      semaphore_folder(shared_memory_path(config.sem_path)),
       page(segment_folder + "/center_page"),
       status(segment_folder + "/center_status.json"),
       lock(segment_folder + "/center_lock"),
@@ -51,7 +46,7 @@ Inventory::Inventory(const ZAV_SHM_CONFIG& config)
     for (const auto* const record : config.distributors()) {
         for_each_channel(config, *record, [&](const auto& key, int page_size) {
             const IPC_SHM_SRC_CTRL_INFO names(key);
-            segments.push_back({memory_folder + names.shm_path,
+            segments.push_back({shared_memory_path(names.shm_path),
                                 static_cast<std::uint64_t>(page_size) + frame_header_bytes});
             add_semaphores(names);
             ++relays;

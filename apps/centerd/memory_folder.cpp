@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ipc/shared_memory_folder.h"
+
 namespace zav_shm::centerd {
 
 namespace {
@@ -19,7 +21,7 @@ constexpr const char* read_only_remedy = "mount it for writing (mount -o remount
 
 bool is_read_only() {
     struct statvfs found {};
-    return statvfs(memory_folder, &found) == 0 && (found.f_flag & ST_RDONLY) != 0;
+    return statvfs(shared_memory_folder, &found) == 0 && (found.f_flag & ST_RDONLY) != 0;
 }
 
 std::string owner_and_mode(const struct stat& found) {
@@ -34,7 +36,7 @@ std::string owner_and_mode(const struct stat& found) {
 
 Outcome check_memory_folder() {
     struct stat found {};
-    if (stat(memory_folder, &found) != 0 || !S_ISDIR(found.st_mode)) {
+    if (stat(shared_memory_folder, &found) != 0 || !S_ISDIR(found.st_mode)) {
         return failure(Exit_Status::system_error,
                        "there is no folder /dev/shm, where segments and semaphores are made; mount "
                        "one (mount -t tmpfs tmpfs /dev/shm)");
@@ -44,7 +46,7 @@ Outcome check_memory_folder() {
                        std::string("/dev/shm is mounted read-only; ") + read_only_remedy);
     }
     // Other errors than this one may come from a filter of system calls.
-    if (faccessat(AT_FDCWD, memory_folder, W_OK | X_OK, AT_EACCESS) != 0 && errno == EACCES) {
+    if (faccessat(AT_FDCWD, shared_memory_folder, W_OK | X_OK, AT_EACCESS) != 0 && errno == EACCES) {
         return failure(Exit_Status::system_error,
                        "/dev/shm has " + owner_and_mode(found) + ", and user " +
                            std::to_string(geteuid()) + " may make nothing there (" +

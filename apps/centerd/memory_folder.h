@@ -7,9 +7,6 @@
 
 namespace zav_shm::centerd {
 
-/// Where the system keeps shared memory, and the only place where segments are made.
-inline constexpr const char* memory_folder = "/dev/shm";
-
 /// Refuses a folder that is missing, mounted read-only, or in which this process may make nothing.
 Outcome check_memory_folder();
 

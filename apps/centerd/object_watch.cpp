@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "apps/centerd/descriptor.h"
+#include "ipc/descriptor.h"
 
 namespace zav_shm::centerd {
 

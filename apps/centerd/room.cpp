@@ -8,7 +8,7 @@
 #include <string>
 
 #include "apps/centerd/former_segments.h"
-#include "apps/centerd/memory_folder.h"
+#include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::centerd {
 
@@ -51,7 +51,7 @@ std::uint64_t bytes_missing_of(const std::vector<Shared_File>& files) {
 // A file system without a limit of its own says that it has 0 blocks, and 0 files.
 void look_at_memory_folder(Room& room) {
     struct statvfs found {};
-    if (statvfs(memory_folder, &found) != 0) {
+    if (statvfs(shared_memory_folder, &found) != 0) {
         return;
     }
     room.available_bytes = found.f_blocks == 0

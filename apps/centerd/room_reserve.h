@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "apps/centerd/descriptor.h"
+#include "ipc/descriptor.h"
 
 namespace zav_shm::centerd {
 

@@ -59,7 +59,7 @@ private:
     void withdraw_page() const;
 
     const Ground ground_;
-    const Status_Page published_;
+    Status_Page published_;
     Outcome taken_over_;  // why this center has to leave its place to another one
     bool has_served_ = false;
     bool has_lost_objects_ = false;

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <csignal>
 
-#include "apps/centerd/descriptor.h"
+#include "ipc/descriptor.h"
 
 namespace zav_shm::centerd {
 

@@ -8,28 +8,18 @@
 #include <array>
 #include <chrono>
 #include <ctime>
-#include <random>
 #include <utility>
 
+#include "control/center_status.h"
 #include "control/control_protocol.h"
 #include "control/replaced_file.h"
-
-#include "control/center_status.h"
+#include "ipc/random_epoch.h"
 
 namespace zav_shm::centerd {
 
 namespace {
 
 using std::chrono::system_clock;
-
-std::uint64_t new_epoch() {
-    std::random_device random;
-    std::uint64_t epoch = 0;
-    while (epoch == 0) {
-        epoch = (static_cast<std::uint64_t>(random()) << 32U) | random();
-    }
-    return epoch;
-}
 
 std::uint64_t utc_ns() {
     return static_cast<std::uint64_t>(
@@ -84,7 +74,7 @@ Status_Page::Status_Page(std::string folder, std::string configuration, Json::Va
       configuration_(std::move(configuration)),
       names_(std::move(names)),
       access_(access) {
-    page_.epoch = new_epoch();
+    page_.epoch = random_epoch();
     page_.pid = static_cast<std::uint32_t>(getpid());
     page_.semaphore_bytes = sizeof(sem_t);
     page_.started_utc_ns = utc_ns();
@@ -95,7 +85,10 @@ bool Status_Page::has_page() const {
     return found && found->epoch == page_.epoch;
 }
 
-bool Status_Page::write_page() const { return write_center_page(folder_, page_, access_); }
+bool Status_Page::write_page() {
+    held_page_ = hold_center_page(folder_, page_, access_);
+    return held_page_.is_open();
+}
 
 bool Status_Page::write_status(const ZAV_SHM_CENTER& center) const {
     return replace_file(status_path(), status_of(center) + "\n", access_);

@@ -29,7 +29,7 @@ public:
     bool has_page() const;
 
     /// Both return false with errno; the former content is still there then.
-    bool write_page() const;
+    bool write_page();
     bool write_status(const ZAV_SHM_CENTER& center) const;
 
     /// The status as text.
@@ -46,6 +46,7 @@ private:
     const Json::Value names_;
     const File_Access access_;
     Center_Page page_;
+    Descriptor held_page_;  // the one written last, by which clients see that this lives
 };
 
 }  // namespace zav_shm::centerd

@@ -27,7 +27,7 @@ public:
         const Inventory& inventory;
         Center_Lock& folder_lock;
         Center_Lock& queue_lock;
-        const Status_Page& published;
+        Status_Page& published;
         const ZAV_SHM_CENTER& center;
     };
 

@@ -23,6 +23,7 @@
 #include "apps/centerd/signals.h"
 #include "apps/centerd/status_names.h"
 #include "apps/centerd/status_page.h"
+#include "ipc/descriptor.h"
 #include "parts_fixture.h"
 
 namespace {
@@ -196,7 +197,7 @@ TEST_F(Parts, clock_watch_reports_no_step_when_there_is_none) {
 
 TEST_F(Parts, loop_calls_what_is_readable_and_ends_when_told) {
     Event_Loop loop;
-    const Descriptor event(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+    const zav_shm::Descriptor event(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
     int calls = 0;
     loop.on_readable(event.get(), [&] {
         if (++calls == 3) {  // it stays readable

@@ -4,10 +4,12 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "../center/center_fixture.h"
 #include "control/center_page.h"
+#include "control/center_status.h"
 #include "control/control_protocol.h"
 
 using namespace std::chrono_literals;
@@ -30,19 +32,19 @@ protected:
             << text;
     }
 
-    void grant(const char* command) {
+    void grant(const char* command, const std::string& producer = "CAM_LOOP") {
         replies.send(R"({"command":")" + std::string(command) +
-                         R"(","status":"success","shm_path":"/shm/CAM_LOOP_0_0"})",
+                         R"(","status":"success","shm_path":"/shm/)" + producer + "_0_0\"}",
                      getpid());
     }
 
     /// What a center answers to a consumer that it knows nothing about.
-    std::thread answer_leaving_and_registering() {
-        return std::thread([this] {
+    std::thread answer_leaving_and_registering(const std::string& producer = "CAM_LOOP") {
+        return std::thread([this, producer] {
             expect_request("deregister");
             grant("deregister");
             expect_request("register");
-            grant("register");
+            grant("register", producer);
         });
     }
 
@@ -123,6 +125,58 @@ TEST_F(Link, is_refused_by_a_center_of_another_word_size) {
     EXPECT_EQ(made.reason, "the center's semaphores have " + std::to_string(sizeof(sem_t) / 2) +
                                " bytes and this process's " + std::to_string(sizeof(sem_t)) +
                                ": 32- and 64-bit processes cannot share a channel");
+}
+
+TEST_F(Link, remembers_a_producer_only_when_the_center_has_granted_it) {
+    std::thread answering([this] {
+        for (int i = 0; i < 2; ++i) {
+            expect_request("query_shm");
+            replies.send(R"({"command":"query_shm","status":"success","channel":1,"stream":1})",
+                         getpid());
+            expect_request("pair_src");
+        }
+        replies.send(R"({"command":"pair_src","status":"success","shm_path":"/shm/CAM_REC_0_0"})",
+                     getpid());
+    });
+    EXPECT_EQ(link_.pair("CAM_REC", 120ms).outcome, Center_Link::Outcome::no_center);
+    EXPECT_EQ(link_.producer(), "CAM_LOOP");
+    EXPECT_TRUE(link_.is_in_doubt());
+    EXPECT_TRUE(link_.pair("CAM_REC", 20s));
+    EXPECT_EQ(link_.producer(), "CAM_REC");
+    EXPECT_FALSE(link_.is_in_doubt());
+    answering.join();
+}
+
+TEST_F(Link, waits_with_a_pairing_for_a_center_that_comes_within_its_time) {
+    replies.remove();
+    requests.remove();
+    std::thread coming([this] {
+        std::this_thread::sleep_for(100ms);
+        start();
+    });
+    EXPECT_TRUE(link_.pair("CAM_REC", 20s));
+    coming.join();
+}
+
+// The slot that is read is what counts, not what was asked for.
+TEST_F(Link, follows_what_the_center_says_of_the_slot_that_is_read) {
+    namespace fs = std::filesystem;
+    const std::string status = zav_shm::center_status_path("/shm");
+    leaves_segment("shm/center_status.json");
+    fs::create_directory("/dev/shm/shm");
+    std::ofstream(status) << R"({"channels": [{"name": "CAM_REC", "consumers":
+        [{"name": "PLAYER", "channel": 0, "stream": 0}]}]})";
+    EXPECT_EQ(link_.follow_pairing("/shm/CAM_LOOP_0_0"), "/shm/CAM_REC_0_0");
+    EXPECT_EQ(link_.follow_pairing("/shm/CAM_LOOP_0_0"), "/shm/CAM_REC_0_0") << "it is still read";
+    EXPECT_EQ(link_.follow_pairing("/shm/CAM_REC_0_0"), "");
+    EXPECT_EQ(link_.producer(), "CAM_REC");
+
+    std::thread answering = answer_leaving_and_registering("CAM_REC");
+    EXPECT_TRUE(link_.register_end(20s));
+    answering.join();
+    EXPECT_EQ(link_.follow_pairing("/shm/CAM_LOOP_0_0"), "") << "written before that";
+    fs::last_write_time(status, fs::file_time_type::clock::now() + 5s);
+    EXPECT_EQ(link_.follow_pairing("/shm/CAM_LOOP_0_0"), "/shm/CAM_REC_0_0");
 }
 
 // The center that starts throws away what has waited for it, while others ask it already: what was

@@ -4,10 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 #include <vector>
 
 #include "../center/center_fixture.h"
+#include "control/json_text.h"
 
 using namespace std::chrono_literals;
 using zav_shm::Control_Exchange;
@@ -84,6 +86,84 @@ TEST_F(Exchange, repeats_a_request_that_a_starting_center_has_thrown_away) {
         static_cast<void>(Control_Exchange::ask(query("THROWN_AWAY"), 20ms));
         return requests.messages() == 1;
     }));
+}
+
+// What was sent before the center came is thrown away by it, and answered by nobody.
+TEST_F(Exchange, asks_again_within_its_time_when_a_center_starts) {
+    requests.make();
+    replies.make();
+    const Stopwatch watch;
+    std::thread asking(
+        [] { EXPECT_TRUE(Control_Exchange::ask(query("CAM_LOOP"), 60s).granted()); });
+    EXPECT_TRUE(becomes_true([this] { return requests.messages() == 1; }));
+    start();
+    asking.join();
+    EXPECT_LT(watch.elapsed(), 30s);
+}
+
+TEST_F(Exchange, tells_again_within_its_time_when_a_center_starts) {
+    requests.make();
+    replies.make();
+    Json::Value request;
+    request["command"] = "kick_idle";
+    request["enable"] = true;
+    std::thread telling([request] {
+        EXPECT_EQ(Control_Exchange::tell(request, 60s).outcome, Control_Exchange::Outcome::replied);
+    });
+    EXPECT_TRUE(becomes_true([this] { return requests.messages() == 2; }));
+    start();
+    telling.join();
+    EXPECT_TRUE(center->is_kick_idle_enabled());
+}
+
+// The center is slow, or stopped: another copy in its queue makes it no faster.
+TEST_F(Exchange, asks_once_while_nobody_takes_anything_off_the_queue) {
+    requests.make();
+    replies.make();
+    EXPECT_EQ(Control_Exchange::ask(query("CAM_LOOP"), 5500ms).outcome,
+              Control_Exchange::Outcome::no_center);
+    EXPECT_EQ(requests.messages(), 1U);
+}
+
+// The last request about a channel end decides, so an earlier one does not stand for it.
+TEST_F(Exchange, repeats_a_request_behind_another_one_about_the_same_end) {
+    requests.make();
+    replies.make();
+    Json::Value request = query("PLAYER", "Receiver");
+    request["channel"] = 0;
+    request["stream"] = 0;
+    for (const char* command : {"register", "deregister", "register"}) {
+        request["command"] = command;
+        static_cast<void>(Control_Exchange::ask(request, 10ms));
+    }
+    EXPECT_EQ(requests.messages(), 3U);
+}
+
+// A late refusal of an earlier one's question would tell that this one is done.
+TEST_F(Exchange, telling_waits_for_the_answer_to_its_own_question) {
+    requests.make();
+    replies.make();
+    Json::Value request;
+    request["command"] = "kick_idle";
+    EXPECT_EQ(Control_Exchange::tell(request, 10ms).outcome, Control_Exchange::Outcome::no_center);
+    std::atomic<bool> told{false};
+    std::thread telling([&] {
+        EXPECT_EQ(Control_Exchange::tell(request, 60s).outcome, Control_Exchange::Outcome::replied);
+        told = true;
+    });
+    EXPECT_TRUE(becomes_true([this] { return requests.messages() == 4; }));
+    for (int i = 0; i < 2; ++i) {
+        requests.take(1);
+        const auto question = requests.take(1);
+        const auto asked = zav_shm::parsed_json(question ? question->text.c_str() : "");
+        EXPECT_FALSE(told) << i;
+        replies.send(
+            R"({"command":"query_shm","status":"invalid_name","reason":"Can't Find Shm Name )" +
+                zav_shm::text_at(asked, "name") + " Distributor\"}",
+            getpid());
+        std::this_thread::sleep_for(30ms);
+    }
+    telling.join();
 }
 
 TEST_F(Exchange, with_a_full_request_queue_ends_in_time) {

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "frame/frame_format.h"
 
 using zav_shm::Frame_Ledger;
@@ -28,6 +30,7 @@ TEST(Ledger, counts_waits_by_what_ended_them) {
     ledger.count(Take::invalid, true);
     ledger.count(Take::no_memory, true);
     ledger.count(Take::unmapped, true);
+    ledger.count(Take::unwritten, true);
     ledger.count(Take::frame, true);
     const auto counted = ledger.counters();
     EXPECT_EQ(counted.timeouts_no_frame, 1U);
@@ -36,6 +39,24 @@ TEST(Ledger, counts_waits_by_what_ended_them) {
     EXPECT_EQ(counted.invalid, 1U);
     EXPECT_EQ(counted.no_memory, 1U);
     EXPECT_EQ(counted.frames, 0U);
+}
+
+// The difference of both does not fit; with -fsanitize=undefined that ends the process.
+TEST(Ledger, bears_any_time_of_publishing) {
+    Frame_Ledger ledger(false, false);
+    std::uint64_t sequence = 0;
+    for (const std::int64_t published :
+         {std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::int64_t>::max(),
+          std::int64_t{-1}, std::int64_t{0}}) {
+        auto frame = frame_of(++sequence);
+        frame.header.publish_ns = published;
+        frame.received_ns = 1'000'000;
+        static_cast<void>(ledger.judge(frame));
+    }
+    const auto latency = ledger.counters().latency;
+    EXPECT_EQ(latency.count(), 4U);
+    EXPECT_EQ(latency.buckets.back(), 1U) << "of the one that was published long ago";
+    EXPECT_EQ(latency.buckets.front(), 1U) << "of the one that is to be published in the future";
 }
 
 TEST(Ledger, counts_on_over_a_new_beginning_which_is_no_loss) {

@@ -10,9 +10,11 @@
 #include <vector>
 
 #include "../center/center_fixture.h"
+#include "control/center_page.h"
 #include "frame/frame_dual_subscriber.h"
 #include "frame/frame_publisher.h"
 #include "frame/frame_subscriber.h"
+#include "support/pid_namespace.h"
 
 using namespace std::chrono_literals;
 using zav_shm::Frame_State;
@@ -160,10 +162,12 @@ TEST_F(Flowing_Frames, may_be_published_after_a_loan_that_was_not_used) {
     EXPECT_EQ(camera.publish(payload(20, 3)).outcome, Publish_Outcome::no_center);
 }
 
-// More milliseconds than the long of a 32-bit target holds.
-TEST_F(Frames, come_to_a_receive_that_may_take_a_month) {
-    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
-    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+// More milliseconds than the long of a 32-bit target holds, and more than can be added to a clock.
+TEST_F(Frames, come_to_a_receive_that_may_take_a_month_or_for_ever) {
+    constexpr auto for_ever = std::chrono::milliseconds::max();
+    ZAV_SHM_Frame_Subscriber player(
+        {.name = "PLAYER", .producer = "CAM_LOOP", .center_wait = for_ever});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP", .center_wait = for_ever});
     ASSERT_TRUE(player.open());
     ASSERT_TRUE(camera.open());
     std::atomic<bool> has_come{false};
@@ -177,6 +181,7 @@ TEST_F(Frames, come_to_a_receive_that_may_take_a_month) {
     Received_Frame frame;
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(player.receive(frame, 24h * 30), Receive_Status::frame);
+        EXPECT_EQ(player.receive(frame, for_ever), Receive_Status::frame);
     }
     has_come = true;
     feeding.join();
@@ -386,21 +391,23 @@ TEST_F(Frames, of_the_present_stream_from_before_the_change_come_first) {
     ASSERT_TRUE(player.open());
     ASSERT_TRUE(player.select(ZAV_SHM_Frame_Dual_Subscriber::sub));
     const zav_shm::Frame_Info key{.flags = zav_shm::frame_flag::key_frame};
+    // One more may be on its way when the third is seen.
     EXPECT_TRUE(becomes_true([&] {
         static_cast<void>(main.publish(payload(10, 1), key));
-        return player.counters(ZAV_SHM_Frame_Dual_Subscriber::main).queued == 3;
+        return player.counters(ZAV_SHM_Frame_Dual_Subscriber::main).queued >= 3;
     }));
     EXPECT_TRUE(becomes_true([&] {
-        return sub.publish(payload(10, 2), key).delivered() &&
-               player.counters(ZAV_SHM_Frame_Dual_Subscriber::sub).queued == 1;
+        static_cast<void>(sub.publish(payload(10, 2), key));
+        return player.counters(ZAV_SHM_Frame_Dual_Subscriber::sub).queued >= 1;
     }));
     Received_Frame frame;
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
-        EXPECT_EQ(frame.header.epoch, main.epoch()) << i;
-    }
-    EXPECT_EQ(player.changes(), 0U);
+    int of_main = 0;
     ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    for (; frame.header.epoch == main.epoch(); ++of_main) {
+        EXPECT_EQ(player.changes(), 0U);
+        ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    }
+    EXPECT_GE(of_main, 3);
     EXPECT_EQ(frame.header.epoch, sub.epoch());
     EXPECT_EQ(player.changes(), 1U);
     EXPECT_EQ(player.state(), Frame_State::connected);
@@ -434,6 +441,22 @@ TEST_F(Frames, of_another_producer_come_after_pairing_while_a_thread_is_receivin
     EXPECT_EQ(frame.header.epoch, rec.epoch());
     EXPECT_TRUE(frame.epoch_changed);
     EXPECT_TRUE(becomes_lonely(loop));
+}
+
+// The semaphores of the former center are of no use with the slot that the new one grants.
+TEST_F(Flowing_Frames, of_another_producer_come_after_pairing_at_a_center_that_has_just_started) {
+    ZAV_SHM_Frame_Publisher rec({.name = "CAM_REC"});
+    stop();
+    std::thread pairing([this] { EXPECT_TRUE(player.pair("CAM_REC", 20s)); });
+    std::this_thread::sleep_for(50ms);
+    start();
+    pairing.join();
+    ASSERT_TRUE(rec.open());
+    EXPECT_TRUE(becomes_true([&] {
+        rec.publish(payload(5, 1));
+        return player.receive(frame, 100ms) == Receive_Status::frame &&
+               frame.header.epoch == rec.epoch();
+    }));
 }
 
 TEST_F(Flowing_Frames, end_when_the_consumer_is_paired_with_none_and_come_again) {
@@ -527,6 +550,30 @@ TEST_F(Frames, that_do_not_come_are_counted_by_cause) {
     client.ask(
         R"({"command":"deregister","type":"Receiver","name":"PLAYER","channel":0,"stream":0})");
     EXPECT_TRUE(becomes_true([&] { return player.counters().timeouts_no_relay >= before + 3; }));
+}
+
+// As in a container: the center's process id means nothing there.
+TEST_F(Frames, that_nobody_wants_are_no_sign_of_a_dead_center_in_another_pid_namespace) {
+    leaves_segment("shm/center_page");
+    zav_shm::Center_Page page;
+    page.epoch = 1;
+    page.pid = static_cast<std::uint32_t>(getpid());
+    const auto held = zav_shm::hold_center_page("/shm", page);
+    const auto idle_outcome = [] {
+        ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+        if (!camera.open()) {
+            return 99;
+        }
+        auto outcome = Publish_Outcome::no_consumer;
+        for (int i = 0; i < 15; ++i) {
+            const auto now = camera.publish(payload(10, i)).outcome;
+            outcome = now == Publish_Outcome::no_consumer ? outcome : now;
+            std::this_thread::sleep_for(10ms);
+        }
+        return static_cast<int>(outcome);
+    };
+    EXPECT_EQ(result_in_pid_namespace(idle_outcome),
+              static_cast<int>(Publish_Outcome::no_consumer));
 }
 
 class Frames_Without_Center : public Control_Queues {};

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "control/center_status.h"
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <fstream>
 
@@ -50,6 +52,12 @@ TEST_F(Status_File, that_is_broken_tells_nothing) {
         EXPECT_FALSE(producer_in(content)) << content;
     }
     EXPECT_FALSE(producer_in(std::string(5000, '[')));
+}
+
+// The open would wait for somebody who writes.
+TEST_F(Status_File, that_is_a_pipe_tells_nothing_and_is_not_waited_for) {
+    ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+    EXPECT_FALSE(zav_shm::producer_feeding("/shm", {"PLAYER", 1, 0}));
 }
 
 }  // namespace

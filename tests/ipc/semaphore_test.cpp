@@ -113,6 +113,23 @@ TEST_F(Semaphore, wait_by_the_steady_clock_lasts_its_time_and_takes_a_post) {
     EXPECT_EQ(semaphore.wait_steady(-5), -1);
 }
 
+// A signal is no reason to miss a frame.
+TEST_F(Semaphore, wait_by_the_steady_clock_goes_on_after_a_signal) {
+    SEM_CTRL semaphore(name, true);
+    int result = 0;
+    const Stopwatch watch;
+    EXPECT_EQ(errno_after_interrupting([&] { result = semaphore.wait_steady(60); }), ETIMEDOUT);
+    EXPECT_EQ(result, -1);
+    EXPECT_GE(watch.elapsed(), std::chrono::milliseconds(60));
+    std::thread posting([&semaphore] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        post(semaphore, 1);
+    });
+    errno_after_interrupting([&] { result = semaphore.wait_steady(60'000); });
+    posting.join();
+    EXPECT_EQ(result, 0);
+}
+
 TEST_F(Semaphore, interrupted_wait_says_so) {
     SEM_CTRL semaphore(name, true);
     int result = 0;

@@ -3,7 +3,7 @@
 
 #include <csignal>
 
-#include "frame/monotonic_clock.h"
+#include "ipc/monotonic_clock.h"
 #include "support/threads.h"
 
 using namespace std::chrono_literals;

@@ -13,7 +13,7 @@
 
 #include "device.h"
 #include "frame/frame_format.h"
-#include "frame/monotonic_clock.h"
+#include "ipc/monotonic_clock.h"
 #include "support/threads.h"
 
 using namespace std::chrono_literals;

@@ -15,8 +15,8 @@
 
 #include "frame/frame_publisher.h"
 #include "frame/frame_subscriber.h"
-#include "frame/monotonic_clock.h"
 #include "frame_log.h"
+#include "ipc/monotonic_clock.h"
 
 using namespace std::chrono_literals;
 

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "device.h"
-#include "frame/monotonic_clock.h"
+#include "ipc/monotonic_clock.h"
 #include "support/threads.h"
 
 using namespace std::chrono_literals;

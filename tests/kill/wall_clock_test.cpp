@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "device.h"
-#include "frame/monotonic_clock.h"
+#include "ipc/monotonic_clock.h"
 
 using namespace std::chrono_literals;
 

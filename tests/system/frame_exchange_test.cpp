@@ -13,7 +13,7 @@
 #include <sstream>
 #include <thread>
 
-#include "frame/monotonic_clock.h"
+#include "ipc/monotonic_clock.h"
 #include "roles.h"
 #include "support/child_process.h"
 #include "support/kernel_objects.h"

@@ -47,4 +47,14 @@ TEST(Deadline, of_the_wall_clock_follows_the_wall_clock) {
     EXPECT_GE(deadline.tv_sec, before.tv_sec + 60);
 }
 
+TEST(Deadline, of_a_wait_without_end_is_far_away_and_does_not_overflow) {
+    using std::chrono::milliseconds;
+    const auto now = std::chrono::steady_clock::now();
+    EXPECT_GT(zav_shm::moment_after(milliseconds::max()), now + std::chrono::hours(24 * 365));
+    EXPECT_LT(zav_shm::moment_after(milliseconds::min()), now);
+    EXPECT_GE(zav_shm::moment_after(milliseconds(500)), now + milliseconds(500));
+    const auto at_once = zav_shm::moment_after(milliseconds(0));
+    EXPECT_LE(at_once, std::chrono::steady_clock::now());
+}
+
 }  // namespace

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "frame/random_epoch.h"
+#include "ipc/random_epoch.h"
 
 #include <sys/random.h>
 #include <unistd.h>
 
-#include "frame/monotonic_clock.h"
+#include "ipc/monotonic_clock.h"
 
 namespace zav_shm {
 

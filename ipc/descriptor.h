@@ -3,11 +3,12 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
-namespace zav_shm::centerd {
+namespace zav_shm {
 
-/// Owner of a file descriptor; closes it.
+/// Owner of a file descriptor; closes it, and leaves errno as it is.
 class Descriptor {
 public:
     Descriptor() = default;
@@ -30,11 +31,13 @@ public:
 private:
     void close() const {
         if (number_ >= 0) {
+            const int error = errno;
             ::close(number_);
+            errno = error;
         }
     }
 
     int number_ = -1;
 };
 
-}  // namespace zav_shm::centerd
+}  // namespace zav_shm
