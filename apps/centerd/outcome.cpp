@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "apps/centerd/printable.h"
+#include "apps/text/printable.h"
 
 namespace zav_shm::centerd {
 

@@ -9,7 +9,7 @@
 #include "apps/centerd/configuration.h"
 #include "apps/centerd/former_segments.h"
 #include "apps/centerd/limits.h"
-#include "apps/centerd/printable.h"
+#include "apps/text/printable.h"
 #include "stream/frame_slot.h"
 
 namespace zav_shm::centerd {

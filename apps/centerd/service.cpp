@@ -17,11 +17,11 @@
 #include "apps/centerd/limits.h"
 #include "apps/centerd/memory_folder.h"
 #include "apps/centerd/notifier.h"
-#include "apps/centerd/printable.h"
 #include "apps/centerd/self_check.h"
 #include "apps/centerd/signals.h"
 #include "apps/centerd/status_names.h"
 #include "apps/centerd/upkeep.h"
+#include "apps/text/printable.h"
 
 namespace zav_shm::centerd {
 

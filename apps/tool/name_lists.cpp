@@ -3,8 +3,8 @@
 
 #include <vector>
 
+#include "apps/text/printable.h"
 #include "apps/tool/json_text.h"
-#include "apps/tool/printable.h"
 #include "apps/tool/problem.h"
 #include "apps/tool/text_table.h"
 

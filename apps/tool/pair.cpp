@@ -3,11 +3,11 @@
 #include <string>
 #include <vector>
 
+#include "apps/text/printable.h"
 #include "apps/tool/center_request.h"
 #include "apps/tool/commands.h"
 #include "apps/tool/configured_name.h"
 #include "apps/tool/json_text.h"
-#include "apps/tool/printable.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {

@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "apps/tool/printable.h"
+#include "apps/text/printable.h"
 
 namespace zav_shm::tool {
 

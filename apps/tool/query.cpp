@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <string>
 
+#include "apps/text/printable.h"
 #include "apps/tool/center_request.h"
 #include "apps/tool/commands.h"
 #include "apps/tool/json_text.h"
-#include "apps/tool/printable.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {

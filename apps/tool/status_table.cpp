@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "apps/text/printable.h"
 #include "apps/tool/json_text.h"
-#include "apps/tool/printable.h"
 #include "apps/tool/status_file.h"
 #include "apps/tool/text_table.h"
 

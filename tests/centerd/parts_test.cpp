@@ -268,7 +268,7 @@ TEST_F(Parts, kicker_ends_at_once_whatever_its_interval) {
 TEST_F(Parts, status_is_readable_json_with_the_centers_own_words) {
     start();
     client.ask(register_player);
-    const Status_Page page("/shm", "some \"file\"", {}, {});
+    Status_Page page("/shm", "some \"file\"", {}, {});
     EXPECT_NE(page.page().epoch, 0U);
     Json::Value status;
     const std::string text = page.status_of(*center);
@@ -324,7 +324,7 @@ TEST_F(Parts, status_takes_no_more_than_the_room_that_is_kept_for_it) {
 
 TEST_F(Parts, status_that_cannot_be_written_leaves_the_former_one) {
     start();
-    const Status_Page page("/shm", "file", {}, {});
+    Status_Page page("/shm", "file", {}, {});
     ASSERT_TRUE(page.write_page());
     ASSERT_TRUE(page.write_status(*center));
     fs::create_directories("/dev/shm/shm/center_status.json.new/inner");

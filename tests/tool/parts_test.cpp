@@ -6,12 +6,12 @@
 
 #include <fstream>
 
+#include "apps/text/printable.h"
 #include "apps/tool/argument_checks.h"
 #include "apps/tool/center_request.h"
 #include "apps/tool/json_text.h"
 #include "apps/tool/name_lists.h"
 #include "apps/tool/pacer.h"
-#include "apps/tool/printable.h"
 #include "apps/tool/rate.h"
 #include "apps/tool/status_file.h"
 #include "apps/tool/stream_switch.h"

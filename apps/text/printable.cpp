@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "apps/centerd/printable.h"
+#include "apps/text/printable.h"
 
 #include <array>
 #include <cstdio>
@@ -7,7 +7,7 @@
 
 #include "config/utf8.h"
 
-namespace zav_shm::centerd {
+namespace zav_shm {
 
 namespace {
 
@@ -35,4 +35,4 @@ std::string printable(const std::string& text) {
     return shown;
 }
 
-}  // namespace zav_shm::centerd
+}  // namespace zav_shm
