@@ -2,37 +2,15 @@
 #include "center/reply_sender.h"
 
 #include <sys/msg.h>
-#include <sys/types.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
-#include <fstream>
-#include <string>
 
 #include "control/control_protocol.h"
 
 namespace zav_shm {
 
 namespace {
-
-// More than a queue holds of the shortest replies; beyond it those without one are forgotten.
-constexpr std::size_t addressees_max = 1024;
-
-// A process that has ended and that its parent has not waited for still has its id.
-bool has_ended(long pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(file, line);
-    const std::size_t name_end = line.rfind(')');  // the name before it may hold anything
-    const char state = name_end + 2 < line.size() ? line[name_end + 2] : '?';
-    return name_end != std::string::npos && (state == 'Z' || state == 'X');
-}
-
-bool is_gone(long pid) {
-    return static_cast<pid_t>(pid) != pid ||
-           (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) || has_ended(pid);
-}
 
 long type_of(const void* record) {
     long type = 0;
@@ -50,7 +28,7 @@ int Reply_Sender::send(const void* record, int size) {
     const std::lock_guard guard(lock_);
     int result = try_to_send(record, size);
     if (result < 0 && errno == EAGAIN) {
-        discard_replies_to_the_dead();
+        addressees_.discard_gone([this](long addressee) { queue_.discard_all(addressee); });
         result = try_to_send(record, size);
     } else if (result < 0 && (errno == EIDRM || errno == EINVAL)) {  // the queue was removed
         queue_.open(control::reply_project);
@@ -58,7 +36,8 @@ int Reply_Sender::send(const void* record, int size) {
         result = try_to_send(record, size);
     }
     if (result == 0) {
-        remember(type_of(record));
+        addressees_.replied(type_of(record));
+        addressees_.forget_all_but([this](long addressee) { return queue_.holds(addressee); });
     }
     return result;
 }
@@ -71,22 +50,9 @@ int Reply_Sender::try_to_send(const void* record, int size) {
     return result;
 }
 
-void Reply_Sender::discard_replies_to_the_dead() {
-    for (auto it = addressees_.begin(); it != addressees_.end();) {
-        if (is_gone(*it)) {
-            queue_.discard_all(*it);
-            it = addressees_.erase(it);
-        } else {
-            ++it;
-        }
-    }
-}
-
-void Reply_Sender::remember(long addressee) {
-    addressees_.insert(addressee);
-    if (addressees_.size() > addressees_max) {
-        std::erase_if(addressees_, [this](long pid) { return !queue_.holds(pid); });
-    }
+void Reply_Sender::request_comes_from(std::optional<pid_t> sender) {
+    const std::lock_guard guard(lock_);
+    addressees_.request_comes_from(sender);
 }
 
 }  // namespace zav_shm

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <mutex>
-#include <set>
+#include <sys/types.h>
 
+#include <mutex>
+#include <optional>
+
+#include "center/addressees.h"
 #include "ipc/zav_msg_q.h"
 
 namespace zav_shm {
@@ -27,14 +30,15 @@ public:
     ///         EINVAL for a message type below 1 or a size that is not 0 .. 1028.
     int send(const void* record, int size);
 
+    /// Tells who sent the request that the next replies are for, as far as that is known.
+    void request_comes_from(std::optional<pid_t> sender);
+
 private:
     int try_to_send(const void* record, int size);
-    void discard_replies_to_the_dead();
-    void remember(long addressee);
 
     ZAV_MSG_Q& queue_;
-    std::mutex lock_;            // guards the rest
-    std::set<long> addressees_;  // whoever may have a reply waiting
+    std::mutex lock_;        // guards the rest
+    Addressees addressees_;  // whoever may have a reply waiting
 };
 
 }  // namespace zav_shm

@@ -134,6 +134,7 @@ void ZAV_SHM_CENTER::receive_and_serve() {
         recover_from(error);
         return;
     }
+    state_->replies.request_comes_from(state_->recv_msgq.last_sender());
     const std::string text = text_of(record);
     const std::unique_ptr<SHM_CENTER_ACTION> action(Factory_Shm_Center_Action(text, this));
     if (action) {

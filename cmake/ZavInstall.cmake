@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # What an installed prefix offers to others: find_package(zav_shm) with the targets
-# zav_shm::<layer> and zav_shm::zav_shm, and pkg-config's zav_shm.
+# zav_shm::<layer> and zav_shm::zav_shm, pkg-config's zav_shm, and what there is to read, with
+# the folders that the links in it lead to.
 
 include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zav_shm)
@@ -21,3 +22,8 @@ file(RELATIVE_PATH prefix_from_pkgconfig
 string(REGEX REPLACE "/$" "" prefix_from_pkgconfig "${prefix_from_pkgconfig}")
 configure_file(cmake/zav_shm.pc.in zav_shm.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zav_shm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES bench/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench)
+install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.cpp")

@@ -3,7 +3,8 @@
 // config_demo [FILE]
 //
 // Prints the default configuration, or the one in FILE. Standard error names what is wrong with
-// FILE. Exit status: 0; 1 when FILE cannot be loaded or should not be run with; 2 for misuse.
+// FILE, and what in it is probably not meant. Exit status: 0; 1 when FILE cannot be loaded or
+// should not be run with; 2 for misuse.
 #include <cstdio>
 
 #include "config/zav_shm_config.h"
@@ -12,14 +13,17 @@ namespace {
 
 int show_file(const char* path) {
     ZAV_SHM_CONFIG config;
-    if (config.parse_config(path) == 0) {
-        std::fprintf(stderr, "config_demo: %s\n", config.error().c_str());
-        return 1;
+    const bool loaded = config.parse_config(path) != 0;
+    std::vector<std::string> problems{config.error()};
+    if (loaded) {
+        config.print_config();
+        problems = config.problems();
     }
-    config.print_config();
-    const auto problems = config.problems();
     for (const auto& problem : problems) {
         std::fprintf(stderr, "config_demo: %s\n", problem.c_str());
+    }
+    for (const auto& warning : config.warnings()) {
+        std::fprintf(stderr, "config_demo: warning: %s\n", warning.c_str());
     }
     return problems.empty() ? 0 : 1;
 }

@@ -5,7 +5,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <map>
 
 #include "config/field_reader.h"
@@ -17,6 +16,7 @@ using Problems = std::vector<std::string>;
 using Name_Record = _SHM_DIST_RECV_CONFIG_;
 using zav_shm::element_name;
 using zav_shm::quoted;
+using zav_shm::text_of;
 
 // Of all names, streams included, producers and consumers together: each producer's is a thread
 // and a segment of a center that runs on one device.
@@ -28,11 +28,6 @@ constexpr int page_size_max = INT_MAX - 128;
 // A longer segment name is cut there, and names that differ in the lost end become one.
 constexpr int segment_name_length_max = 63;
 
-// The field's text, also when somebody filled it without a terminator.
-std::string text_of(const zav_shm::Text_Field& field) {
-    return {field, strnlen(field, zav_shm::text_length_max)};
-}
-
 void check_component(Problems& problems, const std::string& where, const std::string& text) {
     if (text.empty()) {
         problems.push_back(where + " is empty");
@@ -42,6 +37,14 @@ void check_component(Problems& problems, const std::string& where, const std::st
     }
     if (text.find("..") != std::string::npos) {
         problems.push_back(where + ": " + quoted(text) + " contains \"..\"");
+    }
+}
+
+// "." is no folder of its own: what is done to the folder would be done to the one around it.
+void check_folder(Problems& problems, const std::string& where, const std::string& text) {
+    check_component(problems, where, text);
+    if (text == ".") {
+        problems.push_back(where + ": \".\" is no folder of its own");
     }
 }
 
@@ -161,8 +164,8 @@ private:
 std::vector<std::string> ZAV_SHM_CONFIG::problems() const {
     Problems found = remarks_;
     check_root_path(found, "System.ROOT_PATH", text_of(root_path));
-    check_component(found, "System.SHM_PATH", text_of(shm_path));
-    check_component(found, "System.SEM_PATH", text_of(sem_path));
+    check_folder(found, "System.SHM_PATH", text_of(shm_path));
+    check_folder(found, "System.SEM_PATH", text_of(sem_path));
     check_count(found, "stream_num", stream_num, stream_configs.size());
     check_count(found, "distributor_num", distributor_num, distributor_configs.size());
     check_count(found, "receiver_num", receiver_num, receiver_configs.size());

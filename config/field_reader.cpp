@@ -41,6 +41,8 @@ void store_text(Text_Field& field, const std::string& text) {
     text.copy(field, text_length_max);
 }
 
+std::string text_of(const Text_Field& field) { return {field, strnlen(field, text_length_max)}; }
+
 std::string quoted(const std::string& text) {
     const bool fits = text.size() <= shown_length_max;
     return json_text(fits ? text : text.substr(0, shown_length_max - 3) + "...");

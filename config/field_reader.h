@@ -18,6 +18,9 @@ using Text_Field = char[text_field_bytes];
 /// Fills the field with the first 31 characters of `text` and zero bytes behind them.
 void store_text(Text_Field& field, const std::string& text);
 
+/// The field's text, also when somebody filled it without a terminator.
+std::string text_of(const Text_Field& field);
+
 /// `text` in double quotes and in ASCII, control characters escaped and shortened, for messages.
 std::string quoted(const std::string& text);
 

@@ -8,6 +8,7 @@
 #include <new>
 #include <optional>
 
+#include "config/document_warnings.h"
 #include "config/field_reader.h"
 #include "config/text_file.h"
 
@@ -66,12 +67,22 @@ int append_names(std::vector<Name_Record*>& list, const Default_Name (&names)[n]
     return static_cast<int>(n);
 }
 
-// "line 3, column 7", both counted from 1, columns in bytes.
 std::string position_in(const std::string& text, std::size_t offset) {
     const std::string before = text.substr(0, offset);
     const auto line = std::count(before.begin(), before.end(), '\n') + 1;
     const std::size_t column = before.size() - (before.rfind('\n') + 1) + 1;  // npos + 1 is 0
-    return "line " + std::to_string(line) + ", column " + std::to_string(column);
+    return zav_shm::position_name(line, static_cast<long>(column));
+}
+
+// Editors that put a mark in front of a text do not show it. Empty when there is none.
+std::string mark_in_front_of(const std::string& text) {
+    if (text.rfind("\xEF\xBB\xBF", 0) == 0) {
+        return "the text begins with a byte order mark; save it as UTF-8 without one";
+    }
+    if (text.rfind("\xFF\xFE", 0) == 0 || text.rfind("\xFE\xFF", 0) == 0) {
+        return "the text is UTF-16; save it as UTF-8 without a byte order mark";
+    }
+    return {};
 }
 
 bool read_streams(Field_Reader& fields, const Json::Value& element, const std::string& where,
@@ -140,9 +151,15 @@ int ZAV_SHM_CONFIG::parse_config(const char* path) {
 
 bool ZAV_SHM_CONFIG::parse_config_with_json(const std::string& text) {
     error_.clear();
+    document_warnings_.clear();
     try {
         if (reader.parse(text, root, true)) {
+            document_warnings_ = zav_shm::document_warnings(text, root);
             return true;
+        }
+        error_ = mark_in_front_of(text);
+        if (!error_.empty()) {
+            return false;
         }
         for (const auto& mistake : reader.getStructuredErrors()) {
             error_ = position_in(text, static_cast<std::size_t>(mistake.offset_start)) + ": " +
@@ -275,6 +292,7 @@ void ZAV_SHM_CONFIG::print_config() {
 void ZAV_SHM_CONFIG::load_default() {
     clear_config();
     error_.clear();
+    document_warnings_.clear();
     zav_shm::store_text(root_path, default_root_path);
     zav_shm::store_text(shm_path, default_shm_path);
     zav_shm::store_text(sem_path, default_sem_path);

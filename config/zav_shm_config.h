@@ -41,7 +41,7 @@ inline std::int64_t ring_history_bytes(const _SHM_STREAM_CONFIG_& stream) {
 /// Threads  none of its own and no lock. Not changed any more once a center has been given it.
 /// Errors   the documented texts on standard output and a result of 0; no content of a file makes
 ///          it throw or crash. error() says what was wrong and where; problems() says what loads
-///          and nevertheless should not be run with.
+///          and nevertheless should not be run with, warnings() what is probably not meant.
 /// Stack    parse_config takes up to half a megabyte, for a file with 1000 levels of brackets.
 class ZAV_SHM_CONFIG {
 public:
@@ -80,7 +80,7 @@ public:
     int parse_dist_recv_config(const char* key, std::vector<_SHM_DIST_RECV_CONFIG_*>& list,
                                int& count);
 
-    /// Empties everything but `root` and error().
+    /// Empties everything but `root`, error() and what warnings() says of the text.
     void clear_config();
 
     /// Writes the configuration to standard output.
@@ -97,6 +97,12 @@ public:
     /// What a program should refuse to run with although it loads: one line each, empty when all
     /// is well. Looks at the present content.
     std::vector<std::string> problems() const;
+
+    /// What is probably not meant although a center can be run with it: one line each. Of the text
+    /// that was parsed last, whether it loaded or not: a key given twice, unknown keys that nearly
+    /// are known ones, and what follows the object. Of the present content: stream lists that do
+    /// not accept what they name, and names that can hardly be typed.
+    std::vector<std::string> warnings() const;
 
     /// The records to iterate over: as many as the count says, and never more than there are.
     std::span<_SHM_STREAM_CONFIG_* const> streams() const;
@@ -131,4 +137,5 @@ public:
 private:
     std::string error_;
     std::vector<std::string> remarks_;  // what was read otherwise than the file has it
+    std::vector<std::string> document_warnings_;
 };

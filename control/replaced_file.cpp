@@ -7,8 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
-
-#include "ipc/descriptor.h"
+#include <utility>
 
 namespace zav_shm {
 
@@ -28,26 +27,34 @@ bool write_all(int descriptor, std::string_view content) {
     return true;
 }
 
-// The group before the mode: nobody is let in by the mode who is not meant by the group.
-bool write_new_file(const std::string& path, std::string_view content, File_Access access) {
-    const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    return file.is_open() && write_all(file.get(), content) &&
-           fchown(file.get(), static_cast<uid_t>(-1), access.group) == 0 &&
-           fchmod(file.get(), access.mode) == 0;
-}
-
 }  // namespace
 
-bool replace_file(const std::string& path, std::string_view content, File_Access access) {
-    const std::string fresh = path + ".new";
-    unlink(fresh.c_str());
-    if (write_new_file(fresh, content, access) && rename(fresh.c_str(), path.c_str()) == 0) {
-        return true;
+File_Replacement::File_Replacement(std::string path)
+    : path_(std::move(path)), fresh_(path_ + ".new") {
+    unlink(fresh_.c_str());
+    file_ = Descriptor(open(fresh_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+}
+
+File_Replacement::~File_Replacement() {
+    if (!is_in_place_) {
+        const int error = errno;
+        unlink(fresh_.c_str());
+        errno = error;
     }
-    const int error = errno;
-    unlink(fresh.c_str());
-    errno = error;
-    return false;
+}
+
+// The group before the mode: nobody is let in by the mode who is not meant by the group.
+bool File_Replacement::finish(std::string_view content, File_Access access) {
+    is_in_place_ = write_all(file_.get(), content) &&
+                   fchown(file_.get(), static_cast<uid_t>(-1), access.group) == 0 &&
+                   fchmod(file_.get(), access.mode) == 0 &&
+                   rename(fresh_.c_str(), path_.c_str()) == 0;
+    return is_in_place_;
+}
+
+bool replace_file(const std::string& path, std::string_view content, File_Access access) {
+    File_Replacement replacement(path);
+    return replacement.is_open() && replacement.finish(content, access);
 }
 
 }  // namespace zav_shm

@@ -69,7 +69,7 @@ bool ZAV_SHM_Frame_Dual_Subscriber::find_wanted_key_frame() {
     while (!has_key_frame_ && of(wanted_).receive(key_frame_, 0ms) == Receive_Status::frame) {
         has_key_frame_ =
             change_ == Change::at_once ||
-            (key_frame_.is_key_frame() && key_frame_.header.publish_ns >= last_published_ns_);
+            (key_frame_.is_entry_point() && key_frame_.header.publish_ns >= last_published_ns_);
     }
     return has_key_frame_;
 }

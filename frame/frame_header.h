@@ -11,7 +11,7 @@
 //     0    4 magic           -       "ZAVF"; anything else is a foreign producer's header
 //     4    2 version         -       1
 //     6    2 flags           -       1 key frame, 2 carries codec configuration,
-//                                    4 discontinuity, 8 end of stream
+//                                    4 discontinuity, 8 end of stream, 16 recovery point
 //     8    8 sequence        -       from 1, one more per frame offered, delivered or not
 //    16    4 payload_length  bytes   0 .. page size; the slot's own field
 //    20    4 codec           -       four characters, "H264"
@@ -78,6 +78,7 @@ inline constexpr std::uint16_t key_frame = 1;
 inline constexpr std::uint16_t codec_configuration = 2;
 inline constexpr std::uint16_t discontinuity = 4;
 inline constexpr std::uint16_t end_of_stream = 8;
+inline constexpr std::uint16_t recovery_point = 16;  // no IDR, and still a decoder may begin here
 }  // namespace frame_flag
 
 /// The codec field of four characters; a shorter name is filled up with blanks.

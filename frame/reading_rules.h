@@ -5,6 +5,8 @@
 
 namespace zav_shm {
 
+// Key frames in what follows are all frames at which a decoder may begin: recovery points, too.
+
 /// Where reading begins in the history of a stream.
 struct Start {
     enum class At { newest, last_key_frame, oldest, back };

@@ -29,6 +29,10 @@ struct Frame_Losses {
 /// What comes with every frame, copied or in place.
 struct Frame_Facts {
     bool is_key_frame() const { return (header.flags & frame_flag::key_frame) != 0; }
+    bool is_recovery_point() const { return (header.flags & frame_flag::recovery_point) != 0; }
+
+    /// A decoder may begin here: at a recovery point the first pictures may be incomplete.
+    bool is_entry_point() const { return is_key_frame() || is_recovery_point(); }
 
     /// From the begin of writing to here, in nanoseconds. Meaningless for a frame that is foreign.
     std::int64_t age_ns() const {

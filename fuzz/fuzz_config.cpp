@@ -53,6 +53,9 @@ void look_at(ZAV_SHM_CONFIG& config, std::string_view text) {
     for (const std::string& problem : config.problems()) {
         require(!problem.empty(), "a problem is described", text);
     }
+    for (const std::string& warning : config.warnings()) {
+        require(!warning.empty(), "a warning is described", text);
+    }
     require(is_terminated(config.root_path) && is_terminated(config.shm_path) &&
                 is_terminated(config.sem_path),
             "a path has an end", text);

@@ -19,9 +19,19 @@ using media::Video_Codec;
 struct Result {
     std::vector<std::byte> bytes;
     std::vector<std::uint64_t> sizes;
+    std::vector<unsigned> facts;
     bool cut = false;  // something was beyond the limit
     bool began = false;
 };
+
+unsigned facts_of(const Access_Unit& unit) {
+    unsigned facts = 0;
+    for (const bool fact : {unit.has_picture, unit.is_key, unit.is_recovery_point, unit.is_field,
+                            unit.has_configuration, unit.codec == Video_Codec::h265}) {
+        facts = facts << 1U | (fact ? 1U : 0U);
+    }
+    return facts;
+}
 
 Result split(Video_Codec codec, std::size_t limit, std::span<const std::byte> input,
              std::size_t block) {
@@ -31,8 +41,10 @@ Result split(Video_Codec codec, std::size_t limit, std::span<const std::byte> in
         require(unit.too_long == (unit.size_bytes > limit), "what is too long is said to be");
         result.bytes.insert(result.bytes.end(), unit.bytes.begin(), unit.bytes.end());
         result.sizes.push_back(unit.size_bytes);
+        result.facts.push_back(facts_of(unit));
+        require(!unit.is_key || !unit.is_recovery_point, "an IDR picture is told from the others");
         result.cut = result.cut || unit.too_long;
-        static_cast<void>(media::picture_size(codec, unit.bytes));
+        static_cast<void>(media::picture_size(unit.codec, unit.bytes));
     });
     for (std::size_t at = 0; at < input.size(); at += block) {
         splitter.feed(input.subspan(at, std::min(block, input.size() - at)));
@@ -57,8 +69,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::as_bytes(std::span<const uint8_t>(data, size)).subspan(2);
     const Result whole = split(codec, limit, input, input.size() + 1);
     const Result pieces = split(codec, limit, input, block);
-    require(whole.sizes == pieces.sizes && whole.bytes == pieces.bytes,
-            "how the input is cut makes no difference");
+    require(
+        whole.sizes == pieces.sizes && whole.bytes == pieces.bytes && whole.facts == pieces.facts,
+        "how the input is cut makes no difference");
     if (whole.began && !whole.cut) {
         require(std::equal(input.begin(), input.end(), whole.bytes.begin(), whole.bytes.end()),
                 "the access units put together are the input");

@@ -58,6 +58,14 @@ bool ZAV_MSG_Q::holds(long type) const {
     return msgrcv(id, &record, 0, type, IPC_NOWAIT) < 0 && errno == E2BIG;
 }
 
+std::optional<pid_t> ZAV_MSG_Q::last_sender() const {
+    msqid_ds status{};
+    if (msgctl(id, IPC_STAT, &status) != 0 || status.msg_qnum != 0) {
+        return {};
+    }
+    return status.msg_lspid;
+}
+
 // One that is longer than a record is cut: left in place it would be the oldest for ever.
 ssize_t ZAV_MSG_Q::take(long type) const {
     zav_shm::Control_Record record{};

@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <optional>
+
 namespace zav_shm {
 
 /// Sizes of the control protocol. They are fixed: both sides hand exactly these to the queue
@@ -58,6 +60,14 @@ public:
 
     /// True when a message of this type is waiting to be taken.
     bool holds(long type) const;
+
+    /// For the only one who takes messages: which process sent the one that was taken last, by the
+    /// id under which this process knows it; 0 when it is in a PID namespace that is not visible
+    /// from here. Kernels before 4.17 tell the id that the sender has for itself.
+    ///
+    /// @return nothing when that cannot be told: others are waiting, and only the sender of the
+    ///         newest is known.
+    std::optional<pid_t> last_sender() const;
 
     int id = -1;
 

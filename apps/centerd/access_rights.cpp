@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "apps/centerd/memory_folder.h"
 #include "ipc/descriptor.h"
 
 namespace zav_shm::centerd {
@@ -89,10 +90,12 @@ std::string Access_Rights::text() const {
 }
 
 Outcome Access_Rights::prepare_folder(const std::string& path) {
-    mkdir(path.c_str(), folder_owner_bits);
+    if (mkdir(path.c_str(), folder_owner_bits) != 0 && errno != EEXIST) {
+        return memory_failure("folder " + path, errno, "it has to be possible to make it");
+    }
     const Descriptor folder(open(path.c_str(), folder_flags));
     if (!folder.is_open() || fchown(folder.get(), new_owner(), static_cast<gid_t>(-1)) != 0) {
-        return system_failure("folder " + path, errno,
+        return memory_failure("folder " + path, errno,
                               "it has to be a folder of the own user: remove what is there");
     }
     return std::nullopt;
@@ -141,7 +144,7 @@ Outcome Access_Rights::apply_to_folder(const std::string& path) const {
     const Descriptor folder(open(path.c_str(), folder_flags));
     if (!folder.is_open() || fchown(folder.get(), new_owner(), file_.group) != 0 ||
         fchmod(folder.get(), folder_mode()) != 0) {
-        return system_failure("folder " + path + ", " + text(), errno,
+        return memory_failure("folder " + path + ", " + text(), errno,
                               "the user has to be in that group, or root");
     }
     return std::nullopt;
@@ -151,7 +154,7 @@ Outcome Access_Rights::apply_to_file(const char* kind, const Shared_File& made) 
     const Descriptor file(open(made.path.c_str(), file_flags));
     struct stat found {};
     if (!file.is_open() || fstat(file.get(), &found) != 0) {
-        return system_failure(kind + made.path, errno, "the center could not make it");
+        return memory_failure(kind + made.path, errno, "the center could not make it");
     }
     if (!S_ISREG(found.st_mode) || static_cast<std::uint64_t>(found.st_size) != made.bytes) {
         return failure(Exit_Status::system_error,
@@ -160,7 +163,7 @@ Outcome Access_Rights::apply_to_file(const char* kind, const Shared_File& made) 
                            "; the center could not make it: remove what is there");
     }
     if (fchown(file.get(), new_owner(), file_.group) != 0 || fchmod(file.get(), file_.mode) != 0) {
-        return system_failure(kind + made.path + ", " + text(), errno,
+        return memory_failure(kind + made.path + ", " + text(), errno,
                               "the user has to be in that group, or root");
     }
     return std::nullopt;

@@ -4,6 +4,9 @@
 #include "apps/centerd/arguments.h"
 
 #include <CLI/CLI.hpp>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
 
 #include "apps/centerd/outcome.h"
 
@@ -29,6 +32,18 @@ std::string mode_mistake(const std::string& text) {
                : "'" + text + "' is none of 0600, 0660 and 0666";
 }
 
+// CLI11's own check of a range lets "nan" pass.
+std::string interval_mistake(const std::string& text) {
+    char* end = nullptr;
+    const double seconds = std::strtod(text.c_str(), &end);
+    if (end != text.c_str() && *end == '\0' && seconds >= 0 && seconds <= kick_interval_max_s) {
+        return "";
+    }
+    std::array<char, 32> limit{};
+    std::snprintf(limit.data(), limit.size(), "%g", kick_interval_max_s);
+    return "'" + text + "' is not a number of seconds from 0 to " + limit.data();
+}
+
 std::string group_mistake(const std::string& text) {
     return text.empty() ? "the name is empty" : "";
 }
@@ -46,7 +61,7 @@ void add_options(CLI::App& app, Options& options, double& kick_seconds, std::str
     app.add_option("--kick-interval", kick_seconds,
                    "Seconds between two looks for consumers that stopped taking frames; 0: never")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.0, kick_interval_max_s))
+        ->check(CLI::Validator(interval_mistake, ""))
         ->capture_default_str();
     app.add_option("--group", options.group, "Whose processes may be clients, beside the own user")
         ->type_name("NAME")

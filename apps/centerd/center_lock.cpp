@@ -11,6 +11,8 @@
 #include <fstream>
 #include <utility>
 
+#include "apps/centerd/memory_folder.h"
+
 namespace zav_shm::centerd {
 
 namespace {
@@ -28,9 +30,10 @@ Center_Lock::Center_Lock(std::string path, std::string guarded)
     : path_(std::move(path)), guarded_(std::move(guarded)) {}
 
 Outcome Center_Lock::take() {
-    if (file_.is_open()) {
+    if (has_its_name()) {
         return std::nullopt;
     }
+    file_ = Descriptor();
     for (int i = 0; i < attempts_max; ++i) {
         Descriptor file = open_file();
         if (!file.is_open()) {
@@ -41,7 +44,7 @@ Outcome Center_Lock::take() {
             if (Outcome held = find_holder()) {
                 return held;
             }
-            return system_failure("lock " + path_, error,
+            return memory_failure("lock " + path_, error,
                                   "it may be another user's: run as that user, or remove it");
         }
         if (Outcome failed = lock(std::move(file))) {
@@ -79,10 +82,10 @@ Outcome Center_Lock::find_holder() const {
 }
 
 void Center_Lock::release() {
-    if (file_.is_open()) {
+    if (has_its_name()) {
         unlink(path_.c_str());
-        file_ = Descriptor();
     }
+    file_ = Descriptor();
 }
 
 // Opening without O_CREAT first: in a folder like /dev/shm, root itself may not "create" what

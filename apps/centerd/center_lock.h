@@ -25,9 +25,15 @@ public:
     Center_Lock(const Center_Lock&) = delete;
     Center_Lock& operator=(const Center_Lock&) = delete;
 
-    /// Takes the lock without waiting, unless it is held here already; the folder of the file has
-    /// to be there.
+    /// Takes the lock without waiting, unless it is held here already under its name; the folder of
+    /// the file has to be there.
     Outcome take();
+
+    /// False when the lock is not held here, or its file was removed: others can take one of the
+    /// same name then.
+    bool has_its_name() const { return file_.is_open() && has_name(file_); }
+
+    const std::string& path() const { return path_; }
 
     /// The same when the file is there: a killed center has left it, or one that runs holds it.
     /// Otherwise makes nothing; take() is still to come.
@@ -37,8 +43,9 @@ public:
     /// takes nothing, not even for a moment; may last seconds on a busy machine.
     Outcome find_holder() const;
 
-    /// Removes the file and gives the lock up, in this order, so that nobody can have locked the
-    /// file that is removed. Whoever opens it in between notices that it has lost its name.
+    /// Removes the file, unless it is another one's by now, and gives the lock up, in this order,
+    /// so that nobody can have locked the file that is removed. Whoever opens it in between notices
+    /// that it has lost its name.
     void release();
 
 private:

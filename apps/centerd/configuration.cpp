@@ -9,12 +9,21 @@ namespace zav_shm::centerd {
 
 namespace {
 
-// By what they are, not by how they are written: "/dev/shm/" and "/run/shm" may be the same.
-bool is_memory_folder(const char* path) {
+// By what they are, not by how they are written: "/dev/shm/" and "/run/shm" may be the same. Where
+// there is no such folder at all, the configuration is not to blame.
+bool leads_elsewhere(const char* path) {
     struct stat given {};
     struct stat real {};
-    return stat(path, &given) == 0 && stat(shared_memory_folder, &real) == 0 &&
-           given.st_dev == real.st_dev && given.st_ino == real.st_ino;
+    return stat(shared_memory_folder, &real) == 0 &&
+           (stat(path, &given) != 0 || given.st_dev != real.st_dev || given.st_ino != real.st_ino);
+}
+
+// Of a file that could not be read, the text names the path itself.
+std::string mistake_of(const ZAV_SHM_CONFIG& config, const std::string& front) {
+    if (config.error().rfind("cannot ", 0) == 0) {
+        return config.error() + "; --config takes the path of a configuration file";
+    }
+    return front + config.error() + "; correct the file";
 }
 
 }  // namespace
@@ -24,24 +33,31 @@ std::string title_of(const std::string& path) {
 }
 
 Outcome load(const std::string& path, ZAV_SHM_CONFIG& config) {
-    const std::string title = title_of(path);
-    Failure refused{Exit_Status::configuration_refused, {}};
+    const std::string front = title_of(path) + ": ";
+    std::vector<std::string> lines;
     if (path.empty()) {
         config.load_default();
     } else if (config.parse_config(path.c_str()) == 0) {
-        refused.lines.push_back(title + ": " + config.error() + "; correct the file");
-        return refused;
+        lines.push_back(mistake_of(config, front));
     }
-    for (const std::string& problem : config.problems()) {
-        refused.lines.push_back(title);
-        refused.lines.back().append(": ").append(problem).append("; correct the file");
+    if (lines.empty()) {
+        for (const std::string& problem : config.problems()) {
+            lines.push_back(front + problem + "; correct the file");
+        }
+        if (leads_elsewhere(config.root_path)) {
+            lines.push_back(front + "System.ROOT_PATH: \"" + config.root_path +
+                            "\" is not the folder /dev/shm, where segments are made; set it to "
+                            "\"/dev/shm\", or leave it out");
+        }
     }
-    if (!is_memory_folder(config.root_path)) {
-        refused.lines.push_back(title + ": System.ROOT_PATH: \"" + config.root_path +
-                                "\" is not the folder /dev/shm, where segments are made; set it "
-                                "to \"/dev/shm\", or leave it out");
+    if (lines.empty()) {
+        return std::nullopt;
     }
-    return refused.lines.empty() ? Outcome() : refused;
+    for (const std::string& warning : config.warnings()) {
+        lines.push_back(front);
+        lines.back().append("warning: ").append(warning);
+    }
+    return Failure{Exit_Status::configuration_refused, lines};
 }
 
 }  // namespace zav_shm::centerd

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/centerd/control_queues.h"
 
-#include <sys/msg.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -18,6 +18,7 @@ namespace {
 
 constexpr const char* key_folder = "/tmp";
 constexpr msglen_t default_queue_bytes = 16'384;  // the kernel's own default
+constexpr msglen_t held_queue_bytes = 1;          // also how many messages without bytes fit
 
 std::string hexadecimal(key_t key) {
     std::array<char, 16> text{};
@@ -32,34 +33,6 @@ msglen_t queue_bytes_limit() {
     return file >> bytes ? bytes : default_queue_bytes;
 }
 
-// A queue without permission bits does not even let its owner look at it, but be changed.
-int set_access(int id, File_Access access) {
-    msqid_ds status{};
-    if (msgctl(id, IPC_STAT, &status) != 0) {
-        if (errno != EACCES) {
-            return -1;
-        }
-        status.msg_qbytes = queue_bytes_limit();
-    }
-    status.msg_perm.uid = geteuid();
-    status.msg_perm.gid = access.group;
-    status.msg_perm.mode = static_cast<decltype(status.msg_perm.mode)>(access.mode);
-    return msgctl(id, IPC_SET, &status);
-}
-
-Outcome prepare_queue(const char* name, key_t key, File_Access access, int& id) {
-    id = msgget(key, IPC_CREAT | static_cast<int>(access.mode));
-    if (id < 0 && errno == EACCES) {  // it is there, and has fewer permissions
-        id = msgget(key, 0);
-    }
-    if (id < 0 || set_access(id, access) != 0) {
-        return system_failure(std::string(name) + " queue " + hexadecimal(key), errno,
-                              "if another user made it, remove it (ipcrm -Q " + hexadecimal(key) +
-                                  ") and start the center before its clients");
-    }
-    return std::nullopt;
-}
-
 }  // namespace
 
 Outcome Control_Queues::find_keys(Control_Queues& queues) {
@@ -72,15 +45,71 @@ Outcome Control_Queues::find_keys(Control_Queues& queues) {
     return std::nullopt;
 }
 
-Outcome Control_Queues::prepare(File_Access access) {
-    if (Outcome failed = prepare_queue("request", request_key_, access, request_id_)) {
+Outcome Control_Queues::prepare(File_Access access, Requests requests) {
+    if (Outcome failed = prepare_queue("request", request_key_, access, requests, request_id_)) {
         return failed;
     }
-    return prepare_queue("reply", reply_key_, access, reply_id_);
+    is_held_ = requests == Requests::held;
+    return prepare_queue("reply", reply_key_, access, Requests::taken, reply_id_);
+}
+
+Outcome Control_Queues::prepare_queue(const char* name, key_t key, File_Access access,
+                                      Requests requests, int& id) {
+    id = msgget(key, IPC_CREAT | static_cast<int>(access.mode));
+    if (id < 0 && errno == EACCES) {  // it is there, and has fewer permissions
+        id = msgget(key, 0);
+    }
+    if (id < 0 || set_access(id, access, requests) != 0) {
+        return system_failure(std::string(name) + " queue " + hexadecimal(key), errno,
+                              "if another user made it, remove it (ipcrm -Q " + hexadecimal(key) +
+                                  ") and start the center before its clients");
+    }
+    return std::nullopt;
+}
+
+// A queue without permission bits does not even let its owner look at it, but be changed. One that
+// is smaller than usual was held by a daemon that was killed; one that is larger, somebody with
+// privileges made so, and without them it cannot be made so again.
+int Control_Queues::set_access(int id, File_Access access, Requests requests) {
+    const msglen_t usual_bytes = queue_bytes_limit();
+    msqid_ds status{};
+    if (msgctl(id, IPC_STAT, &status) != 0 && errno != EACCES) {
+        return -1;
+    }
+    status.msg_perm.uid = geteuid();
+    status.msg_perm.gid = access.group;
+    status.msg_perm.mode = static_cast<decltype(status.msg_perm.mode)>(access.mode);
+    const bool is_open = status.msg_qbytes >= usual_bytes;
+    if (requests == Requests::held) {
+        bytes_before_hold_ = is_open ? status.msg_qbytes : bytes_before_hold_;
+        status.msg_qbytes = held_queue_bytes;
+        return msgctl(id, IPC_SET, &status);
+    }
+    if (!is_open) {
+        const bool was_held = id == request_id_;
+        status.msg_qbytes = std::max(usual_bytes, was_held ? bytes_before_hold_ : 0);
+    }
+    if (msgctl(id, IPC_SET, &status) == 0) {
+        return 0;
+    }
+    status.msg_qbytes = usual_bytes;
+    return errno == EPERM ? msgctl(id, IPC_SET, &status) : -1;
+}
+
+// A start that fails must not leave a queue behind in which no request fits.
+void Control_Queues::open_if_held(File_Access access) {
+    if (is_held_) {
+        prepare(access);
+    }
 }
 
 bool Control_Queues::were_replaced() const {
     return msgget(request_key_, 0) != request_id_ || msgget(reply_key_, 0) != reply_id_;
+}
+
+bool Control_Queues::exist() const {
+    return msgget(request_key_, 0) >= 0 || errno != ENOENT || msgget(reply_key_, 0) >= 0 ||
+           errno != ENOENT;
 }
 
 // By key, not by id: a queue that somebody removed meanwhile was made again under the same key.

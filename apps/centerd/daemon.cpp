@@ -1,42 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/centerd/daemon.h"
 
-#include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
+#include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <optional>
+#include <new>
 
-#include "apps/centerd/clock_watch.h"
-#include "apps/centerd/configuration.h"
-#include "apps/centerd/event_loop.h"
-#include "apps/centerd/hosted_center.h"
-#include "apps/centerd/idle_kicker.h"
-#include "apps/centerd/notifier.h"
-#include "apps/centerd/self_check.h"
+#include "apps/centerd/former_segments.h"
+#include "apps/centerd/limits.h"
+#include "apps/centerd/memory_folder.h"
+#include "apps/centerd/service.h"
 #include "apps/centerd/signals.h"
+#include "apps/centerd/start_traces.h"
 
 namespace zav_shm::centerd {
 
 namespace {
 
-using std::chrono::milliseconds;
-
-// Several times what the slowest relay's cycle and freeing all memory take.
-constexpr unsigned end_max_s = 4;
-
-constexpr milliseconds status_period{1000};
-
-// The watchdog hears this often within its time that all is well.
-constexpr int watchdog_parts = 4;
-
-// After a step of the clock. A relay that had just read the clock and not begun to wait when the
-// signal came is reached by one of the next; it takes a few microseconds from one to the other.
-constexpr int further_interruptions = 4;
-constexpr milliseconds interruption_period{70};
+// Of a center that follows another one.
+constexpr int attempts_max = 10;
+constexpr std::chrono::milliseconds pause_between_attempts{1000};
 
 }  // namespace
 
@@ -48,7 +32,6 @@ Daemon::Daemon(const Options& options, ZAV_SHM_CONFIG& config, const Access_Righ
       queues_(queues),
       inventory_(config),
       plan_(options, config, inventory_),
-      published_(config.shm_path, title_of(options.config_path), rights.file()),
       folder_lock_(inventory_.lock, "the folder " + inventory_.segment_folder),
       queue_lock_(queues.lock_path(), "the pair of " + queues.text()) {}
 
@@ -57,9 +40,6 @@ Daemon::Daemon(const Options& options, ZAV_SHM_CONFIG& config, const Access_Righ
 Outcome Daemon::check() const {
     const Room room = Room::for_start_of(inventory_);
     std::fputs(plan_.text(room).c_str(), stdout);
-    for (const std::string& warning : lock_limit_warning(inventory_)) {
-        std::printf("warning: %s\n", warning.c_str());
-    }
     Outcome held = find_holder();
     Outcome obstacle = held ? held : find_obstacles(room);
     std::puts(obstacle ? "cannot start" : "can start");
@@ -72,8 +52,14 @@ Outcome Daemon::find_holder() const {
 }
 
 Outcome Daemon::find_obstacles(const Room& room) const {
+    if (Outcome unusable = check_memory_folder()) {
+        return unusable;
+    }
     if (Outcome foreign = Access_Rights::check_leftovers(inventory_)) {
         return foreign;
+    }
+    if (Outcome limited = check_limits(inventory_)) {
+        return limited;
     }
     return room.check();
 }
@@ -81,18 +67,73 @@ Outcome Daemon::find_obstacles(const Room& room) const {
 // ---- start and end ----
 
 Outcome Daemon::run() {
+    const Start_Traces traces(inventory_, queues_);
     Outcome failed = take_locks();
-    if (!failed) {
-        failed = queues_.prepare(rights_.file());
-    }
-    if (!failed) {
-        failed = serve();
-        if (options_.clean) {
-            remove_objects();
+    if (failed) {
+        release_locks();
+        if (failed->status != Exit_Status::already_running) {
+            traces.remove_folders();
         }
+        return failed;
+    }
+    try {
+        failed = serve();
+    } catch (const std::bad_alloc&) {
+        failed = out_of_memory();
+    }
+    queues_.open_if_held(rights_.file());
+    const bool start_failed = failed && !has_served_;
+    if (start_failed) {
+        traces.remove_objects();
+    }
+    if (options_.clean && folder_lock_.has_its_name() && queue_lock_.has_its_name()) {
+        remove_objects();
     }
     release_locks();
+    if (start_failed) {
+        traces.remove_folders();
+    }
     return failed;
+}
+
+// A center whose objects are lost is followed by the next one in the same process: the locks stay
+// held, nobody has to start anything, and clients find it as after a restart. Whoever removed them
+// may remove those of the next one while it is made, so that gets some attempts.
+Outcome Daemon::serve() {
+    for (int failures = 0;;) {
+        Service service(
+            {options_, config_, rights_, queues_, inventory_, plan_, folder_lock_, queue_lock_});
+        Outcome failed = prepare_ground();
+        failed = failed ? failed : service.run();
+        lift_the_limit();
+        has_served_ = has_served_ || service.has_served();
+        failures = service.has_served() ? 0 : failures + 1;
+        if (!failed && !service.has_lost_objects()) {
+            return std::nullopt;
+        }
+        if (failed && !is_worth_another_attempt(*failed, failures)) {
+            return failed;
+        }
+        if (failed) {
+            report(*failed);
+            if (is_end_wanted_within(pause_between_attempts)) {
+                return std::nullopt;
+            }
+        }
+        if (Outcome taken = take_locks_again()) {
+            return taken;
+        }
+    }
+}
+
+Outcome Daemon::prepare_ground() {
+    Outcome full = make_room();
+    return full ? full : queues_.prepare(rights_.file(), Control_Queues::Requests::held);
+}
+
+bool Daemon::is_worth_another_attempt(const Failure& failed, int failures) const {
+    return has_served_ && failures < attempts_max &&
+           (failed.status == Exit_Status::system_error || failed.status == Exit_Status::no_room);
 }
 
 // Nothing is made before it is clear that nobody else serves here and that nothing hinders.
@@ -106,13 +147,33 @@ Outcome Daemon::take_locks() {
     if (Outcome obstacle = find_obstacles(Room::for_start_of(inventory_))) {
         return obstacle;
     }
+    return take_locks_again();
+}
+
+// In a folder that is made, if it has to be.
+Outcome Daemon::take_locks_again() {
     if (Outcome failed = Access_Rights::prepare_folder(inventory_.segment_folder)) {
         return failed;
     }
-    if (Outcome failed = folder_lock_.take()) {
-        return failed;
+    Outcome failed = folder_lock_.take();
+    return failed ? failed : queue_lock_.take();
+}
+
+// The memory of segments that are replaced is free only once nobody has them mapped.
+Outcome Daemon::make_room() const {
+    const auto replaced = Former_Segments(inventory_).of_another_length;
+    if (replaced == 0) {
+        return std::nullopt;
     }
-    return queue_lock_.take();
+    Former_Segments::remove_of_another_length(inventory_);
+    report("segments of another length are replaced: " + std::to_string(replaced) +
+           "; clients keep the former ones until they register again");
+    Outcome full = Room::for_start_of(inventory_).check();
+    if (full) {
+        full->lines.emplace_back(
+            "segments that were replaced take room while clients have them mapped: end those");
+    }
+    return full;
 }
 
 // A folder in which there is something stays.
@@ -132,93 +193,6 @@ void Daemon::remove_objects() const {
         }
     }
     queues_.remove();
-}
-
-// ---- service ----
-
-// The page of a center that was killed goes before there is another one: without a page clients
-// know that they have to wait, with the wrong one they would not.
-Outcome Daemon::serve() {
-    published_.remove();
-    Hosted_Center hosted(config_, inventory_, queues_);
-    Outcome failed = hosted.open_to_clients(rights_);
-    if (!failed) {
-        failed = serve(hosted);
-    }
-    published_.remove();
-    return failed;
-}
-
-Outcome Daemon::serve(Hosted_Center& hosted) {
-    if (!published_.write_page() || !published_.write_status(hosted.center())) {
-        return system_failure("page and status in " + inventory_.segment_folder, errno,
-                              "the folder has to be the own user's and /dev/shm to have room");
-    }
-    std::optional<Idle_Kicker> kicker;
-    if (options_.kick_interval.count() > 0) {
-        kicker.emplace(hosted.center(), options_.kick_interval);
-    }
-    Outcome failed = run_loop(hosted);
-    Notifier::stopping();
-    limit_the_end(end_max_s);
-    published_.remove();
-    return failed;
-}
-
-void Daemon::announce() const {
-    for (const std::string& warning : lock_limit_warning(inventory_)) {
-        report("warning: " + warning);
-    }
-    const std::string served = plan_.summary();
-    std::printf("zav-shm-centerd " ZAV_SHM_VERSION " (pid %d) serves %s, %s, %s\n",
-                static_cast<int>(getpid()), served.c_str(), queues_.text().c_str(),
-                rights_.text().c_str());
-    std::fflush(stdout);
-    Notifier::ready("serves " + served);
-}
-
-Outcome Daemon::run_loop(Hosted_Center& hosted) {
-    Event_Loop loop;
-    Clock_Watch clock;
-    const Descriptor end = make_end_descriptor();
-    const auto free_relays = [&hosted] {
-        hosted.center().manager()->interrupt_waits(interrupting_signal);
-    };
-    loop.on_readable(end.get(), [&loop] { loop.end(); });
-    loop.on_readable(clock.descriptor(), [&] {
-        if (clock.was_set()) {
-            free_relays();
-            loop.repeat(further_interruptions, interruption_period, free_relays);
-        }
-    });
-    loop.every(status_period, [&] { refresh(hosted); });
-    if (const auto interval = Notifier::watchdog_interval()) {
-        loop.every(std::max(*interval / watchdog_parts, milliseconds(1)), [&hosted] {
-            if (hosted.self_check().step()) {
-                Notifier::alive();
-            }
-        });
-    }
-    if (!loop.is_open() || !end.is_open()) {
-        return system_failure("descriptors of the main thread", errno,
-                              "raise their limit (ulimit -n, LimitNOFILE=)");
-    }
-    announce();
-    loop.run();
-    return std::nullopt;
-}
-
-// Once a second. A queue that somebody removed has no permissions when the center makes it anew.
-void Daemon::refresh(Hosted_Center& hosted) {
-    if (queues_.were_replaced()) {
-        queues_.prepare(rights_.file());
-    }
-    const bool written = published_.write_status(hosted.center());
-    if (!written && !status_failed_) {
-        report(published_.status_path() + " cannot be written: " + std::strerror(errno) +
-               "; it stays as it is until there is room");
-    }
-    status_failed_ = !written;
 }
 
 }  // namespace zav_shm::centerd

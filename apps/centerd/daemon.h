@@ -8,18 +8,16 @@
 #include "apps/centerd/options.h"
 #include "apps/centerd/outcome.h"
 #include "apps/centerd/plan.h"
-#include "apps/centerd/status_page.h"
 #include "config/zav_shm_config.h"
 
 namespace zav_shm::centerd {
 
-class Hosted_Center;
-
 /// One run of the daemon, from a configuration that was loaded to the end.
 ///
-/// Order of a start: what can be refused without making anything; both locks; queues; the center;
-/// access rights; page and status; the one line that says what is served. Clients may come from
-/// then on, and the end is the same backwards.
+/// Order of a start: what can be refused without making anything; both locks; queues, whose
+/// requests are held; the center; access rights; page and status. Then requests are taken, and the
+/// one line says what is served. The end is the same backwards. A center whose objects somebody
+/// has removed is followed by another one.
 class Daemon {
 public:
     /// All outlive the daemon.
@@ -36,12 +34,12 @@ private:
     Outcome find_holder() const;
     Outcome find_obstacles(const Room& room) const;
     Outcome take_locks();
+    Outcome take_locks_again();
+    Outcome prepare_ground();
+    bool is_worth_another_attempt(const Failure& failed, int failures) const;
+    Outcome make_room() const;
     void release_locks();
     Outcome serve();
-    Outcome serve(Hosted_Center& hosted);
-    Outcome run_loop(Hosted_Center& hosted);
-    void refresh(Hosted_Center& hosted);
-    void announce() const;
     void remove_objects() const;
 
     const Options& options_;
@@ -50,10 +48,9 @@ private:
     Control_Queues queues_;
     const Inventory inventory_;
     const Plan plan_;
-    Status_Page published_;
     Center_Lock folder_lock_;
     Center_Lock queue_lock_;
-    bool status_failed_ = false;  // reported once, until it works again
+    bool has_served_ = false;
 };
 
 }  // namespace zav_shm::centerd

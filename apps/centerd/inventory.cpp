@@ -34,7 +34,9 @@ Inventory::Inventory(const ZAV_SHM_CONFIG& config)
       semaphore_folder(shared_memory_path(config.sem_path)),
       page(segment_folder + "/center_page"),
       status(segment_folder + "/center_status.json"),
-      lock(segment_folder + "/center_lock") {
+      lock(segment_folder + "/center_lock"),
+      name_count(static_cast<int>(config.distributors().size() + config.receivers().size())),
+      stream_count(static_cast<int>(config.streams().size())) {
     IPC_SHM_CTRL_INFO::set_shm_root_path(config.shm_path);
     const auto add_semaphores = [this](const IPC_SHM_CTRL_INFO& names) {
         for (const auto* name : {&names.sem_path_src, &names.sem_path_dst, &names.sem_path_exist}) {

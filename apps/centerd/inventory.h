@@ -27,6 +27,8 @@ struct Inventory {
     std::string lock;    // center_lock
     int relays = 0;      // threads, one for each segment
     int consumer_channels = 0;
+    int name_count = 0;    // of producers and consumers
+    int stream_count = 0;  // of each channel
 
     explicit Inventory(const ZAV_SHM_CONFIG& config);
 

@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // zav-shm-centerd, the host of the center. docs/daemon.md is its manual.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
+#include <new>
 
 #include "apps/centerd/arguments.h"
 #include "apps/centerd/configuration.h"
 #include "apps/centerd/daemon.h"
+#include "apps/centerd/limits.h"
 #include "apps/centerd/signals.h"
 
 namespace {
@@ -30,9 +35,20 @@ Outcome run(const Options& options) {
     return options.check ? daemon.check() : daemon.run();
 }
 
+// A standard stream that is closed would lend its number to the next file: a lock, or a segment
+// that what the center prints would be written into.
+void open_standard_streams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
+            return;
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    open_standard_streams();
     // Whole lines, also into a pipe: what the center prints is read while it runs.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     set_up_signals();
@@ -43,9 +59,10 @@ int main(int argc, char** argv) {
         }
         const Outcome failed = run(std::get<Options>(options));
         return failed ? exit_code(*failed) : 0;
+    } catch (const std::bad_alloc&) {
+        return exit_code(out_of_memory());
     } catch (const std::exception& error) {
         return exit_code(
-            failure(Exit_Status::system_error, std::string("cannot go on: ") + error.what() +
-                                                   "; see the limits on memory and threads"));
+            failure(Exit_Status::system_error, std::string("cannot go on: ") + error.what()));
     }
 }

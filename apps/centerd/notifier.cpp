@@ -11,6 +11,8 @@ void Notifier::ready(const std::string& status) {
     sd_notify(0, ("READY=1\nSTATUS=" + status).c_str());
 }
 
+void Notifier::not_ready(const std::string& status) { sd_notify(0, ("STATUS=" + status).c_str()); }
+
 void Notifier::stopping() { sd_notify(0, "STOPPING=1\nSTATUS=ending"); }
 
 void Notifier::alive() { sd_notify(0, "WATCHDOG=1"); }

@@ -14,6 +14,9 @@ public:
     /// READY=1: clients are answered from now on.
     static void ready(const std::string& status);
 
+    /// What the status says until ready() is called again.
+    static void not_ready(const std::string& status);
+
     /// STOPPING=1: the end has begun.
     static void stopping();
 

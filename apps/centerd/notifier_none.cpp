@@ -6,6 +6,7 @@
 namespace zav_shm::centerd {
 
 void Notifier::ready(const std::string& /*status*/) {}
+void Notifier::not_ready(const std::string& /*status*/) {}
 void Notifier::stopping() {}
 void Notifier::alive() {}
 std::optional<std::chrono::milliseconds> Notifier::watchdog_interval() { return std::nullopt; }

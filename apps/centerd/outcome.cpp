@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "apps/text/printable.h"
+
 namespace zav_shm::centerd {
 
 Failure system_failure(const std::string& what, int error, const std::string& remedy) {
@@ -11,13 +13,17 @@ Failure system_failure(const std::string& what, int error, const std::string& re
 }
 
 void report(const std::string& line) {
-    std::fprintf(stderr, "zav-shm-centerd: %s\n", line.c_str());
+    std::fprintf(stderr, "zav-shm-centerd: %s\n", printable(line).c_str());
 }
 
-int exit_code(const Failure& failure) {
+void report(const Failure& failure) {
     for (const std::string& line : failure.lines) {
         report(line);
     }
+}
+
+int exit_code(const Failure& failure) {
+    report(failure);
     return static_cast<int>(failure.status);
 }
 

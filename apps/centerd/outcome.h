@@ -31,10 +31,15 @@ inline Failure failure(Exit_Status status, const std::string& line) { return {st
 /// "<what>: <text of the error number>; <remedy>"
 Failure system_failure(const std::string& what, int error, const std::string& remedy);
 
-/// Writes "zav-shm-centerd: <line>" to standard error.
+/// Writes "zav-shm-centerd: <line>" to standard error, in printable form.
 void report(const std::string& line);
 
 /// Reports every line.
+void report(const Failure& failure);
+
+/// Reports every line.
+///
+/// @return what the process ends with.
 int exit_code(const Failure& failure);
 
 }  // namespace zav_shm::centerd

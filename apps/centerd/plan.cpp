@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/centerd/plan.h"
 
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <span>
 
 #include "apps/centerd/configuration.h"
+#include "apps/centerd/former_segments.h"
+#include "apps/centerd/limits.h"
+#include "apps/text/printable.h"
 #include "stream/frame_slot.h"
 
 namespace zav_shm::centerd {
@@ -28,7 +28,7 @@ std::string count(std::uint64_t number, const std::string& what) {
 }
 
 std::string quoted(const _SHM_DIST_RECV_CONFIG_& record) {
-    return std::string("\"") + record.name + "\"";
+    return "\"" + printable(record.name) + "\"";
 }
 
 bool all_are_refused(Records records) {
@@ -51,6 +51,10 @@ std::string accepted(const _SHM_DIST_RECV_CONFIG_& record) {
                : "may have streams 0 to " + std::to_string(record.stream.size() - 1);
 }
 
+std::string or_no_limit(std::uint64_t available) {
+    return available == Room::unlimited ? "no limit" : std::to_string(available) + " are available";
+}
+
 }  // namespace
 
 Plan::Plan(const Options& options, const ZAV_SHM_CONFIG& config, const Inventory& inventory)
@@ -61,22 +65,28 @@ std::string Plan::text(const Room& room) const {
     const std::uint64_t semaphore_bytes = Inventory::in_pages(inventory_.semaphores);
     const int kickers = options_.kick_interval.count() > 0 ? 1 : 0;
     const int threads = inventory_.relays + other_threads + kickers;
-    std::string text = "configuration  " + title_of(options_.config_path) + "\n";
+    std::string text = "configuration  " + printable(title_of(options_.config_path)) + "\n";
     text += "segments       " + std::to_string(inventory_.segments.size()) + " in " +
-            inventory_.segment_folder + ", " + std::to_string(segment_bytes) + " bytes\n";
+            printable(inventory_.segment_folder) + ", " + std::to_string(segment_bytes) +
+            " bytes\n";
+    if (const auto replaced = Former_Segments(inventory_).of_another_length; replaced > 0) {
+        text += "replaced       " + count(replaced, "segment") +
+                " of another length; clients keep the former ones until they register again\n";
+    }
     text += "semaphores     " + std::to_string(inventory_.semaphores.size()) + " in /dev/shm, " +
             std::to_string(semaphore_bytes) + " bytes\n";
     text += "threads        " + std::to_string(threads) + ", " + std::to_string(inventory_.relays) +
             " of them relays\n";
     text += "idle kick      " + kick_text() + "\n";
     text += "room           " + std::to_string(room.needed_bytes) + " bytes more are needed, " +
-            (room.available_bytes == Room::unlimited
-                 ? "no limit"
-                 : std::to_string(room.available_bytes) + " are available") +
-            " in /dev/shm\n";
+            or_no_limit(room.available_bytes) + " in /dev/shm\n";
+    text += "files          " + std::to_string(room.needed_files) + " more are needed, " +
+            or_no_limit(room.available_files) + " in /dev/shm\n";
     text += names_text();
-    for (const std::string& warning : warnings()) {
-        text += "warning: " + warning + "\n";
+    for (const auto& found : {refusals(), warnings()}) {
+        for (const std::string& warning : found) {
+            text += "warning: " + printable(warning) + "\n";
+        }
     }
     return text;
 }
@@ -124,18 +134,18 @@ std::string Plan::summary() const {
                        std::to_string(Inventory::in_pages(inventory_.segments)) +
                        " bytes of segments in " + inventory_.segment_folder + ", idle kick " +
                        kick_text();
-    for (const std::string& warning : warnings()) {
-        text += "; warning: " + warning;
+    for (const std::string& refusal : refusals()) {
+        text += "; warning: " + refusal;
     }
     return text;
 }
 
-std::vector<std::string> Plan::warnings() const {
+std::vector<std::string> Plan::refusals() const {
     std::vector<std::string> found;
     if (all_are_refused(config_.distributors()) && all_are_refused(config_.receivers())) {
         found.emplace_back(
-            "all clients are refused every stream, since no name lists any; --config "
-            "names a file that does");
+            "all clients are refused every stream, since no name lists any; --config names a file "
+            "that does, such as share/zav_shm/recorder.json of the installation");
     } else {
         warn_of_refused(found, "producer", config_.distributors());
         warn_of_refused(found, "consumer", config_.receivers());
@@ -143,21 +153,11 @@ std::vector<std::string> Plan::warnings() const {
     return found;
 }
 
-// Each segment is locked while it is mapped, which is one at a time; root has no limit.
-std::vector<std::string> lock_limit_warning(const Inventory& inventory) {
-    std::uint64_t greatest = 0;
-    for (const Shared_File& segment : inventory.segments) {
-        greatest = std::max(greatest, Inventory::in_pages(segment.bytes));
-    }
-    rlimit limit{};
-    if (geteuid() == 0 || getrlimit(RLIMIT_MEMLOCK, &limit) != 0 ||
-        limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur >= greatest) {
-        return {};
-    }
-    return {"RLIMIT_MEMLOCK is " + std::to_string(limit.rlim_cur) +
-            " bytes, the greatest segment " + "has " + std::to_string(greatest) +
-            ": segments are not locked into memory and may be swapped out; raise the limit "
-            "(LimitMEMLOCK=, ulimit -l)"};
+std::vector<std::string> Plan::warnings() const {
+    std::vector<std::string> found = config_.warnings();
+    const auto limits = limit_warnings(inventory_);
+    found.insert(found.end(), limits.begin(), limits.end());
+    return found;
 }
 
 }  // namespace zav_shm::centerd

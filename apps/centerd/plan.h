@@ -21,14 +21,14 @@ public:
     std::string text(const Room& room) const;
 
     /// "5 producer and 7 consumer channels from FILE: ...", for the one line that a start prints;
-    /// with the warnings.
+    /// with what clients will be refused although the configuration is a proper one.
     std::string summary() const;
 
-    /// What clients will be refused although the configuration is a proper one, and limits that
-    /// will be felt.
+    /// What the configuration probably does not mean, and limits that will be felt.
     std::vector<std::string> warnings() const;
 
 private:
+    std::vector<std::string> refusals() const;
     std::string names_text() const;
     std::string kick_text() const;
 
@@ -36,8 +36,5 @@ private:
     const ZAV_SHM_CONFIG& config_;
     const Inventory& inventory_;
 };
-
-/// Warns when this process may not lock as much memory as the center locks at a time.
-std::vector<std::string> lock_limit_warning(const Inventory& inventory);
 
 }  // namespace zav_shm::centerd

@@ -5,67 +5,113 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <string>
 
+#include "apps/centerd/former_segments.h"
 #include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::centerd {
 
 namespace {
 
-constexpr std::uint64_t stat_block_bytes = 512;  // the unit of st_blocks, whatever the file system
-
-// Generous: 400 bytes for each relay and 120 for each consumer is what a long name takes.
+// Generous: 400 bytes for each relay and 120 for each consumer is what a long name takes, and
+// characters of a name may be written as six.
 constexpr std::uint64_t status_bytes_per_channel = 512;
+constexpr std::uint64_t status_bytes_per_name = 256;
+constexpr std::uint64_t status_bytes_per_stream_of_a_name = 80;
 
-std::uint64_t present_bytes(const Shared_File& file) {
-    struct stat found {};
-    if (lstat(file.path.c_str(), &found) != 0 || !S_ISREG(found.st_mode)) {
-        return 0;
-    }
-    return std::min(static_cast<std::uint64_t>(found.st_blocks) * stat_block_bytes,
-                    Inventory::in_pages(file.bytes));
-}
-
-// Page, status and lock; the first two exist twice while they are replaced.
+// Page and status, which exist twice while they are replaced, and the reserve for the status. Lock
+// files are empty.
 std::uint64_t own_bytes(const Inventory& inventory) {
-    const auto channels = static_cast<std::uint64_t>(inventory.relays) +
-                          static_cast<std::uint64_t>(inventory.consumer_channels);
-    return 2 *
-           (Inventory::in_pages(1) + Inventory::in_pages(1 + channels * status_bytes_per_channel));
+    return 2 * Inventory::in_pages(1) + 3 * Room::status_bytes(inventory);
 }
 
-// A file system without a limit of its own says that it has 0 blocks.
-std::uint64_t available_bytes_in(const char* folder) {
-    struct statvfs found {};
-    if (statvfs(folder, &found) != 0) {
-        return 0;
+// Locks and reserve, page and status, of which each exists twice while it is replaced; both
+// folders, and the file under another name that a semaphore is before it gets its own.
+constexpr std::uint64_t own_files = 2 + 1 + 4 + 2 + 1;
+
+bool exists(const std::string& path) {
+    struct stat found {};
+    return lstat(path.c_str(), &found) == 0;
+}
+
+std::uint64_t missing_of(const std::vector<Shared_File>& files) {
+    return static_cast<std::uint64_t>(std::count_if(
+        files.begin(), files.end(), [](const Shared_File& file) { return !exists(file.path); }));
+}
+
+std::uint64_t bytes_missing_of(const std::vector<Shared_File>& files) {
+    std::uint64_t bytes = 0;
+    for (const Shared_File& file : files) {
+        bytes += exists(file.path) ? 0 : Inventory::in_pages(file.bytes);
     }
-    return found.f_blocks == 0 ? Room::unlimited
+    return bytes;
+}
+
+// A file system without a limit of its own says that it has 0 blocks, and 0 files.
+void look_at_memory_folder(Room& room) {
+    struct statvfs found {};
+    if (statvfs(shared_memory_folder, &found) != 0) {
+        return;
+    }
+    room.available_bytes = found.f_blocks == 0
+                               ? Room::unlimited
                                : static_cast<std::uint64_t>(found.f_bavail) * found.f_frsize;
+    room.available_files = found.f_files == 0 ? Room::unlimited : found.f_favail;
 }
 
 }  // namespace
 
+std::uint64_t Room::status_bytes(const Inventory& inventory) {
+    const auto channels = static_cast<std::uint64_t>(inventory.relays) +
+                          static_cast<std::uint64_t>(inventory.consumer_channels);
+    const std::uint64_t bytes_of_a_name =
+        status_bytes_per_name +
+        static_cast<std::uint64_t>(inventory.stream_count) * status_bytes_per_stream_of_a_name;
+    return Inventory::in_pages(1 + channels * status_bytes_per_channel +
+                               static_cast<std::uint64_t>(inventory.name_count) * bytes_of_a_name);
+}
+
 Room Room::for_start_of(const Inventory& inventory) {
+    const Former_Segments former(inventory);
     Room room;
-    room.needed_bytes = Inventory::in_pages(inventory.segments) +
+    room.needed_bytes = Inventory::in_pages(inventory.segments) - former.reused_bytes +
                         Inventory::in_pages(inventory.semaphores) + own_bytes(inventory);
-    for (const Shared_File& segment : inventory.segments) {
-        room.needed_bytes -= present_bytes(segment);
+    room.needed_files = inventory.segments.size() - former.of_same_length -
+                        former.of_another_length + inventory.semaphores.size() + own_files;
+    look_at_memory_folder(room);
+    if (room.available_bytes != unlimited) {
+        room.available_bytes += former.freed_bytes;
     }
-    room.available_bytes = available_bytes_in(shared_memory_folder);
+    return room;
+}
+
+Room Room::for_the_rest_of(const Inventory& inventory) {
+    Room room;
+    room.needed_bytes =
+        bytes_missing_of(inventory.segments) + bytes_missing_of(inventory.semaphores);
+    room.needed_files = missing_of(inventory.segments) + missing_of(inventory.semaphores);
+    look_at_memory_folder(room);
     return room;
 }
 
 Outcome Room::check() const {
-    if (needed_bytes <= available_bytes) {
-        return std::nullopt;
+    if (needed_bytes > available_bytes) {
+        return failure(
+            Exit_Status::no_room,
+            "/dev/shm has " + std::to_string(available_bytes) + " bytes available, " +
+                std::to_string(needed_bytes) +
+                " are needed; enlarge it (mount -o remount,size=... /dev/shm), remove what "
+                "is not used there, or configure fewer channels or smaller pages");
     }
-    return failure(Exit_Status::no_room,
-                   "/dev/shm has " + std::to_string(available_bytes) + " bytes available, " +
-                       std::to_string(needed_bytes) +
-                       " are needed; enlarge it (mount -o remount,size=... /dev/shm), remove what "
-                       "is not used there, or configure fewer channels or smaller pages");
+    if (needed_files > available_files) {
+        return failure(Exit_Status::no_room,
+                       "/dev/shm has room for " + std::to_string(available_files) +
+                           " more files (inodes), " + std::to_string(needed_files) +
+                           " are needed; allow more (mount -o remount,nr_inodes=... /dev/shm), "
+                           "remove what is not used there, or configure fewer channels");
+    }
+    return std::nullopt;
 }
 
 }  // namespace zav_shm::centerd

@@ -9,17 +9,27 @@
 
 namespace zav_shm::centerd {
 
-/// What a start takes from /dev/shm and what that has left. Asked before anything is made: a center
-/// that runs out of room half-way would serve some channels and not others.
+/// What a start takes from /dev/shm and what that has left, in bytes and in files (inodes). Asked
+/// before anything is made: a center that runs out of room half-way would serve some channels and
+/// not others.
 struct Room {
     static constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
 
     std::uint64_t needed_bytes = 0;
     std::uint64_t available_bytes = 0;
+    std::uint64_t needed_files = 0;
+    std::uint64_t available_files = 0;
 
-    /// Segments that are there already need only what they lack. Semaphores are counted in full:
-    /// they are made anew, while clients may still hold the former ones.
+    /// Segments that are there already need only what they lack; those of another length are
+    /// replaced. Semaphores are counted in full: they are made anew, while clients may still hold
+    /// the former ones.
     static Room for_start_of(const Inventory& inventory);
+
+    /// What the status file takes at most.
+    static std::uint64_t status_bytes(const Inventory& inventory);
+
+    /// After a start has failed: what is still lacking of segments and semaphores.
+    static Room for_the_rest_of(const Inventory& inventory);
 
     Outcome check() const;
 };

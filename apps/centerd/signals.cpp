@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/centerd/signals.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -24,14 +25,29 @@ sigset_t set_of(std::initializer_list<int> numbers) {
 
 sigset_t ending_signals() { return set_of({SIGTERM, SIGINT, SIGHUP}); }
 
+// The touch that raised the signal is made again when the handler returns, and ends the process.
+void explain_bus_error(int /*signal*/) {
+    static constexpr char line[] =
+        "zav-shm-centerd: SIGBUS: somebody has cut a semaphore or segment below /dev/shm that was "
+        "in "
+        "use, or there is no memory for it; the next start makes all of them anew\n";
+    if (write(STDERR_FILENO, line, sizeof line - 1) < 0) {
+        return;  // with nobody to tell
+    }
+}
+
 }  // namespace
 
 void set_up_signals() {
-    const sigset_t all = set_of({SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGUSR1, SIGUSR2});
+    const sigset_t all = set_of({SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGUSR1, SIGUSR2, SIGXFSZ});
     pthread_sigmask(SIG_BLOCK, &all, nullptr);
     struct sigaction interrupting {};
     interrupting.sa_handler = [](int) {};  // and no SA_RESTART: waits end with EINTR
     sigaction(interrupting_signal, &interrupting, nullptr);
+    struct sigaction explaining {};
+    explaining.sa_handler = explain_bus_error;
+    explaining.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGBUS, &explaining, nullptr);
 }
 
 void block_interrupting_signal() {
@@ -53,6 +69,14 @@ void limit_the_end(unsigned seconds) {
     sigaction(SIGALRM, &giving_up, nullptr);
     alarm(seconds);
 }
+
+bool is_end_wanted_within(std::chrono::milliseconds limit) {
+    const Descriptor end = make_end_descriptor();
+    pollfd wanted{end.get(), POLLIN, 0};
+    return poll(&wanted, 1, static_cast<int>(limit.count())) > 0;
+}
+
+void lift_the_limit() { alarm(0); }
 
 Descriptor make_end_descriptor() {
     const sigset_t ending = ending_signals();

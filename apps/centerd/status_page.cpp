@@ -68,15 +68,27 @@ Json::Value json_of(const Relay_Snapshot& relay) {
 
 }  // namespace
 
-Status_Page::Status_Page(std::string folder, std::string configuration, File_Access access)
-    : folder_(std::move(folder)), configuration_(std::move(configuration)), access_(access) {
+Status_Page::Status_Page(std::string folder, std::string configuration, Json::Value names,
+                         File_Access access)
+    : folder_(std::move(folder)),
+      configuration_(std::move(configuration)),
+      names_(std::move(names)),
+      access_(access) {
     page_.epoch = random_epoch();
     page_.pid = static_cast<std::uint32_t>(getpid());
     page_.semaphore_bytes = sizeof(sem_t);
     page_.started_utc_ns = utc_ns();
 }
 
-bool Status_Page::write_page() const { return write_center_page(folder_, page_, access_); }
+bool Status_Page::has_page() const {
+    const auto found = read_center_page(folder_);
+    return found && found->epoch == page_.epoch;
+}
+
+bool Status_Page::write_page() {
+    held_page_ = hold_center_page(folder_, page_, access_);
+    return held_page_.is_open();
+}
 
 bool Status_Page::write_status(const ZAV_SHM_CENTER& center) const {
     return replace_file(status_path(), status_of(center) + "\n", access_);
@@ -91,6 +103,7 @@ std::string Status_Page::status_of(const ZAV_SHM_CENTER& center) const {
     status["version"] = ZAV_SHM_VERSION;
     status["configuration"] = configuration_;
     status["kick_idle"] = center.is_kick_idle_enabled();
+    status["names"] = names_;
     status["channels"] = Json::Value(Json::arrayValue);
     for (const Relay_Snapshot& relay : center.manager()->snapshot()) {
         status["channels"].append(json_of(relay));

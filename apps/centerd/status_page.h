@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <json/json.h>
+
 #include <string>
 
 #include "center/shm_center.h"
@@ -17,12 +19,17 @@ public:
     ///
     /// @param folder         of the segments, "/shm"
     /// @param configuration  its file, or what stands for one
-    Status_Page(std::string folder, std::string configuration, File_Access access);
+    /// @param names          who may be a client (status_names)
+    Status_Page(std::string folder, std::string configuration, Json::Value names,
+                File_Access access);
 
     const Center_Page& page() const { return page_; }
 
+    /// True when the page is there, and this one.
+    bool has_page() const;
+
     /// Both return false with errno; the former content is still there then.
-    bool write_page() const;
+    bool write_page();
     bool write_status(const ZAV_SHM_CENTER& center) const;
 
     /// The status as text.
@@ -36,8 +43,10 @@ public:
 private:
     const std::string folder_;
     const std::string configuration_;
+    const Json::Value names_;
     const File_Access access_;
     Center_Page page_;
+    Descriptor held_page_;  // the one written last, by which clients see that this lives
 };
 
 }  // namespace zav_shm::centerd

@@ -11,6 +11,8 @@
 #include <limits>
 #include <utility>
 
+#include "apps/media/codec_guess.h"
+
 namespace zav_shm::media {
 
 namespace {
@@ -32,7 +34,9 @@ constexpr std::size_t prefix_bytes_max = 1024;
 
 Access_Unit_Splitter::Access_Unit_Splitter(Video_Codec codec, std::size_t limit_bytes,
                                            Receiver receiver)
-    : codec_(codec),
+    : first_codec_(codec),
+      codec_(codec),
+      unit_codec_(codec),
       limit_bytes_(std::min(limit_bytes, limit_bytes_max)),
       receiver_(std::move(receiver)) {}
 
@@ -57,6 +61,7 @@ void Access_Unit_Splitter::feed(std::span<const std::byte> block) {
 
 void Access_Unit_Splitter::finish() {
     settle();
+    end_nal_unit();
     if (found_start_code_ && facts_.size_bytes > 0) {
         hand_out(true);
     }
@@ -64,6 +69,8 @@ void Access_Unit_Splitter::finish() {
     facts_ = {};
     zeros_ = 0;
     found_start_code_ = false;
+    codec_ = unit_codec_ = first_codec_;
+    inspector_ = {};
 }
 
 void Access_Unit_Splitter::feed_byte(std::byte byte) {
@@ -93,6 +100,7 @@ void Access_Unit_Splitter::begin_nal_unit() {
     if (!holds_prefix_) {
         keep(std::span(tail_).first(tail_.size() - start_code_bytes));
         tail_.erase(tail_.begin(), tail_.end() - static_cast<std::ptrdiff_t>(start_code_bytes));
+        end_nal_unit();
     }
     zeros_ = 0;
     found_start_code_ = true;
@@ -102,7 +110,13 @@ void Access_Unit_Splitter::begin_nal_unit() {
 
 void Access_Unit_Splitter::read_head(std::byte byte) {
     head_[head_bytes_++] = byte;
-    if (const auto meaning = meaning_of(codec_, std::span(head_).first(head_bytes_))) {
+    const auto head = std::span(head_).first(head_bytes_);
+    const auto changes = changes_codec(codec_, head);
+    if (!changes) {
+        return;
+    }
+    codec_ = *changes ? other_codec(codec_) : codec_;
+    if (const auto meaning = meaning_of(codec_, head)) {
         in_head_ = false;
         place(*meaning);
     }
@@ -120,9 +134,20 @@ void Access_Unit_Splitter::place(const Nal_Meaning& meaning) {
         hand_out(false);
     }
     holds_prefix_ = false;
+    nal_begin_ = facts_.size_bytes + tail_.size() - head_bytes_;
+    unit_codec_ = codec_;
     facts_.has_picture |= meaning.is_slice;
     facts_.is_key |= meaning.is_key;
+    facts_.is_recovery_point |= meaning.is_recovery_point;
     facts_.has_configuration |= meaning.is_configuration;
+}
+
+// Its bytes are in `unit_`, as far as the limit lets them.
+void Access_Unit_Splitter::end_nal_unit() {
+    if (nal_begin_ && *nal_begin_ < unit_.size()) {
+        inspector_.inspect(codec_, std::span(unit_).subspan(static_cast<std::size_t>(*nal_begin_)));
+    }
+    nal_begin_.reset();
 }
 
 void Access_Unit_Splitter::settle() {
@@ -140,6 +165,12 @@ void Access_Unit_Splitter::keep(std::span<const std::byte> bytes) {
 }
 
 void Access_Unit_Splitter::hand_out(bool is_last) {
+    const bool is_entry = facts_.is_key || facts_.is_recovery_point;
+    const Unit_Findings findings = inspector_.conclude(is_entry);
+    facts_.is_recovery_point =
+        !facts_.is_key && (facts_.is_recovery_point || findings.is_recovery_point);
+    facts_.is_field = findings.is_field;
+    facts_.codec = unit_codec_;
     facts_.bytes = unit_;
     facts_.too_long = facts_.size_bytes > limit_bytes_;
     facts_.is_last = is_last;

@@ -5,10 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <vector>
 
 #include "apps/media/nal_unit.h"
+#include "apps/media/unit_inspector.h"
 
 namespace zav_shm::media {
 
@@ -18,9 +20,12 @@ struct Access_Unit {
     std::uint64_t size_bytes = 0;      // of the whole, also when it is too long
     bool too_long = false;             // beyond the limit: `bytes` is one byte longer than that
     bool has_picture = false;          // false only of what is left at the end of input
-    bool is_key = false;               // a decoder can begin here
+    bool is_key = false;               // an IDR picture
+    bool is_recovery_point = false;    // none, and still a decoder may begin here
+    bool is_field = false;             // half a frame: see Unit_Findings
     bool has_configuration = false;    // carries VPS, SPS or PPS
     bool is_last = false;              // handed out by finish()
+    Video_Codec codec = Video_Codec::h264;
 };
 
 /// Divides an H.264 or H.265 elementary stream with start codes (Annex B) into access units.
@@ -32,6 +37,9 @@ struct Access_Unit {
 /// Every byte goes out once and in order: the access units put together are the input, including
 /// what precedes the first start code (it goes with the first access unit) and zero bytes between
 /// NAL units (they go with the one before). How the input is cut into blocks makes no difference.
+///
+/// A stream that changes to the other codec is divided by that one's rules from the access unit on
+/// whose first parameter set shows it.
 ///
 /// An access unit is handed out as soon as the head of the first NAL unit behind it is there, that
 /// is two to seven bytes into the next one.
@@ -58,12 +66,15 @@ private:
     void feed_byte(std::byte byte);
     void begin_nal_unit();
     void read_head(std::byte byte);
+    void end_nal_unit();
     void place(const Nal_Meaning& meaning);
     void settle();
     void keep(std::span<const std::byte> bytes);
     void hand_out(bool is_last);
 
-    const Video_Codec codec_;
+    const Video_Codec first_codec_;
+    Video_Codec codec_;       // of the present NAL unit
+    Video_Codec unit_codec_;  // of the present access unit
     const std::size_t limit_bytes_;
     const Receiver receiver_;
 
@@ -75,6 +86,9 @@ private:
 
     std::array<std::byte, nal_head_bytes_max> head_{};
     std::size_t head_bytes_ = 0;
+    std::optional<std::uint64_t>
+        nal_begin_;  // of the present NAL unit in the access unit, if known
+    Unit_Inspector inspector_;
     bool in_head_ = false;       // the NAL unit's meaning is not known yet
     bool holds_prefix_ = false;  // `tail_` begins with a NAL unit that precedes a slice
 };

@@ -7,13 +7,11 @@
 #include <string_view>
 
 #include "apps/media/nal_scan.h"
+#include "apps/media/nal_types.h"
 
 namespace zav_shm::media {
 
 namespace {
-
-constexpr unsigned h264_sps = 7;
-constexpr unsigned h264_delimiter = 9;
 
 unsigned value(std::byte byte) { return std::to_integer<unsigned>(byte); }
 
@@ -32,11 +30,11 @@ bool is_profile(unsigned profile) {
 bool is_h264(std::span<const std::byte> nal) {
     const unsigned reference = value(nal[0]) >> 5;
     const unsigned type = nal_type(Video_Codec::h264, nal[0]);
-    if (type == h264_sps) {
+    if (type == h264::sps) {
         return reference >= 1 && reference <= 3 && is_profile(value(nal[1]));
     }
     // primary_pic_type in three bits, then the bit that ends the payload.
-    return type == h264_delimiter && reference == 0 && (value(nal[1]) & 0x1FU) == 0x10;
+    return type == h264::delimiter && reference == 0 && (value(nal[1]) & 0x1FU) == 0x10;
 }
 
 bool has_at(std::span<const std::byte> bytes, std::size_t offset, std::string_view text) {
@@ -60,6 +58,24 @@ std::optional<Video_Codec> guess_codec(std::span<const std::byte> beginning) {
         }
     }
     return std::nullopt;
+}
+
+// The VPS is what H.264 calls an unspecified NAL unit. The SPS of H.264 would be of a layer above
+// 31, which no encoder of H.265 makes.
+std::optional<bool> changes_codec(Video_Codec codec, std::span<const std::byte> head) {
+    constexpr std::byte vps{h265::vps << 1U};
+    const bool may_change =
+        !head.empty() &&
+        (codec == Video_Codec::h264
+             ? head[0] == vps
+             : head[0] < std::byte{0x80} && nal_type(Video_Codec::h264, head[0]) == h264::sps);
+    if (!may_change) {
+        return false;
+    }
+    if (head.size() < 2) {
+        return std::nullopt;
+    }
+    return codec == Video_Codec::h264 ? is_h265(head) : is_h264(head);
 }
 
 const char* guess_container(std::span<const std::byte> beginning) {

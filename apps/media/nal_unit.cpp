@@ -1,24 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/media/nal_unit.h"
 
+#include "apps/media/nal_types.h"
+
 namespace zav_shm::media {
 
 namespace {
 
 // ---- H.264 ----
-
-namespace h264 {
-constexpr unsigned slice = 1;
-constexpr unsigned slice_partition_a = 2;
-constexpr unsigned slice_idr = 5;
-constexpr unsigned sei = 6;
-constexpr unsigned sps = 7;
-constexpr unsigned pps = 8;
-constexpr unsigned delimiter = 9;
-constexpr unsigned prefix = 14;
-constexpr unsigned subset_sps = 15;
-constexpr unsigned reserved_before_picture_last = 18;
-}  // namespace h264
 
 // Partitions B and C, and the slices of further layers, never begin a picture.
 bool has_first_macroblock(unsigned type) {
@@ -49,20 +38,6 @@ std::optional<Nal_Meaning> h264_meaning(std::span<const std::byte> head) {
 }
 
 // ---- H.265 ----
-
-namespace h265 {
-constexpr unsigned irap_first = 16;
-constexpr unsigned irap_last = 23;
-constexpr unsigned slice_last = 31;
-constexpr unsigned vps = 32;
-constexpr unsigned pps = 34;
-constexpr unsigned delimiter = 35;
-constexpr unsigned prefix_sei = 39;
-constexpr unsigned reserved_before_picture_first = 41;
-constexpr unsigned reserved_before_picture_last = 44;
-constexpr unsigned unspecified_before_picture_first = 48;
-constexpr unsigned unspecified_before_picture_last = 55;
-}  // namespace h265
 
 bool opens_h265(unsigned type) {
     return (type >= h265::vps && type <= h265::delimiter) || type == h265::prefix_sei ||
@@ -97,7 +72,9 @@ std::optional<Nal_Meaning> h265_meaning(std::span<const std::byte> head) {
     if (layer_of(head[0], head[1]) != 0) {
         return meaning;  // a further layer of the same access unit
     }
-    meaning.is_key = type >= h265::irap_first && type <= h265::irap_last;
+    meaning.is_key = type >= h265::idr_first && type <= h265::idr_last;
+    meaning.is_recovery_point =
+        !meaning.is_key && type >= h265::irap_first && type <= h265::irap_last;
     if (is_slice) {
         // first_slice_segment_in_pic_flag is the first bit after the two bytes of the header.
         meaning.place = first_bit(head[2]) ? Nal_Place::opens_picture : Nal_Place::continues;

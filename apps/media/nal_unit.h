@@ -13,6 +13,10 @@ enum class Video_Codec { h264, h265 };
 /// "H.264" or "H.265".
 const char* name_of(Video_Codec codec);
 
+constexpr Video_Codec other_codec(Video_Codec codec) {
+    return codec == Video_Codec::h264 ? Video_Codec::h265 : Video_Codec::h264;
+}
+
 /// What one NAL unit means for the division of a stream into access units.
 enum class Nal_Place {
     opens,          // begins the next access unit when the present one has a picture
@@ -23,9 +27,10 @@ enum class Nal_Place {
 
 struct Nal_Meaning {
     Nal_Place place = Nal_Place::continues;
-    bool is_slice = false;          // coded picture data
-    bool is_key = false;            // a slice at which a decoder can begin: IDR, or any IRAP
-    bool is_configuration = false;  // VPS, SPS or PPS
+    bool is_slice = false;           // coded picture data
+    bool is_key = false;             // a slice of an IDR picture
+    bool is_recovery_point = false;  // a slice of another H.265 picture for decoders to begin at
+    bool is_configuration = false;   // VPS, SPS or PPS
 };
 
 /// A NAL unit's meaning is in its first bytes, three at most.

@@ -1,189 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// The fields in front of the size are read only to get past them, in the order in which the two
-// standards (ITU-T H.264 7.3.2.1.1, ITU-T H.265 7.3.2.2) have them.
 #include "apps/media/picture_size.h"
 
-#include <algorithm>
-#include <array>
-
-#include "apps/media/bit_reader.h"
 #include "apps/media/nal_scan.h"
+#include "apps/media/nal_types.h"
+#include "apps/media/sequence_set.h"
 
 namespace zav_shm::media {
 
-namespace {
-
-constexpr std::uint32_t pixels_max = 16384;
-
-// A set is well below 100 bytes; one with every scaling list stays below this.
-constexpr std::size_t set_bytes_max = 2048;
-
-constexpr unsigned h264_sps = 7;
-constexpr unsigned h265_sps = 33;
-constexpr std::uint32_t chroma_420 = 1;
-constexpr std::uint32_t chroma_422 = 2;
-constexpr std::uint32_t chroma_444 = 3;
-
-// What is cut off on all four sides, in units of `unit_x` by `unit_y` pixels.
-struct Window {
-    std::uint64_t left = 0;
-    std::uint64_t right = 0;
-    std::uint64_t top = 0;
-    std::uint64_t bottom = 0;
-};
-
-Window read_window(Bit_Reader& reader) {
-    Window window;
-    if (reader.flag()) {
-        window.left = reader.unsigned_golomb();
-        window.right = reader.unsigned_golomb();
-        window.top = reader.unsigned_golomb();
-        window.bottom = reader.unsigned_golomb();
-    }
-    return window;
-}
-
-std::optional<Picture_Size> displayed(std::uint64_t width, std::uint64_t height,
-                                      const Window& window, std::uint32_t unit_x,
-                                      std::uint32_t unit_y) {
-    const std::uint64_t cut_x = (window.left + window.right) * unit_x;
-    const std::uint64_t cut_y = (window.top + window.bottom) * unit_y;
-    if (width > pixels_max || height > pixels_max || cut_x >= width || cut_y >= height) {
-        return std::nullopt;
-    }
-    return Picture_Size{static_cast<std::uint32_t>(width - cut_x),
-                        static_cast<std::uint32_t>(height - cut_y)};
-}
-
-// ---- H.264 ----
-
-bool has_chroma_fields(std::uint32_t profile) {
-    constexpr std::array<std::uint32_t, 13> profiles{100, 110, 122, 244, 44,  83, 86,
-                                                     118, 128, 138, 139, 134, 135};
-    return std::ranges::find(profiles, profile) != profiles.end();
-}
-
-void skip_scaling_list(Bit_Reader& reader, unsigned entries) {
-    std::int64_t last = 8;
-    std::int64_t next = 8;
-    for (unsigned i = 0; i < entries && !reader.failed(); ++i) {
-        if (next != 0) {
-            next = (last + reader.signed_golomb() + 256) % 256;
-        }
-        last = next == 0 ? last : next;
-    }
-}
-
-// @return chroma_format_idc, chroma_444 + 1 for planes that are coded separately.
-std::uint32_t read_chroma_fields(Bit_Reader& reader) {
-    std::uint32_t chroma = reader.unsigned_golomb();
-    const bool separate = chroma == chroma_444 && reader.flag();
-    reader.unsigned_golomb();  // bit_depth_luma_minus8
-    reader.unsigned_golomb();  // bit_depth_chroma_minus8
-    reader.skip(1);            // qpprime_y_zero_transform_bypass_flag
-    if (reader.flag()) {       // seq_scaling_matrix_present_flag
-        const unsigned lists = chroma == chroma_444 ? 12 : 8;
-        for (unsigned i = 0; i < lists && !reader.failed(); ++i) {
-            if (reader.flag()) {
-                skip_scaling_list(reader, i < 6 ? 16 : 64);
-            }
-        }
-    }
-    return separate ? chroma_444 + 1 : chroma;
-}
-
-void skip_picture_order(Bit_Reader& reader) {
-    const std::uint32_t type = reader.unsigned_golomb();
-    if (type == 0) {
-        reader.unsigned_golomb();  // log2_max_pic_order_cnt_lsb_minus4
-    } else if (type == 1) {
-        reader.skip(1);  // delta_pic_order_always_zero_flag
-        reader.signed_golomb();
-        reader.signed_golomb();
-        const std::uint32_t count = reader.unsigned_golomb();
-        for (std::uint32_t i = 0; i < count && !reader.failed(); ++i) {
-            reader.signed_golomb();
-        }
-    }
-}
-
-std::optional<Picture_Size> h264_size(Bit_Reader reader) {
-    reader.skip(8);  // the NAL unit's header
-    const std::uint32_t profile = reader.bits(8);
-    reader.skip(16);           // constraint flags, level_idc
-    reader.unsigned_golomb();  // seq_parameter_set_id
-    const std::uint32_t chroma =
-        has_chroma_fields(profile) ? read_chroma_fields(reader) : chroma_420;
-    reader.unsigned_golomb();  // log2_max_frame_num_minus4
-    skip_picture_order(reader);
-    reader.unsigned_golomb();  // max_num_ref_frames
-    reader.skip(1);            // gaps_in_frame_num_value_allowed_flag
-    const std::uint64_t width = (std::uint64_t{reader.unsigned_golomb()} + 1) * 16;
-    const std::uint64_t map_height = (std::uint64_t{reader.unsigned_golomb()} + 1) * 16;
-    const bool only_frames = reader.flag();
-    reader.skip(only_frames ? 1 : 2);  // mb_adaptive_frame_field, direct_8x8_inference
-    const Window window = read_window(reader);
-    if (reader.failed()) {
-        return std::nullopt;
-    }
-    const std::uint32_t fields = only_frames ? 1 : 2;
-    const std::uint32_t unit_x = chroma == chroma_420 || chroma == chroma_422 ? 2 : 1;
-    const std::uint32_t unit_y = (chroma == chroma_420 ? 2 : 1) * fields;
-    return displayed(width, map_height * fields, window, unit_x, unit_y);
-}
-
-// ---- H.265 ----
-
-constexpr std::size_t profile_bits = 88;
-constexpr std::size_t level_bits = 8;
-
-void skip_profile_tier_level(Bit_Reader& reader, unsigned sub_layers) {
-    reader.skip(profile_bits + level_bits);
-    std::size_t bits = 0;
-    for (unsigned i = 0; i < sub_layers; ++i) {
-        bits += reader.flag() ? profile_bits : 0;
-        bits += reader.flag() ? level_bits : 0;
-    }
-    if (sub_layers > 0) {
-        reader.skip(std::size_t{2} * (8 - sub_layers));  // reserved
-    }
-    reader.skip(bits);
-}
-
-std::optional<Picture_Size> h265_size(Bit_Reader reader) {
-    reader.skip(16);  // the NAL unit's header
-    reader.skip(4);   // sps_video_parameter_set_id
-    const unsigned sub_layers = reader.bits(3);
-    reader.skip(1);  // sps_temporal_id_nesting_flag
-    skip_profile_tier_level(reader, sub_layers);
-    reader.unsigned_golomb();  // sps_seq_parameter_set_id
-    const std::uint32_t chroma = reader.unsigned_golomb();
-    if (chroma == chroma_444) {
-        reader.skip(1);  // separate_colour_plane_flag
-    }
-    const std::uint64_t width = reader.unsigned_golomb();
-    const std::uint64_t height = reader.unsigned_golomb();
-    const Window window = read_window(reader);
-    if (reader.failed()) {
-        return std::nullopt;
-    }
-    const std::uint32_t unit_x = chroma == chroma_420 || chroma == chroma_422 ? 2 : 1;
-    return displayed(width, height, window, unit_x, chroma == chroma_420 ? 2 : 1);
-}
-
-}  // namespace
-
 std::optional<Picture_Size> picture_size(Video_Codec codec,
                                          std::span<const std::byte> access_unit) {
-    const unsigned wanted = codec == Video_Codec::h264 ? h264_sps : h265_sps;
+    const unsigned wanted = codec == Video_Codec::h264 ? h264::sps : h265::sps;
     for (Nal_Scan scan(access_unit); scan.next();) {
         const auto nal = scan.nal_unit();
-        if (!nal.empty() && nal_type(codec, nal[0]) == wanted) {
-            const auto payload = without_escapes(nal, set_bytes_max);
-            const Bit_Reader reader(payload);
-            return codec == Video_Codec::h264 ? h264_size(reader) : h265_size(reader);
+        if (nal.empty() || nal_type(codec, nal[0]) != wanted) {
+            continue;
         }
+        if (codec == Video_Codec::h265) {
+            return read_h265_size(nal);
+        }
+        const auto sequence = read_h264_sequence(nal);
+        return sequence ? sequence->size : std::nullopt;
     }
     return std::nullopt;
 }

@@ -3,6 +3,8 @@
 
 #include <charconv>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 #include "apps/tool/options.h"
 #include "apps/tool/rate.h"
@@ -70,6 +72,19 @@ std::string folder_mistake(const std::string& text) {
                std::to_string(name_bytes_max) + " characters, no slash)";
     }
     return {};
+}
+
+bool is_same_file(const std::string& one, const std::string& other) {
+    std::error_code failed;
+    if (std::filesystem::exists(one, failed) && !std::filesystem::is_regular_file(one, failed)) {
+        return false;
+    }
+    if (std::filesystem::equivalent(one, other, failed)) {
+        return true;
+    }
+    const auto first = std::filesystem::weakly_canonical(one, failed);
+    const auto second = std::filesystem::weakly_canonical(other, failed);
+    return !failed && first == second;
 }
 
 std::string choice_mistake(const std::string& text, const std::string& one,

@@ -24,6 +24,10 @@ std::string name_mistake(const std::string& text);
 /// The name of one folder below /dev/shm.
 std::string folder_mistake(const std::string& text);
 
+/// Whether two names lead, or would lead, to the same file. Devices and pipes are none here:
+/// nothing in them is overwritten.
+bool is_same_file(const std::string& one, const std::string& other);
+
 /// One of two words.
 std::string choice_mistake(const std::string& text, const std::string& one,
                            const std::string& other);

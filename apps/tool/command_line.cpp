@@ -9,8 +9,10 @@
 
 #include <memory>
 #include <optional>
+#include <sstream>
 
 #include "apps/tool/argument_checks.h"
+#include "apps/tool/standard_output.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {
@@ -107,14 +109,22 @@ protected:
 
     void json(bool& flag) { app_.add_flag("--json", flag, "Write JSON, an object on each line"); }
 
-    void index(std::string& target, const char* description) {
-        app_.add_option("--index", target, description)
+    void index(std::string& target) {
+        app_.add_option("--index", target,
+                        "Also write a line \"stream sequence bytes key\" for each frame; - is "
+                        "standard output")
             ->check(checked_by(file_mistake))
             ->type_name("FILE");
     }
 
     static std::string file_mistake(const std::string& text) {
         return text.empty() ? "the name is empty" : "";
+    }
+
+    // The index would overwrite the stream.
+    static bool has_own_index(const std::string& file, const std::string& index) {
+        return !file.empty() && file != standard_stream && !index.empty() &&
+               index != standard_stream && is_same_file(file, index);
     }
 
     void folder(std::string& target) {
@@ -161,7 +171,7 @@ public:
                "Synthetic frames from one key frame to the next")
             ->capture_default_str()
             ->needs(synthetic_);
-        index(options_.index, "Write a line \"stream sequence bytes key\" for each frame");
+        index(options_.index);
         common(options_, 5, "5");
     }
 
@@ -176,6 +186,9 @@ public:
             if (options_.synthetic && option->count() != 0) {
                 return option->get_name() + " does not go with --synthetic";
             }
+        }
+        if (has_own_index(options_.file, options_.index)) {
+            return "--index: '" + options_.index + "' is the file that is published";
         }
         if (options_.loop && options_.file == standard_stream) {
             return "--loop needs a file: standard input cannot begin again";
@@ -235,16 +248,26 @@ public:
         number("--frames", options_.frames, 1, count_max, "End after so many frames");
         seconds("--duration", options_.duration, 0.001, "End after so long");
         app_.add_flag("--any-frame", options_.any_frame, "Do not wait for a key frame to begin");
+        app_.add_flag("--keep-all", options_.keep_all,
+                      "After a gap do not wait for a key frame to go on");
         app_.add_flag("--sync", options_.sync, "Write down to the medium before the end");
-        app_.add_flag("--strict", options_.strict,
-                      "Exit with 1 when a frame was lost, dropped or torn, or none came");
+        app_.add_flag(
+            "--strict", options_.strict,
+            "Exit with 1 when a frame was lost, dropped or torn, the recording has a gap, "
+            "or none came");
         app_.add_flag("--verify-synthetic", options_.verify_synthetic,
                       "Check the pattern of publish --synthetic");
-        index(options_.index, "Also write a line \"stream sequence bytes key\" for each frame");
+        index(options_.index);
         common(options_, 5, "5");
     }
 
     std::optional<std::string> finish() override {
+        if (options_.file == standard_stream && options_.index == standard_stream) {
+            return "--index: standard output carries the frames already";
+        }
+        if (has_own_index(options_.file, options_.index)) {
+            return "--index: '" + options_.index + "' is the file that is recorded to";
+        }
         if (streams_->count() == 0) {
             options_.streams = {options_.stream};
             return {};
@@ -298,6 +321,21 @@ public:
 
 private:
     Status_Options options_;
+};
+
+class Names_Command : public Command {
+public:
+    explicit Names_Command(CLI::App& app)
+        : Command(app, "names", "List the producers and consumers that are configured") {
+        folder(options_.folder);
+        json(options_.json);
+        common(options_, 2, "2");
+    }
+
+    Options options() const override { return options_; }
+
+private:
+    Names_Options options_;
 };
 
 class Pair_Command : public Command {
@@ -391,6 +429,7 @@ std::variant<Options, Exit_Status> read_command_line(int argc, const char* const
     commands.push_back(std::make_unique<Record_Command>(app));
     commands.push_back(std::make_unique<Watch_Command>(app));
     commands.push_back(std::make_unique<Status_Command>(app));
+    commands.push_back(std::make_unique<Names_Command>(app));
     commands.push_back(std::make_unique<Pair_Command>(app));
     commands.push_back(std::make_unique<Kick_Command>(app));
     commands.push_back(std::make_unique<Query_Command>(app));
@@ -398,8 +437,9 @@ std::variant<Options, Exit_Status> read_command_line(int argc, const char* const
         app.parse(argc, argv);
     } catch (const CLI::ParseError& reason) {
         if (reason.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            app.exit(reason);  // prints help or version
-            return Exit_Status::ok;
+            std::ostringstream help_or_version;
+            app.exit(reason, help_or_version, help_or_version);
+            return write_to(Standard_Output(true), help_or_version.str());
         }
         const bool has_command = argc < 2 || !app.get_subcommands().empty();
         return usage_error(

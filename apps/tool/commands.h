@@ -14,6 +14,7 @@ Exit_Status run(const Publish_Options& options, const Standard_Output& output);
 Exit_Status run(const Record_Options& options, const Standard_Output& output);
 Exit_Status run(const Watch_Options& options, const Standard_Output& output);
 Exit_Status run(const Status_Options& options, const Standard_Output& output);
+Exit_Status run(const Names_Options& options, const Standard_Output& output);
 Exit_Status run(const Pair_Options& options, const Standard_Output& output);
 Exit_Status run(const Kick_Options& options, const Standard_Output& output);
 Exit_Status run(const Query_Options& options, const Standard_Output& output);

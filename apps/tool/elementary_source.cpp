@@ -32,7 +32,7 @@ bool has_start_code(std::span<const std::byte> bytes) { return media::Nal_Scan(b
 }  // namespace
 
 Elementary_Source::Elementary_Source(std::string file, std::optional<media::Video_Codec> codec)
-    : file_(std::move(file)), title_(title_of(file_)), codec_(codec) {}
+    : file_(std::move(file)), title_(title_of(file_)), wanted_codec_(codec) {}
 
 Elementary_Source::~Elementary_Source() {
     if (descriptor_ > STDIN_FILENO) {
@@ -40,11 +40,17 @@ Elementary_Source::~Elementary_Source() {
     }
 }
 
-std::optional<Problem> Elementary_Source::open(const Stop_Signal& stop) {
-    descriptor_ =
-        file_ == standard_stream ? STDIN_FILENO : ::open(file_.c_str(), O_RDONLY | O_CLOEXEC);
+std::optional<Problem> Elementary_Source::open(bool again, const Stop_Signal& stop) {
+    // Without blocking: a named pipe without a writer would hold the program up where no signal
+    // ends it. Such a pipe becomes readable when the first writer has written, or gone again.
+    descriptor_ = file_ == standard_stream
+                      ? STDIN_FILENO
+                      : ::open(file_.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (descriptor_ < 0) {
         return input_problem(std::string("cannot open ") + title_ + ": " + std::strerror(errno));
+    }
+    if (again && lseek(descriptor_, 0, SEEK_CUR) < 0) {
+        return no_beginning();
     }
     for (;;) {
         const Read read = read_block(stop);
@@ -67,10 +73,11 @@ std::optional<Problem> Elementary_Source::open(const Stop_Signal& stop) {
 std::optional<Problem> Elementary_Source::run(std::size_t limit_bytes, bool loop,
                                               const Stop_Signal& stop, const Receiver& receiver) {
     bool wanted = true;
-    media::Access_Unit_Splitter splitter(codec(), limit_bytes,
-                                         [&wanted, &receiver](const media::Access_Unit& unit) {
-                                             wanted = wanted && receiver(unit);
-                                         });
+    bool has_picture = false;
+    media::Access_Unit_Splitter splitter(codec(), limit_bytes, [&](const media::Access_Unit& unit) {
+        has_picture = has_picture || unit.has_picture;
+        wanted = wanted && (!has_picture || receiver(unit));
+    });
     splitter.feed(beginning_);
     beginning_ = {};
     while (wanted) {
@@ -80,12 +87,14 @@ std::optional<Problem> Elementary_Source::run(std::size_t limit_bytes, bool loop
                 break;
             case Read::end:
                 splitter.finish();
+                if (!has_picture) {
+                    return no_picture();
+                }
                 if (!loop || !wanted) {
                     return {};
                 }
                 if (lseek(descriptor_, 0, SEEK_SET) != 0) {
-                    return input_problem("cannot go back to the beginning of " + title_ +
-                                         " for --loop: " + std::strerror(errno));
+                    return no_beginning();
                 }
                 break;
             case Read::stopped:
@@ -128,9 +137,13 @@ std::optional<Problem> Elementary_Source::recognise(bool at_end) {
     if (const char* container = media::guess_container(beginning_)) {
         return input_problem(title_ + " looks like a file of the container " + container + needed);
     }
-    if (!codec_) {
-        codec_ = media::guess_codec(beginning_);
+    const auto shown = media::guess_codec(beginning_);
+    if (shown && wanted_codec_ && *shown != *wanted_codec_) {
+        return input_problem(title_ + " is a stream of " + name_of(*shown) +
+                             " by its parameter sets or delimiters, and not of " +
+                             name_of(*wanted_codec_) + " as --codec says");
     }
+    codec_ = wanted_codec_ ? wanted_codec_ : shown;
     if (!at_end && beginning_.size() < beginning_bytes_max) {
         return {};
     }
@@ -148,6 +161,16 @@ std::optional<Problem> Elementary_Source::recognise(bool at_end) {
                              "; say which with --codec h264 or --codec h265");
     }
     return {};
+}
+
+Problem Elementary_Source::no_beginning() const {
+    return input_problem("cannot go back to the beginning of " + title_ +
+                         " for --loop: " + std::strerror(errno));
+}
+
+Problem Elementary_Source::no_picture() const {
+    return input_problem("there is no picture of " + std::string(name_of(codec())) + " in " +
+                         title_ + (wanted_codec_ ? "; is it what --codec says?" : ""));
 }
 
 Problem Elementary_Source::input_problem(const std::string& text) const {

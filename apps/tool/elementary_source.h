@@ -26,8 +26,11 @@ public:
     Elementary_Source(const Elementary_Source&) = delete;
     Elementary_Source& operator=(const Elementary_Source&) = delete;
 
-    /// Opens the file and reads far enough to know what it holds.
-    std::optional<Problem> open(const Stop_Signal& stop);
+    /// Opens the file, waiting for the writer of a named pipe, and reads far enough to know what it
+    /// holds.
+    ///
+    /// @param again  run() is to loop, which not every file can.
+    std::optional<Problem> open(bool again, const Stop_Signal& stop);
 
     /// Known after open().
     media::Video_Codec codec() const { return *codec_; }
@@ -47,11 +50,14 @@ private:
 
     Read read_block(const Stop_Signal& stop);
     std::optional<Problem> recognise(bool at_end);
+    Problem no_beginning() const;
+    Problem no_picture() const;
     Problem input_problem(const std::string& text) const;
     Problem read_problem() const;
 
     const std::string file_;
     const std::string title_;
+    const std::optional<media::Video_Codec> wanted_codec_;
     std::optional<media::Video_Codec> codec_;
     int descriptor_ = -1;
     std::vector<std::byte> beginning_;  // what open() read

@@ -2,41 +2,55 @@
 #include "apps/tool/frame_index.h"
 
 #include <cerrno>
-#include <cinttypes>
-#include <cstring>
+#include <span>
 
 namespace zav_shm::tool {
 
-std::optional<Problem> Frame_Index::open() {
-    if (file_.empty()) {
-        return {};
+Frame_Index::Frame_Index(const std::string& file, int standard_output, const Stop_Signal& stop) {
+    if (!file.empty()) {
+        file_.emplace(file, standard_output, stop);
     }
-    stream_.reset(std::fopen(file_.c_str(), "we"));
-    if (!stream_) {
+}
+
+std::optional<Problem> Frame_Index::open(Output_File::Clock::time_point end) {
+    return file_ ? file_->open(end) : std::nullopt;
+}
+
+std::optional<Problem> Frame_Index::begin() {
+    if (file_ && !file_->empty()) {
         error_ = errno;
-        return problem("open");
+        return problem();
     }
-    std::setvbuf(stream_.get(), nullptr, _IOLBF, BUFSIZ);
     return {};
 }
 
-void Frame_Index::add(int stream, std::uint64_t sequence, std::uint64_t bytes, bool is_key) {
-    if (stream_ && std::fprintf(stream_.get(), "%d %" PRIu64 " %" PRIu64 " %d\n", stream, sequence,
-                                bytes, is_key ? 1 : 0) < 0) {
-        error_ = error_ != 0 ? error_ : errno;
+void Frame_Index::add(int stream, std::uint64_t sequence, std::uint64_t bytes, Entry_Point entry) {
+    if (!file_ || error_ != 0) {
+        return;
     }
+    const std::string line = std::to_string(stream) + " " + std::to_string(sequence) + " " +
+                             std::to_string(bytes) + " " + std::to_string(static_cast<int>(entry)) +
+                             "\n";
+    const std::uint64_t before = file_->written();
+    if (!file_->write(std::as_bytes(std::span(line))) || !file_->flush()) {
+        error_ = errno;
+        file_->cut_back(before);
+        return;
+    }
+    ++lines_;
 }
 
-std::optional<Problem> Frame_Index::close() {
-    if (stream_ && std::fclose(stream_.release()) != 0) {
+std::optional<Problem> Frame_Index::close(bool sync) {
+    if (file_ && !file_->close(sync)) {
         error_ = error_ != 0 ? error_ : errno;
     }
-    return error_ != 0 ? std::optional(problem("write")) : std::nullopt;
+    return error_ != 0 ? std::optional(problem()) : std::nullopt;
 }
 
-Problem Frame_Index::problem(const char* what) const {
-    return {Exit_Status::input_output,
-            std::string("cannot ") + what + " the index " + file_ + ": " + std::strerror(error_)};
+Problem Frame_Index::problem() const {
+    return {Exit_Status::input_output, "cannot write the index " + file_->title() + " after " +
+                                           std::to_string(lines_) +
+                                           " lines: " + Output_File::cause(error_)};
 }
 
 }  // namespace zav_shm::tool

@@ -1,41 +1,44 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <optional>
 #include <string>
 
+#include "apps/tool/output_file.h"
 #include "apps/tool/problem.h"
 
 namespace zav_shm::tool {
 
+/// Where a decoder may begin, as the index writes it.
+enum class Entry_Point { none = 0, key_frame = 1, recovery_point = 2 };
+
 /// A text file with a line "stream sequence bytes key" for each frame that was offered or written,
-/// `key` being 1 or 0. With it what was recorded can be compared with what was sent, frame by
-/// frame. Each line is written at once, so that a killed process leaves whole lines.
+/// `key` being the number of an Entry_Point. With it what was recorded can be compared with what
+/// was sent, frame by frame. Each line is written at once and as a whole: neither a killed process
+/// nor a full medium leaves a part of one.
 class Frame_Index {
 public:
-    /// @param file  nothing: the index is not wanted, and every operation does nothing.
-    explicit Frame_Index(std::string file) : file_(std::move(file)) {}
+    /// @param file             empty: the index is not wanted, and every operation does nothing.
+    /// @param standard_output  what "-" means.
+    Frame_Index(const std::string& file, int standard_output, const Stop_Signal& stop);
 
-    std::optional<Problem> open();
+    /// See Output_File::open().
+    std::optional<Problem> open(Output_File::Clock::time_point end);
 
-    void add(int stream, std::uint64_t sequence, std::uint64_t bytes, bool is_key);
+    /// Empties a file that was there.
+    std::optional<Problem> begin();
+
+    void add(int stream, std::uint64_t sequence, std::uint64_t bytes, Entry_Point entry);
 
     /// @return what went wrong since open().
-    std::optional<Problem> close();
+    std::optional<Problem> close(bool sync);
 
 private:
-    struct Closer {
-        void operator()(std::FILE* stream) const { std::fclose(stream); }
-    };
+    Problem problem() const;
 
-    Problem problem(const char* what) const;
-
-    const std::string file_;
-    std::unique_ptr<std::FILE, Closer> stream_;
+    std::optional<Output_File> file_;
+    std::uint64_t lines_ = 0;
     int error_ = 0;  // errno of the first line that could not be written
 };
 

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/frame_input.h"
 
-#include <variant>
-
 #include "apps/tool/center_request.h"
+#include "apps/tool/configured_name.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {
 
 Frame_Input::Frame_Input(const Common_Options& common, const Channel_Options& channel,
-                         const std::string& producer, bool start_at_key_frame)
-    : wait_(common.wait),
-      name_(channel.name),
+                         const std::string& producer, const Stop_Signal& stop)
+    : stop_(stop),
+      wait_(common.wait),
+      channel_(channel),
       producer_(producer),
       consumer_channel_(channel_text(channel.name, channel.channel, channel.stream)),
       producer_channel_(channel_text(producer, channel.channel, channel.stream)),
@@ -20,24 +20,18 @@ Frame_Input::Frame_Input(const Common_Options& common, const Channel_Options& ch
                    .channel = channel.channel,
                    .stream = channel.stream,
                    .center_wait = common.wait,
-                   .start_at_key_frame = start_at_key_frame}) {}
+                   .overflow = Overflow_Policy::drop_oldest}) {}
 
 std::optional<Problem> Frame_Input::open() {
-    for (const auto& [type, name] : {std::pair{control::type::receiver, &name_},
+    for (const auto& [type, name] : {std::pair{control::type::receiver, &channel_.name},
                                      std::pair{control::type::distributor, &producer_}}) {
-        const auto known = query_name(type, *name, wait_);
-        if (const auto* problem = std::get_if<Problem>(&known)) {
-            return *problem;
+        if (auto problem = check_channel_end(type, *name, channel_.channel, channel_.stream,
+                                             {wait_, &stop_})) {
+            return problem;
         }
     }
-    const auto opened = subscriber_.open();
-    if (opened.refused) {
-        return Problem{Exit_Status::refused, "the center refuses " + consumer_channel_ +
-                                                 " fed by " + producer_channel_ + ": " +
-                                                 opened.reason};
-    }
-    if (!opened) {
-        return Problem{Exit_Status::no_center, opened.reason};
+    if (auto problem = problem_of(subscriber_.open(), consumer_channel_, wait_)) {
+        return problem;
     }
     tell_state();
     return {};

@@ -7,6 +7,7 @@
 
 #include "apps/tool/options.h"
 #include "apps/tool/problem.h"
+#include "apps/tool/stop_signal.h"
 #include "frame/frame_subscriber.h"
 
 namespace zav_shm::tool {
@@ -15,7 +16,7 @@ namespace zav_shm::tool {
 class Frame_Input {
 public:
     Frame_Input(const Common_Options& common, const Channel_Options& channel,
-                const std::string& producer, bool start_at_key_frame);
+                const std::string& producer, const Stop_Signal& stop);
 
     /// Registers with the center, which has to know both names.
     std::optional<Problem> open();
@@ -29,11 +30,12 @@ public:
 
     Frame_State state() const { return subscriber_.state(); }
     Subscriber_Counters counters() const { return subscriber_.counters(); }
-    const std::string& producer_channel() const { return producer_channel_; }
+    const std::string& consumer_channel() const { return consumer_channel_; }
 
 private:
+    const Stop_Signal& stop_;
     const std::chrono::milliseconds wait_;
-    const std::string name_;
+    const Channel_Options channel_;
     const std::string producer_;
     const std::string consumer_channel_;
     const std::string producer_channel_;

@@ -3,9 +3,9 @@
 
 #include <cinttypes>
 #include <cstdio>
-#include <variant>
 
 #include "apps/tool/center_request.h"
+#include "apps/tool/configured_name.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {
@@ -29,28 +29,29 @@ std::uint16_t flag_if(bool condition, std::uint16_t flag) {
 
 }  // namespace
 
-Frame_Output::Frame_Output(const Publish_Options& options, const Stop_Signal& stop)
+Frame_Output::Frame_Output(const Publish_Options& options, int standard_output,
+                           const Stop_Signal& stop)
     : options_(options),
       stop_(stop),
+      field_rate_(fields_of(options.rate)),
       publisher_(publisher_options(options)),
-      pacer_(options.rate),
-      index_(options.index),
+      pacer_(field_rate_),
+      index_(options.index, standard_output, stop),
       channel_(channel_text(options.name, options.channel, options.stream)) {}
 
 std::optional<Problem> Frame_Output::open() {
-    const auto known = query_name(control::type::distributor, options_.name, options_.wait);
-    if (const auto* problem = std::get_if<Problem>(&known)) {
-        return *problem;
+    if (auto problem = index_.open(Output_File::Clock::time_point::max())) {
+        return problem;
     }
-    const auto opened = publisher_.open();
-    if (opened.refused) {
-        return Problem{Exit_Status::refused,
-                       "the center refuses " + channel_ + ": " + opened.reason};
+    if (auto problem =
+            check_channel_end(control::type::distributor, options_.name, options_.channel,
+                              options_.stream, {options_.wait, &stop_})) {
+        return problem;
     }
-    if (!opened) {
-        return Problem{Exit_Status::no_center, opened.reason};
+    if (auto problem = problem_of(publisher_.open(), channel_, options_.wait)) {
+        return problem;
     }
-    if (auto problem = index_.open()) {
+    if (auto problem = index_.begin()) {
         return problem;
     }
     state_ = publisher_.state();
@@ -66,21 +67,24 @@ void Frame_Output::set_format(Frame_Format format) {
 }
 
 void Frame_Output::publish(const Frame& frame) {
-    if (is_over() || !pacer_.wait_for(frames_, stop_)) {
+    if (is_over() || !pacer_.wait_for(fields_, stop_)) {
         return;
     }
     Frame_Info info;
     info.pts = presentation_time();
+    const std::uint64_t next = fields_ + (frame.is_field ? 1 : 2);
     info.duration = std::chrono::duration_cast<std::chrono::microseconds>(
-        time_of(options_.rate, frames_ + 1) - time_of(options_.rate, frames_));
+        time_of(field_rate_, next) - time_of(field_rate_, fields_));
     info.flags = static_cast<std::uint16_t>(
-        flag_if(frame.is_key, frame_flag::key_frame) |
+        flag_if(frame.entry == Entry_Point::key_frame, frame_flag::key_frame) |
+        flag_if(frame.entry == Entry_Point::recovery_point, frame_flag::recovery_point) |
         flag_if(frame.has_configuration, frame_flag::codec_configuration) |
         flag_if(discontinuity_, frame_flag::discontinuity) |
         flag_if(frame.is_last, frame_flag::end_of_stream));
     ++frames_;
+    fields_ = next;
     const auto result = publisher_.publish(frame.payload, info);
-    index_.add(options_.stream, frames_, frame.size_bytes, frame.is_key);
+    index_.add(options_.stream, frames_, frame.size_bytes, frame.entry);
     discontinuity_ = result.outcome == Publish_Outcome::too_large;
     if (discontinuity_ && too_large_++ < complaints_max) {
         complain_of(frame, result);
@@ -90,7 +94,7 @@ void Frame_Output::publish(const Frame& frame) {
 
 std::chrono::nanoseconds Frame_Output::presentation_time() {
     if (options_.rate.is_paced()) {
-        return time_of(options_.rate, frames_);
+        return time_of(field_rate_, fields_);
     }
     const auto now = Pacer::Clock::now();
     if (frames_ == 0) {
@@ -130,7 +134,7 @@ Exit_Status Frame_Output::close() {
                  counters.frames, counters.delivered, counters.no_consumer, counters.too_large,
                  counters.no_center, counters.slow_reads, counters.recoveries, counters.bytes,
                  seconds.count());
-    if (const auto problem = index_.close()) {
+    if (const auto problem = index_.close(false)) {
         return report(*problem);
     }
     if (too_large_ == 0) {

@@ -22,12 +22,13 @@ public:
     struct Frame {
         std::span<const std::byte> payload;
         std::uint64_t size_bytes = 0;  // of the whole frame when `payload` is its beginning only
-        bool is_key = false;
+        Entry_Point entry = Entry_Point::none;
         bool has_configuration = false;
         bool is_last = false;
+        bool is_field = false;  // it lasts for half of a frame's time
     };
 
-    Frame_Output(const Publish_Options& options, const Stop_Signal& stop);
+    Frame_Output(const Publish_Options& options, int standard_output, const Stop_Signal& stop);
 
     /// Registers with the center, which has to know the name.
     std::optional<Problem> open();
@@ -57,11 +58,13 @@ private:
 
     const Publish_Options& options_;
     const Stop_Signal& stop_;
+    const Rate field_rate_;
     ZAV_SHM_Frame_Publisher publisher_;
     Pacer pacer_;
     Frame_Index index_;
     const std::string channel_;
     std::uint64_t frames_ = 0;
+    std::uint64_t fields_ = 0;  // the time of a frame is that of two fields
     std::uint64_t too_large_ = 0;
     bool discontinuity_ = false;  // the frame before was too large
     Frame_State state_ = Frame_State::closed;

@@ -30,7 +30,6 @@ bool shows_setting(const Kick_Options& options, Stop_Signal::Clock::time_point e
 }  // namespace
 
 Exit_Status run(const Kick_Options& options, const Standard_Output& output) {
-    const Stop_Signal stop;
     const auto end = Stop_Signal::Clock::now() + options.wait;
     Json::Value request;
     request[control::field::command] = control::command::kick_idle;
@@ -38,6 +37,7 @@ Exit_Status run(const Kick_Options& options, const Standard_Output& output) {
     if (const auto problem = tell_center(request, options.wait)) {
         return report(*problem);
     }
+    const Stop_Signal stop;
     const bool has_file =
         std::holds_alternative<Center_Status>(read_center_status(status_path(options.folder)));
     const bool confirmed = has_file && shows_setting(options, end, stop);

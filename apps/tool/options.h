@@ -60,7 +60,8 @@ struct Record_Options : Common_Options, Channel_Options {
     std::chrono::milliseconds switch_every{0};
     std::uint64_t frames = 0;               // 0 is no limit
     std::chrono::milliseconds duration{0};  // 0 is no limit
-    bool any_frame = false;
+    bool any_frame = false;                 // begin at once
+    bool keep_all = false;                  // go on at once after a gap
     bool sync = false;
     bool strict = false;
     bool verify_synthetic = false;
@@ -77,6 +78,11 @@ struct Watch_Options : Common_Options, Channel_Options {
 struct Status_Options : Common_Options {
     bool json = false;
     bool ask_center = false;
+    std::string folder = "shm";
+};
+
+struct Names_Options : Common_Options {
+    bool json = false;
     std::string folder = "shm";
 };
 
@@ -99,6 +105,6 @@ struct Query_Options : Common_Options {
 };
 
 using Options = std::variant<Publish_Options, Record_Options, Watch_Options, Status_Options,
-                             Pair_Options, Kick_Options, Query_Options>;
+                             Names_Options, Pair_Options, Kick_Options, Query_Options>;
 
 }  // namespace zav_shm::tool

@@ -3,10 +3,12 @@
 
 #include <cstdio>
 
+#include "apps/text/printable.h"
+
 namespace zav_shm::tool {
 
 void complain(const std::string& text) {
-    const std::string line = "zav-shm: " + text + "\n";
+    const std::string line = "zav-shm: " + printable(text) + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fflush(stderr);
 }

@@ -22,7 +22,7 @@ struct Problem {
     std::string text;
 };
 
-/// Writes "zav-shm: TEXT" and a line end to standard error, in one piece.
+/// Writes "zav-shm: TEXT" and a line end to standard error, in one piece and in printable form.
 void complain(const std::string& text);
 
 /// complain(), and the status to end with.

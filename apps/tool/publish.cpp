@@ -17,24 +17,48 @@ class Picture_Stream {
 public:
     Picture_Stream(const Publish_Options& options, media::Video_Codec codec, Frame_Output& output)
         : options_(options), codec_(codec), output_(output) {
-        format_.codec = codec == media::Video_Codec::h264 ? codec::h264 : codec::h265;
+        format_.codec = header_codec(codec);
         format_.width = options.width;
         format_.height = options.height;
         output_.set_format(format_);
     }
 
     void pass(const media::Access_Unit& unit) {
+        follow_codec(unit.codec);
         if (unit.has_configuration && !unit.too_long) {
             learn_size(unit);
         }
         output_.publish({.payload = unit.bytes,
                          .size_bytes = unit.size_bytes,
-                         .is_key = unit.is_key,
+                         .entry = entry_of(unit),
                          .has_configuration = unit.has_configuration,
-                         .is_last = unit.is_last && !options_.loop});
+                         .is_last = unit.is_last && !options_.loop,
+                         .is_field = unit.is_field});
     }
 
 private:
+    static Entry_Point entry_of(const media::Access_Unit& unit) {
+        if (unit.is_key) {
+            return Entry_Point::key_frame;
+        }
+        return unit.is_recovery_point ? Entry_Point::recovery_point : Entry_Point::none;
+    }
+
+    void follow_codec(media::Video_Codec codec) {
+        if (codec == codec_) {
+            return;
+        }
+        complain("the stream changes from " + std::string(name_of(codec_)) + " to " +
+                 name_of(codec) + " at frame " + std::to_string(output_.next_sequence()));
+        codec_ = codec;
+        format_.codec = header_codec(codec);
+        output_.set_format(format_);
+    }
+
+    static std::uint32_t header_codec(media::Video_Codec codec) {
+        return codec == media::Video_Codec::h264 ? codec::h264 : codec::h265;
+    }
+
     void learn_size(const media::Access_Unit& unit) {
         const auto size = media::picture_size(codec_, unit.bytes);
         const bool given = options_.width != 0 || options_.height != 0;
@@ -47,7 +71,7 @@ private:
     }
 
     const Publish_Options& options_;
-    const media::Video_Codec codec_;
+    media::Video_Codec codec_;
     Frame_Output& output_;
     Frame_Format format_;
 };
@@ -73,7 +97,8 @@ void publish_synthetic(const Publish_Options& options, Frame_Output& output) {
         fill_synthetic(payload, output.next_sequence());
         output.publish({.payload = payload,
                         .size_bytes = payload.size(),
-                        .is_key = number % options.key_interval == 0,
+                        .entry = number % options.key_interval == 0 ? Entry_Point::key_frame
+                                                                    : Entry_Point::none,
                         .has_configuration = false,
                         .is_last = number + 1 == options.count});
     }
@@ -81,15 +106,15 @@ void publish_synthetic(const Publish_Options& options, Frame_Output& output) {
 
 }  // namespace
 
-Exit_Status run(const Publish_Options& options, const Standard_Output& /*output*/) {
+Exit_Status run(const Publish_Options& options, const Standard_Output& standard_output) {
     const Stop_Signal stop;
     Elementary_Source source(options.file, options.codec);
     if (!options.synthetic) {
-        if (const auto problem = source.open(stop)) {
+        if (const auto problem = source.open(options.loop, stop)) {
             return report(*problem);
         }
     }
-    Frame_Output output(options, stop);
+    Frame_Output output(options, standard_output.descriptor(), stop);
     if (const auto problem = output.open()) {
         return report(*problem);
     }

@@ -17,6 +17,9 @@ struct Rate {
     bool operator==(const Rate&) const = default;
 };
 
+/// Two fields for each frame.
+constexpr Rate fields_of(const Rate& frames) { return {2 * frames.num, frames.den}; }
+
 inline constexpr std::uint32_t rate_max = 1000;
 
 /// Reads "25", "29.97", "12.5" or "30000/1001", from 0 to rate_max frames per second; the

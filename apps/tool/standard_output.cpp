@@ -2,6 +2,7 @@
 #include "apps/tool/standard_output.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,13 +18,12 @@ constexpr int first_free_descriptor = 3;
 
 }  // namespace
 
+// Open the wrong way round, so that whoever reads or writes is told that nothing is there.
 void occupy_standard_descriptors() {
-    int descriptor = open(nowhere, O_RDWR);
-    while (descriptor >= 0 && descriptor < first_free_descriptor) {
-        descriptor = open(nowhere, O_RDWR);
-    }
-    if (descriptor >= 0) {
-        close(descriptor);
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(descriptor, F_GETFD) < 0) {
+            open(nowhere, descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // the lowest free one
+        }
     }
 }
 
@@ -55,7 +55,10 @@ bool Standard_Output::write(const std::string& text) const {
     std::size_t done = 0;
     while (done < text.size()) {
         const ssize_t written = ::write(descriptor_, text.data() + done, text.size() - done);
-        if (written < 0 && errno != EINTR) {
+        if (written < 0 && errno == EAGAIN) {  // somebody else who has the pipe wants it so
+            pollfd waited{descriptor_, POLLOUT, 0};
+            poll(&waited, 1, -1);
+        } else if (written < 0 && errno != EINTR) {
             return false;
         }
         done += written > 0 ? static_cast<std::size_t>(written) : 0;

@@ -8,7 +8,8 @@
 namespace zav_shm::tool {
 
 /// Gives descriptors 0, 1 and 2 something behind them if they were closed by whoever started the
-/// program: otherwise a segment might be opened as number 1, and printed into.
+/// program: otherwise a segment might be opened as number 1, and printed into. What is read from or
+/// written to one of them fails with EBADF all the same.
 void occupy_standard_descriptors();
 
 /// Standard output for what the command is for, and nothing else. The libraries print lines to

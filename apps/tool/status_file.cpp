@@ -3,13 +3,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <limits>
 
 #include "apps/tool/json_text.h"
+#include "control/center_page.h"
 #include "control/center_status.h"
 #include "ipc/file_content.h"
+#include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::tool {
 
@@ -27,11 +28,13 @@ std::chrono::milliseconds age_of(const timespec& changed) {
     return std::chrono::milliseconds(std::max<std::int64_t>(ms, 0));
 }
 
-bool exists(Json::UInt64 pid) {
-    if (pid == 0 || pid > static_cast<Json::UInt64>(std::numeric_limits<pid_t>::max())) {
-        return false;
-    }
-    return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+// The page beside the status tells it in every PID namespace.
+bool is_alive(const std::string& path, Json::UInt64 pid) {
+    const std::string folder = path.substr(0, path.rfind('/'));
+    const std::string root = shared_memory_folder;
+    return pid <= static_cast<Json::UInt64>(std::numeric_limits<pid_t>::max()) &&
+           is_center_alive(folder.starts_with(root) ? folder.substr(root.size()) : folder,
+                           static_cast<pid_t>(pid));
 }
 
 }  // namespace
@@ -57,7 +60,7 @@ std::variant<Center_Status, Problem> read_center_status(const std::string& path)
                                                       " bytes are no JSON object"};
     }
     status.age = age_of(file->changed);
-    status.is_alive = exists(count_at(status.content, "pid"));
+    status.is_alive = is_alive(path, count_at(status.content, "pid"));
     return status;
 }
 

@@ -3,17 +3,17 @@
 #include <string>
 #include <vector>
 
+#include "apps/text/printable.h"
 #include "apps/tool/json_text.h"
 #include "apps/tool/status_file.h"
+#include "apps/tool/text_table.h"
 
 namespace zav_shm::tool {
 
 namespace {
 
-using Row = std::vector<std::string>;
-
 std::string channel_at(const Json::Value& end) {
-    return channel_text(text_at(end, "name"), static_cast<int>(count_at(end, "channel")),
+    return channel_text(printable(text_at(end, "name")), static_cast<int>(count_at(end, "channel")),
                         static_cast<int>(count_at(end, "stream")));
 }
 
@@ -53,38 +53,17 @@ std::vector<Row> rows_of(const Json::Value& channels) {
     return rows;
 }
 
-// Names to the left, figures to the right.
-std::string aligned(const std::vector<Row>& rows) {
-    std::vector<std::size_t> widths(rows.front().size());
-    for (const Row& row : rows) {
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], row[i].size());
-        }
-    }
-    std::string text;
-    for (const Row& row : rows) {
-        std::string line;
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            const bool is_name = i == 0 || i == 7;
-            const std::string blanks(widths[i] - row[i].size(), ' ');
-            line += (i > 0 ? "  " : "") + (is_name ? row[i] + blanks : blanks + row[i]);
-        }
-        line.erase(line.find_last_not_of(' ') + 1);
-        text += line + "\n";
-    }
-    return text;
-}
-
 }  // namespace
 
 std::string table_of(const Center_Status& status) {
     const Json::Value& content = status.content;
-    const std::string configuration = text_at(content, "configuration");
-    return "center " + text_at(content, "version") + ", process " + number_at(content, "pid") +
-           (status.is_alive ? "" : " (gone)") + ", since " + text_at(content, "started_utc") +
-           "\nconfiguration " + (configuration.empty() ? "-" : configuration) +
-           ", idle consumers are " + (flag_at(content, "kick_idle") ? "kicked" : "kept") + "\n\n" +
-           aligned(rows_of(list_at(content, "channels")));
+    const std::string configuration = printable(text_at(content, "configuration"));
+    return "center " + printable(text_at(content, "version")) + ", process " +
+           number_at(content, "pid") + (status.is_alive ? "" : " (gone)") + ", since " +
+           printable(text_at(content, "started_utc")) + "\nconfiguration " +
+           (configuration.empty() ? "-" : configuration) + ", idle consumers are " +
+           (flag_at(content, "kick_idle") ? "kicked" : "kept") + "\n\n" +
+           aligned(rows_of(list_at(content, "channels")), {0, 7});
 }
 
 }  // namespace zav_shm::tool

@@ -3,11 +3,11 @@
 
 namespace zav_shm::tool {
 
-bool Stream_Switch::offer(std::size_t stream, bool is_key, Clock::time_point now) {
+bool Stream_Switch::offer(std::size_t stream, bool is_entry, Clock::time_point now) {
     if (stream == active_) {
         return true;
     }
-    if (!is_key || now - since_ < every_) {
+    if (!is_entry || now - since_ < every_) {
         return false;
     }
     active_ = stream;

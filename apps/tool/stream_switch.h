@@ -8,8 +8,8 @@
 namespace zav_shm::tool {
 
 /// Decides which of two streams of one picture goes out, so that what goes out can be decoded: a
-/// change happens at a key frame of the stream that is wanted, and until it comes the other one
-/// goes on.
+/// change happens at a key frame or recovery point of the stream that is wanted, and until it comes
+/// the other one goes on.
 class Stream_Switch {
 public:
     using Clock = std::chrono::steady_clock;
@@ -19,7 +19,7 @@ public:
         : every_(every), since_(begin) {}
 
     /// Offers a frame of stream 0 or 1; true when it is to go out.
-    bool offer(std::size_t stream, bool is_key, Clock::time_point now);
+    bool offer(std::size_t stream, bool is_entry, Clock::time_point now);
 
     std::size_t active() const { return active_; }
     std::uint64_t switches() const { return switches_; }

@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <cerrno>
 #include <ctime>
+#include <optional>
+#include <span>
 
 #include "apps/tool/commands.h"
 #include "apps/tool/frame_input.h"
+#include "apps/tool/output_file.h"
 #include "apps/tool/stop_signal.h"
 #include "apps/tool/synthetic_pattern.h"
 #include "apps/tool/watch_line.h"
@@ -27,11 +31,14 @@ class Watch {
 public:
     Watch(const Watch_Options& options, const Standard_Output& output)
         : options_(options),
-          output_(output),
           rewrites_(!options.json && output.is_terminal()),
-          input_(options, options, options.producer, false) {}
+          output_(standard_stream, output.descriptor(), stop_),
+          input_(options, options, options.producer, stop_) {}
 
-    std::optional<Problem> open() { return input_.open(); }
+    std::optional<Problem> open() {
+        auto problem = output_.open();
+        return problem ? problem : input_.open();
+    }
 
     Exit_Status run() {
         Clock::time_point line_begin = Clock::now();
@@ -46,6 +53,10 @@ public:
             Watch_Sample sample =
                 sample_of(before, counters, now - line_begin, monotonic_ns(), input_.state());
             sample.damaged_total = damaged_;
+            if (recovery_point_ns_) {
+                sample.recovery_point_age_s =
+                    static_cast<double>(monotonic_ns() - *recovery_point_ns_) / 1e9;
+            }
             if (const Exit_Status status = write(sample); status != Exit_Status::ok) {
                 return status;
             }
@@ -53,7 +64,7 @@ public:
             line_begin = now - line_end > line_every ? now : line_end;
         }
         if (rewrites_) {
-            output_.write("\n");
+            write("\n");
         }
         return damaged_ == 0 ? Exit_Status::ok : Exit_Status::incomplete;
     }
@@ -73,25 +84,36 @@ private:
                 const bool damaged = options_.verify_synthetic &&
                                      !is_synthetic(frame_.payload(), frame_.header.sequence);
                 damaged_ += damaged ? 1U : 0U;
+                if (frame_.is_recovery_point()) {
+                    recovery_point_ns_ = frame_.received_ns;
+                }
             }
         }
     }
 
     Exit_Status write(const Watch_Sample& sample) {
         if (options_.json) {
-            return write_to(output_, json_of(sample) + "\n");
+            return write(json_of(sample) + "\n");
         }
-        return write_to(output_,
-                        rewrites_ ? "\r" + text_of(sample) + "\x1b[K" : text_of(sample) + "\n");
+        return write(rewrites_ ? "\r" + text_of(sample) + "\x1b[K" : text_of(sample) + "\n");
+    }
+
+    Exit_Status write(const std::string& text) {
+        if (output_.write(std::as_bytes(std::span(text))) && output_.flush()) {
+            return Exit_Status::ok;
+        }
+        return report({Exit_Status::input_output,
+                       "cannot write to " + output_.title() + ": " + Output_File::cause(errno)});
     }
 
     const Watch_Options& options_;
-    const Standard_Output& output_;
     const bool rewrites_;
     const Stop_Signal stop_;
+    Output_File output_;
     Frame_Input input_;
     Received_Frame frame_;
     std::uint64_t damaged_ = 0;
+    std::optional<std::int64_t> recovery_point_ns_;  // when the last one came
 };
 
 }  // namespace

@@ -15,6 +15,10 @@ namespace {
 
 constexpr double ns_per_s = 1e9;
 
+Json::Value value_of(const std::optional<double>& age) {
+    return age ? Json::Value(*age) : Json::Value();
+}
+
 }  // namespace
 
 Watch_Sample sample_of(const Subscriber_Counters& before, const Subscriber_Counters& now,
@@ -57,6 +61,11 @@ std::string text_of(const Watch_Sample& sample) {
     } else {
         line += "none yet";
     }
+    if (sample.recovery_point_age_s) {
+        std::snprintf(text.data(), text.size(), ", recovery point %.1f s ago",
+                      *sample.recovery_point_age_s);
+        line += text.data();
+    }
     if (sample.damaged_total > 0) {
         line += "  DAMAGED " + std::to_string(sample.damaged_total);
     }
@@ -78,8 +87,8 @@ std::string json_of(const Watch_Sample& sample) {
     line["dropped_total"] = Json::UInt64{sample.dropped_total};
     line["damaged_total"] = Json::UInt64{sample.damaged_total};
     line["reconnects"] = Json::UInt64{sample.reconnects};
-    line["key_frame_age_s"] =
-        sample.key_frame_age_s ? Json::Value(*sample.key_frame_age_s) : Json::Value();
+    line["key_frame_age_s"] = value_of(sample.key_frame_age_s);
+    line["recovery_point_age_s"] = value_of(sample.recovery_point_age_s);
     return json_line(line);
 }
 

@@ -26,7 +26,8 @@ struct Watch_Sample {
     std::uint64_t dropped_total = 0;
     std::uint64_t damaged_total = 0;  // by --verify-synthetic
     std::uint64_t reconnects = 0;
-    std::optional<double> key_frame_age_s;  // nothing before the first one
+    std::optional<double> key_frame_age_s;       // nothing before the first one
+    std::optional<double> recovery_point_age_s;  // likewise
 };
 
 /// @param now_ns  CLOCK_MONOTONIC when `now` was taken.

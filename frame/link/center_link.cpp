@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -152,11 +150,7 @@ bool Center_Link::is_stale() const {
 }
 
 bool Center_Link::center_is_gone() const {
-    if (epoch_ == 0) {
-        return false;  // a center without a page: nobody can tell
-    }
-    const auto page = read_center_page(end_.folder);
-    return !page || (kill(static_cast<pid_t>(page->pid), 0) != 0 && errno == ESRCH);
+    return epoch_ != 0 && !is_center_alive(end_.folder);  // without a page nobody can tell
 }
 
 // The page is there once the center answers; a killed one's is removed by the next before it

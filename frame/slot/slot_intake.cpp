@@ -339,6 +339,7 @@ void Slot_Intake::Body::note(Slot_Reader::Take taken) {
             break;
         case Slot_Reader::Take::frame:
         case Slot_Reader::Take::unmapped:
+        case Slot_Reader::Take::unwritten:
             break;
     }
     wait_began_ = now;

@@ -39,6 +39,12 @@ std::uint64_t load_halves(const std::byte* slot, std::size_t offset) {
     return value;
 }
 
+// A foreign producer whose header is nothing but zeros has no payload either.
+bool is_unwritten(const ZAV_SHM_Frame_Header& header) {
+    static constexpr ZAV_SHM_Frame_Header as_made = {};
+    return std::memcmp(&header, &as_made, sizeof header) == 0;
+}
+
 bool is_ours(const ZAV_SHM_Frame_Header& header) {
     return header.magic == frame_magic && header.version == frame_version;
 }
@@ -133,6 +139,9 @@ Slot_Reader::Take Slot_Reader::use_once(Slot_Frame& frame, const Copy& copy) con
     if (frame.verified &&
         (commit == 0 || commit != commit_of(header.sequence) || epoch != header.epoch)) {
         return Take::torn;
+    }
+    if (is_unwritten(header)) {
+        return Take::unwritten;
     }
     const std::uint32_t length = header.payload_length;
     if (length > shm->size - frame_header_bytes) {

@@ -34,7 +34,8 @@ public:
         torn,       // overwritten during the copy, and again during a second one
         invalid,    // its length field is beyond the slot
         no_memory,  // for the copy
-        unmapped    // there is no slot
+        unmapped,   // there is no slot
+        unwritten   // nobody has written into it yet: what was announced is in another one
     };
 
     /// False when the segment or a semaphore could not be had.

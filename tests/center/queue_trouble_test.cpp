@@ -1,7 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A reply queue without room, and queues that are removed under a running center.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <thread>
+
 #include "center_fixture.h"
+#include "support/pid_namespace.h"
 
 namespace {
 
@@ -95,6 +103,44 @@ TEST_F(Full_Reply_Queue, replies_to_the_living_are_kept_when_those_to_the_gone_a
     EXPECT_EQ(field_of(other.ask(long_query), "status"), "invalid_name");
     EXPECT_EQ(replies.messages(), kept);
     EXPECT_EQ(take_all_of_the_living(), kept);
+}
+
+// It lives in a PID namespace of its own and has an id there that nobody has here.
+TEST_F(Full_Reply_Queue, reply_to_the_living_of_another_pid_namespace_is_kept) {
+    int unused = 2;
+    while (kill(unused, 0) == 0 || errno != ESRCH) {
+        ++unused;
+    }
+    int asked[2];
+    int go_on[2];
+    ASSERT_EQ(pipe2(asked, O_CLOEXEC), 0);
+    ASSERT_EQ(pipe2(go_on, O_CLOEXEC), 0);
+    const auto ask_and_take_the_reply_late = [&] {
+        const Raw_Client inside;
+        char byte = 'x';
+        const bool has_asked = inside.send_signed(long_query) &&
+                               becomes_true([this] { return replies.messages() == 1; }) &&
+                               write(asked[1], &byte, 1) == 1;
+        return has_asked && read(go_on[0], &byte, 1) == 1 &&
+                       inside.reply(std::chrono::milliseconds(0)) != "no reply"
+                   ? 7
+                   : 8;
+    };
+    int result = 0;
+    char byte = 'x';
+    std::thread other([&] {
+        result = result_in_pid_namespace(ask_and_take_the_reply_late, unused);
+        EXPECT_EQ(write(asked[1], &byte, 1), 1);  // also when it could not ask
+    });
+    EXPECT_EQ(read(asked[0], &byte, 1), 1);
+    leave_to_the_gone(replies_that_fit());
+    EXPECT_EQ(field_of(client.ask(long_query), "status"), "invalid_name");
+    EXPECT_EQ(write(go_on[1], &byte, 1), 1);
+    other.join();
+    EXPECT_EQ(result, 7);
+    for (const int end : {asked[0], asked[1], go_on[0], go_on[1]}) {
+        close(end);
+    }
 }
 
 TEST_F(Full_Reply_Queue, reply_that_finds_only_living_addressees_fails_with_its_lines) {

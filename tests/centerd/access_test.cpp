@@ -66,6 +66,24 @@ TEST_F(Daemon_Access, group_has_everything_before_the_start_line) {
     EXPECT_EQ(end(), 0);
 }
 
+// Also when it is root's, whom no mode keeps out.
+TEST_F(Daemon_Access, client_that_is_early_is_answered_when_everything_is_ready) {
+    requests.make();  // a client that comes before the center does so
+    daemon.emplace(command({"--config", configuration(), "--mode", "0666"}));
+    announce_leftovers_of(*parsed(small_configuration));
+    std::string reply = "no reply";
+    while (reply == "no reply") {  // what is sent before the start is thrown away
+        ASSERT_TRUE(client.send_signed(farewell));
+        reply = client.reply(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(mode_of("/dev/shm/shm"), 0755U);
+    for (const char* file : {"shm/CAM_LOOP_0_0", "sem.SRC_CAM_LOOP_SEM_0_0_0",
+                             "sem.DST_REMOTE_LOOP_SEM_8_1_2", "shm/center_page"}) {
+        EXPECT_EQ(mode_of(std::string("/dev/shm/") + file), 0666U) << file;
+    }
+    EXPECT_EQ(end(), 0);
+}
+
 TEST_F(Daemon_Access, without_a_group_everything_is_the_own_users_alone) {
     ASSERT_TRUE(start());
     EXPECT_EQ(mode_of("/dev/shm/shm"), 0700U);

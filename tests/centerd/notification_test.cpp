@@ -160,10 +160,10 @@ TEST_F(Daemon_Notification, full_reply_queue_is_left_alone) {
     while (replies.send(std::string(500, 'x'), getpid(), milliseconds(0))) {
     }
     std::this_thread::sleep_for(milliseconds(300));
-    const std::size_t full = replies.messages();
+    const std::size_t full = replies.status().bytes;
     forget_messages();
     EXPECT_EQ(message(milliseconds(1200)), "");
-    EXPECT_EQ(replies.messages(), full);
+    EXPECT_EQ(replies.status().bytes, full);
     EXPECT_EQ(daemon->read_rest(milliseconds(10)), "");  // no reply that could not be sent
 
     // The center still serves, which shows.

@@ -2,11 +2,15 @@
 #include <fcntl.h>
 #include <json/json.h>
 #include <sys/eventfd.h>
+#include <sys/mount.h>
+#include <sys/msg.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <thread>
 
 #include "apps/centerd/access_rights.h"
 #include "apps/centerd/clock_watch.h"
@@ -14,8 +18,10 @@
 #include "apps/centerd/hosted_center.h"
 #include "apps/centerd/idle_kicker.h"
 #include "apps/centerd/inventory.h"
+#include "apps/centerd/object_watch.h"
 #include "apps/centerd/self_check.h"
 #include "apps/centerd/signals.h"
+#include "apps/centerd/status_names.h"
 #include "apps/centerd/status_page.h"
 #include "ipc/descriptor.h"
 #include "parts_fixture.h"
@@ -25,6 +31,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace zav_shm::centerd;
 using std::chrono::milliseconds;
+using Requests = zav_shm::centerd::Control_Queues::Requests;
 
 const std::string register_player =
     R"({"command":"register","type":"Receiver","name":"PLAYER","pair_name":"CAM_LOOP",)"
@@ -75,6 +82,63 @@ TEST_F(Parts, queues_keep_their_messages_and_size_when_they_are_taken_over) {
     EXPECT_EQ(requests.messages(), 1U);
     EXPECT_EQ(requests.status().bytes_max, bytes_max);
     EXPECT_EQ(requests.status().mode, 0600U);
+}
+
+// Root has no privilege here.
+TEST_F(Parts, queue_of_requests_that_is_held_takes_none_from_anybody) {
+    auto queues = prepared_queues();
+    requests.send("from before", 1, milliseconds(0));
+    ASSERT_FALSE(queues.prepare({0600, getegid()}, Requests::held));
+    EXPECT_FALSE(requests.send(std::string(1028, 'x'), 1, milliseconds(0)));
+    EXPECT_FALSE(requests.send("xx", 1, milliseconds(0)));
+    EXPECT_EQ(requests.messages(), 1U);
+    EXPECT_TRUE(replies.send("reply", 1, milliseconds(0)));
+    ASSERT_FALSE(queues.prepare({0660, getegid()}));
+    EXPECT_TRUE(requests.send(std::string(1028, 'x'), 1, milliseconds(0)));
+    EXPECT_EQ(requests.status().mode, 0660U);
+}
+
+TEST_F(Parts, request_that_waits_for_the_hold_to_end_is_answered_then) {
+    auto queues = prepared_queues();
+    ASSERT_FALSE(queues.prepare({0600, getegid()}, Requests::held));
+    std::string reply;
+    std::thread early([this, &reply] { reply = client.ask(farewell); });
+    start();
+    EXPECT_EQ(requests.messages() + replies.messages(), 0U);
+    ASSERT_FALSE(queues.prepare({0600, getegid()}));
+    early.join();
+    EXPECT_EQ(field_of(reply, "status"), "success");
+}
+
+TEST_F(Parts, center_is_shut_down_while_requests_are_held) {
+    auto queues = prepared_queues();
+    ASSERT_FALSE(queues.prepare({0600, getegid()}, Requests::held));
+    start();
+    const Stopwatch watch;
+    stop();
+    EXPECT_LT(watch.elapsed(), std::chrono::seconds(10));
+}
+
+TEST_F(Parts, queue_that_a_killed_daemon_left_held_is_given_its_room_again) {
+    prepared_queues();
+    const std::size_t usual = requests.status().bytes_max;
+    EXPECT_FALSE(prepared_queues().prepare({0600, getegid()}, Requests::held));
+    EXPECT_EQ(requests.status().bytes_max, 1U);
+    prepared_queues();
+    EXPECT_EQ(requests.status().bytes_max, usual);
+}
+
+// It was made under another limit, and only who has the privilege may go beyond the present one.
+TEST_F(Parts, queue_larger_than_the_limit_is_given_as_much_as_is_allowed_after_the_hold) {
+    auto queues = prepared_queues();
+    const std::size_t usual = requests.status().bytes_max;
+    std::ofstream("/proc/sys/kernel/msgmnb") << usual / 2;
+    std::size_t limit = 0;
+    std::ifstream("/proc/sys/kernel/msgmnb") >> limit;
+    ASSERT_FALSE(queues.prepare({0600, getegid()}, Requests::held));
+    ASSERT_FALSE(queues.prepare({0600, getegid()}));
+    EXPECT_TRUE(requests.status().bytes_max == usual || requests.status().bytes_max == limit);
+    std::ofstream("/proc/sys/kernel/msgmnb") << usual;
 }
 
 // ---- self-check ----
@@ -165,6 +229,18 @@ TEST_F(Parts, loop_repeats_as_often_as_told_beside_what_goes_on) {
     EXPECT_GE(watch.elapsed(), milliseconds(200));
 }
 
+// ---- what somebody removes ----
+
+TEST_F(Parts, watch_finds_what_was_gone_before_it_began) {
+    start();
+    const Inventory inventory(*config);
+    EXPECT_FALSE(Object_Watch(inventory).look().lost);
+    fs::rename("/dev/shm/shm/CAM_LOOP_3_1", "/dev/shm/shm/away");
+    const auto lost = Object_Watch(inventory).look().lost;
+    fs::rename("/dev/shm/shm/away", "/dev/shm/shm/CAM_LOOP_3_1");
+    EXPECT_EQ(lost, "segment /dev/shm/shm/CAM_LOOP_3_1 was removed");
+}
+
 // ---- idle kick ----
 
 TEST_F(Parts, kicker_unpairs_idle_consumers_once_that_is_enabled) {
@@ -192,7 +268,7 @@ TEST_F(Parts, kicker_ends_at_once_whatever_its_interval) {
 TEST_F(Parts, status_is_readable_json_with_the_centers_own_words) {
     start();
     client.ask(register_player);
-    const Status_Page page("/shm", "some \"file\"", {});
+    Status_Page page("/shm", "some \"file\"", {}, {});
     EXPECT_NE(page.page().epoch, 0U);
     Json::Value status;
     const std::string text = page.status_of(*center);
@@ -202,12 +278,53 @@ TEST_F(Parts, status_is_readable_json_with_the_centers_own_words) {
     EXPECT_EQ(status["configuration"].asString(), "some \"file\"");
     EXPECT_EQ(status["channels"].size(), 12U);
     EXPECT_EQ(status["channels"][0]["consumers"][0]["name"].asString(), "PLAYER");
-    EXPECT_NE(Status_Page("/shm", "", {}).page().epoch, page.page().epoch);
+    EXPECT_NE(Status_Page("/shm", "", {}, {}).page().epoch, page.page().epoch);
+}
+
+TEST_F(Parts, status_lists_names_with_the_streams_that_are_accepted) {
+    const auto tricky = parsed(R"({
+        "Stream": [{"index": 7, "page_size": 100}, {"index": 8, "page_size": 200}],
+        "Distributor": [{"name": "MAIN", "channel": 2, "stream": [1]}],
+        "Receiver": [{"name": "LONG", "channel": 3, "stream": [0, 1, 1]},
+                     {"name": "NONE", "channel": 1, "stream": []}]
+    })");
+    const Json::Value names = status_names(*tricky);
+    const auto written = [](const Json::Value& value) {
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        return Json::writeString(builder, value);
+    };
+    const std::string first = R"({"index":7,"page_size":100,"stream":0})";
+    EXPECT_EQ(written(names["distributors"]),
+              R"([{"channels":2,"name":"MAIN","streams":[)" + first + "]}]");
+    EXPECT_EQ(written(names["receivers"]), R"([{"channels":3,"name":"LONG","streams":[)" + first +
+                                               R"(,{"index":8,"page_size":200,"stream":1}]},)" +
+                                               R"({"channels":1,"name":"NONE","streams":[]}])");
+}
+
+// What the start reckons with is enough: for the longest names, with all their channels paired.
+TEST_F(Parts, status_takes_no_more_than_the_room_that_is_kept_for_it) {
+    const std::string name(31, '\x01');
+    std::string escaped;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        escaped += "\\u0001";
+    }
+    start(R"({"Stream": [{"index": 2147483647, "page_size": 1}],
+              "Distributor": [{"name": ")" +
+          escaped + R"(", "channel": 1, "stream": [0]}],
+              "Receiver": [{"name": ")" +
+          escaped + R"(", "channel": 1, "stream": [0]}]})");
+    client.ask(R"({"command":"register","type":"Receiver","channel":0,"stream":0,"name":")" +
+               escaped + R"(","pair_name":")" + escaped + "\"}");
+    const std::string text =
+        Status_Page("/shm", std::string(4000, '/'), status_names(*config), {}).status_of(*center);
+    EXPECT_NE(text.find("consumers\":[{"), std::string::npos);
+    EXPECT_LT(text.size() - 4000, 2U * 512U + 2U * (256U + 80U));  // channels, and names
 }
 
 TEST_F(Parts, status_that_cannot_be_written_leaves_the_former_one) {
     start();
-    const Status_Page page("/shm", "file", {});
+    Status_Page page("/shm", "file", {}, {});
     ASSERT_TRUE(page.write_page());
     ASSERT_TRUE(page.write_status(*center));
     fs::create_directories("/dev/shm/shm/center_status.json.new/inner");
@@ -248,6 +365,25 @@ TEST_F(Started, segment_of_another_length_is_named_with_both) {
     const auto failed = rights().apply(inventory);
     ASSERT_TRUE(failed);
     EXPECT_NE(failed->lines[0].find("CAM_REC_0_1 has 100 bytes, not 8320"), std::string::npos)
+        << failed->lines[0];
+}
+
+// Others may take the room between the look at it and the start.
+TEST_F(Started, room_that_is_gone_by_the_time_of_the_start_is_named_as_the_cause) {
+    ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, "nr_inodes=100"), 0);
+    config = parsed(small_configuration);
+    const Inventory inventory(*config);
+    Outcome failed;
+    {
+        const auto queues = prepared_queues();
+        std::unique_ptr<Hosted_Center> hosted;
+        output_of([&] { hosted = std::make_unique<Hosted_Center>(*config, inventory, queues); });
+        failed = hosted->make_ready(rights());
+    }
+    EXPECT_EQ(umount("/dev/shm"), 0);
+    ASSERT_TRUE(failed);
+    EXPECT_EQ(failed->status, Exit_Status::no_room);
+    EXPECT_NE(failed->lines[0].find("more files (inodes), 36 are needed"), std::string::npos)
         << failed->lines[0];
 }
 

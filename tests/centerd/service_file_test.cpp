@@ -16,16 +16,24 @@ protected:
 };
 
 TEST_F(Service_File, names_the_program_where_it_is_installed) {
-    EXPECT_TRUE(has_line("ExecStart=" ZAV_TEST_INSTALLED_CENTERD));
+    EXPECT_TRUE(
+        has_line("ExecStart=" ZAV_TEST_INSTALLED_CENTERD " --config " ZAV_TEST_INSTALLED_CONFIG));
     EXPECT_EQ(text().find('@'), text().find("@system-service")) << "a name was not filled in";
 }
 
 TEST_F(Service_File, keeps_what_clients_share_with_the_center) {
-    for (const char* line : {"Type=notify", "PrivateTmp=no", "PrivateIPC=no", "RemoveIPC=no",
+    for (const char* line : {"PrivateTmp=no", "PrivateIPC=no", "RemoveIPC=no",
                              "LimitMEMLOCK=infinity", "Restart=on-failure"}) {
         EXPECT_TRUE(has_line(line)) << line;
     }
     EXPECT_EQ(text().find("\nPrivateDevices="), std::string::npos);
+}
+
+// A service manager that waits for news which never come ends the daemon.
+TEST_F(Service_File, waits_for_notifications_only_when_there_are_some) {
+    EXPECT_EQ(has_line("Type=notify"), ZAV_TEST_NOTIFIES == 1);
+    EXPECT_EQ(has_line("WatchdogSec=20"), ZAV_TEST_NOTIFIES == 1);
+    EXPECT_EQ(has_line("Type=exec"), ZAV_TEST_NOTIFIES == 0);
 }
 
 TEST_F(Service_File, is_valid_to_the_service_manager) {

@@ -1,14 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
 #include <json/json.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "control/center_page.h"
 #include "daemon_fixture.h"
+#include "ipc/zav_shm.h"
 
 namespace {
 
@@ -22,6 +27,17 @@ const std::string register_player =
 class Daemon_Life : public Daemon_Process {
 protected:
     bool answers() const { return field_of(client.ask(farewell), "status") == "success"; }
+
+    // Runs this in a process of its own.
+    static bool survives(const std::function<void()>& action) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            action();
+            _exit(0);
+        }
+        int status = -1;
+        return waitpid(pid, &status, 0) == pid && status == 0;
+    }
 
     // Names below /dev/shm, folders included.
     static std::size_t names_left() {
@@ -45,7 +61,8 @@ protected:
 TEST_F(Daemon_Life, start_prints_what_it_serves_in_one_line_and_answers) {
     ASSERT_TRUE(start());
     EXPECT_NE(start_line.find("(pid " + std::to_string(daemon->pid()) +
-                              ") serves 12 producer and 28 consumer channels of " + folder()),
+                              ") is ready and serves 12 producer and 28 consumer channels of " +
+                              folder()),
               std::string::npos)
         << start_line;
     EXPECT_NE(start_line.find("mode 0600"), std::string::npos) << start_line;
@@ -65,6 +82,30 @@ TEST_F(Daemon_Life, start_line_warns_of_names_that_are_refused_every_stream) {
         << start_line;
     EXPECT_NE(start_line.find("warning: consumer \"DEAF\" is refused every stream"),
               std::string::npos);
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(Daemon_Life, start_reports_what_the_configuration_probably_does_not_mean) {
+    std::string content = small_configuration;
+    content.insert(content.find('{') + 1, R"("system": {},)");
+    ASSERT_TRUE(start_with(content));
+    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(errors(),
+              "zav-shm-centerd: warning: the unknown key \"system\" is ignored; \"System\" is a "
+              "known one\n");
+}
+
+// Else a lock or a segment would get the number of a standard stream.
+TEST_F(Daemon_Life, starts_without_standard_streams) {
+    const std::string path = configuration();
+    daemon.emplace(Words{"/bin/sh", "-c", R"(exec "$@" 0<&- 1>&- 2>&-)", "sh", ZAV_TEST_CENTERD,
+                         "--config", path, "--clean"});
+    ASSERT_TRUE(becomes_true([] { return zav_shm::read_center_page("/shm").has_value(); }));
+    for (const char* stream : {"0", "1", "2"}) {
+        EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(daemon->pid()) + "/fd/" + stream),
+                  "/dev/null");
+    }
+    EXPECT_TRUE(answers());
     EXPECT_EQ(end(), 0);
 }
 
@@ -89,6 +130,26 @@ TEST_F(Daemon_Life, follows_a_killed_one) {
     ASSERT_TRUE(start()) << errors();
     EXPECT_TRUE(answers());
     EXPECT_NE(zav_shm::read_center_page("/shm")->epoch, page_of_the_killed->epoch);
+    EXPECT_EQ(end(), 0);
+}
+
+// Cutting them off would kill whoever has them mapped, at the next frame.
+TEST_F(Daemon_Life, with_smaller_pages_leaves_the_former_segments_to_those_who_have_them) {
+    ASSERT_TRUE(start());
+    const IPC_SHMEMORY former("/shm/CAM_LOOP_0_1", O_RDWR);
+    ASSERT_EQ(former.size, 8192U + 128U);
+    daemon->kill();
+    std::string content = small_configuration;
+    content.replace(content.find("8192"), 4, "1024");
+    ASSERT_TRUE(start_with(content)) << errors();
+    EXPECT_EQ(
+        errors(),
+        "zav-shm-centerd: segments of another length are replaced: 6; clients keep the former "
+        "ones until they register again\n");
+    EXPECT_TRUE(
+        survives([&former] { static_cast<char*>(former.mem_addr)[former.size - 1] = 'x'; }));
+    const IPC_SHMEMORY found("/shm/CAM_LOOP_0_1", O_RDONLY);
+    EXPECT_EQ(found.size, 1024U + 128U);
     EXPECT_EQ(end(), 0);
 }
 
@@ -242,6 +303,14 @@ TEST_F(Daemon_Life, status_describes_center_and_channels) {
         EXPECT_TRUE(channel[count].isInt()) << count;
     }
     EXPECT_TRUE(channel["consumers"].isArray());
+    const Json::Value& names = status["names"];
+    ASSERT_EQ(names["distributors"].size(), 3U);
+    ASSERT_EQ(names["receivers"].size(), 3U);
+    EXPECT_EQ(names["distributors"][0]["name"].asString(), "CAM_LOOP");
+    EXPECT_EQ(names["distributors"][0]["channels"].asInt(), 4);
+    EXPECT_EQ(names["distributors"][0]["streams"][1]["page_size"].asInt(), 8192);
+    EXPECT_EQ(names["receivers"][2]["name"].asString(), "DEAF");
+    EXPECT_TRUE(names["receivers"][2]["streams"].empty());
     EXPECT_EQ(end(), 0);
 }
 

@@ -12,6 +12,8 @@
 #include <thread>
 
 #include "support/kernel_objects.h"
+#include "support/pid_namespace.h"
+#include "support/raw_client.h"
 
 namespace {
 
@@ -163,6 +165,63 @@ TEST_F(Center_Page_File, is_never_read_in_part_while_it_is_replaced) {
     }
     ended = true;
     writer.join();
+}
+
+// ---- whether the host lives ----
+
+Center_Page page_of_process(pid_t pid) {
+    Center_Page page;
+    page.epoch = 1;
+    page.pid = static_cast<std::uint32_t>(pid);
+    return page;
+}
+
+TEST_F(Center_Page_File, without_the_flag_tells_by_the_process_id) {
+    EXPECT_FALSE(zav_shm::is_center_alive("/shm"));
+    ASSERT_TRUE(write_center_page("/shm", page_of_process(getpid())));
+    EXPECT_TRUE(zav_shm::is_center_alive("/shm"));
+    ASSERT_TRUE(write_center_page("/shm", page_of_process(gone_pid())));
+    EXPECT_FALSE(zav_shm::is_center_alive("/shm"));
+}
+
+TEST_F(Center_Page_File, tells_of_the_center_that_wrote_it_and_of_no_other) {
+    const pid_t gone = gone_pid();
+    const auto held = zav_shm::hold_center_page("/shm", page_of_process(gone));
+    EXPECT_TRUE(zav_shm::is_center_alive("/shm", gone)) << "it is in another PID namespace";
+    EXPECT_TRUE(zav_shm::is_center_alive("/shm", getpid()));
+    EXPECT_FALSE(zav_shm::is_center_alive("/shm", gone_pid()));
+    EXPECT_FALSE(zav_shm::is_center_alive("/other", gone));
+    EXPECT_FALSE(zav_shm::is_center_alive("/shm", 0));
+    EXPECT_FALSE(zav_shm::is_center_alive("/shm", -1));
+}
+
+// Its process id may be that of another process by then; in a container it nearly always is.
+TEST_F(Center_Page_File, that_nobody_holds_any_more_is_that_of_a_dead_center) {
+    {
+        const auto held = zav_shm::hold_center_page("/shm", page_of_process(getpid()), {0640, 0});
+        ASSERT_TRUE(held.is_open());
+        EXPECT_TRUE(zav_shm::is_center_alive("/shm"));
+        EXPECT_EQ(read_center_page("/shm")->flags, zav_shm::center_page_is_held);
+        EXPECT_EQ(fs::status(path).permissions(), fs::perms(0640));
+    }
+    EXPECT_FALSE(zav_shm::is_center_alive("/shm"));
+}
+
+TEST_F(Center_Page_File, is_held_beside_its_predecessor) {
+    auto held = zav_shm::hold_center_page("/shm", page_of(1));
+    held = zav_shm::hold_center_page("/shm", page_of(2));
+    EXPECT_TRUE(zav_shm::is_center_alive("/shm"));
+    EXPECT_EQ(read_center_page("/shm")->epoch, 2U);
+    EXPECT_FALSE(zav_shm::hold_center_page("/missing", page_of(1)).is_open());
+    EXPECT_EQ(errno, ENOENT);
+}
+
+// There, this process has no id at all.
+TEST_F(Center_Page_File, tells_a_process_of_another_pid_namespace_that_the_center_lives) {
+    auto held = zav_shm::hold_center_page("/shm", page_of_process(getpid()));
+    EXPECT_EQ(result_in_pid_namespace([] { return zav_shm::is_center_alive("/shm") ? 7 : 8; }), 7);
+    held = zav_shm::Descriptor();
+    EXPECT_EQ(result_in_pid_namespace([] { return zav_shm::is_center_alive("/shm") ? 7 : 8; }), 8);
 }
 
 }  // namespace

@@ -3,12 +3,14 @@
 
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <string>
 
 #include "support/kernel_objects.h"
+#include "support/pid_namespace.h"
 
 namespace {
 
@@ -108,6 +110,29 @@ TEST_F(Message_Queue, asking_what_it_holds_takes_nothing) {
     EXPECT_TRUE(queue.holds(6));
     EXPECT_TRUE(queue.holds(6));
     EXPECT_FALSE(queue.holds(7));
+}
+
+TEST_F(Message_Queue, tells_who_sent_the_message_taken_last_when_no_other_waits) {
+    send(1, "one");
+    send(1, "two");
+    EXPECT_FALSE(queue.last_sender()) << "of the second";
+    queue.discard_oldest();
+    EXPECT_FALSE(queue.last_sender()) << "of the second, which waits";
+    queue.discard_oldest();
+    EXPECT_EQ(queue.last_sender(), getpid());
+    EXPECT_FALSE(ZAV_MSG_Q().last_sender());
+}
+
+TEST_F(Message_Queue, tells_a_sender_of_another_pid_namespace_by_the_id_that_it_has_here) {
+    const auto send_from_there = [this] {
+        send(1, "one");
+        return getpid() == 2 ? 7 : 8;
+    };
+    ASSERT_EQ(result_in_pid_namespace(send_from_there), 7);
+    queue.discard_oldest();
+    const auto sender = queue.last_sender();
+    ASSERT_TRUE(sender);
+    EXPECT_NE(*sender, 2);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 //
 // The commands that ask the center, and `watch`.
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,6 +34,15 @@ protected:
                                R"("kick_idle":)" + (kick ? "true" : "false") +
                                R"(,"configuration":"test.json","channels":[{"name":"CAM_LOOP",)" +
                                R"("channel":0,"stream":0,"frames":77,"consumers":[]}]})" + "\n");
+    }
+
+    // The same ten seconds ago.
+    static void write_old_status() {
+        write_status(getpid(), true);
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        const timespec times[] = {{now.tv_sec - 10, 0}, {now.tv_sec - 10, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, status_file, times, 0), 0);
     }
 
     static constexpr const char* status_file = "/dev/shm/shm/center_status.json";
@@ -87,10 +97,106 @@ TEST_F(Tool_Control, pair_moves_every_channel_and_stream_if_asked_to) {
 TEST_F(Tool_Control, pair_with_an_unknown_name_is_refused_with_the_reason) {
     Tool_Process producer = start({"pair", "--name", "PLAYER", "--pair", "X", "--json"});
     EXPECT_EQ(producer.status(), refused);
-    EXPECT_TRUE(producer.says("Can't Find Shm Pair Name X"));
+    EXPECT_TRUE(producer.says("Can't Find Shm Name X Distributor"));
     Tool_Process consumer = start({"pair", "--name", "X", "--pair", "CAM_LOOP", "--all"});
     EXPECT_EQ(consumer.status(), refused);
     EXPECT_TRUE(consumer.says("Can't Find Shm Name X"));
+}
+
+// The center itself would say "success", and interrupt the consumer.
+TEST_F(Tool_Control,
+       pair_with_a_channel_or_stream_that_is_not_there_is_refused_and_disturbs_nobody) {
+    Tool_Process watcher = start(
+        {"watch", "--name", "PLAYER", "--pair", "CAM_LOOP", "--channel", "1", "--json", "--quiet"});
+    ASSERT_TRUE(watcher.read_line());
+    printed_within(std::chrono::milliseconds(100));
+    for (const auto& [words, complaint] :
+         {std::pair{
+              Words{"CAM_LOOP", "--channel", "4095"},
+              "there is no PLAYER/4095/0: in the center's configuration PLAYER has 2 channels "
+              "(0 to 1) and 2 streams (0 to 1)"},
+          std::pair{Words{"CAM_LOOP", "--stream", "2"}, "there is no PLAYER/0/2"},
+          std::pair{Words{"CAM_REC", "--channel", "1"},
+                    "there is no CAM_REC/1/0: in the center's configuration CAM_REC has 1 channel "
+                    "(0) and 2 streams (0 to 1)"}}) {
+        Words all{"pair", "--name", "PLAYER", "--pair"};
+        all.insert(all.end(), words.begin(), words.end());
+        Tool_Process tool = start(all);
+        EXPECT_EQ(tool.status(), refused);
+        EXPECT_TRUE(tool.says(complaint));
+        EXPECT_EQ(tool.output(), "");
+    }
+    EXPECT_EQ(printed_within(std::chrono::milliseconds(200)).find("remove_distributor"),
+              std::string::npos);
+    watcher.signal(SIGTERM);
+    EXPECT_EQ(watcher.status(), 0);
+}
+
+TEST_F(Tool_Control, pair_with_a_producer_of_fewer_channels_moves_those_that_both_have) {
+    Tool_Process tool = start({"pair", "--name", "PLAYER", "--pair", "CAM_REC", "--all"});
+    EXPECT_EQ(tool.output(),
+              "PLAYER/0/0 is fed by CAM_REC/0/0\nPLAYER/0/1 is fed by CAM_REC/0/1\n");
+    EXPECT_EQ(tool.status(), 0);
+    EXPECT_TRUE(
+        tool.says("2 of 4 channel ends of PLAYER stay as they are: CAM_REC has 1 channel (0) and"));
+}
+
+class Tool_Names : public Tool {
+protected:
+    // A producer called NONE, by which consumers are freed, and one without streams.
+    void SetUp() override {
+        Tool::SetUp();
+        ASSERT_TRUE(start_center(R"({
+            "Stream": [{"index": 0, "page_size": 4096}],
+            "Distributor": [{"name": "CAM_LOOP", "channel": 2, "stream": [0]},
+                            {"name": "NONE", "channel": 1, "stream": [0]},
+                            {"name": "SILENT", "channel": 3, "stream": []}],
+            "Receiver": [{"name": "PLAYER", "channel": 2, "stream": [0]}]
+        })"));
+    }
+};
+
+TEST_F(Tool_Names, pair_frees_a_consumer_on_every_channel_where_a_producer_is_called_so) {
+    Tool_Process one = start({"pair", "--name", "PLAYER", "--pair", "NONE", "--channel", "1"});
+    EXPECT_EQ(one.output(), "PLAYER/1/0 is fed by nobody\n");
+    EXPECT_EQ(one.status(), 0);
+    Tool_Process all = start({"pair", "--name", "PLAYER", "--pair", "NONE", "--all"});
+    EXPECT_EQ(all.output(), "PLAYER/0/0 is fed by nobody\nPLAYER/1/0 is fed by nobody\n");
+    EXPECT_EQ(all.status(), 0);
+}
+
+// A name that would clear the screen and write a line of its own.
+TEST_F(Tool_Names, are_printed_so_that_they_steer_no_terminal) {
+    ASSERT_TRUE(start_center(R"({
+        "Stream": [{"index": 0, "page_size": 4096}],
+        "Distributor": [{"name": "CAM\u001b[2J\nX", "channel": 1, "stream": [0]}],
+        "Receiver": [{"name": "PLAYER", "channel": 1, "stream": [0]}]
+    })"));
+    const std::string name = "CAM\x1B[2J\nX";
+    for (const Words& words : {Words{"query", "--type", "Distributor", "--name", name},
+                               Words{"pair", "--name", "PLAYER", "--pair", name},
+                               Words{"publish", "--synthetic", "--name", name, "--count", "1"},
+                               Words{"query", "--type", "Receiver", "--name", name}}) {
+        Tool_Process tool = start(words, "exec \"$@\" --quiet");
+        const std::string output = tool.output();
+        tool.status();
+        const std::string all = output + tool.errors();
+        EXPECT_EQ(all.find('\x1B'), std::string::npos) << all;
+        EXPECT_NE(all.find("CAM\\x1b[2J\\x0aX"), std::string::npos) << all;
+    }
+}
+
+TEST_F(Tool_Names, that_list_no_stream_are_refused_with_the_reason) {
+    for (const Words& words :
+         {Words{"publish", "--synthetic", "--name", "SILENT"},
+          Words{"pair", "--name", "PLAYER", "--pair", "SILENT", "--all"},
+          Words{"watch", "--name", "PLAYER", "--pair", "SILENT"},
+          Words{"record", "--name", "PLAYER", "--pair", "SILENT", "-o", path("out")}}) {
+        Tool_Process tool = start(words);
+        EXPECT_EQ(tool.status(), refused) << words[0];
+        EXPECT_TRUE(
+            tool.says("SILENT has 3 channels (0 to 2) and no stream; the built-in defaults"));
+    }
 }
 
 // ---- kick ----
@@ -144,6 +250,7 @@ TEST_F(Tool_Control, status_shows_the_file) {
 }
 
 TEST_F(Tool_Control, status_tells_when_the_center_is_gone) {
+    center->kill();
     Child_Process ended({"/bin/true"});
     ASSERT_EQ(ended.wait(), 0);
     write_status(ended.pid(), true);
@@ -154,15 +261,30 @@ TEST_F(Tool_Control, status_tells_when_the_center_is_gone) {
 }
 
 TEST_F(Tool_Control, status_tells_when_the_center_hangs) {
-    write_status(getpid(), true);
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const timespec times[] = {{now.tv_sec - 10, 0}, {now.tv_sec - 10, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, status_file, times, 0), 0);
+    write_old_status();
+    center->signal(SIGSTOP);
     Tool_Process tool = start({"status", "--json"});
     EXPECT_TRUE(parsed_json(tool.output())["stale"].asBool());
     EXPECT_EQ(tool.status(), no_center);
-    EXPECT_TRUE(tool.says("the center hangs"));
+    EXPECT_TRUE(tool.says("the center hangs: it does not answer"));
+    center->signal(SIGCONT);
+}
+
+// The status cannot be replaced then, and the center is well.
+TEST_F(Tool_Control, status_on_a_full_file_system_does_not_say_that_the_center_hangs) {
+    const auto limit_to = [](const char* size) {
+        return mount("tmpfs", "/dev/shm", "tmpfs", MS_REMOUNT, size) == 0;
+    };
+    ASSERT_TRUE(limit_to("size=8m"));
+    write_old_status();
+    Tool_Process fill = start({}, "cat /dev/zero > /dev/shm/filler");
+    EXPECT_NE(fill.status(), 0);
+    Tool_Process tool = start({"status"});
+    EXPECT_EQ(tool.status(), input_output);
+    EXPECT_TRUE(tool.says("the center answers, but what it tells is old"));
+    EXPECT_TRUE(tool.says("the file system has 0 of 8388608 bytes"));
+    unlink("/dev/shm/filler");
+    EXPECT_TRUE(limit_to("size=50%"));
 }
 
 TEST_F(Tool_Control, status_without_a_file_and_with_a_damaged_one_says_so) {
@@ -181,6 +303,51 @@ TEST_F(Tool_Control, status_lets_the_center_print_if_asked_to) {
     EXPECT_EQ(tool.status(), 0);
     EXPECT_NE(printed_within(std::chrono::milliseconds(200)).find("======== Distributor ======="),
               std::string::npos);
+}
+
+// ---- names ----
+
+TEST_F(Tool_Control, names_lists_what_is_configured_and_who_is_registered) {
+    write(status_file, R"({"pid":)" + std::to_string(getpid()) + R"(, "names": {
+        "distributors": [
+            {"name": "CAM_LOOP", "channels": 2, "streams": [
+                {"stream": 0, "index": 0, "page_size": 65536},
+                {"stream": 1, "index": 4, "page_size": 16384}]},
+            {"name": "SILENT", "channels": 1, "streams": []}],
+        "receivers": [
+            {"name": "PLAYER", "channels": 2, "streams": [
+                {"stream": 0, "index": 0, "page_size": 65536}]},
+            {"name": "RECODER", "channels": 1, "streams": []}]},
+        "channels": [
+            {"name": "CAM_LOOP", "channel": 0, "stream": 0, "consumers": [
+                {"name": "PLAYER", "channel": 0, "stream": 0}]},
+            {"name": "CAM_LOOP", "channel": 1, "stream": 0, "consumers": [
+                {"name": "PLAYER", "channel": 1, "stream": 0}]}]})");
+    Tool_Process text = start({"names"});
+    EXPECT_EQ(text.output(),
+              "producer  channels  streams  page sizes    feeds\n"
+              "CAM_LOOP         2        2  65536, 16384  PLAYER/0/0, PLAYER/1/0\n"
+              "SILENT           1        0  -             -\n"
+              "\n"
+              "consumer  channels  streams  page sizes  fed by\n"
+              "PLAYER           2        1  65536       CAM_LOOP/0/0, CAM_LOOP/1/0\n"
+              "RECODER          1        0  -           -\n");
+    EXPECT_EQ(text.status(), 0) << text.errors();
+    Tool_Process json = start({"names", "--json"});
+    const Json::Value names = parsed_json(json.output());
+    EXPECT_EQ(json.status(), 0);
+    EXPECT_EQ(names["producers"][0]["streams"][1]["index"], 4);
+    EXPECT_EQ(names["producers"][0]["feeds"][1]["name"], "PLAYER");
+    EXPECT_EQ(names["consumers"][0]["fed"][1]["producer"], "CAM_LOOP");
+    EXPECT_EQ(names["consumers"][1]["fed"].size(), 0U);
+}
+
+TEST_F(Tool_Control, names_of_a_center_that_does_not_list_them_says_so) {
+    write_status(getpid(), true);
+    Tool_Process tool = start({"names"});
+    EXPECT_EQ(tool.output(), "");
+    EXPECT_EQ(tool.status(), input_output);
+    EXPECT_TRUE(tool.says("lists no names: it is of zav-shm-centerd 9.9, which is older"));
 }
 
 // ---- watch ----

@@ -100,6 +100,14 @@ TEST_F(Tool_Daemon, consumer_that_runs_follows_a_pairing_by_the_tool) {
     EXPECT_EQ(recorder.figure("torn"), 0);
 }
 
+TEST_F(Tool_Daemon, status_sees_a_center_of_another_process_namespace) {
+    Tool_Process tool =
+        start({"status", "--json"}, "exec unshare --pid --fork --mount-proc \"$@\"");
+    const Json::Value status = parsed_json(tool.output());
+    EXPECT_EQ(tool.status(), 0) << tool.errors();
+    EXPECT_TRUE(status["alive"].asBool());
+}
+
 TEST_F(Tool_Daemon, kick_is_confirmed) {
     for (const bool on : {true, false}) {
         const std::string word = on ? "on" : "off";

@@ -6,8 +6,11 @@
 
 #include <fstream>
 
+#include "apps/text/printable.h"
 #include "apps/tool/argument_checks.h"
+#include "apps/tool/center_request.h"
 #include "apps/tool/json_text.h"
+#include "apps/tool/name_lists.h"
 #include "apps/tool/pacer.h"
 #include "apps/tool/rate.h"
 #include "apps/tool/status_file.h"
@@ -93,6 +96,15 @@ TEST(Argument_Checks, name_the_value_and_the_limits) {
     }
 }
 
+TEST(Argument_Checks, know_a_file_by_any_of_its_names) {
+    const std::string file = ZAV_TEST_STREAMS "/plain.h264";
+    EXPECT_TRUE(is_same_file(file, ZAV_TEST_STREAMS "/../streams/plain.h264"));
+    EXPECT_FALSE(is_same_file(file, ZAV_TEST_STREAMS "/plain.h265"));
+    EXPECT_TRUE(is_same_file("/no/such/file", "/no/such/../such/file"));
+    EXPECT_FALSE(is_same_file("/no/such/file", "/no/such/other"));
+    EXPECT_FALSE(is_same_file("/dev/null", "/dev/null"));
+}
+
 // ---- two streams in turn ----
 
 TEST(Stream_Switch, changes_at_a_key_frame_of_the_other_stream_only) {
@@ -121,7 +133,41 @@ TEST(Synthetic_Pattern, is_known_by_its_sequence_number) {
     EXPECT_TRUE(is_synthetic({}, 7));
 }
 
+// ---- the center's answers ----
+
+TEST(Center_Request, problem_names_the_channel_once_and_the_time_that_was_given) {
+    const auto text_of = [](const Opened& opened) {
+        return problem_of(opened, "CAM_LOOP/0/0", 2s)->text;
+    };
+    EXPECT_EQ(text_of({.reason = "CAM_LOOP/0/0: Can't Find Channel 0", .refused = true}),
+              "the center refuses CAM_LOOP/0/0: Can't Find Channel 0");
+    EXPECT_EQ(text_of({.reason = "32- and 64-bit processes", .refused = true}),
+              "32- and 64-bit processes");
+    EXPECT_EQ(
+        text_of({.reason = "no answer from the center within 19 ms"}),
+        "no center within 2.0 s: no answer from the center; start zav-shm-centerd, or give it "
+        "more time with --wait");
+    EXPECT_FALSE(problem_of({.state = Frame_State::connected, .reason = {}}, "CAM_LOOP/0/0", 2s));
+}
+
 // ---- what is printed ----
+
+TEST(Printable, shows_text_and_escapes_what_steers_terminals) {
+    EXPECT_EQ(printable("CAM_LOOP/0/1 caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xA5"),
+              "CAM_LOOP/0/1 caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xA5");
+    EXPECT_EQ(printable("a\x1B[2Jb\nc\x7F"), "a\\x1b[2Jb\\x0ac\\x7f");
+    EXPECT_EQ(printable(std::string("\0", 1)), "\\x00");
+    EXPECT_EQ(printable("\xC2\x9B"
+                        "31m"),
+              "\\xc2\\x9b31m")
+        << "a control character of two bytes";
+    // Cut, overlong, a surrogate, beyond the last character, a byte in mid-character.
+    for (const char* text : {"\xC3", "\xE2\x82", "\xC0\xAF", "\xE0\x80\x80", "\xF0\x80\x80\x80",
+                             "\xED\xA0\x80", "\xF4\x90\x80\x80", "\x80", "\xFF"}) {
+        EXPECT_EQ(printable(text).find_first_not_of("\\x0123456789abcdef"), std::string::npos);
+        EXPECT_EQ(printable(text).size(), 4 * std::string(text).size());
+    }
+}
 
 Subscriber_Counters some_counters() {
     Subscriber_Counters counters;
@@ -158,6 +204,15 @@ TEST(Watch_Line, shows_the_stretch_and_the_totals) {
     EXPECT_NE(text.find("30.0 frames/s"), std::string::npos) << text;
     EXPECT_NE(text.find("lost 2 (total 5)"), std::string::npos) << text;
     EXPECT_NE(text.find("key frame 0.5 s ago"), std::string::npos) << text;
+}
+
+TEST(Watch_Line, shows_a_recovery_point_beside_the_key_frame) {
+    Watch_Sample sample = sample_of({}, {}, 1s, 1, Frame_State::connected);
+    EXPECT_TRUE(parsed_json(json_of(sample))["recovery_point_age_s"].isNull());
+    sample.recovery_point_age_s = 0.5;
+    EXPECT_EQ(parsed_json(json_of(sample))["recovery_point_age_s"].asDouble(), 0.5);
+    EXPECT_NE(text_of(sample).find("key frame none yet, recovery point 0.5 s ago"),
+              std::string::npos);
 }
 
 TEST(Watch_Line, before_the_first_frame_has_no_key_frame) {
@@ -211,6 +266,19 @@ TEST(Status_Table, of_a_file_with_other_content_is_harmless) {
         status.content = parsed_json(text);
         EXPECT_NE(table_of(status), "") << text;
         EXPECT_TRUE(parsed_json(json_of(status)).isObject()) << text;
+    }
+}
+
+TEST(Name_Lists, of_a_file_with_other_content_are_harmless) {
+    EXPECT_EQ(names_of(parsed_json("[]")), std::nullopt);
+    EXPECT_EQ(names_of(parsed_json(R"({"names":[]})")), std::nullopt);
+    for (
+        const char* text :
+        {R"({"names":{}})", R"({"names":{"distributors":5,"receivers":[1,null,[]]},"channels":3})",
+         R"({"names":{"distributors":[{"streams":[7,{}],"name":9}]},"channels":[4,{"name":""}]})"}) {
+        const auto names = names_of(parsed_json(text));
+        ASSERT_TRUE(names) << text;
+        EXPECT_NE(text_of_names(*names), "") << text;
     }
 }
 

@@ -38,9 +38,16 @@ std::vector<Kept_Unit> split(zav_shm::media::Video_Codec codec, const Bytes& str
                              std::size_t limit_bytes, const Block_Size& block) {
     std::vector<Kept_Unit> units;
     Access_Unit_Splitter splitter(codec, limit_bytes, [&units](const Access_Unit& unit) {
-        units.push_back({Bytes(unit.bytes.begin(), unit.bytes.end()), unit.size_bytes,
-                         unit.too_long, unit.has_picture, unit.is_key, unit.has_configuration,
-                         unit.is_last});
+        units.push_back({.bytes = Bytes(unit.bytes.begin(), unit.bytes.end()),
+                         .size_bytes = unit.size_bytes,
+                         .too_long = unit.too_long,
+                         .has_picture = unit.has_picture,
+                         .is_key = unit.is_key,
+                         .is_recovery_point = unit.is_recovery_point,
+                         .is_field = unit.is_field,
+                         .has_configuration = unit.has_configuration,
+                         .is_last = unit.is_last,
+                         .codec = unit.codec});
     });
     std::span<const std::byte> rest(stream);
     while (!rest.empty()) {

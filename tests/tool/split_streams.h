@@ -25,8 +25,11 @@ struct Kept_Unit {
     bool too_long = false;
     bool has_picture = false;
     bool is_key = false;
+    bool is_recovery_point = false;
+    bool is_field = false;
     bool has_configuration = false;
     bool is_last = false;
+    zav_shm::media::Video_Codec codec = zav_shm::media::Video_Codec::h264;
 
     bool operator==(const Kept_Unit&) const = default;
 };

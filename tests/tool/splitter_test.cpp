@@ -242,8 +242,9 @@ TEST(Splitter_H265, parameter_sets_go_with_the_picture_behind_them) {
     EXPECT_EQ(units[0].bytes, first);
     EXPECT_TRUE(units[0].is_key && units[0].has_configuration);
     EXPECT_EQ(units[1].bytes, trail265);
-    EXPECT_FALSE(units[1].is_key || units[1].has_configuration);
-    EXPECT_TRUE(units[2].is_key && units[2].has_configuration);
+    EXPECT_FALSE(units[1].is_key || units[1].is_recovery_point || units[1].has_configuration);
+    EXPECT_TRUE(units[2].is_recovery_point && units[2].has_configuration);
+    EXPECT_FALSE(units[2].is_key) << "a CRA picture is no IDR picture";
 }
 
 TEST(Splitter_H265, further_layers_belong_to_the_same_access_unit) {
@@ -258,6 +259,24 @@ TEST(Splitter_H265, zero_bytes_behind_a_start_code_are_no_picture) {
               (Lengths{nothing.size() + vps265.size() + idr265.size(), trail265.size()}));
 }
 
+// ---- a stream that changes its codec ----
+
+TEST(Splitter, follows_a_change_of_codec_in_mid_stream) {
+    const Bytes head265 = vps265 + sps265 + pps265 + idr265;
+    const Bytes delimiter265 = bytes({0, 0, 0, 1, 0x46, 0x01, 0x50});
+    const auto units = split_h264(sps + pps + idr + slice + delimiter265 + head265 + trail265 +
+                                  sps + pps + idr + slice);
+    EXPECT_EQ(lengths(units),
+              (Lengths{(sps + pps + idr).size(), slice.size(), (delimiter265 + head265).size(),
+                       trail265.size(), (sps + pps + idr).size(), slice.size()}));
+    const auto codec_at = [&units](std::size_t i) { return units.at(i).codec; };
+    EXPECT_EQ(codec_at(1), Video_Codec::h264);
+    EXPECT_EQ(codec_at(2), Video_Codec::h265);
+    EXPECT_EQ(codec_at(3), Video_Codec::h265);
+    EXPECT_EQ(codec_at(4), Video_Codec::h264);
+    EXPECT_TRUE(units[2].is_key && units[4].is_key);
+}
+
 // ---- streams of real encoders ----
 
 struct Real_Stream {
@@ -265,6 +284,7 @@ struct Real_Stream {
     Video_Codec codec;
     std::size_t pictures;
     std::size_t key_frames;
+    std::size_t recovery_points;
 };
 
 class Splitter_Of_Real_Streams : public testing::TestWithParam<Real_Stream> {
@@ -277,12 +297,16 @@ TEST_P(Splitter_Of_Real_Streams, finds_every_picture_and_keeps_every_byte) {
     EXPECT_EQ(units.size(), GetParam().pictures);
     EXPECT_EQ(put_together(units), stream);
     std::size_t key_frames = 0;
+    std::size_t recovery_points = 0;
     for (const Kept_Unit& unit : units) {
         EXPECT_TRUE(unit.has_picture);
-        EXPECT_FALSE(unit.too_long);
+        EXPECT_FALSE(unit.too_long || unit.is_field);
+        EXPECT_EQ(unit.codec, GetParam().codec);
         key_frames += unit.is_key ? 1U : 0U;
+        recovery_points += unit.is_recovery_point ? 1U : 0U;
     }
     EXPECT_EQ(key_frames, GetParam().key_frames);
+    EXPECT_EQ(recovery_points, GetParam().recovery_points);
     EXPECT_TRUE(units.front().is_key && units.front().has_configuration);
 }
 
@@ -315,15 +339,16 @@ TEST_P(Splitter_Of_Real_Streams, survives_damage_and_keeps_every_byte) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Splitter, Splitter_Of_Real_Streams,
-                         testing::Values(Real_Stream{"plain.h264", Video_Codec::h264, 20, 3},
-                                         Real_Stream{"slices_aud.h264", Video_Codec::h264, 20, 3},
-                                         Real_Stream{"plain.h265", Video_Codec::h265, 12, 2},
-                                         Real_Stream{"slices_aud.h265", Video_Codec::h265, 12, 2}),
-                         [](const auto& stream) {
-                             std::string name = stream.param.file;
-                             name[name.find('.')] = '_';
-                             return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Splitter, Splitter_Of_Real_Streams,
+    testing::Values(Real_Stream{"plain.h264", Video_Codec::h264, 20, 3, 0},
+                    Real_Stream{"slices_aud.h264", Video_Codec::h264, 20, 3, 0},
+                    Real_Stream{"plain.h265", Video_Codec::h265, 12, 1, 1},
+                    Real_Stream{"slices_aud.h265", Video_Codec::h265, 12, 1, 1}),
+    [](const auto& stream) {
+        std::string name = stream.param.file;
+        name[name.find('.')] = '_';
+        return name;
+    });
 
 }  // namespace

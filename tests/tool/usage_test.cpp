@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What the tool says of command lines that it cannot follow, and without a center.
+#include <unistd.h>
+
 #include <algorithm>
+#include <csignal>
+#include <thread>
 
 #include "support/threads.h"
 #include "tool/tool_process.h"
@@ -42,7 +46,7 @@ TEST_F(Tool_Usage, help_and_version_need_nothing) {
     for (const Words& arguments :
          {Words{"--help"}, Words{"publish", "--help"}, Words{"record", "--help"},
           Words{"watch", "--help"}, Words{"status", "--help"}, Words{"pair", "--help"},
-          Words{"kick", "--help"}, Words{"query", "--help"}}) {
+          Words{"kick", "--help"}, Words{"query", "--help"}, Words{"names", "--help"}}) {
         Tool_Process tool = start(arguments);
         EXPECT_NE(tool.output().find("Exit status"), std::string::npos) << arguments[0];
         EXPECT_EQ(tool.status(), 0);
@@ -82,6 +86,16 @@ TEST_F(Tool_Usage, publish_names_what_is_wrong) {
     expect_mistake({"publish", "x", "--name", ""}, "the name is empty");
 }
 
+TEST_F(Tool_Usage, an_index_in_place_of_the_stream_is_a_mistake) {
+    write(path("in"), "precious");
+    ASSERT_EQ(link(path("in").c_str(), path("linked").c_str()), 0);
+    for (const char* index : {"in", "./in", "linked"}) {
+        expect_publish_mistake({path("in"), "--index", path(index)},
+                               "is the file that is published");
+    }
+    EXPECT_EQ(content(path("in")), "precious");
+}
+
 TEST_F(Tool_Usage, record_and_watch_name_what_is_wrong) {
     expect_mistake({"record", "--name", "A", "-o", "x"}, "--pair is required");
     expect_record_mistake({}, "--output is required");
@@ -97,6 +111,9 @@ TEST_F(Tool_Usage, record_and_watch_name_what_is_wrong) {
     expect_record_mistake({"-o", "x", "--streams", "0,x", "--switch-every", "2"}, "'x'");
     expect_record_mistake({"-o", "x", "--stream", "0", "--streams", "0,1", "--switch-every", "2"},
                           "--stream");
+    expect_record_mistake({"-o", "-", "--index", "-"}, "standard output carries the frames");
+    expect_record_mistake({"-o", path("x"), "--index", path("./x")},
+                          "is the file that is recorded to");
     expect_mistake({"watch", "--name", "A", "--pair", "B", "--count", "x"}, "'x' is no whole");
 }
 
@@ -134,6 +151,46 @@ TEST_F(Tool_Usage, without_a_center_every_command_ends_within_the_wait) {
     }
 }
 
+TEST_F(Tool_Usage, waiting_for_a_center_ends_at_a_signal) {
+    for (const bool is_there : {false, true}) {  // none at all, or one that stands still
+        if (is_there) {
+            ASSERT_TRUE(start_center(tool_configuration));
+            center->signal(SIGSTOP);
+        }
+        for (const Words& arguments :
+             {Words{"publish", "--synthetic", "--name", "CAM_LOOP"},
+              Words{"record", "--name", "RECODER", "--pair", "CAM_LOOP", "-o", path("out")},
+              Words{"watch", "--name", "PLAYER", "--pair", "CAM_LOOP"}, Words{"kick", "on"},
+              Words{"query", "--type", "Receiver", "--name", "PLAYER"}}) {
+            Words words = arguments;
+            words.insert(words.end(), {"--wait", "60"});
+            Tool_Process tool = start(words);
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            const Stopwatch watch;
+            tool.signal(SIGTERM);
+            const bool has_frames =
+                words[0] == "publish" || words[0] == "record" || words[0] == "watch";
+            EXPECT_EQ(tool.status(), has_frames ? no_center : 128 + SIGTERM) << words[0];
+            EXPECT_LT(watch.elapsed(), std::chrono::seconds(5)) << words[0];
+        }
+    }
+    center->signal(SIGCONT);
+}
+
+TEST_F(Tool_Usage, a_center_that_stands_still_does_not_answer_within_the_wait) {
+    ASSERT_TRUE(start_center(tool_configuration));
+    center->signal(SIGSTOP);
+    for (const Words& arguments : {Words{"query", "--type", "Receiver", "--name", "PLAYER"},
+                                   Words{"publish", "--synthetic", "--name", "CAM_LOOP"}}) {
+        Words words = arguments;
+        words.insert(words.end(), {"--wait", "0.5"});
+        Tool_Process tool = start(words);
+        EXPECT_EQ(tool.status(), no_center);
+        EXPECT_TRUE(tool.says("no center within 0.5 s: no answer from the center; start"));
+    }
+    center->signal(SIGCONT);
+}
+
 TEST_F(Tool_Usage, a_killed_center_counts_as_none) {
     ASSERT_TRUE(start_center(tool_configuration));
     center->kill();
@@ -164,10 +221,18 @@ TEST_F(Tool_Usage, a_file_that_is_no_elementary_stream_is_named) {
 
 TEST_F(Tool_Usage, an_earlier_recording_survives_one_that_does_not_come_about) {
     write(path("out"), "precious");
-    Tool_Process tool = start(
-        {"record", "--name", "RECODER", "--pair", "CAM_LOOP", "-o", path("out"), "--wait", "0.1"});
-    EXPECT_EQ(tool.status(), no_center);
-    EXPECT_EQ(content(path("out")), "precious");
+    write(path("index"), "likewise");
+    for (const Words& words :
+         {Words{"record", "--name", "RECODER", "--pair", "CAM_LOOP", "-o", path("out"), "--index",
+                path("index")},
+          Words{"publish", "--synthetic", "--name", "CAM_LOOP", "--index", path("index")}}) {
+        Words all = words;
+        all.insert(all.end(), {"--wait", "0.1"});
+        Tool_Process tool = start(all);
+        EXPECT_EQ(tool.status(), no_center);
+        EXPECT_EQ(content(path("out")), "precious");
+        EXPECT_EQ(content(path("index")), "likewise");
+    }
 }
 
 TEST_F(Tool_Usage, an_output_that_cannot_be_opened_is_named) {

@@ -80,6 +80,13 @@ TEST_F(Config_Demo, tells_what_a_file_should_not_be_run_with) {
               "config_demo: System.SEM_PATH is empty\n");
 }
 
+TEST_F(Config_Demo, tells_what_is_probably_not_meant) {
+    EXPECT_EQ(run(write(Config_Text{.system = R"({"kick_idel": true})"})), 0);
+    EXPECT_EQ(errors(),
+              "config_demo: warning: System: the unknown key \"kick_idel\" is ignored; "
+              "\"kick_idle\" is a known one\n");
+}
+
 TEST_F(Config_Demo, takes_one_file_at_most) {
     EXPECT_EQ(run("one two"), 2);
     EXPECT_EQ(output, "");

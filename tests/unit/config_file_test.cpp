@@ -89,6 +89,14 @@ TEST_F(Config_File, with_a_mistake_is_told_where) {
     expect_invalid("{\"a\" 1}", "line 1, column 6: Missing ':' after object member name");
 }
 
+TEST_F(Config_File, with_a_byte_order_mark_is_told_so) {
+    expect_invalid("\xEF\xBB\xBF" + std::string(Config_Text()),
+                   "the text begins with a byte order mark; save it as UTF-8 without one");
+    const std::string error = "the text is UTF-16; save it as UTF-8 without a byte order mark";
+    expect_invalid(std::string("\xFF\xFE{\0}\0", 6), error);
+    expect_invalid(std::string("\xFE\xFF\0{\0}", 6), error);
+}
+
 TEST_F(Config_File, nested_up_to_the_limit_is_parsed_and_beyond_is_no_json) {
     expect_invalid(std::string(1001, '['), "nested deeper than 1000 levels");
     expect_invalid(std::string(1024 * 1024, '['), "nested deeper than 1000 levels");
@@ -120,6 +128,7 @@ TEST_F(Config_File, of_damaged_text_neither_throws_nor_crashes) {
             }
         });
         EXPECT_LE(fresh.problems().size(), 100U);
+        EXPECT_LE(fresh.warnings().size(), 100U);
     }
     EXPECT_GT(loaded, 0);
     EXPECT_LT(loaded, 3000);

@@ -36,6 +36,8 @@ TEST_F(Config_Problems, empty_paths) {
 TEST_F(Config_Problems, paths_with_slashes_or_climbing) {
     expect_problem(system(R"("SHM_PATH": "a/b")"), "System.SHM_PATH: \"a/b\" contains a slash");
     expect_problem(system(R"("SEM_PATH": "..")"), "System.SEM_PATH: \"..\" contains \"..\"");
+    expect_problem(system(R"("SHM_PATH": ".")"), "System.SHM_PATH: \".\" is no folder of its own");
+    expect_problem(system(R"("SEM_PATH": ".")"), "System.SEM_PATH: \".\" is no folder of its own");
     expect_problem(system(R"("ROOT_PATH": "/dev/../shm")"),
                    "System.ROOT_PATH: \"/dev/../shm\" contains \"..\"");
     expect_problem(system(R"("ROOT_PATH": "dev/shm")"),

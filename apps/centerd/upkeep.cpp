@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "apps/centerd/upkeep.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "apps/centerd/room.h"
+
+namespace zav_shm::centerd {
+
+Upkeep::Upkeep(const Kept& kept)
+    : kept_(kept),
+      objects_(kept.inventory),
+      reserve_(kept.inventory.segment_folder, Room::status_bytes(kept.inventory)) {}
+
+Outcome Upkeep::keep_locks() {
+    Outcome taken_over = keep(kept_.folder_lock);
+    return taken_over ? taken_over : keep(kept_.queue_lock);
+}
+
+Outcome Upkeep::keep(Center_Lock& lock) const {
+    if (lock.has_its_name()) {
+        return std::nullopt;
+    }
+    Outcome failed = Access_Rights::prepare_folder(kept_.inventory.segment_folder);
+    if (!failed) {
+        failed = lock.take();
+    }
+    if (!failed) {
+        report("lock " + lock.path() + " was removed; it is taken again");
+        return std::nullopt;
+    }
+    failed->lines.insert(failed->lines.begin(), "lock " + lock.path() + " was removed");
+    return failed;
+}
+
+std::optional<std::string> Upkeep::find_loss() {
+    const Object_Watch::Finding found = objects_.look();
+    for (const std::string& line : found.mended) {
+        report(line);
+    }
+    return found.lost;
+}
+
+// A queue that somebody removed has no permissions when the center makes it anew.
+void Upkeep::refresh() {
+    if (kept_.queues.were_replaced()) {
+        kept_.queues.prepare(kept_.rights.file());
+    }
+    if (const std::size_t swept = replies_.step(); swept > 0) {
+        report("the reply queue was half full of messages that nobody took for 5 s; " +
+               std::to_string(swept) + " were thrown away");
+    }
+    keep_page();
+    write_status();
+}
+
+void Upkeep::keep_page() const {
+    if (!kept_.published.has_page() && kept_.published.write_page()) {
+        report("the center page was removed or replaced; it is written again");
+    }
+}
+
+void Upkeep::write_status() {
+    bool written = kept_.published.write_status(kept_.center);
+    if (written) {
+        is_full_ = false;
+        reserve_.hold();
+    } else if (errno == ENOSPC || errno == EDQUOT) {
+        written = write_status_with_the_reserve();
+    }
+    if (!written && !status_failed_) {
+        report(kept_.published.status_path() + " cannot be written: " + std::strerror(errno) +
+               "; it stays as it is until there is room");
+    }
+    status_failed_ = !written;
+}
+
+// The room goes to the new status, and that of the former one becomes the reserve, unless somebody
+// else is faster.
+bool Upkeep::write_status_with_the_reserve() {
+    if (!is_full_) {
+        report(
+            "/dev/shm is full (df /dev/shm, df -i /dev/shm); channels have their room and go on");
+        is_full_ = true;
+    }
+    reserve_.give_up();
+    const bool written = kept_.published.write_status(kept_.center);
+    const int error = errno;
+    reserve_.hold();
+    errno = error;
+    return written;
+}
+
+}  // namespace zav_shm::centerd

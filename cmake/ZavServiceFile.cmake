@@ -1,0 +1,52 @@
+# SPDX-License-Identifier: Apache-2.0
+#
+# The service file names the program, its configuration and its manual where they are installed. That
+# is known only when somebody installs: "cmake --install build --prefix /opt/recorder". So this is
+# used twice, when the build is configured, and by the installation with the prefix of that.
+
+# zav_installed_path(<variable> <prefix> <folder>)   a folder of GNUInstallDirs as it is on the device
+function(zav_installed_path variable prefix folder)
+    if(IS_ABSOLUTE "${folder}")
+        set(${variable} "${folder}" PARENT_SCOPE)
+    elseif(prefix STREQUAL "/usr" AND folder STREQUAL "etc")
+        set(${variable} "/etc" PARENT_SCOPE)
+    else()
+        set(${variable} "${prefix}/${folder}" PARENT_SCOPE)
+    endif()
+endfunction()
+
+# zav_configure_service_file(<prefix> <output>)
+#
+# Needs ZAV_SHM_SOURCE_DIR, ZAV_SHM_NOTIFIES, and CMAKE_INSTALL_BINDIR, ..._SYSCONFDIR and ..._DOCDIR
+# as GNUInstallDirs sets them.
+function(zav_configure_service_file prefix output)
+    zav_installed_path(bindir "${prefix}" "${CMAKE_INSTALL_BINDIR}")
+    zav_installed_path(sysconfdir "${prefix}" "${CMAKE_INSTALL_SYSCONFDIR}")
+    zav_installed_path(docdir "${prefix}" "${CMAKE_INSTALL_DOCDIR}")
+    set(ZAV_SHM_CENTERD "${bindir}/zav-shm-centerd")
+    set(ZAV_SHM_CONFIG "${sysconfdir}/zav_shm.json")
+    set(ZAV_SHM_DOCS "${docdir}/docs")
+    if(ZAV_SHM_NOTIFIES)
+        set(ZAV_SHM_SERVICE_TYPE
+            "Type=notify\n# Stays silent when the center does not answer on its queues any more.\nWatchdogSec=20")
+    else()
+        set(ZAV_SHM_SERVICE_TYPE
+            "# Built without libsystemd: tells neither that it is ready nor that it does well.\nType=exec")
+    endif()
+    configure_file("${ZAV_SHM_SOURCE_DIR}/packaging/zav-shm-centerd.service" "${output}" @ONLY)
+endfunction()
+
+# zav_install_service(<prefix> <build folder>)   at installation: the service file, and the
+#                                                configuration that it names unless there is one
+function(zav_install_service prefix build)
+    set(unit "${build}/installed/zav-shm-centerd.service")
+    zav_configure_service_file("${prefix}" "${unit}")
+    file(INSTALL DESTINATION "${prefix}/lib/systemd/system" TYPE FILE FILES "${unit}")
+    zav_installed_path(sysconfdir "${prefix}" "${CMAKE_INSTALL_SYSCONFDIR}")
+    if(EXISTS "$ENV{DESTDIR}${sysconfdir}/zav_shm.json")
+        message(STATUS "Kept: $ENV{DESTDIR}${sysconfdir}/zav_shm.json")
+    else()
+        file(INSTALL DESTINATION "${sysconfdir}" TYPE FILE RENAME zav_shm.json
+            FILES "${ZAV_SHM_SOURCE_DIR}/samples/recorder.json")
+    endif()
+endfunction()

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <span>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tool/split_streams.h"
+#include "tool/tool_process.h"
+
+/// Fixture of tests with frames through a real center, from `publish` to `record`.
+class Tool_Frames : public Tool {
+protected:
+    static constexpr std::chrono::milliseconds relay_sleep_max{150};
+
+    void SetUp() override {
+        Tool::SetUp();
+        ASSERT_TRUE(start_center(tool_configuration));
+    }
+
+    /// A recorder that is ready for frames: a relay without consumers looks for new ones every
+    /// 50 ms only, and until then the frames of a producer are nobody's.
+    Tool_Process start_recorder(const std::vector<std::string>& more,
+                                const std::string& shell = "exec \"$@\"") {
+        std::vector<std::string> words{"record", "--name", "RECODER", "--pair", "CAM_LOOP"};
+        words.insert(words.end(), more.begin(), more.end());
+        Tool_Process recorder = start(words, shell);
+        recorder.says("fed by CAM_LOOP/0/0: connected");
+        std::this_thread::sleep_for(relay_sleep_max);
+        return recorder;
+    }
+
+    Tool_Process start_publisher(const std::vector<std::string>& more,
+                                 const std::string& shell = "exec \"$@\"") {
+        std::vector<std::string> words{"publish", "--name", "CAM_LOOP"};
+        words.insert(words.end(), more.begin(), more.end());
+        return start(words, shell);
+    }
+
+    /// Ends it by a signal, in order.
+    static void end(Tool_Process& process) {
+        process.signal(SIGTERM);
+        EXPECT_EQ(process.status(), 0) << process.errors();
+    }
+
+    /// What an index says of a stream: those of its frames that were written, in their order. A
+    /// machine that is busy enough costs frames at every rate; whoever demands all of them takes 10
+    /// per second, and else what is there is compared with what is named.
+    static std::string named_frames(const std::vector<Kept_Unit>& units, const std::string& index) {
+        std::string frames;
+        for (const Index_Line& line : index_lines(index)) {
+            const Kept_Unit& unit = units.at((line.sequence - 1) % units.size());
+            for (const std::byte byte : unit.bytes) {
+                frames += static_cast<char>(byte);
+            }
+        }
+        return frames;
+    }
+
+    /// A line of an index, the part that tests look at.
+    struct Index_Line {
+        unsigned long sequence = 0;
+        unsigned long bytes = 0;
+        int entry = 0;
+    };
+    static std::vector<Index_Line> index_lines(const std::string& file) {
+        std::vector<Index_Line> lines;
+        std::istringstream index(content(file));
+        int stream = 0;
+        for (Index_Line line; index >> stream >> line.sequence >> line.bytes >> line.entry;) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+};
+
+inline Bytes bytes_of(const std::string& text) {
+    const auto bytes = std::as_bytes(std::span(text));
+    return {bytes.begin(), bytes.end()};
+}
+
+inline std::string text_of(const Bytes& bytes) {
+    std::string text;
+    for (const std::byte byte : bytes) {
+        text += static_cast<char>(byte);
+    }
+    return text;
+}
