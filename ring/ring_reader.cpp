@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ipc/memory_fence.h"
+#include "ipc/test_point.h"
 
 namespace zav_shm {
 
@@ -62,6 +63,7 @@ Ring_Reader::Ring_Reader(std::shared_ptr<const Ring_Memory> memory)
 Ring_Reader::Look Ring_Reader::look(Ring_Record& record) const {
     // The head first: an honest writer's tail, loaded later, is never too far behind it.
     const auto head = memory_->load(ring_head_offset);  // pairs with Ring_Writer::commit()
+    test_point("ring", "head_read");
     const auto tail = memory_->load(ring_tail_offset);
     if (!head || !tail) {
         return Look::broken;
@@ -81,6 +83,7 @@ Ring_Reader::Look Ring_Reader::look(Ring_Record& record) const {
     if (!memory_->copy(memory_->entry_offset(low), std::as_writable_bytes(std::span(&entry, 1)))) {
         return Look::broken;
     }
+    test_point("ring", "entry_read");
     if (!is_in_reach(cursor_)) {
         return Look::overtaken;  // whatever the entry says
     }
@@ -134,6 +137,7 @@ std::uint64_t Ring_Reader::newest() const { return extended(load(ring_head_offse
 // that contradicts the head.
 std::uint64_t Ring_Reader::oldest() const {
     const std::uint32_t tail = load(ring_tail_offset);
+    test_point("ring", "tail_read");
     const std::uint32_t head = load(ring_head_offset);
     const bool is_sound = ring_distance(head, tail) >= -1 &&
                           ring_distance(head, tail) < static_cast<std::int32_t>(ring_index_max);

@@ -4,11 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <limits>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "ipc/monotonic_clock.h"
+#include "ipc/test_point.h"
 #include "ring/pattern.h"
 #include "ring/ring_reader.h"
 #include "ring/ring_writer.h"
@@ -257,6 +261,67 @@ TEST_F(Private_Ring, tells_before_a_room_is_reserved_what_it_will_cost) {
         EXPECT_EQ(reader_->oldest(), told);
     }
 }
+
+#ifdef ZAV_SHM_TEST_POINTS
+
+/// Calls a function once, where a reader comes to a point.
+class At_Point {
+public:
+    At_Point(std::string point, std::function<void()> call)
+        : hook_([this, point = std::move(point), call = std::move(call)](
+                    const std::string& place, const std::string& object) {
+              if (!is_done_ && place == "ring" && object == point) {
+                  is_done_ = true;
+                  call();
+              }
+          }) {
+        set_test_hook(&hook_);
+    }
+    ~At_Point() {
+        set_test_hook(nullptr);
+        EXPECT_TRUE(is_done_);
+    }
+    At_Point(const At_Point&) = delete;
+    At_Point& operator=(const At_Point&) = delete;
+
+private:
+    bool is_done_ = false;
+    const Test_Hook hook_;
+};
+
+// The writer goes around the whole ring while the reader is between two of its steps.
+TEST_F(Private_Ring, a_reader_that_is_lapped_at_any_step_is_told_so_and_the_writer_not_blamed) {
+    for (const std::uint64_t first : {std::uint64_t{1}, (std::uint64_t{1} << 32U) - 2}) {
+        for (const char* const point : {"head_read", "entry_read"}) {
+            make({4000, 100, 4}, first);
+            write(10);
+            Ring_Record record;
+            const At_Point lapped(point, [this] {
+                for (int i = 0; i < 10; ++i) {
+                    write(100);
+                }
+            });
+            reader_->move_to(first);
+            EXPECT_EQ(reader_->look(record), Look::overtaken) << point << " " << first;
+        }
+    }
+}
+
+TEST_F(Private_Ring, an_oldest_that_is_lapped_while_it_is_asked_for_is_an_old_one_and_no_nonsense) {
+    make({4000, 100, 4});
+    for (int i = 0; i < 4; ++i) {
+        write(10);
+    }
+    const At_Point lapped("tail_read", [this] {
+        for (int i = 0; i < 10; ++i) {
+            write(100);
+        }
+    });
+    EXPECT_EQ(reader_->oldest(), 1U);
+    EXPECT_EQ(reader_->oldest(), 11U);
+}
+
+#endif
 
 TEST_F(Private_Ring, finds_records_from_either_side) {
     make({100'000, 100, 64});

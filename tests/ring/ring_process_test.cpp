@@ -106,11 +106,11 @@ INSTANTIATE_TEST_SUITE_P(Reading, Overtaken_Reader, testing::Values("mapped", "i
 // that the ring of 64 has gone round.
 TEST_F(Ring_Process, that_sleeps_is_woken_for_every_record) {
     for (const char* const way : {"mapped", "copied"}) {
-        Child_Process reader = start({"read", path_, way, "300"});
+        Child_Process reader = start({"read", path_, way, "700"});
         Child_Process writer =
-            start(writer_program(), {"write", path_, "100000", "1000", "64", "300", "3000"});
+            start(writer_program(), {"write", path_, "100000", "1000", "64", "700", "2000"});
         ASSERT_EQ(reader.read_line(), "open");
-        EXPECT_EQ(reader.read_line(), "whole 300 overtaken_in_use 0 overtaken 0 lost 0 wrong 0");
+        EXPECT_EQ(reader.read_line(), "whole 700 overtaken_in_use 0 overtaken 0 lost 0 wrong 0");
         EXPECT_EQ(writer.wait(), 0);
         std::filesystem::remove(path_);
     }
