@@ -3,10 +3,10 @@
 
 #include <sys/types.h>
 
-#include <mutex>
 #include <optional>
 
 #include "center/addressees.h"
+#include "ipc/annotated_mutex.h"
 #include "ipc/zav_msg_q.h"
 
 namespace zav_shm {
@@ -34,11 +34,11 @@ public:
     void request_comes_from(std::optional<pid_t> sender);
 
 private:
-    int try_to_send(const void* record, int size);
+    int try_to_send(const void* record, int size) ZAV_SHM_REQUIRES(lock_);
 
-    ZAV_MSG_Q& queue_;
-    std::mutex lock_;        // guards the rest
-    Addressees addressees_;  // whoever may have a reply waiting
+    ZAV_MSG_Q& queue_ ZAV_SHM_GUARDED_BY(lock_);
+    Mutex lock_;
+    Addressees addressees_ ZAV_SHM_GUARDED_BY(lock_);  // whoever may have a reply waiting
 };
 
 }  // namespace zav_shm

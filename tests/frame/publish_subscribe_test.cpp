@@ -596,4 +596,15 @@ TEST_F(Frames_Without_Center, are_told_so_within_the_time_given) {
     EXPECT_EQ(player.state(), Frame_State::waiting_for_center);
 }
 
+// Both look for a center, and remember when they looked. For the thread sanitizer.
+TEST_F(Frames_Without_Center, may_be_paired_while_a_center_is_waited_for) {
+    ZAV_SHM_Frame_Subscriber player(
+        {.name = "PLAYER", .producer = "CAM_LOOP", .center_wait = 300ms});
+    std::thread opening([&player] { EXPECT_FALSE(player.open()); });
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_FALSE(player.pair("CAM_REC", 20ms));
+    }
+    opening.join();
+}
+
 }  // namespace
