@@ -30,7 +30,7 @@ public:
     ///         EINVAL for a message type below 1 or a size that is not 0 .. 1028.
     int send(const void* record, int size);
 
-    /// Tells who sent the request that the next replies are for, as far as that is known.
+    /// Tells who sent a request, as far as that is known.
     void request_comes_from(std::optional<pid_t> sender);
 
 private:
