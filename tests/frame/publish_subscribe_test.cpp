@@ -447,16 +447,18 @@ TEST_F(Frames, of_another_producer_come_after_pairing_while_a_thread_is_receivin
 TEST_F(Flowing_Frames, of_another_producer_come_after_pairing_at_a_center_that_has_just_started) {
     ZAV_SHM_Frame_Publisher rec({.name = "CAM_REC"});
     stop();
-    std::thread pairing([this] { EXPECT_TRUE(player.pair("CAM_REC", 20s)); });
-    std::this_thread::sleep_for(50ms);
     start();
-    pairing.join();
+    ASSERT_TRUE(player.pair("CAM_REC", 20s));
+    const auto before = player.counters().timeouts_no_frame;
+    EXPECT_TRUE(becomes_true([&] { return player.counters().timeouts_no_frame > before + 1; }))
+        << "the relay notices the new handles";
     ASSERT_TRUE(rec.open());
     EXPECT_TRUE(becomes_true([&] {
         rec.publish(payload(5, 1));
         return player.receive(frame, 100ms) == Receive_Status::frame &&
                frame.header.epoch == rec.epoch();
     }));
+    EXPECT_EQ(player.counters().recoveries, 0U) << "it was not without a center";
 }
 
 TEST_F(Flowing_Frames, end_when_the_consumer_is_paired_with_none_and_come_again) {
