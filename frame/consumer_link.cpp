@@ -2,6 +2,7 @@
 #include "frame/consumer_link.h"
 
 #include <algorithm>
+#include <thread>
 #include <utility>
 
 #include "control/control_protocol.h"
@@ -31,27 +32,27 @@ Consumer_Link::Consumer_Link(std::string name, std::string producer, int channel
       retry_(first_pause, greatest_pause) {}
 
 void Consumer_Link::open() {
-    const std::lock_guard guard(control_);
+    const Guard guard(control_);
     was_registered_ = false;
     state_ = Frame_State::waiting_for_center;
-    const std::lock_guard small(small_);
+    const Guard small(small_);
     closing_ = false;
     retries_now_ = unpaired_ = false;
 }
 
 void Consumer_Link::begin_to_close() {
-    const std::lock_guard guard(small_);
+    const Guard guard(small_);
     closing_ = true;
     wake_.notify_all();
 }
 
 void Consumer_Link::leave(std::chrono::milliseconds limit) {
-    const std::lock_guard guard(control_);
+    const Guard guard(control_);
     if (reader() || link_.is_in_doubt()) {
         link_.deregister_end(limit);
         in_doubt_ = false;
     }
-    const std::lock_guard small(small_);
+    const Guard small(small_);
     reader_.reset();
     state_ = Frame_State::closed;
 }
@@ -59,7 +60,7 @@ void Consumer_Link::leave(std::chrono::milliseconds limit) {
 // ---- registering ----
 
 Consumer_Link::Attempt Consumer_Link::attempt(std::chrono::milliseconds limit) {
-    const std::lock_guard guard(control_);
+    const Guard guard(control_);
     if (is_unpaired()) {
         return Attempt::failed;
     }
@@ -75,11 +76,10 @@ Consumer_Link::Attempt Consumer_Link::attempt(std::chrono::milliseconds limit) {
 }
 
 bool Consumer_Link::is_unpaired() const {
-    const std::lock_guard guard(small_);
+    const Guard guard(small_);
     return unpaired_;
 }
 
-// Called with control_ held.
 bool Consumer_Link::use(const Center_Link::Registration& made) {
     refused_ = made.outcome == Center_Link::Outcome::refused;
     reason_ = made.reason;
@@ -94,66 +94,79 @@ bool Consumer_Link::use(const Center_Link::Registration& made) {
     }
     reason_.clear();
     registered_at_ = Clock::now();  // before anybody uses it
-    const std::lock_guard small(small_);
+    const Guard small(small_);
     reader_ = std::move(reader);
     return true;
 }
 
 Opened Consumer_Link::opened() const {
-    const std::lock_guard guard(control_);
+    const Guard guard(control_);
     return {state_, reason_, refused_};
 }
 
 void Consumer_Link::wait_for_retry(Clock::time_point end) {
-    link_.wait_for_center(std::min(retry_.next(), end));
+    const auto until = std::min(next_retry(), end);
+    for (auto now = Clock::now(); now < until && !center_has_come(); now = Clock::now()) {
+        std::this_thread::sleep_until(std::min(until, now + look_interval));
+    }
+}
+
+Clock::time_point Consumer_Link::next_retry() const {
+    const Guard guard(control_);
+    return retry_.next();
+}
+
+bool Consumer_Link::center_has_come() {
+    const Guard guard(control_);
+    return link_.center_has_come();
 }
 
 bool Consumer_Link::wait_for_attempt() {
     bool due = false;
     Clock::time_point next;
     {
-        const std::lock_guard guard(control_);
+        const Guard guard(control_);
         if (link_.center_has_come()) {
             retry_.reset();
         }
         due = retry_.is_due();
         next = std::min(retry_.next(), Clock::now() + look_interval);
     }
-    std::unique_lock lock(small_);
-    const auto wakes = [this] { return closing_ || retries_now_; };
+    Waiting_Guard guard(small_);
+    const auto wakes = [this]() ZAV_SHM_REQUIRES(small_) { return closing_ || retries_now_; };
     if (unpaired_) {
-        wake_.wait(lock, wakes);
+        wake_.wait(guard.lock(), wakes);
     } else if (!due) {
-        wake_.wait_until(lock, next, wakes);
+        wake_.wait_until(guard.lock(), next, wakes);
     }
     due = std::exchange(retries_now_, false) || due;
     return due && !closing_ && !unpaired_;
 }
 
 std::shared_ptr<Slot_Reader> Consumer_Link::reader() const {
-    const std::lock_guard guard(small_);
+    const Guard guard(small_);
     return reader_;
 }
 
 bool Consumer_Link::has_reader() const {
-    const std::lock_guard guard(small_);
+    const Guard guard(small_);
     return reader_ != nullptr;
 }
 
 void Consumer_Link::nobody_answers() {
     state_ = Frame_State::waiting_for_center;
-    const std::lock_guard guard(small_);
+    const Guard guard(small_);
     reader_.reset();
 }
 
 // ---- pairing ----
 
 Opened Consumer_Link::pair(const std::string& producer, std::chrono::milliseconds limit) {
-    const std::lock_guard guard(control_);
+    const Guard guard(control_);
     if (producer == control::no_producer) {
         link_.deregister_end(limit);
         in_doubt_ = false;
-        const std::lock_guard small(small_);
+        const Guard small(small_);
         unpaired_ = true;
         reader_.reset();
         state_ = Frame_State::waiting_for_producer;
@@ -166,14 +179,14 @@ Opened Consumer_Link::pair(const std::string& producer, std::chrono::millisecond
                 made.outcome == Center_Link::Outcome::refused};
     }
     {
-        const std::lock_guard small(small_);
+        const Guard small(small_);
         unpaired_ = false;
     }
     read_from(made);
     return {Frame_State::connected, {}, false};
 }
 
-// Called with control_ held. Semaphores of a center that has gone are no use for reading from the
+// Semaphores of a center that has gone are no use for reading from the
 // slot of another one's.
 void Consumer_Link::read_from(const Center_Link::Registration& granted) {
     const std::shared_ptr<Slot_Reader> current = reader();
@@ -188,14 +201,14 @@ void Consumer_Link::read_from(const Center_Link::Registration& granted) {
         state_ = Frame_State::connected;
         return;
     }
-    const std::lock_guard small(small_);
+    const Guard small(small_);
     reader_.reset();
     retries_now_ = true;
     wake_.notify_all();
 }
 
 void Consumer_Link::follow_pairing() {
-    const std::lock_guard guard(control_);
+    const Guard guard(control_);
     const std::shared_ptr<Slot_Reader> current = reader();
     if (!current) {
         return;
@@ -210,7 +223,7 @@ void Consumer_Link::follow_pairing() {
     }
 }
 
-// Called with control_ held. What pair() asked for in vain may have been served since, or be served
+// What pair() asked for in vain may have been served since, or be served
 // any time: then the posts would be of one producer and the slot of another. Asked for behind it,
 // the producer that was granted last is what it comes to, as pair() has said.
 void Consumer_Link::settle() {

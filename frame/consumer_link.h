@@ -5,12 +5,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "frame/center_link.h"
 #include "frame/frame_format.h"
 #include "frame/slot_reader.h"
+#include "ipc/annotated_mutex.h"
 
 namespace zav_shm {
 
@@ -72,28 +72,30 @@ public:
     Frame_State state() const { return state_; }
 
 private:
-    bool use(const Center_Link::Registration& made);
+    bool use(const Center_Link::Registration& made) ZAV_SHM_REQUIRES(control_);
     bool is_unpaired() const;
-    void read_from(const Center_Link::Registration& granted);
-    void settle();
+    Backoff::Clock::time_point next_retry() const;
+    bool center_has_come();
+    void read_from(const Center_Link::Registration& granted) ZAV_SHM_REQUIRES(control_);
+    void settle() ZAV_SHM_REQUIRES(control_);
 
     std::atomic<Frame_State> state_{Frame_State::closed};
     std::atomic<Backoff::Clock::time_point> registered_at_{};
     std::atomic<bool> in_doubt_{false};  // as the link says, to be read without control_
 
-    mutable std::mutex control_;  // held through exchanges; guards the next five
-    Center_Link link_;
-    Backoff retry_;
-    bool refused_ = false;
-    bool was_registered_ = false;
-    std::string reason_;  // why it is not registered
+    mutable Mutex control_;  // held through exchanges; taken before small_
+    Center_Link link_ ZAV_SHM_GUARDED_BY(control_);
+    Backoff retry_ ZAV_SHM_GUARDED_BY(control_);
+    bool refused_ ZAV_SHM_GUARDED_BY(control_) = false;
+    bool was_registered_ ZAV_SHM_GUARDED_BY(control_) = false;
+    std::string reason_ ZAV_SHM_GUARDED_BY(control_);  // why it is not registered
 
-    mutable std::mutex small_;  // never held while waiting for anything; guards the next five
+    mutable Mutex small_;  // never held while waiting for anything
     std::condition_variable wake_;
-    std::shared_ptr<Slot_Reader> reader_;
-    std::atomic<bool> closing_{false};  // read without it, too
-    bool retries_now_ = false;          // pair() wants an attempt at once
-    bool unpaired_ = false;             // by pair("NONE"): not registered on purpose
+    std::shared_ptr<Slot_Reader> reader_ ZAV_SHM_GUARDED_BY(small_);
+    std::atomic<bool> closing_{false};                     // written with small_ held
+    bool retries_now_ ZAV_SHM_GUARDED_BY(small_) = false;  // pair() wants an attempt at once
+    bool unpaired_ ZAV_SHM_GUARDED_BY(small_) = false;     // by pair("NONE"): on purpose
 };
 
 }  // namespace zav_shm

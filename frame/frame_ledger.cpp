@@ -29,7 +29,7 @@ Sequence_Watch::Verdict Frame_Ledger::judge(Received_Frame& frame) {
     frame.lost = frame.dropped = frame.skipped = 0;
     frame.epoch_changed = false;
     const Verdict verdict = watch_.judge(frame);
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     if (verdict == Verdict::repeated) {
         ++counters_.repeated;
         return verdict;
@@ -53,7 +53,7 @@ void Frame_Ledger::count(Slot_Reader::Take taken, bool noticed) {
     if (taken == Slot_Reader::Take::frame) {
         return;  // judge() counts it
     }
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     switch (taken) {
         case Slot_Reader::Take::nothing:
             ++(noticed ? counters_.timeouts_no_frame : counters_.timeouts_no_relay);
@@ -76,23 +76,23 @@ void Frame_Ledger::count(Slot_Reader::Take taken, bool noticed) {
 
 void Frame_Ledger::dropped(std::uint64_t frames) {
     if (frames > 0) {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         counters_.dropped += frames;
     }
 }
 
 void Frame_Ledger::handed_out() {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     ++counters_.handed_out;
 }
 
 void Frame_Ledger::recovered() {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     ++counters_.recoveries;
 }
 
 Subscriber_Counters Frame_Ledger::counters() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return counters_;
 }
 

@@ -2,12 +2,12 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 
 #include "frame/frame_counters.h"
 #include "frame/received_frame.h"
 #include "frame/sequence_watch.h"
 #include "frame/slot_reader.h"
+#include "ipc/annotated_mutex.h"
 
 namespace zav_shm {
 
@@ -40,8 +40,8 @@ private:
     const bool key_frame_after_loss_;
     Sequence_Watch watch_;
 
-    mutable std::mutex mutex_;
-    Subscriber_Counters counters_;  // guarded by mutex_
+    mutable Mutex mutex_;
+    Subscriber_Counters counters_ ZAV_SHM_GUARDED_BY(mutex_);
 };
 
 }  // namespace zav_shm

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -12,6 +11,7 @@
 #include "control/control_protocol.h"
 #include "frame/center_link.h"
 #include "frame/slot_writer.h"
+#include "ipc/annotated_mutex.h"
 #include "ipc/deadline.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/random_epoch.h"
@@ -92,8 +92,8 @@ private:
 
     std::atomic<Frame_State> state_{Frame_State::closed};
     std::atomic<std::size_t> page_bytes_{0};
-    mutable std::mutex counters_mutex_;
-    Publisher_Counters counters_;  // guarded by counters_mutex_
+    mutable zav_shm::Mutex counters_mutex_;
+    Publisher_Counters counters_ ZAV_SHM_GUARDED_BY(counters_mutex_);
 };
 
 // ---- standing with the center ----
@@ -134,7 +134,7 @@ bool ZAV_SHM_Frame_Publisher::Body::connect(std::chrono::milliseconds limit) {
     page_bytes_ = writer_->capacity();
     state_ = Frame_State::connected;
     if (std::exchange(was_connected_, true)) {
-        const std::lock_guard guard(counters_mutex_);
+        const zav_shm::Guard guard(counters_mutex_);
         ++counters_.recoveries;
     }
     return true;
@@ -244,7 +244,7 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::write(std::size_t
     state_ = Frame_State::connected;
     was_delivered_ = true;
     if (!read_in_time) {
-        const std::lock_guard guard(counters_mutex_);
+        const zav_shm::Guard guard(counters_mutex_);
         ++counters_.slow_reads;
     }
     return counted(Publish_Outcome::delivered, payload_bytes);
@@ -274,7 +274,7 @@ ZAV_SHM_Frame_Header ZAV_SHM_Frame_Publisher::Body::header_of(std::size_t payloa
 
 ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::counted(Publish_Outcome outcome,
                                                                        std::size_t payload_bytes) {
-    const std::lock_guard guard(counters_mutex_);
+    const zav_shm::Guard guard(counters_mutex_);
     counters_.frames = sequence_;
     switch (outcome) {
         case Publish_Outcome::delivered:
@@ -300,7 +300,7 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::counted(Publish_O
 }
 
 Publisher_Counters ZAV_SHM_Frame_Publisher::Body::counters() const {
-    const std::lock_guard guard(counters_mutex_);
+    const zav_shm::Guard guard(counters_mutex_);
     return counters_;
 }
 

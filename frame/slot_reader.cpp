@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <new>
 
 #include "frame/payload_copy.h"
@@ -65,7 +64,7 @@ bool Slot_Reader::is_usable() const {
 }
 
 std::string Slot_Reader::segment() const {
-    const std::lock_guard guard(*lock);
+    const Guard guard(*lock);
     return slot_is_mapped() ? shm->get_shm_path() : std::string();
 }
 
@@ -130,7 +129,7 @@ bool Slot_Reader::wait_for_frame(const Patience& patience) {
 
 // A second try, since a writer that was early is often done by then.
 Slot_Reader::Take Slot_Reader::use_checked(Received_Frame& frame, const Use& use) {
-    const std::lock_guard guard(*lock);
+    const Guard guard(*lock);
     if (!slot_is_mapped() || shm->size < frame_header_bytes) {
         return Take::unmapped;
     }

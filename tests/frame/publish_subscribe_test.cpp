@@ -447,16 +447,18 @@ TEST_F(Frames, of_another_producer_come_after_pairing_while_a_thread_is_receivin
 TEST_F(Flowing_Frames, of_another_producer_come_after_pairing_at_a_center_that_has_just_started) {
     ZAV_SHM_Frame_Publisher rec({.name = "CAM_REC"});
     stop();
-    std::thread pairing([this] { EXPECT_TRUE(player.pair("CAM_REC", 20s)); });
-    std::this_thread::sleep_for(50ms);
     start();
-    pairing.join();
+    ASSERT_TRUE(player.pair("CAM_REC", 20s));
+    const auto before = player.counters().timeouts_no_frame;
+    EXPECT_TRUE(becomes_true([&] { return player.counters().timeouts_no_frame > before + 1; }))
+        << "the relay notices the new handles";
     ASSERT_TRUE(rec.open());
     EXPECT_TRUE(becomes_true([&] {
         rec.publish(payload(5, 1));
         return player.receive(frame, 100ms) == Receive_Status::frame &&
                frame.header.epoch == rec.epoch();
     }));
+    EXPECT_EQ(player.counters().recoveries, 0U) << "it was not without a center";
 }
 
 TEST_F(Flowing_Frames, end_when_the_consumer_is_paired_with_none_and_come_again) {
@@ -578,6 +580,8 @@ TEST_F(Frames, that_nobody_wants_are_no_sign_of_a_dead_center_in_another_pid_nam
 
 class Frames_Without_Center : public Control_Queues {};
 
+using Late_Center = Center;
+
 TEST_F(Frames_Without_Center, are_told_so_within_the_time_given) {
     ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP", .center_wait = 200ms});
     const Stopwatch watch;
@@ -594,6 +598,16 @@ TEST_F(Frames_Without_Center, are_told_so_within_the_time_given) {
     Received_Frame frame;
     EXPECT_EQ(player.receive(frame, 10ms), Receive_Status::timeout);
     EXPECT_EQ(player.state(), Frame_State::waiting_for_center);
+}
+
+// Both deal with the center then. For the thread sanitizer.
+TEST_F(Late_Center, grants_a_pairing_while_the_subscriber_is_being_opened) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP", .center_wait = 30s});
+    std::thread opening([&player] { EXPECT_TRUE(player.open()); });
+    std::this_thread::sleep_for(200ms);  // it looks more seldom by then
+    start();
+    EXPECT_TRUE(player.pair("CAM_REC", 20s));
+    opening.join();
 }
 
 }  // namespace
