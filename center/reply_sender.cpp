@@ -25,10 +25,11 @@ int Reply_Sender::send(const void* record, int size) {
         errno = EINVAL;
         return -1;
     }
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     int result = try_to_send(record, size);
     if (result < 0 && errno == EAGAIN) {
-        addressees_.discard_gone([this](long addressee) { queue_.discard_all(addressee); });
+        addressees_.discard_gone([this](long addressee)
+                                     ZAV_SHM_REQUIRES(lock_) { queue_.discard_all(addressee); });
         result = try_to_send(record, size);
     } else if (result < 0 && (errno == EIDRM || errno == EINVAL)) {  // the queue was removed
         queue_.open(control::reply_project);
@@ -37,7 +38,8 @@ int Reply_Sender::send(const void* record, int size) {
     }
     if (result == 0) {
         addressees_.replied(type_of(record));
-        addressees_.forget_all_but([this](long addressee) { return queue_.holds(addressee); });
+        addressees_.forget_all_but([this](long addressee)
+                                       ZAV_SHM_REQUIRES(lock_) { return queue_.holds(addressee); });
     }
     return result;
 }
@@ -51,7 +53,7 @@ int Reply_Sender::try_to_send(const void* record, int size) {
 }
 
 void Reply_Sender::request_comes_from(std::optional<pid_t> sender) {
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     addressees_.request_comes_from(sender);
 }
 

@@ -3,10 +3,10 @@
 
 #include <sys/types.h>
 
-#include <mutex>
 #include <optional>
 
 #include "center/addressees.h"
+#include "ipc/annotated_mutex.h"
 #include "ipc/zav_msg_q.h"
 
 namespace zav_shm {
@@ -30,15 +30,15 @@ public:
     ///         EINVAL for a message type below 1 or a size that is not 0 .. 1028.
     int send(const void* record, int size);
 
-    /// Tells who sent the request that the next replies are for, as far as that is known.
+    /// Tells who sent a request, as far as that is known.
     void request_comes_from(std::optional<pid_t> sender);
 
 private:
-    int try_to_send(const void* record, int size);
+    int try_to_send(const void* record, int size) ZAV_SHM_REQUIRES(lock_);
 
-    ZAV_MSG_Q& queue_;
-    std::mutex lock_;        // guards the rest
-    Addressees addressees_;  // whoever may have a reply waiting
+    ZAV_MSG_Q& queue_ ZAV_SHM_GUARDED_BY(lock_);
+    Mutex lock_;
+    Addressees addressees_ ZAV_SHM_GUARDED_BY(lock_);  // whoever may have a reply waiting
 };
 
 }  // namespace zav_shm

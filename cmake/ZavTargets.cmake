@@ -15,6 +15,9 @@ function(zav_compile_options target)
         # g++ 12 takes "literal" + std::string for an overlapping copy when it optimises.
         target_compile_options(${target} PRIVATE -Wno-restrict)
     endif()
+    if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        target_compile_options(${target} PRIVATE -Wthread-safety)  # ipc/annotated_mutex.h
+    endif()
     if(ZAV_SHM_WARNINGS_AS_ERRORS)
         target_compile_options(${target} PRIVATE -Werror)
     endif()

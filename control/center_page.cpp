@@ -71,7 +71,7 @@ Descriptor hold_center_page(const std::string& folder, const Center_Page& page,
                             File_Access access) {
     File_Replacement replacement(center_page_path(folder));
     if (!replacement.is_open()) {
-        return Descriptor();
+        return {};
     }
     Center_Page written = page;
     if (take_file_lock(replacement.descriptor())) {

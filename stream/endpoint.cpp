@@ -102,14 +102,14 @@ ZAV_SHM_Stream_Receiver::ZAV_SHM_Stream_Receiver(const std::string& segment,
                                                  const std::string& sem_src,
                                                  const std::string& sem_dst,
                                                  const std::string& sem_exist)
-    : lock(std::make_unique<std::mutex>()) {
+    : lock(std::make_unique<zav_shm::Mutex>()) {
     open_slot(segment, O_RDONLY);
     open_semaphores(sem_src, sem_dst, sem_exist);
 }
 
 ZAV_SHM_Stream_Receiver::ZAV_SHM_Stream_Receiver(const std::string& segment, const std::string& up,
                                                  const std::string& down)
-    : lock(std::make_unique<std::mutex>()) {
+    : lock(std::make_unique<zav_shm::Mutex>()) {
     open_slot(segment, O_RDONLY);
     sem_up = std::make_unique<SEM_CTRL>(up.c_str(), false);
     sem_down = std::make_unique<SEM_CTRL>(down.c_str(), false);
@@ -129,7 +129,7 @@ bool ZAV_SHM_Stream_Receiver::receive_frame(STREAM_FRAME_FORMAT* frame) {
 }
 
 bool ZAV_SHM_Stream_Receiver::copy_frame_out(STREAM_FRAME_FORMAT* frame) {
-    const std::lock_guard guard(*lock);
+    const zav_shm::Guard guard(*lock);
     if (!slot_is_mapped()) {
         std::puts("Get NULL mem_addr!!!");
         return true;
@@ -165,7 +165,7 @@ void ZAV_SHM_Stream_Receiver::print_pause_state(const char* when) const {
 }
 
 int ZAV_SHM_Stream_Receiver::change_shm(const char* path) {
-    const std::lock_guard guard(*lock);
+    const zav_shm::Guard guard(*lock);
     if (SHM_Stream_Receiver::change_shm(path) == IPC_SHMEMORY::closed) {
         post_if_zero(sem_down.get());
     }

@@ -3,9 +3,9 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "ipc/annotated_mutex.h"
 #include "stream/channel_end.h"
 
 /// The producer's end of a channel: writes frames into the slot.
@@ -110,7 +110,7 @@ public:
     bool time_wait_transmission(long ms);
 
 protected:
-    std::unique_ptr<std::mutex> lock;          // guards the slot while copying or switching
+    std::unique_ptr<zav_shm::Mutex> lock;      // guards the slot while copying or switching
     std::atomic<bool> pause_requested{false};  // cleared here, set by nobody in this library
 
 private:

@@ -18,7 +18,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <mutex>
 #include <ostream>
 
 #include "stream/relay_thread.h"
@@ -93,7 +92,7 @@ int SHM_Stream_Transmission::transmission_frame() {
         pthread_testcancel();
     }
     {
-        const std::lock_guard guard(*lock);
+        const zav_shm::Guard guard(*lock);
         if (!distributor_list.empty()) {
             return relay_one_frame();
         }
@@ -170,7 +169,7 @@ void SHM_Stream_Transmission::insert_distributor(Writer* d) {
     if (d == nullptr) {
         return;
     }
-    const std::lock_guard guard(*lock);
+    const zav_shm::Guard guard(*lock);
     if (reset_duplicate_of(*d)) {
         std::puts("Duplicate Distributor...");
         return;
@@ -183,7 +182,7 @@ bool SHM_Stream_Transmission::duplicate_distributor(const Writer* d) {
     if (d == nullptr) {
         return false;
     }
-    const std::lock_guard guard(*lock);
+    const zav_shm::Guard guard(*lock);
     return reset_duplicate_of(*d);
 }
 
@@ -191,13 +190,13 @@ void SHM_Stream_Transmission::delete_distributor(Writer* d) {
     if (d == nullptr) {
         return;
     }
-    const std::lock_guard guard(*lock);
+    const zav_shm::Guard guard(*lock);
     distributor_list.remove(d);
     d->reset();
 }
 
 int SHM_Stream_Transmission::get_distributor_num() {
-    const std::lock_guard guard(*lock);
+    const zav_shm::Guard guard(*lock);
     return static_cast<int>(distributor_list.size());
 }
 
@@ -218,7 +217,7 @@ std::ostream& operator<<(std::ostream& out, const SHM_Stream_Transmission& relay
         out << *relay.source;
     }
     out << '\n';
-    const std::lock_guard guard(*relay.lock);
+    const zav_shm::Guard guard(*relay.lock);
     for (const auto* const writer : relay.distributor_list) {
         out << *writer << '\n';
     }

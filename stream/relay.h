@@ -99,21 +99,24 @@ public:
 private:
     using Writer = ZAV_SHM_Stream_Transmission_Distributor;
 
-    void find_live_writers();
-    void collect_late_reads();
-    int relay_one_frame();
-    bool reset_duplicate_of(const Writer& d);
+    void find_live_writers() ZAV_SHM_REQUIRES(*lock);
+    void collect_late_reads() ZAV_SHM_REQUIRES(*lock);
+    int relay_one_frame() ZAV_SHM_REQUIRES(*lock);
+    bool reset_duplicate_of(const Writer& d) ZAV_SHM_REQUIRES(*lock);
     bool join_if_reading(Writer& writer);
-    void collect_started(std::list<Writer*>& out);
+    void collect_started(std::list<Writer*>& out) ZAV_SHM_REQUIRES(*lock);
     static bool post_frame_ready(const std::list<Writer*>& list);
 
     ZAV_SHM_Stream_Transmission_Receiver* source;  // constant after construction; not owned
-    std::unique_ptr<zav_shm::Ticket_Mutex> lock;   // guards both lists; held through waits
-    std::list<Writer*> distributor_list;           // in insertion order; not owned
-    zav_shm::Relay_Counters counters_;             // relay thread counts, any thread reads
-    std::vector<Writer*> live_;                    // the writers of the current cycle
-    std::atomic<bool> stopping_{false};            // request_stop() writes, relay thread reads
-    bool runs_own_body_ = true;                    // run() writes, stop() reads: one thread
+    std::unique_ptr<zav_shm::Ticket_Mutex> lock;   // held through waits
+
+    // In insertion order, and those that are there in the current cycle; not owned.
+    std::list<Writer*> distributor_list ZAV_SHM_GUARDED_BY(*lock);
+    std::vector<Writer*> live_ ZAV_SHM_GUARDED_BY(*lock);
+
+    zav_shm::Relay_Counters counters_;   // relay thread counts, any thread reads
+    std::atomic<bool> stopping_{false};  // request_stop() writes, relay thread reads
+    bool runs_own_body_ = true;          // run() writes, stop() reads: one thread
     std::unique_ptr<zav_shm::Relay_Thread> thread;
 };
 

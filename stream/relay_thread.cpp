@@ -25,7 +25,7 @@ struct Relay_Thread::Leaving {
         detach_if_joinable();
         // Notified under the mutex: with it released first, the waiter could go on and destroy
         // what a sanitizer still sees in use here.
-        const std::lock_guard guard(state->mutex);
+        const Guard guard(state->mutex);
         state->running = false;
         state->changed.notify_all();
     }
@@ -51,7 +51,7 @@ void* Relay_Thread::main(void* start) {
 }
 
 int Relay_Thread::start(Routine routine, void* argument) {
-    const std::lock_guard guard(state_->mutex);
+    const Guard guard(state_->mutex);
     if (state_->running) {
         return EBUSY;
     }
@@ -66,31 +66,34 @@ int Relay_Thread::start(Routine routine, void* argument) {
 }
 
 bool Relay_Thread::wait_until_left(std::chrono::milliseconds limit) {
-    std::unique_lock guard(state_->mutex);
-    return state_->changed.wait_for(guard, limit, [this] { return !state_->running; });
+    Waiting_Guard guard(state_->mutex);
+    return state_->changed.wait_for(
+        guard.lock(), limit, [this]() ZAV_SHM_REQUIRES(state_->mutex) { return !state_->running; });
 }
 
 void Relay_Thread::cancel() {
-    std::unique_lock guard(state_->mutex);
+    Waiting_Guard guard(state_->mutex);
     if (state_->running) {
         pthread_cancel(id_);  // valid: it needs the mutex to stop running
-        state_->changed.wait(guard, [this] { return !state_->running; });
+        state_->changed.wait(guard.lock(),
+                             [this]() ZAV_SHM_REQUIRES(state_->mutex) { return !state_->running; });
     }
 }
 
 // Under the mutex: a running thread needs it to stop running, so `id_` is valid.
 bool Relay_Thread::signal(int number) {
-    const std::lock_guard guard(state_->mutex);
+    const Guard guard(state_->mutex);
     return state_->running && pthread_kill(id_, number) == 0;
 }
 
 void Relay_Thread::sleep(std::chrono::milliseconds time) {
-    std::unique_lock guard(state_->mutex);
-    state_->changed.wait_for(guard, time, [this] { return state_->woken; });
+    Waiting_Guard guard(state_->mutex);
+    state_->changed.wait_for(guard.lock(), time,
+                             [this]() ZAV_SHM_REQUIRES(state_->mutex) { return state_->woken; });
 }
 
 void Relay_Thread::wake() {
-    const std::lock_guard guard(state_->mutex);
+    const Guard guard(state_->mutex);
     state_->woken = true;
     state_->changed.notify_all();
 }

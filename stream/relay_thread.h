@@ -6,7 +6,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
+
+#include "ipc/annotated_mutex.h"
 
 namespace zav_shm {
 
@@ -42,10 +43,10 @@ public:
 
 private:
     struct State {
-        std::mutex mutex;                 // guards the rest
+        Mutex mutex;
         std::condition_variable changed;  // notified when the thread left, or wake()
-        bool running = false;
-        bool woken = false;
+        bool running ZAV_SHM_GUARDED_BY(mutex) = false;
+        bool woken ZAV_SHM_GUARDED_BY(mutex) = false;
     };
     struct Start;
     struct Leaving;
@@ -53,7 +54,7 @@ private:
     static void* main(void* start);
 
     std::shared_ptr<State> state_ = std::make_shared<State>();
-    pthread_t id_{};  // valid while state_->running
+    pthread_t id_ ZAV_SHM_GUARDED_BY(state_->mutex){};  // valid while state_->running
 };
 
 }  // namespace zav_shm

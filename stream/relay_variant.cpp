@@ -4,7 +4,6 @@
 // part once its consumer has posted "read done", until it pauses. It has waits of its own.
 
 #include <cstdio>
-#include <mutex>
 
 #include "ipc/standard_output.h"
 #include "stream/relay.h"
@@ -18,7 +17,7 @@ constexpr long pause_wait_ms = 5;
 }  // namespace
 
 void SHM_Stream_Transmission::get_start_transmission_distributor_list(std::list<Writer*>& out) {
-    const std::lock_guard guard(*lock);
+    const zav_shm::Guard guard(*lock);
     collect_started(out);
 }
 
@@ -62,7 +61,7 @@ void SHM_Stream_Transmission::start_transmission() {
 
 // Collected under the same lock as used: a writer that was removed in between must not be.
 int SHM_Stream_Transmission::distribute_frame() {
-    const std::lock_guard guard(*lock);
+    const zav_shm::Guard guard(*lock);
     std::list<Writer*> present;
     collect_started(present);
     if (!post_frame_ready(present)) {
@@ -84,7 +83,7 @@ int SHM_Stream_Transmission::distribute_frame() {
 }
 
 int SHM_Stream_Transmission::distribute_frame(std::list<Writer*>& list) {
-    const std::lock_guard guard(*lock);
+    const zav_shm::Guard guard(*lock);
     return post_frame_ready(list) ? 1 : 0;
 }
 

@@ -5,7 +5,8 @@
 
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
+
+#include "ipc/annotated_mutex.h"
 
 namespace zav_shm {
 
@@ -21,21 +22,21 @@ namespace zav_shm {
 ///          is no place at which a thread can be cancelled: its ticket would be left behind, and
 ///          nobody who came later would ever be let in.
 /// Crash    goes with its process.
-class Ticket_Mutex {
+class ZAV_SHM_CAPABILITY Ticket_Mutex {
 public:
-    void lock() {
-        std::unique_lock guard(state_);
+    void lock() ZAV_SHM_ACQUIRE() {
+        Waiting_Guard guard(state_);
         const std::uint64_t ticket = next_++;
         if (serving_ != ticket) {
             const Uncancelled waiting;
-            turn_.wait(guard, [&] { return serving_ == ticket; });
+            turn_.wait(guard.lock(), [&]() ZAV_SHM_REQUIRES(state_) { return serving_ == ticket; });
         }
     }
 
-    void unlock() {
+    void unlock() ZAV_SHM_RELEASE() {
         bool awaited = false;
         {
-            const std::lock_guard guard(state_);
+            const Guard guard(state_);
             ++serving_;
             awaited = serving_ != next_;
         }
@@ -46,7 +47,7 @@ public:
 
     /// True when somebody waits behind the holder.
     bool is_awaited() {
-        const std::lock_guard guard(state_);
+        const Guard guard(state_);
         return next_ - serving_ > 1;
     }
 
@@ -63,10 +64,12 @@ private:
         int former_ = PTHREAD_CANCEL_ENABLE;
     };
 
-    std::mutex state_;              // guards both counts; held for a few instructions only
+    Mutex state_;                   // held for a few instructions only
     std::condition_variable turn_;  // notified when `serving_` moves on to somebody's ticket
-    std::uint64_t next_ = 0;        // the ticket that the next to ask will draw
-    std::uint64_t serving_ = 0;     // the ticket that holds, or may take, the mutex
+
+    // The ticket that the next to ask will draw, and the one that holds, or may take, the mutex.
+    std::uint64_t next_ ZAV_SHM_GUARDED_BY(state_) = 0;
+    std::uint64_t serving_ ZAV_SHM_GUARDED_BY(state_) = 0;
 };
 
 }  // namespace zav_shm

@@ -127,7 +127,7 @@ void SHM_Stream_Transmission_Manager::create_shm(const Key& key, int page_size) 
 }
 
 void SHM_Stream_Transmission_Manager::create_receiver(const Key& key) {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     if (receiver_map.contains(key)) {
         print_insert_failure("Insert Receiver ", key);
         return;
@@ -137,7 +137,7 @@ void SHM_Stream_Transmission_Manager::create_receiver(const Key& key) {
 }
 
 void SHM_Stream_Transmission_Manager::create_distributor(const Key& key) {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     if (distributor_map.contains(key)) {
         print_insert_failure("Insert Distributor ", key);
         return;
@@ -147,7 +147,7 @@ void SHM_Stream_Transmission_Manager::create_distributor(const Key& key) {
 }
 
 void SHM_Stream_Transmission_Manager::create_transmission(Reader* reader) {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     if (transmission_map.contains(reader)) {
         zav_shm::standard_output() << "Insert Reciver Transmission Fail\n";
         return;
@@ -211,7 +211,7 @@ void SHM_Stream_Transmission_Manager::start_all_stream_transmission(void* (*star
 
 SHM_Stream_Transmission_Manager::Reader*& SHM_Stream_Transmission_Manager::get_receiver(
     const Key& key) {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     return receiver_map[key];
 }
 
@@ -222,7 +222,7 @@ SHM_Stream_Transmission_Manager::Reader*& SHM_Stream_Transmission_Manager::get_r
 
 SHM_Stream_Transmission_Manager::Writer*& SHM_Stream_Transmission_Manager::get_distributor(
     const Key& key) {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     return distributor_map[key];
 }
 
@@ -233,7 +233,7 @@ SHM_Stream_Transmission_Manager::Writer*& SHM_Stream_Transmission_Manager::get_d
 
 SHM_Stream_Transmission_Manager::Relay*& SHM_Stream_Transmission_Manager::get_transmission(
     const Key& key) {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     return transmission_map[receiver_map[key]];
 }
 
@@ -249,9 +249,9 @@ void SHM_Stream_Transmission_Manager::add_distributor(const Pair_Key& pair) {
     if (route.relay == nullptr || route.writer == nullptr) {
         return;
     }
-    const std::lock_guard pairing(pairing_lock_of(route.writer));
+    const zav_shm::Guard pairing(pairing_lock_of(route.writer));
     route.relay->insert_distributor(route.writer);
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     pair_map.emplace(route.writer, route.reader);
 }
 
@@ -260,7 +260,7 @@ void SHM_Stream_Transmission_Manager::remove_distributor(const Key& key) {
     if (writer == nullptr) {
         return;
     }
-    const std::lock_guard pairing(pairing_lock_of(writer));
+    const zav_shm::Guard pairing(pairing_lock_of(writer));
     Reader* const reader = paired_reader(writer);
     Relay* relay = nullptr;
     if (reader == nullptr || find_relay(reader, relay) != Relay_State::present) {
@@ -282,14 +282,14 @@ void SHM_Stream_Transmission_Manager::kick_idle_distributor(bool kick) {
     }
     std::map<Writer*, Reader*> pairs;
     {
-        const std::lock_guard guard(maps_);
+        const zav_shm::Guard guard(maps_);
         pairs = pair_map;
     }
     for (const auto& [writer, reader] : pairs) {
         if (writer == nullptr || reader == nullptr) {
             continue;
         }
-        const std::lock_guard pairing(pairing_lock_of(writer));
+        const zav_shm::Guard pairing(pairing_lock_of(writer));
         if (paired_reader(writer) != reader || writer->get_sem_wait_error() <= idle_timeouts) {
             continue;
         }
@@ -307,7 +307,7 @@ void SHM_Stream_Transmission_Manager::kick_idle_distributor(bool kick) {
 // The documented lookups leave unknown keys behind; beyond the limit they are only looked for.
 SHM_Stream_Transmission_Manager::Route SHM_Stream_Transmission_Manager::route_of(
     const Pair_Key& pair) {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     const Key producer = producer_key(pair);
     const Key consumer = consumer_key(pair);
     if (may_remember()) {
@@ -325,7 +325,7 @@ SHM_Stream_Transmission_Manager::Route SHM_Stream_Transmission_Manager::route_of
 
 SHM_Stream_Transmission_Manager::Writer* SHM_Stream_Transmission_Manager::writer_of(
     const Key& key) {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     if (may_remember()) {
         distributor_map.try_emplace(key, nullptr);
     }
@@ -339,7 +339,7 @@ bool SHM_Stream_Transmission_Manager::may_remember() const {
 
 SHM_Stream_Transmission_Manager::Relay_State SHM_Stream_Transmission_Manager::find_relay(
     Reader* reader, Relay*& relay) {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     const auto found = transmission_map.find(reader);
     if (found == transmission_map.end()) {
         return Relay_State::absent;
@@ -350,25 +350,25 @@ SHM_Stream_Transmission_Manager::Relay_State SHM_Stream_Transmission_Manager::fi
 
 SHM_Stream_Transmission_Manager::Reader* SHM_Stream_Transmission_Manager::paired_reader(
     Writer* writer) {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     return value_or_null(pair_map, writer);
 }
 
-std::mutex& SHM_Stream_Transmission_Manager::pairing_lock_of(Writer* writer) {
-    const std::lock_guard guard(maps_);
+zav_shm::Mutex& SHM_Stream_Transmission_Manager::pairing_lock_of(Writer* writer) {
+    const zav_shm::Guard guard(maps_);
     return pairing_[writer];
 }
 
 void SHM_Stream_Transmission_Manager::unpair(Writer* writer, Relay* relay) {
     relay->delete_distributor(writer);
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     pair_map.erase(writer);
 }
 
 // ---- for the host ----
 
 int SHM_Stream_Transmission_Manager::interrupt_waits(int signal) const {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     return static_cast<int>(std::count_if(
         transmission_map.begin(), transmission_map.end(), [signal](const auto& entry) {
             return entry.second != nullptr && entry.second->interrupt_wait(signal);
@@ -378,7 +378,7 @@ int SHM_Stream_Transmission_Manager::interrupt_waits(int signal) const {
 std::vector<zav_shm::Relay_Snapshot> SHM_Stream_Transmission_Manager::snapshot() const {
     std::vector<zav_shm::Relay_Snapshot> relays;
     std::map<const Reader*, std::size_t> place_of;
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     for (const auto& [key, reader] : receiver_map) {
         const Relay* const relay = value_or_null(transmission_map, reader);
         if (relay != nullptr) {
@@ -459,7 +459,7 @@ std::ostream& operator<<(std::ostream& out, const SHM_Stream_Transmission_Manage
     std::vector<const SHM_Stream_Transmission*> relays;
     std::vector<Key> consumers;
     {
-        const std::lock_guard guard(manager.maps_);
+        const zav_shm::Guard guard(manager.maps_);
         for (const auto& [key, reader] : manager.receiver_map) {
             producers.push_back(key);
         }

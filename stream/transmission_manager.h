@@ -3,10 +3,10 @@
 
 #include <iosfwd>
 #include <map>
-#include <mutex>
 #include <vector>
 
 #include "config/zav_shm_config.h"
+#include "ipc/annotated_mutex.h"
 #include "stream/channel_key.h"
 #include "stream/relay.h"
 #include "stream/relay_endpoint.h"
@@ -42,7 +42,7 @@ public:
     SHM_Stream_Transmission_Manager(const SHM_Stream_Transmission_Manager&) = delete;
     SHM_Stream_Transmission_Manager& operator=(const SHM_Stream_Transmission_Manager&) = delete;
 
-    // ---- construction, step by step ----
+    // ---- construction, step by step: one thread alone, so without the lock of the maps ----
 
     void create_shm_folder(const ZAV_SHM_CONFIG* config);
     void create_sem_folder(const ZAV_SHM_CONFIG* config);
@@ -58,9 +58,9 @@ public:
     void create_transmission(Reader* reader);
     void create_src_stream_transmission(const ZAV_SHM_CONFIG* config);
     void create_dst_stream_transmission(const ZAV_SHM_CONFIG* config);
-    void create_stream_transmission();
+    void create_stream_transmission() ZAV_SHM_UNCHECKED;
     void start_stream_transmission(Relay* relay, void* (*start_routine)(void*));
-    void start_all_stream_transmission(void* (*start_routine)(void*));
+    void start_all_stream_transmission(void* (*start_routine)(void*)) ZAV_SHM_UNCHECKED;
 
     // ---- lookups: the slot of a key, made with a null value when the key is unknown ----
 
@@ -105,21 +105,25 @@ public:
     /// the others.
     std::vector<zav_shm::Relay_Snapshot> snapshot() const;
 
-    // ---- tear-down, step by step; relays are stopped before anything is freed ----
+    // ---- tear-down, step by step: one thread alone; relays are stopped before anything is freed
 
-    void delete_dst_stream_transmission();
-    void delete_stream_transmission();
-    void delete_transmission(Reader* reader);
-    void delete_src_stream_transmission();
+    void delete_dst_stream_transmission() ZAV_SHM_UNCHECKED;
+    void delete_stream_transmission() ZAV_SHM_UNCHECKED;
+    void delete_transmission(Reader* reader) ZAV_SHM_UNCHECKED;
+    void delete_src_stream_transmission() ZAV_SHM_UNCHECKED;
 
     friend std::ostream& operator<<(std::ostream& out,
                                     const SHM_Stream_Transmission_Manager& manager);
 
 protected:
-    std::map<Key, Reader*> receiver_map;         // owning; guarded by maps_, as the next three
-    std::map<Key, Writer*> distributor_map;      // owning
-    std::map<Reader*, Relay*> transmission_map;  // owning
-    std::map<Writer*, Reader*> pair_map;         // owns nothing
+    // Never held while a relay is waited for; taken last.
+    mutable zav_shm::Mutex maps_;
+
+    // The first three own what they point to.
+    std::map<Key, Reader*> receiver_map ZAV_SHM_GUARDED_BY(maps_);
+    std::map<Key, Writer*> distributor_map ZAV_SHM_GUARDED_BY(maps_);
+    std::map<Reader*, Relay*> transmission_map ZAV_SHM_GUARDED_BY(maps_);
+    std::map<Writer*, Reader*> pair_map ZAV_SHM_GUARDED_BY(maps_);
 
 private:
     struct Route {
@@ -133,13 +137,13 @@ private:
     Writer* writer_of(const Key& key);
     Relay_State find_relay(Reader* reader, Relay*& relay);
     Reader* paired_reader(Writer* writer);
-    std::mutex& pairing_lock_of(Writer* writer);
-    bool may_remember() const;
+    zav_shm::Mutex& pairing_lock_of(Writer* writer);
+    bool may_remember() const ZAV_SHM_REQUIRES(maps_);
     void unpair(Writer* writer, Relay* relay);
-    void stop_relays();
+    void stop_relays() ZAV_SHM_UNCHECKED;
 
-    mutable std::mutex maps_;                // guards all maps; never held while waiting
-    std::map<Writer*, std::mutex> pairing_;  // each: pairing of that writer; held through waits
+    // Each for the pairing of one writer, held through waits; taken before that of a relay.
+    std::map<Writer*, zav_shm::Mutex> pairing_ ZAV_SHM_GUARDED_BY(maps_);
 };
 
 /// Writes the keys of the producer channels, the relays, and the keys of the consumer channels.

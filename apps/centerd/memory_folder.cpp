@@ -46,7 +46,8 @@ Outcome check_memory_folder() {
                        std::string("/dev/shm is mounted read-only; ") + read_only_remedy);
     }
     // Other errors than this one may come from a filter of system calls.
-    if (faccessat(AT_FDCWD, shared_memory_folder, W_OK | X_OK, AT_EACCESS) != 0 && errno == EACCES) {
+    if (faccessat(AT_FDCWD, shared_memory_folder, W_OK | X_OK, AT_EACCESS) != 0 &&
+        errno == EACCES) {
         return failure(Exit_Status::system_error,
                        "/dev/shm has " + owner_and_mode(found) + ", and user " +
                            std::to_string(geteuid()) + " may make nothing there (" +

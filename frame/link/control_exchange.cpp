@@ -11,7 +11,6 @@
 #include <condition_variable>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -20,6 +19,7 @@
 #include "control/json_text.h"
 #include "frame/link/reply_judge.h"
 #include "frame/link/unanswered_requests.h"
+#include "ipc/annotated_mutex.h"
 #include "ipc/deadline.h"
 #include "ipc/zav_msg_q.h"
 
@@ -127,10 +127,10 @@ std::optional<Json::Value> take(const ZAV_MSG_Q& queue, long pid) {
 /// subscribers of static storage talk to the center before the objects of this file are made, and
 /// after they are gone.
 struct Process {
-    std::mutex mutex;                 // guards `is_taken`
-    std::condition_variable changed;  // notified when a turn is over
-    bool is_taken = false;            // somebody has the turn
-    Unanswered_Requests unanswered;   // of whoever has it
+    Mutex mutex;
+    std::condition_variable changed;                  // notified when a turn is over
+    bool is_taken ZAV_SHM_GUARDED_BY(mutex) = false;  // somebody has the turn
+    Unanswered_Requests unanswered;                   // of whoever has it
 };
 
 Process& process() {
@@ -142,17 +142,19 @@ Process& process() {
 class Turn {
 public:
     explicit Turn(Clock::time_point end) {
-        std::unique_lock lock(process().mutex);
-        mine_ = process().changed.wait_until(lock, end, [] { return !process().is_taken; });
-        if (mine_) {
-            process().is_taken = true;
-        }
+        Process& shared = process();
+        Waiting_Guard guard(shared.mutex);
+        mine_ = shared.changed.wait_until(
+            guard.lock(), end,
+            [&shared]() ZAV_SHM_REQUIRES(shared.mutex) { return !shared.is_taken; });
+        shared.is_taken = shared.is_taken || mine_;
     }
     ~Turn() {
         if (mine_) {
-            const std::lock_guard guard(process().mutex);
-            process().is_taken = false;
-            process().changed.notify_one();
+            Process& shared = process();
+            const Guard guard(shared.mutex);
+            shared.is_taken = false;
+            shared.changed.notify_one();
         }
     }
     Turn(const Turn&) = delete;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "ipc/memory_fence.h"
 #include "ipc/test_point.h"
@@ -115,7 +116,7 @@ bool Slot_Reader::wait_for_frame(const Patience& patience) {
 
 // A second try, since a writer that was early is often done by then.
 Slot_Reader::Take Slot_Reader::use_checked(Slot_Frame& frame, const Copy& copy) {
-    const std::lock_guard guard(*lock);
+    const Guard guard(*lock);
     if (!slot_is_mapped() || shm->size < frame_header_bytes) {
         return Take::unmapped;
     }

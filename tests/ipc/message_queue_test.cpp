@@ -126,13 +126,15 @@ TEST_F(Message_Queue, tells_who_sent_the_message_taken_last_when_no_other_waits)
 TEST_F(Message_Queue, tells_a_sender_of_another_pid_namespace_by_the_id_that_it_has_here) {
     const auto send_from_there = [this] {
         send(1, "one");
-        return getpid() == 2 ? 7 : 8;
+        return getpid();  // a small number
     };
-    ASSERT_EQ(result_in_pid_namespace(send_from_there), 7);
+    const int there = result_in_pid_namespace(send_from_there);
+    EXPECT_LE(there, 100);
     queue.discard_oldest();
     const auto sender = queue.last_sender();
     ASSERT_TRUE(sender);
-    EXPECT_NE(*sender, 2);
+    EXPECT_NE(*sender, there);
+    EXPECT_NE(*sender, 0);
 }
 
 }  // namespace

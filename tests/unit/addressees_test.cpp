@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <limits>
 #include <vector>
 
 using zav_shm::Addressees;
@@ -39,19 +40,12 @@ protected:
     Addressees addressees_;
 };
 
-TEST_F(Known, addressee_of_this_namespace_is_gone_when_its_process_is) {
+TEST_F(Known, addressee_is_gone_when_its_process_is) {
     const pid_t ended = ended_process();
     reply_to(getpid(), getpid());
-    reply_to(ended, ended);
+    reply_to(ended, {});
     EXPECT_EQ(gone_after(0s), std::vector<long>{ended});
     EXPECT_EQ(gone_after(1h), nobody_) << "forgotten, and the living stay";
-}
-
-// As the center's own question does, or a test that stands for many clients.
-TEST_F(Known, addressee_that_another_process_asks_for_is_judged_by_its_own_id) {
-    const pid_t ended = ended_process();
-    reply_to(ended, getpid());
-    EXPECT_EQ(gone_after(0s), std::vector<long>{ended});
 }
 
 TEST_F(Known, process_that_has_ended_and_was_not_waited_for_is_gone) {
@@ -66,33 +60,23 @@ TEST_F(Known, process_that_has_ended_and_was_not_waited_for_is_gone) {
     waitpid(ended, nullptr, 0);
 }
 
+TEST_F(Known, addressee_that_no_process_can_have_is_gone) {
+    const long beyond = std::numeric_limits<long>::max();
+    reply_to(beyond, {});
+    EXPECT_EQ(gone_after(0s), std::vector<long>{beyond});
+}
+
 // A reply that is not taken for so long is not waited for.
-TEST_F(Known, addressee_that_is_out_of_sight_is_gone_when_it_has_long_had_no_reply) {
+TEST_F(Known, addressee_that_may_be_out_of_sight_is_gone_when_it_has_long_had_no_reply) {
     const pid_t no_process = ended_process();
     reply_to(no_process, 0);
     EXPECT_EQ(gone_after(4s), nobody_);
     EXPECT_EQ(gone_after(5s), std::vector<long>{no_process});
-}
-
-TEST_F(Known,
-       addressee_of_an_unknown_sender_is_judged_by_its_id_unless_there_are_other_namespaces) {
-    const pid_t first = ended_process();
-    reply_to(first, {});
-    reply_to(getpid(), {});
-    EXPECT_EQ(gone_after(0s), std::vector<long>{first});
-    const pid_t elsewhere = ended_process();
-    reply_to(elsewhere, 0);
-    const pid_t second = ended_process();
-    reply_to(second, {});
-    EXPECT_EQ(gone_after(4s), nobody_) << "it may be out of sight, too";
-    EXPECT_EQ(gone_after(5s), (std::vector<long>{elsewhere, second}));
-}
-
-TEST_F(Known, sender_that_was_told_once_is_remembered) {
-    const pid_t elsewhere = ended_process();
-    reply_to(elsewhere, 0);
-    reply_to(elsewhere, {});
-    EXPECT_EQ(gone_after(4s), nobody_);
+    const pid_t another = ended_process();
+    reply_to(another, getpid());
+    EXPECT_EQ(gone_after(4s), nobody_) << "some are out of sight";
+    reply_to(getpid(), getpid());
+    EXPECT_EQ(gone_after(1h), std::vector<long>{another});
 }
 
 TEST_F(Known, addressees_without_a_reply_are_forgotten_when_there_are_many) {
