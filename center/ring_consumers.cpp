@@ -43,7 +43,7 @@ Ring_Consumers::~Ring_Consumers() { remove_all_pages(); }
 // ---- the books ----
 
 void Ring_Consumers::add(const Key& consumer, const std::string& producer, const Member& member) {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     if (entries_.size() >= entries_max && !entries_.contains(consumer)) {
         return;
     }
@@ -60,7 +60,7 @@ void Ring_Consumers::add(const Key& consumer, const std::string& producer, const
 }
 
 void Ring_Consumers::remove(const Key& consumer, const Member& member) {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     const auto entry = entries_.find(consumer);
     if (entry == entries_.end()) {
         return;
@@ -70,13 +70,13 @@ void Ring_Consumers::remove(const Key& consumer, const Member& member) {
 }
 
 bool Ring_Consumers::has(const Key& consumer) {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     forget_dead(consumer);
     return entries_.contains(consumer);
 }
 
 void Ring_Consumers::pair(const Key& consumer, const std::string& producer) {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     const auto entry = entries_.find(consumer);
     if (entry == entries_.end()) {
         return;
@@ -87,7 +87,7 @@ void Ring_Consumers::pair(const Key& consumer, const std::string& producer) {
 }
 
 void Ring_Consumers::producer_uses(const Key& producer, Route_Page::Source source) {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     if (sources_.size() >= entries_max && !sources_.contains(producer)) {
         return;
     }
@@ -104,13 +104,13 @@ void Ring_Consumers::producer_uses(const Key& producer, Route_Page::Source sourc
 }
 
 Route_Page::Source Ring_Consumers::source_of(const Key& producer) const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     const auto found = sources_.find(producer);
     return found == sources_.end() ? Route_Page::unknown : found->second;
 }
 
 long Ring_Consumers::take_relay(const Key& consumer, const Member& member) {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     if (relay_users_.size() >= entries_max && !relay_users_.contains(consumer)) {
         return 0;
     }
@@ -123,7 +123,7 @@ long Ring_Consumers::take_relay(const Key& consumer, const Member& member) {
 }
 
 bool Ring_Consumers::leave_relay(const Key& consumer, const Member& member) {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     const auto user = relay_users_.find(consumer);
     if (user == relay_users_.end() || user->second != member) {
         return false;
@@ -133,7 +133,7 @@ bool Ring_Consumers::leave_relay(const Key& consumer, const Member& member) {
 }
 
 std::vector<Ring_Consumer_Snapshot> Ring_Consumers::snapshot() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     std::vector<Ring_Consumer_Snapshot> taken;
     for (const auto& [key, entry] : entries_) {
         Ring_Consumer_Snapshot consumer{key.name, key.channel, key.stream, entry.producer, {}};
@@ -163,7 +163,6 @@ bool Ring_Consumers::is_alive(const Member& member) const {
            (kill(static_cast<pid_t>(member.pid), 0) == 0 || errno != ESRCH);
 }
 
-// Called with the lock held, as all below.
 void Ring_Consumers::forget_dead(const Key& consumer) {
     const auto entry = entries_.find(consumer);
     if (entry == entries_.end()) {

@@ -3,11 +3,11 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "control/route_page.h"
+#include "ipc/annotated_mutex.h"
 #include "stream/channel_key.h"
 
 namespace zav_shm {
@@ -83,18 +83,18 @@ private:
     };
 
     bool is_alive(const Member& member) const;
-    void forget_dead(const Key& consumer);
-    void write_page(const Key& consumer, const std::string& producer);
+    void forget_dead(const Key& consumer) ZAV_SHM_REQUIRES(mutex_);
+    void write_page(const Key& consumer, const std::string& producer) ZAV_SHM_REQUIRES(mutex_);
     void remove_page(const Key& consumer) const;
     std::string path_of(const Key& key) const;
     void wake_readers_of(const Key& consumer, const std::string& producer) const;
     void remove_all_pages() const;
 
     const std::string folder_;
-    mutable std::mutex mutex_;  // guards all below
-    std::map<Key, Entry> entries_;
-    std::map<Key, Member> relay_users_;
-    std::map<Key, Route_Page::Source> sources_;  // by producer
+    mutable Mutex mutex_;
+    std::map<Key, Entry> entries_ ZAV_SHM_GUARDED_BY(mutex_);
+    std::map<Key, Member> relay_users_ ZAV_SHM_GUARDED_BY(mutex_);
+    std::map<Key, Route_Page::Source> sources_ ZAV_SHM_GUARDED_BY(mutex_);  // by producer
 };
 
 }  // namespace zav_shm

@@ -41,7 +41,7 @@ Frame_Poll::~Frame_Poll() {
     }
     std::shared_ptr<Ring_Follower> follower;
     {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         stopping_ = true;
         follower = follower_;
         changed_.notify_all();
@@ -55,7 +55,7 @@ Frame_Poll::~Frame_Poll() {
 // Cleared before the thread looks again: what comes in between is found by it.
 void Frame_Poll::nothing_left(std::shared_ptr<const Ring_Memory> ring, std::uint64_t next,
                               const std::string& path) {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     if (waits_) {
         return;
     }
@@ -68,40 +68,55 @@ void Frame_Poll::nothing_left(std::shared_ptr<const Ring_Memory> ring, std::uint
 
 void Frame_Poll::run() {
     pthread_setname_np(pthread_self(), "zav_poll");
-    std::unique_lock lock(mutex_);
-    while (!stopping_) {
-        changed_.wait(lock, [this] { return waits_ || stopping_; });
-        if (stopping_) {
-            return;
-        }
-        follower_ = place_.ring ? std::make_shared<Ring_Follower>(place_.ring)
-                                : std::make_shared<Ring_Follower>(place_.path,
-                                                                  Ring_Memory::Reading::copied);
-        while (!stopping_ && !has_something(*follower_)) {
-            const std::int64_t deadline_ns = monotonic_ns() + look_interval_ns;
-            lock.unlock();
-            follower_->wait(deadline_ns);
-            lock.lock();
-            if (monotonic_ns() < deadline_ns) {
-                break;  // somebody has woken it: there is something to look at, perhaps
-            }
-        }
-        follower_.reset();
-        waits_ = false;
-        eventfd_write(readable_.get(), 1);
+    for (std::shared_ptr<Ring_Follower> follower; (follower = wait_for_place());) {
+        watch_place(*follower);
     }
 }
 
-bool Frame_Poll::has_something(Ring_Follower& follower) const {
-    if (!place_.ring) {
+// Null when the thread is to end.
+std::shared_ptr<Ring_Follower> Frame_Poll::wait_for_place() {
+    Waiting_Guard guard(mutex_);
+    changed_.wait(guard.lock(), [this]() ZAV_SHM_REQUIRES(mutex_) { return waits_ || stopping_; });
+    if (stopping_) {
+        return nullptr;
+    }
+    follower_ = place_.ring
+                    ? std::make_shared<Ring_Follower>(place_.ring)
+                    : std::make_shared<Ring_Follower>(place_.path, Ring_Memory::Reading::copied);
+    return follower_;
+}
+
+// Until there is something at the place, or until somebody has woken the thread: then there is
+// something to look at, perhaps.
+void Frame_Poll::watch_place(Ring_Follower& follower) {
+    const Place place = [this] {
+        const Guard guard(mutex_);
+        return place_;
+    }();
+    std::int64_t deadline_ns = 0;
+    do {
+        if (has_something(place, follower)) {
+            break;
+        }
+        deadline_ns = monotonic_ns() + look_interval_ns;
+        follower.wait(deadline_ns);
+    } while (monotonic_ns() >= deadline_ns);
+    const Guard guard(mutex_);
+    follower_.reset();
+    waits_ = false;
+    eventfd_write(readable_.get(), 1);
+}
+
+bool Frame_Poll::has_something(const Place& place, Ring_Follower& follower) {
+    if (!place.ring) {
         return follower.changes_over();
     }
     Ring_Reader& reader = *follower.reader();
-    reader.move_to(place_.next);
+    reader.move_to(place.next);
     Ring_Record record;
-    const ino_t named = place_.path.empty() ? 0 : inode_of(place_.path);
+    const ino_t named = place.path.empty() ? 0 : inode_of(place.path);
     return reader.look(record) != Ring_Reader::Look::nothing ||
-           (named != 0 && named != place_.ring->inode());
+           (named != 0 && named != place.ring->inode());
 }
 
 }  // namespace zav_shm

@@ -4,10 +4,10 @@
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "ipc/annotated_mutex.h"
 #include "ipc/descriptor.h"
 #include "ring/ring_follower.h"
 
@@ -36,25 +36,27 @@ public:
                       const std::string& path);
 
 private:
-    Frame_Poll() = default;
-    void run();
-    bool has_something(Ring_Follower& follower) const;
-
     struct Place {
         std::shared_ptr<const Ring_Memory> ring;
         std::uint64_t next = 0;
         std::string path;
     };
 
+    Frame_Poll() = default;
+    void run();
+    std::shared_ptr<Ring_Follower> wait_for_place();
+    void watch_place(Ring_Follower& follower);
+    static bool has_something(const Place& place, Ring_Follower& follower);
+
     Descriptor readable_;  // eventfd
     std::thread thread_;
 
-    std::mutex mutex_;  // guards all below
-    std::condition_variable changed_;
-    Place place_;
-    bool waits_ = false;  // for something at that place
-    bool stopping_ = false;
-    std::shared_ptr<Ring_Follower> follower_;  // that the thread sleeps in
+    Mutex mutex_;
+    std::condition_variable changed_;  // notified when one of the next three is
+    Place place_ ZAV_SHM_GUARDED_BY(mutex_);
+    bool waits_ ZAV_SHM_GUARDED_BY(mutex_) = false;  // for something at that place
+    bool stopping_ ZAV_SHM_GUARDED_BY(mutex_) = false;
+    std::shared_ptr<Ring_Follower> follower_ ZAV_SHM_GUARDED_BY(mutex_);  // that is slept in
 };
 
 }  // namespace zav_shm

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstring>
 #include <limits>
-#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -16,6 +15,7 @@
 #include "frame/link/standing.h"
 #include "frame/reader_pace.h"
 #include "frame/slot/slot_feeder.h"
+#include "ipc/annotated_mutex.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/random_epoch.h"
 #include "ipc/shared_memory_folder.h"
@@ -111,7 +111,9 @@ private:
     std::atomic<std::uint64_t> too_large_{0};
     std::atomic<std::uint64_t> refused_{0};
 
-    mutable std::mutex mutex_;  // guards all below; held for a few instructions
+    // Held for a few instructions. The publishing thread alone changes the next two, and reads them
+    // without the mutex.
+    mutable zav_shm::Mutex mutex_;
     std::shared_ptr<Standing> standing_;
     std::shared_ptr<zav_shm::Slot_Feeder> feeder_;
     std::string trouble_;      // why there is no history
@@ -134,7 +136,7 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
                                                         .card = {}},
                                    [this] { feed_slot(); });
     {
-        const std::lock_guard guard(mutex_);
+        const zav_shm::Guard guard(mutex_);
         standing_ = standing;
     }
     open_ = true;
@@ -173,7 +175,7 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
                                              problem);
     }
     {
-        const std::lock_guard guard(mutex_);
+        const zav_shm::Guard guard(mutex_);
         trouble_ = problem.kind == zav_shm::Ring_Problem::Kind::held
                        ? "process " + std::to_string(problem.holder) + " publishes " + title_
                        : problem.text;
@@ -185,7 +187,7 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
     page_bytes_ = frame_max;
     requests_.emplace(path);
     if (options_.paced) {
-        const std::lock_guard guard(mutex_);
+        const zav_shm::Guard guard(mutex_);
         pace_ = std::make_shared<zav_shm::Reader_Pace>(
             rings, options_.name, options_.channel, options_.stream, options_.pace_limit, feeder_);
     }
@@ -198,7 +200,7 @@ void ZAV_SHM_Frame_Publisher::Body::feed_slot() {
     std::shared_ptr<zav_shm::Slot_Feeder> feeder;
     std::shared_ptr<Standing> standing;
     {
-        const std::lock_guard guard(mutex_);
+        const zav_shm::Guard guard(mutex_);
         feeder = feeder_;
         standing = standing_;
     }
@@ -222,7 +224,7 @@ void ZAV_SHM_Frame_Publisher::Body::close(std::chrono::milliseconds limit) {
         feeder_->stop();
     }
     {
-        const std::lock_guard guard(mutex_);
+        const zav_shm::Guard guard(mutex_);
         add_those_of_others(kept_);
         standing_.reset();
         feeder_.reset();
@@ -357,7 +359,7 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::not_written(
 // ---- asked from any thread ----
 
 Frame_State ZAV_SHM_Frame_Publisher::Body::state() const {
-    const std::lock_guard guard(mutex_);
+    const zav_shm::Guard guard(mutex_);
     if (!open_ || !standing_) {
         return Frame_State::closed;
     }
@@ -366,7 +368,7 @@ Frame_State ZAV_SHM_Frame_Publisher::Body::state() const {
 }
 
 std::string ZAV_SHM_Frame_Publisher::Body::reason() const {
-    const std::lock_guard guard(mutex_);
+    const zav_shm::Guard guard(mutex_);
     if (!trouble_.empty() || !standing_) {
         return trouble_;
     }
@@ -374,7 +376,7 @@ std::string ZAV_SHM_Frame_Publisher::Body::reason() const {
 }
 
 Publisher_Counters ZAV_SHM_Frame_Publisher::Body::counters() const {
-    const std::lock_guard guard(mutex_);
+    const zav_shm::Guard guard(mutex_);
     Publisher_Counters now = kept_;
     add_those_of_others(now);
     now.frames = frames_;

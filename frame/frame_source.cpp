@@ -48,14 +48,14 @@ void Frame_Source::read_from_nothing(const std::string& folder) {
 
 void Frame_Source::use(std::unique_ptr<Ring_Follower> follower) {
     {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         follower_.swap(follower);
     }
     joined_ = false;
 }
 
 void Frame_Source::wake() {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     if (follower_) {
         follower_->wake();
     }

@@ -8,6 +8,7 @@
 #include "frame/frame_cursor.h"
 #include "frame/frame_view.h"
 #include "frame/received_frame.h"
+#include "ipc/annotated_mutex.h"
 #include "ring/ring_follower.h"
 
 namespace zav_shm {
@@ -83,7 +84,9 @@ private:
 
     const Ring_Memory::Reading reading_;
     Frame_Cursor cursor_;
-    std::mutex mutex_;  // guards the change of follower_, which wake() uses
+    // Held for a few instructions, where `follower_` changes and where wake() uses it; the reading
+    // thread alone changes it, and reads it without the mutex.
+    Mutex mutex_;
     std::unique_ptr<Ring_Follower> follower_;
     bool joined_ = false;             // a ring of the present name
     std::uint64_t former_epoch_ = 0;  // of the ring that is read, or was read last

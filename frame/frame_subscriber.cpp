@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstring>
 #include <limits>
-#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -16,6 +15,7 @@
 #include "frame/frame_source.h"
 #include "frame/frame_supply.h"
 #include "frame/link/standing.h"
+#include "ipc/annotated_mutex.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/shared_memory_folder.h"
 #include "ring/reader_card.h"
@@ -89,7 +89,7 @@ private:
     std::shared_ptr<Standing> standing() const;
 
     const Options options_;
-    std::mutex control_;  // open, close and pair; held through exchanges
+    zav_shm::Mutex control_;  // of open(), close() and pair(); held through exchanges
     std::atomic<bool> open_{false};
     std::atomic<bool> receiving_{false};
     std::atomic<std::int64_t> opened_ns_{0};
@@ -101,8 +101,9 @@ private:
     bool asked_ = false;       // for the key frame that is waited for
     bool holds_view_ = false;  // the frame that was handed out last is read where it lies
 
-    // Changed by open() and close() alone; the receiving thread reads them without the mutex.
-    mutable std::mutex mutex_;                 // guards all below; held for a few instructions
+    // Held for a few instructions. open() and close() alone change the next three; the receiving
+    // thread reads them without the mutex.
+    mutable zav_shm::Mutex mutex_;
     std::shared_ptr<Standing> standing_;       // null: a tap, or closed
     std::unique_ptr<zav_shm::Own_Card> card_;  // null while closed
     Reader_Card kept_;                         // then
@@ -126,7 +127,7 @@ ZAV_SHM_Frame_Subscriber::Body::Body(Options options)
 // ---- open, close, pair ----
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
-    const std::lock_guard guard(control_);
+    const zav_shm::Guard guard(control_);
     if (open_) {
         return {state(), reason(), state() == Frame_State::refused};
     }
@@ -144,7 +145,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
             [this] { supply_.note_change(); });
         opened = standing->open(options_.center_wait);
         zav_shm::Link_Keeper::begin(standing);
-        const std::lock_guard small(mutex_);
+        const zav_shm::Guard small(mutex_);
         standing_ = std::move(standing);
     }
     begin_card(card_name);
@@ -155,7 +156,7 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
-    const std::lock_guard guard(control_);
+    const zav_shm::Guard guard(control_);
     if (!open_.exchange(false)) {
         return;
     }
@@ -169,7 +170,7 @@ void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
         zav_shm::Link_Keeper::end(standing_);
         standing_->close(limit);
     }
-    const std::lock_guard small(mutex_);
+    const zav_shm::Guard small(mutex_);
     standing_.reset();
     kept_ = **card_;
     card_.reset();
@@ -178,13 +179,10 @@ void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
     const std::string& producer, std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
-    std::unique_lock lock(control_, std::defer_lock);
-    while (!lock.try_lock()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return {state(), "another call is under way", false};
-        }
-        std::this_thread::sleep_for(1ms);
+    if (!zav_shm::lock_until(control_, end)) {
+        return {state(), "another call is under way", false};
     }
+    const zav_shm::Guard guard(control_, std::adopt_lock);
     if (!standing_) {
         return {Frame_State::closed, is_tap() ? "a tap is paired with nobody" : "closed", false};
     }
@@ -206,7 +204,7 @@ void ZAV_SHM_Frame_Subscriber::Body::begin_card(const std::string& name) {
     copy_text(card.consumer, options_.name);
     auto made = std::make_unique<zav_shm::Own_Card>(
         zav_shm::rings_folder(standing_ ? standing_->folder() : options_.folder), name, card);
-    const std::lock_guard guard(mutex_);
+    const zav_shm::Guard guard(mutex_);
     card_ = std::move(made);
 }
 
@@ -327,12 +325,12 @@ bool ZAV_SHM_Frame_Subscriber::Body::request_key_frame() const {
 }
 
 std::shared_ptr<zav_shm::Standing> ZAV_SHM_Frame_Subscriber::Body::standing() const {
-    const std::lock_guard guard(mutex_);
+    const zav_shm::Guard guard(mutex_);
     return standing_;
 }
 
 Frame_State ZAV_SHM_Frame_Subscriber::Body::state() const {
-    const std::lock_guard guard(mutex_);
+    const zav_shm::Guard guard(mutex_);
     if (!open_) {
         return Frame_State::closed;
     }
@@ -349,13 +347,13 @@ Frame_State ZAV_SHM_Frame_Subscriber::Body::state() const {
 }
 
 std::string ZAV_SHM_Frame_Subscriber::Body::reason() const {
-    const std::lock_guard guard(mutex_);
+    const zav_shm::Guard guard(mutex_);
     const std::string reason = standing_ ? standing_->reason() : std::string();
     return reason.empty() ? supply_.trouble() : reason;
 }
 
 zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {
-    const std::lock_guard guard(mutex_);
+    const zav_shm::Guard guard(mutex_);
     zav_shm::Subscriber_Counters now;
     now.take_from(card_ ? **card_ : kept_);
     const zav_shm::Intake_Counters slots = supply_.slot_counters();

@@ -155,14 +155,14 @@ void Frame_Supply::begin_intake() {
     if (!intake) {
         tell("no thread can be had for the slot of " + producer_, false);
     }
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     intake_ = std::move(intake);
 }
 
 void Frame_Supply::end_intake() {
     std::unique_ptr<Slot_Intake> intake;
     {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         if (!intake_) {
             return;
         }
@@ -175,7 +175,7 @@ void Frame_Supply::end_intake() {
 }
 
 void Frame_Supply::tell(std::string trouble, bool refused) {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     trouble_ = std::move(trouble);
     is_refused_ = refused;
 }
@@ -201,7 +201,7 @@ void Frame_Supply::tell_trouble() {
 }
 
 Intake_Counters Frame_Supply::slot_counters() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     Intake_Counters counters = former_intakes_;
     if (intake_) {
         counters += intake_->counters();
@@ -210,12 +210,12 @@ Intake_Counters Frame_Supply::slot_counters() const {
 }
 
 std::string Frame_Supply::trouble() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return trouble_;
 }
 
 bool Frame_Supply::is_refused() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return is_refused_;
 }
 

@@ -5,13 +5,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "frame/frame_source.h"
 #include "frame/link/consumer_route.h"
 #include "frame/link/standing.h"
 #include "frame/slot/slot_intake.h"
+#include "ipc/annotated_mutex.h"
 #include "ring/reader_card.h"
 
 namespace zav_shm {
@@ -96,11 +96,13 @@ private:
     std::int64_t next_choice_ns_ = 0;
     std::atomic<bool> standing_changed_{false};
 
-    mutable std::mutex mutex_;             // guards all below; held for a few instructions
+    // Held for a few instructions. The receiving thread alone changes `intake_`, and reads it
+    // without the mutex.
+    mutable Mutex mutex_;
     std::unique_ptr<Slot_Intake> intake_;  // of a producer without a ring
-    Intake_Counters former_intakes_;
-    std::string trouble_;
-    bool is_refused_ = false;
+    Intake_Counters former_intakes_ ZAV_SHM_GUARDED_BY(mutex_);
+    std::string trouble_ ZAV_SHM_GUARDED_BY(mutex_);
+    bool is_refused_ ZAV_SHM_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace zav_shm

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <chrono>
 #include <mutex>
+#include <thread>
 
 // Mutexes that clang checks: which members may be touched with which mutex held stands at the
 // members, and a build with -Wthread-safety refuses whoever touches them without. The standard
@@ -35,6 +37,7 @@
 /// Of functions: the caller has to hold the mutex; it must not; they take it or give it back.
 #define ZAV_SHM_REQUIRES(mutex) ZAV_SHM_THREAD_SAFETY(requires_capability(mutex))
 #define ZAV_SHM_EXCLUDES(mutex) ZAV_SHM_THREAD_SAFETY(locks_excluded(mutex))
+#define ZAV_SHM_TRY_ACQUIRE(...) ZAV_SHM_THREAD_SAFETY(try_acquire_capability(__VA_ARGS__))
 #define ZAV_SHM_ACQUIRE(...) ZAV_SHM_THREAD_SAFETY(acquire_capability(__VA_ARGS__))
 #define ZAV_SHM_RELEASE(...) ZAV_SHM_THREAD_SAFETY(release_capability(__VA_ARGS__))
 
@@ -47,6 +50,7 @@ class ZAV_SHM_CAPABILITY Mutex {
 public:
     void lock() ZAV_SHM_ACQUIRE() { mutex_.lock(); }
     void unlock() ZAV_SHM_RELEASE() { mutex_.unlock(); }
+    bool try_lock() ZAV_SHM_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
 private:
     friend class Waiting_Guard;
@@ -59,6 +63,9 @@ template <class Lockable>
 class ZAV_SHM_SCOPED_CAPABILITY Guard {
 public:
     explicit Guard(Lockable& mutex) ZAV_SHM_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+
+    /// For a mutex that the caller has locked.
+    Guard(Lockable& mutex, std::adopt_lock_t) ZAV_SHM_REQUIRES(mutex) : mutex_(mutex) {}
     ~Guard() ZAV_SHM_RELEASE() { mutex_.unlock(); }
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
@@ -66,6 +73,19 @@ public:
 private:
     Lockable& mutex_;
 };
+
+/// Locks a mutex that others may hold for long, unless that takes longer than until then.
+inline bool lock_until(Mutex& mutex, std::chrono::steady_clock::time_point end)
+    ZAV_SHM_TRY_ACQUIRE(true, mutex) {
+    constexpr std::chrono::milliseconds pause{1};
+    while (!mutex.try_lock()) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(pause);
+    }
+    return true;
+}
 
 /// The same for who waits for a condition, with std::condition_variable and lock(). While it waits
 /// the mutex is free; the checker need not know.

@@ -36,7 +36,7 @@ void Name_Watch::begin(const std::string& folder) {
     }
     if (names_ < 0) {
         names_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         wakes_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     }
     for (std::string watched = folder; names_ >= 0; watched = folder_above(watched)) {
@@ -69,7 +69,7 @@ void Name_Watch::end() {
     if (names_ >= 0) {
         close(std::exchange(names_, -1));
     }
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     if (wakes_ >= 0) {
         close(std::exchange(wakes_, -1));
     }
@@ -114,7 +114,7 @@ void Name_Watch::take_events() {
 }
 
 void Name_Watch::wake() {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     if (wakes_ >= 0) {
         eventfd_write(wakes_, 1);
     }

@@ -2,8 +2,9 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
+
+#include "ipc/annotated_mutex.h"
 
 namespace zav_shm {
 
@@ -39,8 +40,11 @@ private:
     std::string folder_;  // that is watched
     int watch_ = -1;      // of it
     int names_ = -1;      // inotify
-    std::mutex mutex_;    // guards wakes_; held for a few instructions
-    int wakes_ = -1;      // eventfd
+
+    // Held for a few instructions, where `wakes_` changes and where wake() uses it; the sleeping
+    // thread alone changes it, and reads it without the mutex.
+    Mutex mutex_;
+    int wakes_ = -1;  // eventfd
 };
 
 }  // namespace zav_shm

@@ -89,7 +89,7 @@ bool Ring_Follower::has_more() const {
 // The former reader goes, and is unmapped, when the lock is free again.
 void Ring_Follower::use(std::unique_ptr<Ring_Reader> reader) {
     {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         reader_.swap(reader);
     }
     ended_early_ = false;
@@ -141,7 +141,7 @@ void Ring_Follower::wake() {
     woken_ = true;
     while (waits_ && woken_) {
         {
-            const std::lock_guard guard(mutex_);
+            const Guard guard(mutex_);
             if (reader_) {
                 reader_->wake();
             }

@@ -4,9 +4,9 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "ipc/annotated_mutex.h"
 #include "ipc/name_watch.h"
 #include "ring/ring_reader.h"
 
@@ -81,8 +81,9 @@ private:
     std::uint64_t found_ = 0;   // records that the reader had found at the latest wait
     Name_Watch names_;
 
-    std::mutex
-        mutex_;  // guards the change of reader_, which wake() uses; held for a few instructions
+    // Held for a few instructions, where `reader_` changes and where wake() uses it; the reading
+    // thread alone changes it, and reads it without the mutex.
+    Mutex mutex_;
     std::unique_ptr<Ring_Reader> reader_;
     std::atomic<bool> waits_{false};
     std::atomic<bool> woken_{false};

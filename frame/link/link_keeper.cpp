@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <condition_variable>
-#include <mutex>
 #include <set>
 #include <system_error>
 #include <thread>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "control/center_page.h"
+#include "ipc/annotated_mutex.h"
 #include "ipc/descriptor.h"
 
 using namespace std::chrono_literals;
@@ -88,24 +88,24 @@ private:
 struct Shared {
     const pid_t pid = getpid();
 
-    std::mutex mutex;  // guards all below
-    std::condition_variable changed;
-    Ends ends;
-    Descriptor wakes;  // eventfd, as long as there is a thread
-    bool has_thread = false;
+    Mutex mutex;
+    std::condition_variable changed;  // notified when the thread has gone
+    Ends ends ZAV_SHM_GUARDED_BY(mutex);
+    Descriptor wakes ZAV_SHM_GUARDED_BY(mutex);  // eventfd, as long as there is a thread
+    bool has_thread ZAV_SHM_GUARDED_BY(mutex) = false;
 
-    void wake() const { eventfd_write(wakes.get(), 1); }
+    void wake() const ZAV_SHM_REQUIRES(mutex) { eventfd_write(wakes.get(), 1); }
 };
 
 // Never destroyed: publishers and subscribers of static storage leave after everything else.
-std::mutex& instance_mutex() {
-    static auto* const mutex = new std::mutex;  // NOLINT(cppcoreguidelines-owning-memory)
+Mutex& instance_mutex() {
+    static auto* const mutex = new Mutex;  // NOLINT(cppcoreguidelines-owning-memory)
     return *mutex;
 }
 
 Shared& shared() {
     static Shared* instance = nullptr;
-    const std::lock_guard guard(instance_mutex());
+    const Guard guard(instance_mutex());
     if (instance == nullptr || instance->pid != getpid()) {
         instance = new Shared;  // NOLINT(cppcoreguidelines-owning-memory)
     }
@@ -147,7 +147,7 @@ void run(Shared& with) {
         Ends ends;
         int wakes = -1;
         {
-            const std::lock_guard guard(with.mutex);
+            const Guard guard(with.mutex);
             if (with.ends.empty()) {
                 watch.end();
                 with.wakes = Descriptor();
@@ -162,7 +162,7 @@ void run(Shared& with) {
         Clock::time_point next = Clock::time_point::max();
         for (const auto& end : ends) {
             {
-                const std::lock_guard guard(with.mutex);
+                const Guard guard(with.mutex);
                 if (std::find(with.ends.begin(), with.ends.end(), end) == with.ends.end()) {
                     continue;
                 }
@@ -178,7 +178,7 @@ void run(Shared& with) {
 
 bool Link_Keeper::begin(const std::shared_ptr<End>& end) {
     Shared& with = shared();
-    const std::lock_guard guard(with.mutex);
+    const Guard guard(with.mutex);
     with.ends.push_back(end);
     if (!with.has_thread) {
         with.wakes = Descriptor(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
@@ -197,17 +197,18 @@ bool Link_Keeper::begin(const std::shared_ptr<End>& end) {
 
 void Link_Keeper::end(const std::shared_ptr<End>& end) {
     Shared& with = shared();
-    std::unique_lock lock(with.mutex);
+    Waiting_Guard guard(with.mutex);
     std::erase(with.ends, end);
     with.wake();
     if (with.ends.empty()) {
-        with.changed.wait_for(lock, leave_limit, [&with] { return !with.has_thread; });
+        with.changed.wait_for(guard.lock(), leave_limit,
+                              [&with]() ZAV_SHM_REQUIRES(with.mutex) { return !with.has_thread; });
     }
 }
 
 void Link_Keeper::wake() {
     Shared& with = shared();
-    const std::lock_guard guard(with.mutex);
+    const Guard guard(with.mutex);
     with.wake();
 }
 

@@ -26,7 +26,6 @@ constexpr std::chrono::milliseconds greatest_exchange = 200ms;
 
 // How often open() looks for a center, and anybody for a lock that is held through an exchange.
 constexpr auto look_interval = 10ms;
-constexpr auto lock_interval = 1ms;
 
 // A center without a page can only be asked. This often, when nothing else shows that it has been
 // restarted.
@@ -38,17 +37,6 @@ constexpr auto when_woken = Clock::time_point::max();
 Clock::time_point next_check() {
     const auto now = Clock::now().time_since_epoch();
     return Clock::time_point(now - now % check_interval + check_interval);
-}
-
-// Waits for the lock until then at most.
-bool lock_until(std::unique_lock<std::mutex>& lock, Clock::time_point end) {
-    while (!lock.try_lock()) {
-        if (Clock::now() >= end) {
-            return false;
-        }
-        std::this_thread::sleep_for(lock_interval);
-    }
-    return true;
 }
 
 std::chrono::milliseconds until(Clock::time_point end) {
@@ -69,7 +57,7 @@ Standing::Standing(Channel_End end, std::function<void()> changed)
 
 Opened Standing::open(std::chrono::milliseconds wait) {
     const auto end = Clock::now() + wait;
-    const std::lock_guard guard(exchange_);
+    const Guard guard(exchange_);
     state_ = Frame_State::waiting_for_center;
     while (!attempt(std::clamp<std::chrono::milliseconds>(until(end), least_exchange,
                                                           greatest_exchange)) &&
@@ -84,15 +72,15 @@ Opened Standing::open(std::chrono::milliseconds wait) {
 void Standing::close(std::chrono::milliseconds limit) {
     const auto end = Clock::now() + limit;
     {
-        const std::lock_guard guard(telling_);
+        const Guard guard(telling_);
         changed_ = nullptr;
     }
     state_ = Frame_State::closed;
-    std::unique_lock lock(exchange_, std::defer_lock);
-    if (!lock_until(lock, end)) {
+    if (!lock_until(exchange_, end)) {
         leaves_ = true;  // who has the lock looks at this when done
         return;
     }
+    const Guard guard(exchange_, std::adopt_lock);
     if (grant().number != 0) {
         link_.deregister_end(until(end));
     }
@@ -114,7 +102,7 @@ bool Standing::attempt(std::chrono::milliseconds limit) {
 }
 
 bool Standing::take_note(const Center_Link::Registration& made) {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     reason_ = made.reason;
     if (state_ == Frame_State::closed) {
         return false;
@@ -135,7 +123,7 @@ bool Standing::take_note(const Center_Link::Registration& made) {
 }
 
 void Standing::tell_change() {
-    const std::lock_guard guard(telling_);
+    const Guard guard(telling_);
     if (changed_) {
         changed_();
     }
@@ -144,18 +132,18 @@ void Standing::tell_change() {
 Opened Standing::pair(const std::string& producer, std::chrono::milliseconds limit) {
     const std::int64_t now_ns = monotonic_ns();
     const auto end = Clock::now() + limit;
-    std::unique_lock lock(exchange_, std::defer_lock);
-    if (!lock_until(lock, end)) {
+    if (!lock_until(exchange_, end)) {
         return {state(),
                 "no answer from the center within " + std::to_string(limit.count()) + " ms", false};
     }
+    const Guard exchanging(exchange_, std::adopt_lock);
     const Center_Link::Registration made = link_.pair(producer, until(end));
     if (!made) {
         return {Frame_State::waiting_for_center, made.reason,
                 made.outcome == Center_Link::Outcome::refused};
     }
     {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         producer_ = link_.end().producer;
         state_ = Frame_State::connected;
     }
@@ -169,7 +157,7 @@ Opened Standing::pair(const std::string& producer, std::chrono::milliseconds lim
 
 void Standing::follow(const std::string& producer) {
     {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         producer_ = producer;
     }
     Link_Keeper::wake();  // which tells the link, when no exchange is under way
@@ -183,10 +171,10 @@ void Standing::renew() {
 // ---- for the keeper ----
 
 Clock::time_point Standing::keep(std::chrono::milliseconds limit) {
-    std::unique_lock lock(exchange_, std::try_to_lock);
-    if (!lock) {
+    if (!exchange_.try_lock()) {
         return Clock::now() + look_interval;
     }
+    const Guard exchanging(exchange_, std::adopt_lock);
     Clock::time_point next = when_woken;
     if (state_ != Frame_State::closed) {
         link_.follow(producer());
@@ -218,27 +206,27 @@ Clock::time_point Standing::keep(std::chrono::milliseconds limit) {
 // ---- asked from any thread ----
 
 Opened Standing::opened() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return {state_, reason_, state_ == Frame_State::refused};
 }
 
 Standing::Grant Standing::grant() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return grant_;
 }
 
 std::string Standing::producer() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return producer_;
 }
 
 std::string Standing::folder() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return folder_;
 }
 
 std::string Standing::reason() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     if (reason_.empty() && state_ == Frame_State::waiting_for_center) {
         return "the center is gone";
     }

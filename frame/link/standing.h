@@ -6,12 +6,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "frame/frame_format.h"
 #include "frame/link/center_link.h"
 #include "frame/link/link_keeper.h"
+#include "ipc/annotated_mutex.h"
 
 namespace zav_shm {
 
@@ -66,23 +66,23 @@ public:
     Link_Keeper::Clock::time_point keep(std::chrono::milliseconds limit) override;
 
 private:
-    bool attempt(std::chrono::milliseconds limit);
-    bool take_note(const Center_Link::Registration& made);
+    bool attempt(std::chrono::milliseconds limit) ZAV_SHM_REQUIRES(exchange_);
+    bool take_note(const Center_Link::Registration& made) ZAV_SHM_REQUIRES(exchange_);
     Opened opened() const;
     void tell_change();
 
-    std::mutex exchange_;  // held through exchanges; guards the next two
-    Center_Link link_;
-    Backoff retry_;
+    Mutex exchange_;  // held through exchanges
+    Center_Link link_ ZAV_SHM_GUARDED_BY(exchange_);
+    Backoff retry_ ZAV_SHM_GUARDED_BY(exchange_);
 
-    std::mutex telling_;  // held while changed_ is called; guards it
-    std::function<void()> changed_;
+    Mutex telling_;  // held while changed_ is called
+    std::function<void()> changed_ ZAV_SHM_GUARDED_BY(telling_);
 
-    mutable std::mutex mutex_;  // guards the next four; held for a few instructions
-    Grant grant_;
-    std::string producer_;
-    std::string folder_;
-    std::string reason_;
+    mutable Mutex mutex_;  // held for a few instructions
+    Grant grant_ ZAV_SHM_GUARDED_BY(mutex_);
+    std::string producer_ ZAV_SHM_GUARDED_BY(mutex_);
+    std::string folder_ ZAV_SHM_GUARDED_BY(mutex_);
+    std::string reason_ ZAV_SHM_GUARDED_BY(mutex_);
 
     std::atomic<Frame_State> state_{Frame_State::closed};
     std::atomic<bool> leaves_{false};  // as soon as the thread is done with this end

@@ -60,7 +60,7 @@ bool Slot_Feeder::use(const std::string& segment, const std::string& sem_src,
     }
     std::shared_ptr<Slot_Writer> former;
     {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         former = std::exchange(slot_, std::move(slot));
     }
     if (former) {
@@ -90,7 +90,7 @@ void Slot_Feeder::stop() {
 }
 
 std::shared_ptr<Slot_Writer> Slot_Feeder::slot() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return slot_;
 }
 

@@ -5,12 +5,12 @@
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "frame/slot/slot_writer.h"
+#include "ipc/annotated_mutex.h"
 #include "ring/ring_reader.h"
 
 namespace zav_shm {
@@ -71,8 +71,8 @@ private:
     std::atomic<bool> stopping_{false};
     std::atomic<bool> left_{false};
 
-    mutable std::mutex mutex_;  // guards slot_; held for a few instructions
-    std::shared_ptr<Slot_Writer> slot_;
+    mutable Mutex mutex_;  // held for a few instructions
+    std::shared_ptr<Slot_Writer> slot_ ZAV_SHM_GUARDED_BY(mutex_);
 
     std::atomic<std::uint64_t> fed_{0};
     std::atomic<std::uint64_t> passed_over_{0};

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -16,6 +15,7 @@
 #include "frame/frame_record.h"
 #include "frame/link/center_link.h"
 #include "frame/slot/slot_reader.h"
+#include "ipc/annotated_mutex.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/test_point.h"
 #include "ring/ring_writer.h"
@@ -98,16 +98,16 @@ private:
     Clock::time_point wait_began_{};
     bool waits_noticed_ = false;  // since then
 
-    mutable std::mutex mutex_;  // guards all below
-    std::condition_variable woken_;
-    std::shared_ptr<Slot_Reader> reader_;
-    std::shared_ptr<const Ring_Memory> ring_;
-    std::string trouble_;
-    bool stopping_ = false;
-    bool left_ = false;
+    mutable Mutex mutex_;
+    std::condition_variable woken_;  // notified when one of the last two is set
+    std::shared_ptr<Slot_Reader> reader_ ZAV_SHM_GUARDED_BY(mutex_);
+    std::shared_ptr<const Ring_Memory> ring_ ZAV_SHM_GUARDED_BY(mutex_);
+    std::string trouble_ ZAV_SHM_GUARDED_BY(mutex_);
+    bool stopping_ ZAV_SHM_GUARDED_BY(mutex_) = false;
+    bool left_ ZAV_SHM_GUARDED_BY(mutex_) = false;
 
-    std::mutex telling_;  // held while changed_ is called; guards the next
-    bool is_silent_ = false;
+    Mutex telling_;  // held while changed_ is called
+    bool is_silent_ ZAV_SHM_GUARDED_BY(telling_) = false;
 
     std::atomic<bool> refused_{false};
     std::atomic<std::uint64_t> torn_{0};
@@ -154,18 +154,19 @@ Intake_Counters Slot_Intake::counters() const { return body_->counters(); }
 // The thread sleeps on a semaphore, or between two attempts.
 bool Slot_Intake::Body::stop() {
     {
-        const std::lock_guard guard(telling_);
+        const Guard guard(telling_);
         is_silent_ = true;
     }
     const auto end = Clock::now() + stop_limit;
-    std::unique_lock lock(mutex_);
+    Waiting_Guard guard(mutex_);
     stopping_ = true;
     woken_.notify_all();
     while (!left_ && Clock::now() < end) {
         if (reader_) {
             reader_->end_wait();
         }
-        woken_.wait_for(lock, wake_again, [this] { return left_; });
+        woken_.wait_for(guard.lock(), wake_again,
+                        [this]() ZAV_SHM_REQUIRES(mutex_) { return left_; });
     }
     return left_;
 }
@@ -174,9 +175,10 @@ void Slot_Intake::Body::run() {
     pthread_setname_np(pthread_self(), "zav_intake");
     for (;;) {
         {
-            std::unique_lock lock(mutex_);
+            Waiting_Guard guard(mutex_);
             if (!reader_) {
-                woken_.wait_until(lock, retry_.next(), [this] { return stopping_; });
+                woken_.wait_until(guard.lock(), retry_.next(),
+                                  [this]() ZAV_SHM_REQUIRES(mutex_) { return stopping_; });
             }
             if (stopping_) {
                 break;
@@ -188,7 +190,7 @@ void Slot_Intake::Body::run() {
             register_again();
         }
     }
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     left_ = true;
     woken_.notify_all();
 }
@@ -221,7 +223,7 @@ void Slot_Intake::Body::register_again() {
         recoveries_.fetch_add(1, std::memory_order_relaxed);
     }
     {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         reader_ = std::move(fresh);
     }
     tell({});
@@ -229,10 +231,10 @@ void Slot_Intake::Body::register_again() {
 
 void Slot_Intake::Body::tell(std::string trouble) {
     {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         trouble_ = std::move(trouble);
     }
-    const std::lock_guard guard(telling_);
+    const Guard guard(telling_);
     if (!is_silent_) {
         changed_();
     }
@@ -250,7 +252,7 @@ bool Slot_Intake::Body::make_ring(std::size_t payload_max) {
     if (!fresh) {
         return false;
     }
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     writer_ = std::move(fresh);
     ring_ = writer_->memory();
     return true;
@@ -261,7 +263,7 @@ bool Slot_Intake::Body::make_ring(std::size_t payload_max) {
 void Slot_Intake::Body::take_one() {
     const auto current = reader();
     const auto patience = [this] {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         return stopping_ ? 0ms : patience_at_a_time;
     };
     Slot_Frame frame;
@@ -279,7 +281,7 @@ void Slot_Intake::Body::take_one() {
         noticed_at_ = Clock::now();
         waits_noticed_ = true;
     } else if (Clock::now() - noticed_at_ > unnoticed_limit) {
-        const std::lock_guard guard(mutex_);
+        const Guard guard(mutex_);
         reader_.reset();
     }
 }
@@ -349,17 +351,17 @@ void Slot_Intake::Body::note(Slot_Reader::Take taken) {
 // ---- for others ----
 
 std::shared_ptr<Slot_Reader> Slot_Intake::Body::reader() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return reader_;
 }
 
 std::shared_ptr<const Ring_Memory> Slot_Intake::Body::ring() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return ring_;
 }
 
 std::string Slot_Intake::Body::trouble() const {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     return trouble_;
 }
 

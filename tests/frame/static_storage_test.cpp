@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "../center/center_fixture.h"
+#include "frames_fixture.h"
 #include "support/child_process.h"
 
 namespace {
@@ -12,6 +12,7 @@ TEST_F(Static_Storage, holds_objects_that_work_from_the_first_moment_to_the_last
     EXPECT_EQ(program.wait(), 0);
     EXPECT_NE(printed.find("\ntaken\n"), std::string::npos) << printed;
     EXPECT_NE(printed.find("\nclosed\n"), std::string::npos) << printed;
+    remove_histories();
     announce_leftovers_of(*parsed(R"({
         "Stream": [{"index": 0, "page_size": 4096}],
         "Distributor": [{"name": "CAM_LOOP", "channel": 1, "stream": [0]},
