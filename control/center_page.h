@@ -27,10 +27,10 @@ namespace zav_shm {
 //
 // The center's host writes it just before it lets requests in and removes it at an orderly end. A
 // killed one leaves it, and the next replaces it: a page alone does not say that a center runs. A
-// host that sets flag 1 holds a write lock of its open file description (ipc/file_lock.h) on the file
-// for as long as it lives. The kernel gives it up with the process, and it can be asked for from
-// every PID namespace, where the process id means nothing or another process. Whoever does not know
-// the flag reads the page as before, and so does who finds it without.
+// host that sets flag 1 holds a write lock of its open file description (ipc/file_lock.h) on the
+// file for as long as it lives. The kernel gives it up with the process, and it can be asked for
+// from every PID namespace, where the process id means nothing or another process. Whoever does not
+// know the flag reads the page as before, and so does who finds it without.
 struct alignas(8) Center_Page {
     char magic[4] = {'Z', 'A', 'V', 'C'};
     std::uint16_t version = 1;

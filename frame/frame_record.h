@@ -16,8 +16,9 @@ inline constexpr std::uint32_t foreign = 2;  // of a producer without a header o
 
 /// Of a frame with these frame_flags: reading may begin where decoding may.
 constexpr std::uint32_t flags_of(std::uint16_t frame_flags) {
-    return (frame_flags & (frame_flag::key_frame | frame_flag::recovery_point)) != 0 ? ring_flag::key
-                                                                                : 0;
+    return (frame_flags & (frame_flag::key_frame | frame_flag::recovery_point)) != 0
+               ? ring_flag::key
+               : 0;
 }
 
 }  // namespace zav_shm::frame_record

@@ -16,6 +16,7 @@
 #include "frame/frame_supply.h"
 #include "frame/link/standing.h"
 #include "ipc/annotated_mutex.h"
+#include "ipc/deadline.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/shared_memory_folder.h"
 #include "ring/reader_card.h"
@@ -178,7 +179,7 @@ void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
     const std::string& producer, std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
+    const auto end = zav_shm::moment_after(limit);
     if (!zav_shm::lock_until(control_, end)) {
         return {state(), "another call is under way", false};
     }

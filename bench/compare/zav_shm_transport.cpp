@@ -65,12 +65,13 @@ void check(const Opened& opened) {
 }
 
 ZAV_SHM_Frame_Publisher::Options publisher_options(const Channel& channel) {
-    return {.name = producer_name,
-            .channel = channel.camera,
-            .stream = channel.stream,
-            .history_bytes = std::max(history_bytes_least, queue_frames * channel.load.payload_bytes),
-            .paced = channel.load.flow == Flow::wait,
-            .pace_limit = 10s};
+    return {
+        .name = producer_name,
+        .channel = channel.camera,
+        .stream = channel.stream,
+        .history_bytes = std::max(history_bytes_least, queue_frames * channel.load.payload_bytes),
+        .paced = channel.load.flow == Flow::wait,
+        .pace_limit = 10s};
 }
 
 class Copying_Publisher : public Publisher {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "control/control_protocol.h"
+#include "ipc/deadline.h"
 #include "ipc/monotonic_clock.h"
 
 using namespace std::chrono_literals;
@@ -56,7 +57,7 @@ Standing::Standing(Channel_End end, std::function<void()> changed)
 // ---- open and close ----
 
 Opened Standing::open(std::chrono::milliseconds wait) {
-    const auto end = Clock::now() + wait;
+    const auto end = moment_after(wait);
     const Guard guard(exchange_);
     state_ = Frame_State::waiting_for_center;
     while (!attempt(std::clamp<std::chrono::milliseconds>(until(end), least_exchange,
@@ -70,7 +71,7 @@ Opened Standing::open(std::chrono::milliseconds wait) {
 }
 
 void Standing::close(std::chrono::milliseconds limit) {
-    const auto end = Clock::now() + limit;
+    const auto end = moment_after(limit);
     {
         const Guard guard(telling_);
         changed_ = nullptr;
@@ -131,13 +132,18 @@ void Standing::tell_change() {
 
 Opened Standing::pair(const std::string& producer, std::chrono::milliseconds limit) {
     const std::int64_t now_ns = monotonic_ns();
-    const auto end = Clock::now() + limit;
+    const auto end = moment_after(limit);
     if (!lock_until(exchange_, end)) {
         return {state(),
                 "no answer from the center within " + std::to_string(limit.count()) + " ms", false};
     }
     const Guard exchanging(exchange_, std::adopt_lock);
-    const Center_Link::Registration made = link_.pair(producer, until(end));
+    Center_Link::Registration made = ask_for_pairing(producer, end);
+    while (made.outcome == Center_Link::Outcome::no_center && state_ != Frame_State::closed &&
+           Clock::now() + look_interval < end) {
+        std::this_thread::sleep_for(look_interval);
+        made = ask_for_pairing(producer, end);
+    }
     if (!made) {
         return {Frame_State::waiting_for_center, made.reason,
                 made.outcome == Center_Link::Outcome::refused};
@@ -153,6 +159,19 @@ Opened Standing::pair(const std::string& producer, std::chrono::milliseconds lim
                                              : Frame_State::connected,
             {},
             false};
+}
+
+// A center that has come since knows nothing of this consumer.
+Center_Link::Registration Standing::ask_for_pairing(const std::string& producer,
+                                                    Clock::time_point end) {
+    if (grant().number == 0 || link_.is_stale()) {
+        const Center_Link::Registration made = link_.register_end(until(end));
+        if (!take_note(made)) {
+            return made;
+        }
+        tell_change();
+    }
+    return link_.pair(producer, until(end));
 }
 
 void Standing::follow(const std::string& producer) {

@@ -67,6 +67,9 @@ public:
 
 private:
     bool attempt(std::chrono::milliseconds limit) ZAV_SHM_REQUIRES(exchange_);
+    Center_Link::Registration ask_for_pairing(const std::string& producer,
+                                              Link_Keeper::Clock::time_point end)
+        ZAV_SHM_REQUIRES(exchange_);
     bool take_note(const Center_Link::Registration& made) ZAV_SHM_REQUIRES(exchange_);
     Opened opened() const;
     void tell_change();

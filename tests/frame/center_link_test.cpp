@@ -146,18 +146,6 @@ TEST_F(Link, does_not_take_the_answer_to_another_pairing_for_its_own) {
     EXPECT_EQ(link_.end().producer, "CAM_LOOP");
 }
 
-TEST_F(Link, waits_for_a_center_that_comes_within_its_time) {
-    replies.remove();
-    requests.remove();
-    std::thread coming([this] {
-        std::this_thread::sleep_for(100ms);
-        start();
-    });
-    EXPECT_TRUE(link_.register_end(20s));
-    EXPECT_TRUE(link_.pair("CAM_REC", 20s));
-    coming.join();
-}
-
 TEST_F(Link, becomes_stale_when_another_center_has_come) {
     publish_page(1);
     std::thread answering = answer_registration();

@@ -204,6 +204,21 @@ TEST_F(Pairing_Subscriber, that_is_answered_too_late_is_settled_by_the_centers_p
     }
 }
 
+TEST_F(Pairing_Subscriber, waits_for_a_center_that_comes_within_its_time) {
+    ASSERT_TRUE(player_.open());
+    stop();
+    std::thread coming([this] {
+        std::this_thread::sleep_for(150ms);
+        start();
+    });
+    const auto paired = player_.pair("CAM_REC", std::chrono::milliseconds::max());
+    coming.join();
+    EXPECT_TRUE(paired) << paired.reason;
+    Received_Frame frame;
+    ASSERT_EQ(player_.receive(frame, 5s), Receive_Status::frame);
+    EXPECT_EQ(frame.header.epoch, rec_->epoch());
+}
+
 TEST_F(Pairing_Subscriber, survives_a_center_that_was_started_anew) {
     const Running_Camera loop("CAM_LOOP");
     ASSERT_TRUE(player_.open());
