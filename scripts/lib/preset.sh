@@ -41,7 +41,7 @@ left_out_on() {
 export_sanitizer_options() {
     export ASAN_OPTIONS="${ASAN_OPTIONS-strict_string_checks=1:check_initialization_order=1}"
     export UBSAN_OPTIONS="${UBSAN_OPTIONS-print_stacktrace=1}"
-    export TSAN_OPTIONS="${TSAN_OPTIONS-halt_on_error=1:second_deadlock_stack=1}"
+    export TSAN_OPTIONS="${TSAN_OPTIONS-halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/thread_sanitizer.supp}"
 }
 
 # Runs a command without address-space randomisation where that is allowed: kernels that randomise
