@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -145,6 +146,31 @@ std::vector<Ring_Consumer_Snapshot> Ring_Consumers::snapshot() const {
     return taken;
 }
 
+void Ring_Consumers::forget_gone() {
+    const std::lock_guard guard(mutex_);
+    for (auto entry = entries_.begin(); entry != entries_.end();) {
+        std::vector<Member>& members = entry->second.members;
+        std::vector<Member>& missed = entry->second.missed;
+        const auto was_missed = [&missed](const Member& member) {
+            return std::find(missed.begin(), missed.end(), member) != missed.end();
+        };
+        std::vector<Member> missed_now;
+        std::copy_if(members.begin(), members.end(), std::back_inserter(missed_now),
+                     [this](const Member& member) { return !is_alive(member); });
+        std::erase_if(members, [&](const Member& member) {
+            return was_missed(member) &&
+                   std::find(missed_now.begin(), missed_now.end(), member) != missed_now.end();
+        });
+        missed = std::move(missed_now);
+        if (members.empty()) {
+            remove_page(entry->first);
+            entry = entries_.erase(entry);
+        } else {
+            ++entry;
+        }
+    }
+}
+
 // A process of another PID namespace has another id here, or none: its card tells more. It makes
 // that once it is registered. What cannot be opened tells nothing, and counts as alive.
 bool Ring_Consumers::is_alive(const Member& member) const {
@@ -209,7 +235,8 @@ void Ring_Consumers::remove_all_pages() const {
     std::error_code error;
     std::filesystem::directory_iterator file(folder_, error);
     for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
-        if (file->path().extension() == ".route") {
+        const std::string name = file->path().filename();
+        if (name.ends_with(".route") || name.ends_with(".route.new")) {
             unlink(file->path().c_str());
         }
     }

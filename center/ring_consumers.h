@@ -76,10 +76,15 @@ public:
 
     std::vector<Ring_Consumer_Snapshot> snapshot() const;
 
+    /// Forgets the processes that are gone, now and when this was called last: one of another PID
+    /// namespace shows no sign of life between its registration and its card.
+    void forget_gone();
+
 private:
     struct Entry {
         std::string producer;
         std::vector<Member> members;
+        std::vector<Member> missed;  // of the members, those that forget_gone() did not find
     };
 
     bool is_alive(const Member& member) const;

@@ -115,6 +115,8 @@ const zav_shm::Ring_Consumers* ZAV_SHM_CENTER::ring_consumers() const {
     return state_->ring_consumers.get();
 }
 
+zav_shm::Ring_Consumers* ZAV_SHM_CENTER::ring_consumers() { return state_->ring_consumers.get(); }
+
 // ---- the receive loop ----
 
 void* fun_shm_center_msgq_recv(void* center) {

@@ -99,6 +99,7 @@ public:
 
     /// The consumers that read rings, in no relay's list; null after shutdown.
     const zav_shm::Ring_Consumers* ring_consumers() const;
+    zav_shm::Ring_Consumers* ring_consumers();
 
 private:
     friend void* fun_shm_center_msgq_recv(void* center);

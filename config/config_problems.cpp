@@ -75,8 +75,9 @@ void check_streams(Problems& problems, std::span<_SHM_STREAM_CONFIG_* const> str
                                " is not from 1 to " + std::to_string(page_size_max));
         }
         if (streams[i] != nullptr && streams[i]->history_bytes < 0) {
-            problems.push_back(element_name("Stream", i) + ".history_bytes is not from 0 to " +
-                               std::to_string(INT_MAX));
+            problems.push_back(element_name("Stream", i) +
+                               ".history_bytes: " + std::to_string(streams[i]->history_bytes) +
+                               " is not from 0 to " + std::to_string(INT_MAX));
         }
     }
 }

@@ -47,6 +47,30 @@ void warn_of_name(Warnings& warnings, const std::string& where, const std::strin
     }
 }
 
+// ---- streams ----
+
+// What a ring can hold: its history and one frame of the greatest size with its header.
+constexpr std::int64_t ring_records_max = 4'294'967'232;
+constexpr std::int64_t frame_header_bytes = 128;
+
+void warn_of_histories(Warnings& warnings, std::span<_SHM_STREAM_CONFIG_* const> streams) {
+    for (std::size_t i = 0; i < streams.size(); ++i) {
+        if (streams[i] == nullptr || streams[i]->page_size < 1 || streams[i]->history_bytes < 0) {
+            continue;
+        }
+        const std::int64_t greatest =
+            ring_records_max - frame_header_bytes - std::int64_t{streams[i]->page_size};
+        const std::int64_t history = ring_history_bytes(*streams[i]);
+        if (history > greatest) {
+            warnings.push_back(element_name("Stream", i) +
+                               ".history_bytes: " + std::to_string(history) +
+                               (streams[i]->history_bytes == 0 ? " (twice the page size)" : "") +
+                               " is more than fits into a ring beside the greatest frame, " +
+                               std::to_string(greatest) + "; publishers cannot make it");
+        }
+    }
+}
+
 // ---- stream lists ----
 
 std::string list_text(const std::vector<int>& numbers) {
@@ -101,6 +125,7 @@ std::vector<std::string> ZAV_SHM_CONFIG::warnings() const {
     warn_of_characters(found, "System.ROOT_PATH", text_of(root_path));
     warn_of_characters(found, "System.SHM_PATH", text_of(shm_path));
     warn_of_characters(found, "System.SEM_PATH", text_of(sem_path));
+    warn_of_histories(found, streams());
     warn_of_names(found, "Distributor", distributors(), streams().size());
     warn_of_names(found, "Receiver", receivers(), streams().size());
     return found;

@@ -23,7 +23,7 @@ using Keys = std::initializer_list<const char*>;
 
 constexpr Keys section_keys{"System", "Stream", "Distributor", "Receiver"};
 constexpr Keys system_keys{"ROOT_PATH", "SHM_PATH", "SEM_PATH", "kick_idle"};
-constexpr Keys stream_keys{"index", "page_size"};
+constexpr Keys stream_keys{"index", "page_size", "history_bytes"};
 constexpr Keys name_keys{"name", "channel", "stream"};
 
 // In a short key two letters are half of it.

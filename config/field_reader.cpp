@@ -116,12 +116,21 @@ bool Field_Reader::integer(const Json::Value& value, const std::string& where, i
     return true;
 }
 
-int Field_Reader::optional_integer(const Json::Value& object, const char* key) {
-    const Json::Value& value = object.isObject() ? object[key] : Json::Value::nullSingleton();
+int Field_Reader::optional_integer(const Json::Value& object, const std::string& where,
+                                   const char* key) {
+    const Json::Value& value = member(object, key);
+    const std::string place = where + "." + key;
+    int read = 0;
     if (value.isNull()) {
         return 0;
     }
-    return value.isConvertibleTo(Json::intValue) ? value.asInt() : -1;
+    if (!value.isConvertibleTo(Json::intValue)) {
+        remarks_.push_back(place + ": " + shown(value) + " is not an integer from 0 to " +
+                           std::to_string(INT_MAX) + "; 0 is used");
+        return 0;
+    }
+    integer(value, place, read);
+    return read;
 }
 
 bool Field_Reader::name(const Json::Value& object, const std::string& where, const char* key,

@@ -55,8 +55,8 @@ public:
     bool integer(const Json::Value& object, const std::string& where, const char* key, int& out);
     bool integer(const Json::Value& value, const std::string& where, int& out);
 
-    /// 0 when the member is missing, and -1 when it is no number that an int can hold.
-    static int optional_integer(const Json::Value& object, const char* key);
+    /// 0 when the member is missing, and, with a remark, when it is no number that an int can hold.
+    int optional_integer(const Json::Value& object, const std::string& where, const char* key);
 
     /// A text of 31 characters at most: a longer one is refused.
     bool name(const Json::Value& object, const std::string& where, const char* key,

@@ -224,7 +224,7 @@ int ZAV_SHM_CONFIG::parse_stream_config() {
             !fields.integer(element, where, "page_size", record->page_size)) {
             return 0;
         }
-        record->history_bytes = fields.optional_integer(element, "history_bytes");
+        record->history_bytes = fields.optional_integer(element, where, "history_bytes");
         append(stream_configs, std::move(record));
     }
     return 1;

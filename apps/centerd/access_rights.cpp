@@ -25,6 +25,10 @@ constexpr mode_t group_read = 0040;
 constexpr mode_t others_read = 0004;
 constexpr mode_t group_lists = 0050;
 constexpr mode_t others_list = 0005;
+constexpr mode_t everything_for_group = 0070;
+constexpr mode_t everything_for_others = 0007;
+constexpr mode_t setgid_and_sticky = 03000;
+constexpr mode_t all_mode_bits = 07777;
 constexpr std::size_t group_entry_bytes_max = std::size_t{1024} * 1024;
 
 constexpr const char* remedy_for_leftovers =
@@ -85,6 +89,15 @@ mode_t Access_Rights::folder_mode() const {
            ((file_.mode & others_read) != 0 ? others_list : 0);
 }
 
+// Whoever is let in makes files there: publishers their rings, subscribers their cards.
+mode_t Access_Rights::rings_folder_mode() const {
+    if ((file_.mode & group_read) == 0) {
+        return folder_owner_bits;
+    }
+    return setgid_and_sticky | folder_owner_bits | everything_for_group |
+           ((file_.mode & others_read) != 0 ? everything_for_others : 0);
+}
+
 std::string Access_Rights::text() const {
     return "mode " + octal(file_.mode) + (group_name_.empty() ? "" : ", group " + group_name_);
 }
@@ -105,7 +118,8 @@ Outcome Access_Rights::check_leftovers(const Inventory& inventory) {
     if (geteuid() == 0) {
         return std::nullopt;
     }
-    for (const std::string& folder : {inventory.segment_folder, inventory.semaphore_folder}) {
+    for (const std::string& folder :
+         {inventory.segment_folder, inventory.semaphore_folder, inventory.rings_folder}) {
         if (Outcome failed = check_owner(folder)) {
             return failed;
         }
@@ -131,21 +145,39 @@ Outcome Access_Rights::apply(const Inventory& inventory) const {
             return failed;
         }
     }
+    if (Outcome failed = make_rings_folder(inventory.rings_folder)) {
+        return failed;
+    }
     // The folders last: until then nobody else gets in.
     for (const std::string& folder : {inventory.semaphore_folder, inventory.segment_folder}) {
-        if (Outcome failed = apply_to_folder(folder)) {
+        if (Outcome failed = apply_to_folder(folder, folder_mode())) {
             return failed;
         }
     }
     return std::nullopt;
 }
 
-Outcome Access_Rights::apply_to_folder(const std::string& path) const {
+Outcome Access_Rights::make_rings_folder(const std::string& path) const {
+    Outcome failed = prepare_folder(path);
+    return failed ? failed : apply_to_folder(path, rings_folder_mode());
+}
+
+// The kernel leaves the setgid bit out, without an error, for who is neither in the group nor
+// privileged. Clients' files would then be in their own groups, and nobody else could read them.
+Outcome Access_Rights::apply_to_folder(const std::string& path, mode_t mode) const {
     const Descriptor folder(open(path.c_str(), folder_flags));
+    struct stat made {};
     if (!folder.is_open() || fchown(folder.get(), new_owner(), file_.group) != 0 ||
-        fchmod(folder.get(), folder_mode()) != 0) {
-        return memory_failure("folder " + path + ", " + text(), errno,
-                              "the user has to be in that group, or root");
+        fchmod(folder.get(), mode) != 0 || fstat(folder.get(), &made) != 0) {
+        return memory_failure("folder " + path + ", mode " + octal(mode) +
+                                  (group_name_.empty() ? "" : ", group " + group_name_),
+                              errno, "the user has to be in that group, or root");
+    }
+    if ((made.st_mode & all_mode_bits) != mode) {
+        return failure(Exit_Status::system_error,
+                       "folder " + path + " has mode " + octal(made.st_mode & all_mode_bits) +
+                           ", not " + octal(mode) +
+                           "; the user has to be in that group, or to have CAP_FSETID");
     }
     return std::nullopt;
 }

@@ -14,7 +14,9 @@ namespace zav_shm::centerd {
 ///
 /// The center makes all of them for its own user alone, and knows no other way; the daemon opens
 /// them to a group or to everybody before it announces that it serves. The segments' folder is
-/// never writable for others: what lies in it can be used, and neither removed nor replaced.
+/// never writable for others: what lies in it can be used, and neither removed nor replaced. In the
+/// rings' folder clients make files of their own, which get its group (setgid) and which nobody but
+/// their users, and the own one, can remove or replace (sticky).
 class Access_Rights {
 public:
     /// @return a failure when the group does not exist.
@@ -22,6 +24,7 @@ public:
 
     File_Access file() const { return file_; }
     mode_t folder_mode() const;
+    mode_t rings_folder_mode() const;
     std::string text() const;  // "mode 0660, group video"
 
     /// Makes the segments' folder, or takes over the one that is there, for the own user alone.
@@ -32,11 +35,14 @@ public:
     static Outcome check_leftovers(const Inventory& inventory);
 
     /// Gives the folders, segments and semaphores, which the center has made, group and mode; and
-    /// finds out that one is missing or has another length.
+    /// finds out that one is missing or has another length. Makes the rings' folder.
     Outcome apply(const Inventory& inventory) const;
 
+    /// Makes that folder, or takes over the one that is there.
+    Outcome make_rings_folder(const std::string& path) const;
+
 private:
-    Outcome apply_to_folder(const std::string& path) const;
+    Outcome apply_to_folder(const std::string& path, mode_t mode) const;
     Outcome apply_to_file(const char* kind, const Shared_File& made) const;
 
     File_Access file_;

@@ -10,6 +10,7 @@
 #include "apps/centerd/former_segments.h"
 #include "apps/centerd/limits.h"
 #include "apps/centerd/memory_folder.h"
+#include "apps/centerd/ring_leftovers.h"
 #include "apps/centerd/service.h"
 #include "apps/centerd/signals.h"
 #include "apps/centerd/start_traces.h"
@@ -181,6 +182,7 @@ void Daemon::release_locks() {
     queue_lock_.release();
     folder_lock_.release();
     if (options_.clean) {
+        rmdir(inventory_.rings_folder.c_str());
         rmdir(inventory_.segment_folder.c_str());
         rmdir(inventory_.semaphore_folder.c_str());
     }
@@ -192,6 +194,7 @@ void Daemon::remove_objects() const {
             unlink(file.path.c_str());
         }
     }
+    remove_ring_leftovers(inventory_.rings_folder);
     queues_.remove();
 }
 

@@ -7,6 +7,7 @@
 #include <numeric>
 
 #include "ipc/shared_memory_folder.h"
+#include "ring/ring_memory.h"
 #include "stream/channel_names.h"
 #include "stream/frame_slot.h"
 
@@ -20,8 +21,7 @@ void for_each_channel(const ZAV_SHM_CONFIG& config, const _SHM_DIST_RECV_CONFIG_
     for (int channel = 0; channel < record.channel; ++channel) {
         int stream = 0;
         for (const auto* const stream_record : config.streams()) {
-            action(Shm_Stream_Transmission_Index(record.name, channel, stream++),
-                   stream_record->page_size);
+            action(Shm_Stream_Transmission_Index(record.name, channel, stream++), *stream_record);
         }
     }
 }
@@ -31,6 +31,7 @@ void for_each_channel(const ZAV_SHM_CONFIG& config, const _SHM_DIST_RECV_CONFIG_
 // The prefix of segment names is class-wide; the center sets it to the same value.
 Inventory::Inventory(const ZAV_SHM_CONFIG& config)
     : segment_folder(shared_memory_path(config.shm_path)),
+      rings_folder(zav_shm::rings_folder(config.shm_path)),
       semaphore_folder(shared_memory_path(config.sem_path)),
       page(segment_folder + "/center_page"),
       status(segment_folder + "/center_status.json"),
@@ -44,20 +45,31 @@ Inventory::Inventory(const ZAV_SHM_CONFIG& config)
         }
     };
     for (const auto* const record : config.distributors()) {
-        for_each_channel(config, *record, [&](const auto& key, int page_size) {
+        for_each_channel(config, *record, [&](const auto& key, const auto& stream) {
             const IPC_SHM_SRC_CTRL_INFO names(key);
             segments.push_back({shared_memory_path(names.shm_path),
-                                static_cast<std::uint64_t>(page_size) + frame_header_bytes});
+                                static_cast<std::uint64_t>(stream.page_size) + frame_header_bytes});
+            rings.push_back(
+                {rings_folder + "/" + channel_file_name(key.name, key.channel, key.stream),
+                 ring_bytes(stream)});
             add_semaphores(names);
             ++relays;
         });
     }
     for (const auto* const record : config.receivers()) {
-        for_each_channel(config, *record, [&](const auto& key, int) {
+        for_each_channel(config, *record, [&](const auto& key, const auto& /*stream*/) {
             add_semaphores(IPC_SHM_DST_CTRL_INFO(key));
             ++consumer_channels;
         });
     }
+}
+
+// The greatest record is a whole page of payload with its header.
+std::uint64_t Inventory::ring_bytes(const _SHM_STREAM_CONFIG_& stream) {
+    const auto record_max = static_cast<std::uint32_t>(stream.page_size) +
+                            static_cast<std::uint32_t>(frame_header_bytes);
+    const Ring_Size size{static_cast<std::uint32_t>(ring_history_bytes(stream)), record_max};
+    return size.file_bytes().value_or(0);
 }
 
 std::uint64_t Inventory::in_pages(std::uint64_t bytes) {

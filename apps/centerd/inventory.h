@@ -16,21 +16,27 @@ struct Shared_File {
 };
 
 /// Every name that the center of a configuration makes below /dev/shm. Names of a configuration
-/// belong to it: nobody else makes any of them.
+/// belong to it: nobody else makes any of them. And the rings, which publishers make.
 struct Inventory {
     std::string segment_folder;    // "/dev/shm/shm"
+    std::string rings_folder;      // "/dev/shm/shm/rings"
     std::string semaphore_folder;  // "/dev/shm/sem", stays empty
     std::vector<Shared_File> segments;
     std::vector<Shared_File> semaphores;
-    std::string page;    // center_page
-    std::string status;  // center_status.json
-    std::string lock;    // center_lock
-    int relays = 0;      // threads, one for each segment
+    std::vector<Shared_File> rings;  // one for each segment, as large as the configuration wants it
+    std::string page;                // center_page
+    std::string status;              // center_status.json
+    std::string lock;                // center_lock
+    int relays = 0;                  // threads, one for each segment
     int consumer_channels = 0;
     int name_count = 0;    // of producers and consumers
     int stream_count = 0;  // of each channel
 
     explicit Inventory(const ZAV_SHM_CONFIG& config);
+
+    /// The length of a ring, unless its publisher wants another one; 0 when no ring can be as
+    /// large.
+    static std::uint64_t ring_bytes(const _SHM_STREAM_CONFIG_& stream);
 
     /// What files of these lengths take: whole memory pages.
     static std::uint64_t in_pages(const std::vector<Shared_File>& files);

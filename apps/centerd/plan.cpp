@@ -75,6 +75,10 @@ std::string Plan::text(const Room& room) const {
     }
     text += "semaphores     " + std::to_string(inventory_.semaphores.size()) + " in /dev/shm, " +
             std::to_string(semaphore_bytes) + " bytes\n";
+    text += "rings          up to " + std::to_string(inventory_.rings.size()) + " in " +
+            printable(inventory_.rings_folder) + ", " +
+            std::to_string(Inventory::in_pages(inventory_.rings)) +
+            " bytes; publishers make them\n";
     text += "threads        " + std::to_string(threads) + ", " + std::to_string(inventory_.relays) +
             " of them relays\n";
     text += "idle kick      " + kick_text() + "\n";
@@ -82,8 +86,10 @@ std::string Plan::text(const Room& room) const {
             or_no_limit(room.available_bytes) + " in /dev/shm\n";
     text += "files          " + std::to_string(room.needed_files) + " more are needed, " +
             or_no_limit(room.available_files) + " in /dev/shm\n";
+    text += "for clients    up to " + std::to_string(room.ring_bytes) + " bytes and " +
+            std::to_string(room.ring_files) + " files more, for rings and what lies beside them\n";
     text += names_text();
-    for (const auto& found : {refusals(), warnings()}) {
+    for (const auto& found : {refusals(), warnings(room)}) {
         for (const std::string& warning : found) {
             text += "warning: " + printable(warning) + "\n";
         }
@@ -95,9 +101,11 @@ std::string Plan::names_text() const {
     std::string text;
     const std::uint64_t streams = config_.streams().size();
     std::uint64_t stream_bytes = 0;  // one channel of every stream
+    std::uint64_t ring_bytes = 0;
     for (const auto* const stream : config_.streams()) {
         stream_bytes +=
             Inventory::in_pages(static_cast<std::uint64_t>(stream->page_size) + frame_header_bytes);
+        ring_bytes += Inventory::in_pages(Inventory::ring_bytes(*stream));
     }
     for (const auto* const record : config_.distributors()) {
         const auto channels = static_cast<std::uint64_t>(record->channel);
@@ -105,7 +113,9 @@ std::string Plan::names_text() const {
                 count(channels * streams, "segment") + " of " +
                 std::to_string(channels * stream_bytes) + " bytes, " +
                 count(channels * streams * semaphores_per_channel, "semaphore") + ", " +
-                count(channels * streams, "thread") + "; " + accepted(*record) + "\n";
+                count(channels * streams, "thread") + ", up to " +
+                count(channels * streams, "ring") + " of " + std::to_string(channels * ring_bytes) +
+                " bytes; " + accepted(*record) + "\n";
     }
     for (const auto* const record : config_.receivers()) {
         const auto channels = static_cast<std::uint64_t>(record->channel);
@@ -132,8 +142,9 @@ std::string Plan::summary() const {
                        std::to_string(inventory_.consumer_channels) + " consumer channels of " +
                        title_of(options_.config_path) + ", " +
                        std::to_string(Inventory::in_pages(inventory_.segments)) +
-                       " bytes of segments in " + inventory_.segment_folder + ", idle kick " +
-                       kick_text();
+                       " bytes of segments and up to " +
+                       std::to_string(Inventory::in_pages(inventory_.rings)) + " of rings in " +
+                       inventory_.segment_folder + ", idle kick " + kick_text();
     for (const std::string& refusal : refusals()) {
         text += "; warning: " + refusal;
     }
@@ -153,10 +164,13 @@ std::vector<std::string> Plan::refusals() const {
     return found;
 }
 
-std::vector<std::string> Plan::warnings() const {
+std::vector<std::string> Plan::warnings(const Room& room) const {
     std::vector<std::string> found = config_.warnings();
     const auto limits = limit_warnings(inventory_);
     found.insert(found.end(), limits.begin(), limits.end());
+    if (const auto full = room.warning()) {
+        found.push_back(*full);
+    }
     return found;
 }
 

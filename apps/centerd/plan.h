@@ -25,7 +25,7 @@ public:
     std::string summary() const;
 
     /// What the configuration probably does not mean, and limits that will be felt.
-    std::vector<std::string> warnings() const;
+    std::vector<std::string> warnings(const Room& room) const;
 
 private:
     std::vector<std::string> refusals() const;

@@ -15,8 +15,9 @@ namespace zav_shm::centerd {
 namespace {
 
 // Generous: 400 bytes for each relay and 120 for each consumer is what a long name takes, and
-// characters of a name may be written as six.
-constexpr std::uint64_t status_bytes_per_channel = 512;
+// characters of a name may be written as six. Who reads a ring takes three times as much.
+constexpr std::uint64_t status_bytes_per_relay = 512;
+constexpr std::uint64_t status_bytes_per_consumer = 512 + 1024;
 constexpr std::uint64_t status_bytes_per_name = 256;
 constexpr std::uint64_t status_bytes_per_stream_of_a_name = 80;
 
@@ -26,9 +27,14 @@ std::uint64_t own_bytes(const Inventory& inventory) {
     return 2 * Inventory::in_pages(1) + 3 * Room::status_bytes(inventory);
 }
 
-// Locks and reserve, page and status, of which each exists twice while it is replaced; both
+// Locks and reserve, page and status, of which each exists twice while it is replaced; all three
 // folders, and the file under another name that a semaphore is before it gets its own.
-constexpr std::uint64_t own_files = 2 + 1 + 4 + 2 + 1;
+constexpr std::uint64_t own_files = 2 + 1 + 4 + 3 + 1;
+
+// Beside a history: its lock and the file of requests to its writer. Of a consumer: card and route,
+// of which one exists twice while it is replaced. Each takes a memory page.
+constexpr std::uint64_t files_beside_a_ring = 2;
+constexpr std::uint64_t files_of_a_reader = 2;
 
 bool exists(const std::string& path) {
     struct stat found {};
@@ -48,6 +54,21 @@ std::uint64_t bytes_missing_of(const std::vector<Shared_File>& files) {
     return bytes;
 }
 
+// A publisher makes a new file, beside the one that readers may still have. Their memory is not
+// counted twice: publishers are not all started anew at the same time.
+void add_rings(Room& room, const Inventory& inventory) {
+    const auto readers = static_cast<std::uint64_t>(inventory.consumer_channels);
+    const std::uint64_t small_files =
+        files_beside_a_ring * inventory.rings.size() + files_of_a_reader * readers;
+    room.ring_bytes = bytes_missing_of(inventory.rings) + small_files * Inventory::in_pages(1);
+    room.ring_files = missing_of(inventory.rings) + small_files;
+}
+
+std::string resource(std::uint64_t available, std::uint64_t needed, const char* what) {
+    return "/dev/shm has " + std::to_string(available) + " " + what + ", " +
+           std::to_string(needed) + " are needed when all publishers and subscribers come; ";
+}
+
 // A file system without a limit of its own says that it has 0 blocks, and 0 files.
 void look_at_memory_folder(Room& room) {
     struct statvfs found {};
@@ -63,12 +84,13 @@ void look_at_memory_folder(Room& room) {
 }  // namespace
 
 std::uint64_t Room::status_bytes(const Inventory& inventory) {
-    const auto channels = static_cast<std::uint64_t>(inventory.relays) +
-                          static_cast<std::uint64_t>(inventory.consumer_channels);
+    const std::uint64_t bytes_of_channels =
+        static_cast<std::uint64_t>(inventory.relays) * status_bytes_per_relay +
+        static_cast<std::uint64_t>(inventory.consumer_channels) * status_bytes_per_consumer;
     const std::uint64_t bytes_of_a_name =
         status_bytes_per_name +
         static_cast<std::uint64_t>(inventory.stream_count) * status_bytes_per_stream_of_a_name;
-    return Inventory::in_pages(1 + channels * status_bytes_per_channel +
+    return Inventory::in_pages(1 + bytes_of_channels +
                                static_cast<std::uint64_t>(inventory.name_count) * bytes_of_a_name);
 }
 
@@ -79,10 +101,18 @@ Room Room::for_start_of(const Inventory& inventory) {
                         Inventory::in_pages(inventory.semaphores) + own_bytes(inventory);
     room.needed_files = inventory.segments.size() - former.of_same_length -
                         former.of_another_length + inventory.semaphores.size() + own_files;
+    add_rings(room, inventory);
     look_at_memory_folder(room);
     if (room.available_bytes != unlimited) {
         room.available_bytes += former.freed_bytes;
     }
+    return room;
+}
+
+Room Room::of_clients(const Inventory& inventory) {
+    Room room;
+    add_rings(room, inventory);
+    look_at_memory_folder(room);
     return room;
 }
 
@@ -110,6 +140,22 @@ Outcome Room::check() const {
                            " more files (inodes), " + std::to_string(needed_files) +
                            " are needed; allow more (mount -o remount,nr_inodes=... /dev/shm), "
                            "remove what is not used there, or configure fewer channels");
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> Room::warning() const {
+    if (check()) {
+        return std::nullopt;
+    }
+    if (needed_bytes + ring_bytes > available_bytes) {
+        return resource(available_bytes, needed_bytes + ring_bytes, "bytes available") +
+               "enlarge it (mount -o remount,size=... /dev/shm), or configure fewer channels or "
+               "smaller histories (history_bytes)";
+    }
+    if (needed_files + ring_files > available_files) {
+        return resource(available_files, needed_files + ring_files, "files (inodes) available") +
+               "allow more (mount -o remount,nr_inodes=... /dev/shm), or configure fewer channels";
     }
     return std::nullopt;
 }

@@ -104,7 +104,7 @@ Outcome Service::start_kicker(Hosted_Center& hosted, std::optional<Idle_Kicker>&
 }
 
 void Service::announce() const {
-    for (const std::string& warning : ground_.plan.warnings()) {
+    for (const std::string& warning : ground_.plan.warnings(Room::of_clients(ground_.inventory))) {
         report("warning: " + warning);
     }
     const std::string served = printable(ground_.plan.summary());

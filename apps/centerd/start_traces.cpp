@@ -26,7 +26,8 @@ Start_Traces::Start_Traces(const Inventory& inventory, const Control_Queues& que
             }
         }
     }
-    for (const std::string& folder : {inventory.segment_folder, inventory.semaphore_folder}) {
+    for (const std::string& folder :
+         {inventory.rings_folder, inventory.segment_folder, inventory.semaphore_folder}) {
         if (is_absent(folder)) {
             absent_folders_.push_back(folder);
         }

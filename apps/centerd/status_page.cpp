@@ -10,10 +10,12 @@
 #include <ctime>
 #include <utility>
 
+#include "apps/centerd/ring_consumer_status.h"
 #include "control/center_status.h"
 #include "control/control_protocol.h"
 #include "control/replaced_file.h"
 #include "ipc/random_epoch.h"
+#include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::centerd {
 
@@ -108,6 +110,8 @@ std::string Status_Page::status_of(const ZAV_SHM_CENTER& center) const {
     for (const Relay_Snapshot& relay : center.manager()->snapshot()) {
         status["channels"].append(json_of(relay));
     }
+    status["ring_consumers"] =
+        ring_consumer_status(rings_folder(folder_), center.ring_consumers()->snapshot());
     return control::written_on_one_line(status);
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/centerd/upkeep.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -8,9 +10,20 @@
 
 namespace zav_shm::centerd {
 
+namespace {
+
+// 0 when there is none.
+ino_t number_of_folder(const std::string& path) {
+    struct stat found {};
+    return lstat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode) ? found.st_ino : 0;
+}
+
+}  // namespace
+
 Upkeep::Upkeep(const Kept& kept)
     : kept_(kept),
       objects_(kept.inventory),
+      rings_folder_(number_of_folder(kept.inventory.rings_folder)),
       reserve_(kept.inventory.segment_folder, Room::status_bytes(kept.inventory)) {}
 
 Outcome Upkeep::keep_locks() {
@@ -51,8 +64,29 @@ void Upkeep::refresh() {
         report("the reply queue was half full of messages that nobody took for 5 s; " +
                std::to_string(swept) + " were thrown away");
     }
+    keep_rings();
     keep_page();
     write_status();
+}
+
+// Frames go on where a ring was open already; whoever comes later does not find the names of
+// before.
+void Upkeep::keep_rings() {
+    const std::string& folder = kept_.inventory.rings_folder;
+    const ino_t found = number_of_folder(folder);
+    if (found == 0 || found != rings_folder_) {
+        const Outcome failed = kept_.rights.make_rings_folder(folder);
+        if (!failed) {
+            report("folder " + folder + " was removed or replaced; it is made again");
+        } else if (!rings_failed_) {
+            report("folder " + folder + " was removed or replaced, and cannot be made again");
+            report(*failed);
+        }
+        rings_failed_ = failed.has_value();
+        rings_folder_ = failed ? 0 : number_of_folder(folder);
+    }
+    kept_.center.ring_consumers()->forget_gone();
+    readers_.step();
 }
 
 void Upkeep::keep_page() const {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 
@@ -10,6 +12,7 @@
 #include "apps/centerd/inventory.h"
 #include "apps/centerd/object_watch.h"
 #include "apps/centerd/outcome.h"
+#include "apps/centerd/reader_sweeper.h"
 #include "apps/centerd/reply_sweeper.h"
 #include "apps/centerd/room_reserve.h"
 #include "apps/centerd/status_page.h"
@@ -28,7 +31,7 @@ public:
         Center_Lock& folder_lock;
         Center_Lock& queue_lock;
         Status_Page& published;
-        const ZAV_SHM_CENTER& center;
+        ZAV_SHM_CENTER& center;
     };
 
     /// To be made once everything is there. All outlive this.
@@ -42,11 +45,12 @@ public:
     /// @return what is gone for good, so that new clients cannot come: "semaphore ... was removed".
     std::optional<std::string> find_loss();
 
-    /// Queues, reply queue, page and status.
+    /// Queues, reply queue, the rings' folder and who reads them, page and status.
     void refresh();
 
 private:
     Outcome keep(Center_Lock& lock) const;
+    void keep_rings();
     void keep_page() const;
     void write_status();
     bool write_status_with_the_reserve();
@@ -54,9 +58,12 @@ private:
     const Kept kept_;
     Object_Watch objects_;
     Reply_Sweeper replies_{kept_.queues};
+    Reader_Sweeper readers_{kept_.inventory.rings_folder};
+    ino_t rings_folder_;          // its number
     Room_Reserve reserve_;        // for the status
     bool is_full_ = false;        // the former status took the reserve; reported once
     bool status_failed_ = false;  // reported once, until it works again
+    bool rings_failed_ = false;   // the same
 };
 
 }  // namespace zav_shm::centerd

@@ -166,9 +166,32 @@ TEST_F(Ring_End, consumer_may_be_in_a_relay_too_but_one_process_only) {
 // name was killed.
 TEST_F(Ring_End, pairing_is_as_ever_once_the_process_that_read_the_ring_is_gone) {
     join("CAM_LOOP", R"(,"card":"gone")");
+    std::ofstream(std::string(folder) + "/gone") << "nobody has it locked";
     EXPECT_EQ(pair("CAM_REC"), "success");
     EXPECT_EQ(relayed_by("CAM_REC"), 1);
     EXPECT_FALSE(route());
+    std::filesystem::remove(std::string(folder) + "/gone");
+}
+
+// Between its registration and its card a process of another PID namespace shows no sign of life.
+TEST_F(Ring_End, consumer_that_is_gone_is_forgotten_at_the_second_look) {
+    join("CAM_LOOP", R"(,"card":"gone")");
+    const std::string card = std::string(folder) + "/gone";
+    center->ring_consumers()->forget_gone();
+    center->ring_consumers()->forget_gone();
+    EXPECT_TRUE(route());  // its process, this one, lives
+    std::ofstream(card) << "nobody has it locked";
+    center->ring_consumers()->forget_gone();
+    EXPECT_TRUE(route());
+    std::filesystem::remove(card);
+    center->ring_consumers()->forget_gone();  // alive again
+    std::ofstream(card) << "nobody has it locked";
+    center->ring_consumers()->forget_gone();
+    EXPECT_TRUE(route());
+    center->ring_consumers()->forget_gone();
+    EXPECT_FALSE(route());
+    EXPECT_TRUE(center->ring_consumers()->snapshot().empty());
+    std::filesystem::remove(card);
 }
 
 TEST_F(Ring_End, pages_of_an_earlier_center_are_removed) {
@@ -176,8 +199,10 @@ TEST_F(Ring_End, pages_of_an_earlier_center_are_removed) {
     stop();
     EXPECT_FALSE(std::filesystem::exists(page));
     std::ofstream(page) << "left";
+    std::ofstream(std::string(page) + ".new") << "half";
     start();
     EXPECT_FALSE(std::filesystem::exists(page));
+    EXPECT_FALSE(std::filesystem::exists(std::string(page) + ".new"));
 }
 
 TEST(Route_Page, is_read_only_when_it_is_whole_and_right) {

@@ -209,10 +209,11 @@ TEST_F(Daemon_Access, small_limit_on_locked_memory_is_reported_once) {
 TEST_F(Daemon_Access, capabilities_of_the_service_are_enough) {
     requests.make();
     replies.make();
-    ASSERT_TRUE(start({"--group", "daemon"},
-                      {"/usr/bin/setpriv", "--no-new-privs",
-                       "--bounding-set=-all,+chown,+fowner,+dac_override,+ipc_owner,+ipc_lock,"
-                       "+sys_admin"}))
+    ASSERT_TRUE(
+        start({"--group", "daemon"},
+              {"/usr/bin/setpriv", "--no-new-privs",
+               "--bounding-set=-all,+chown,+fowner,+fsetid,+dac_override,+ipc_owner,+ipc_lock,"
+               "+sys_admin"}))
         << errors();
     expect_frames(as_nobody("1"));
     EXPECT_EQ(end(), 0);

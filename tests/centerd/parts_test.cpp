@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <thread>
 
 #include "apps/centerd/access_rights.h"
@@ -25,6 +27,7 @@
 #include "apps/centerd/status_page.h"
 #include "ipc/descriptor.h"
 #include "parts_fixture.h"
+#include "ring/reader_card.h"
 
 namespace {
 
@@ -316,10 +319,20 @@ TEST_F(Parts, status_takes_no_more_than_the_room_that_is_kept_for_it) {
           escaped + R"(", "channel": 1, "stream": [0]}]})");
     client.ask(R"({"command":"register","type":"Receiver","channel":0,"stream":0,"name":")" +
                escaped + R"(","pair_name":")" + escaped + "\"}");
+    zav_shm::Reader_Card greatest;
+    std::memset(static_cast<void*>(&greatest.counters), 0xff, sizeof greatest.counters);
+    greatest.pid = greatest.cursor = std::numeric_limits<std::uint32_t>::max();
+    greatest.channel = greatest.stream = std::numeric_limits<std::int32_t>::min();
+    name.copy(greatest.consumer, name.size());
+    name.copy(greatest.producer, name.size());
+    fs::create_directory("/dev/shm/shm/rings");
+    const zav_shm::Own_Card card("/dev/shm/shm/rings", zav_shm::Own_Card::new_name(), greatest);
     const std::string text =
         Status_Page("/shm", std::string(4000, '/'), status_names(*config), {}).status_of(*center);
     EXPECT_NE(text.find("consumers\":[{"), std::string::npos);
-    EXPECT_LT(text.size() - 4000, 2U * 512U + 2U * (256U + 80U));  // channels, and names
+    EXPECT_NE(text.find("ring_consumers\":[{"), std::string::npos);
+    // The relay, the consumer, and the names.
+    EXPECT_LT(text.size() - 4000, 512U + (512U + 1024U) + 2U * (256U + 80U));
 }
 
 TEST_F(Parts, status_that_cannot_be_written_leaves_the_former_one) {

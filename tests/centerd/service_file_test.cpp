@@ -29,6 +29,12 @@ TEST_F(Service_File, keeps_what_clients_share_with_the_center) {
     EXPECT_EQ(text().find("\nPrivateDevices="), std::string::npos);
 }
 
+// Otherwise the kernel keeps the setgid bit off the folder of the rings.
+TEST_F(Service_File, lets_the_rings_folder_hand_its_group_on) {
+    EXPECT_NE(text().find(" CAP_FSETID "), std::string::npos);
+    EXPECT_EQ(text().find("\nRestrictSUIDSGID="), std::string::npos);
+}
+
 // A service manager that waits for news which never come ends the daemon.
 TEST_F(Service_File, waits_for_notifications_only_when_there_are_some) {
     EXPECT_EQ(has_line("Type=notify"), ZAV_TEST_NOTIFIES == 1);

@@ -85,6 +85,40 @@ TEST_F(Config_Problems, page_sizes_without_room_for_a_frame_or_beyond_a_segment)
     EXPECT_EQ(config.problems(), std::vector<std::string>{});
 }
 
+TEST_F(Config_Problems, histories_that_are_no_numbers_of_bytes) {
+    const auto stream = [](const std::string& bytes) {
+        return Config_Text{.stream = R"([{"index": 0, "page_size": 1},
+                                         {"index": 1, "page_size": 1, "history_bytes": )" +
+                                     bytes + "}]"};
+    };
+    expect_problem(stream("-1"), "Stream[1].history_bytes: -1 is not from 0 to 2147483647");
+    expect_problem(stream("2147483648"),
+                   "Stream[1].history_bytes: 2147483648 is not an integer from 0 to 2147483647; "
+                   "0 is used");
+    expect_problem(stream(R"("4 MiB")"),
+                   "Stream[1].history_bytes: \"4 MiB\" is not an integer from 0 to 2147483647; "
+                   "0 is used");
+    expect_problem(stream("[4096]"),
+                   "Stream[1].history_bytes: an array is not an integer from 0 to 2147483647; 0 is "
+                   "used");
+    expect_problem(stream("4096.5"), "Stream[1].history_bytes: 4096.5 is read as 4096");
+    for (const char* good : {"0", "null", "1", "4096", "2147483647"}) {
+        ZAV_SHM_CONFIG fresh;
+        EXPECT_EQ(fresh.parse_config(write(stream(good)).c_str()), 1);
+        EXPECT_EQ(fresh.problems(), std::vector<std::string>{}) << good;
+    }
+}
+
+TEST_F(Config_Problems, history_that_is_given_counts_and_is_twice_the_page_otherwise) {
+    ASSERT_EQ(load(Config_Text{.stream = R"([{"index": 0, "page_size": 1000},
+                                {"index": 1, "page_size": 1000, "history_bytes": 50},
+                                {"index": 2, "page_size": 2147483519, "history_bytes": 0}])"}),
+              1);
+    EXPECT_EQ(ring_history_bytes(*config.streams()[0]), 2000);
+    EXPECT_EQ(ring_history_bytes(*config.streams()[1]), 50);
+    EXPECT_EQ(ring_history_bytes(*config.streams()[2]), 4'294'967'038);
+}
+
 TEST_F(Config_Problems, negative_channel_counts) {
     expect_problem(distributors(entry("A", "-1")), "Distributor[0].channel: -1 is below 0");
 }

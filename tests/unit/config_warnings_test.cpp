@@ -63,6 +63,28 @@ TEST_F(Config_Warnings, unknown_keys_in_elements_of_the_lists) {
                "Receiver[1]: the unknown key \"nmae\" is ignored; \"name\" is a known one"}));
 }
 
+TEST_F(Config_Warnings, misspelt_history) {
+    EXPECT_EQ(
+        warnings_of(Config_Text{.stream = R"([{"index": 0, "page_size": 1, "history_byte": 9},
+                          {"index": 1, "page_size": 1, "historyBytes": 9},
+                          {"index": 2, "page_size": 1, "history_bytes": 9}])"}),
+        (Lines{"Stream[0]: the unknown key \"history_byte\" is ignored; \"history_bytes\" is a "
+               "known one",
+               "Stream[1]: the unknown key \"historyBytes\" is ignored; \"history_bytes\" is a "
+               "known one"}));
+}
+
+TEST_F(Config_Warnings, history_that_no_ring_can_have) {
+    EXPECT_EQ(warnings_of(Config_Text{.stream = R"([{"index": 0, "page_size": 1431655701},
+                          {"index": 1, "page_size": 1431655702},
+                          {"index": 2, "page_size": 2147483519, "history_bytes": 2147483585},
+                          {"index": 3, "page_size": 2147483519, "history_bytes": 2147483586}])"}),
+              (Lines{"Stream[1].history_bytes: 2863311404 (twice the page size) is more than fits "
+                     "into a ring beside the greatest frame, 2863311402; publishers cannot make it",
+                     "Stream[3].history_bytes: 2147483586 is more than fits into a ring beside the "
+                     "greatest frame, 2147483585; publishers cannot make it"}));
+}
+
 TEST_F(Config_Warnings, are_none_for_keys_of_somebodys_own) {
     std::string text = Config_Text{
         .system = R"({"comment": "", "board": "x", "": 0, "version": 2})",

@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+
+namespace zav_shm::centerd {
+
+/// Removes from the rings' folder what nobody uses: histories without a writer and what lies beside
+/// them, cards of readers that are gone, routes. What a process that lives has locked stays, and it
+/// goes on.
+///
+/// @param folder  of which this process is the owner, or root
+void remove_ring_leftovers(const std::string& folder);
+
+}  // namespace zav_shm::centerd
