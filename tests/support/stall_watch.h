@@ -13,9 +13,15 @@
 ///
 /// One thread of the highest real-time priority per processor sleeps for 1 ms at a time. Where
 /// such a priority is not allowed, nothing is noted.
+///
+/// With the priority of its process instead it notes when the machine had other things to do than
+/// to run a process that was due. It then sleeps for 4 ms at a time, so that it is not itself what
+/// others wait for.
 class Stall_Watch {
 public:
-    Stall_Watch();
+    enum class Priority { real_time, of_process };
+
+    explicit Stall_Watch(Priority priority = Priority::real_time);
     ~Stall_Watch();
     Stall_Watch(const Stall_Watch&) = delete;
     Stall_Watch& operator=(const Stall_Watch&) = delete;
@@ -29,7 +35,7 @@ private:
         std::int64_t to_ns;
     };
 
-    void watch(int processor);
+    void watch(int processor, Priority priority);
 
     std::atomic<bool> ends_{false};
     mutable std::mutex mutex_;
