@@ -270,7 +270,7 @@ void SHM_Stream_Transmission_Manager::remove_distributor(const Key& key) {
 }
 
 bool SHM_Stream_Transmission_Manager::is_paired(const Key& key) const {
-    const std::lock_guard guard(maps_);
+    const zav_shm::Guard guard(maps_);
     return value_or_null(pair_map, value_or_null(distributor_map, key)) != nullptr;
 }
 
