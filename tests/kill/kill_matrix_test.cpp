@@ -150,9 +150,6 @@ protected:
             if (frame.sequence == 1) {
                 begin_of_[frame.epoch] = frame.ns;
             }
-            if (frame.late_ns > ms) {
-                naps_.push_back({frame.ns - frame.late_ns, frame.late_ns});
-            }
         }
     }
 
@@ -172,7 +169,7 @@ protected:
                 const auto& former = log.entries[(reading.count - 1) % Frame_Log::capacity];
                 if (with_gaps && has_steady_frames(subscriber) && !is_struck &&
                     frame.ns >= from_ns) {
-                    measure_gap(row, former.ns, frame.ns);
+                    measure_gap(row, former, frame);
                 }
             }
             reading.epoch = frame.epoch;
@@ -196,7 +193,7 @@ protected:
             const auto begin = begin_of_.find(frame.epoch);
             if (begin != begin_of_.end() && frame.sequence == 1) {
                 const std::int64_t time =
-                    frame.ns - begin->second - stalled(begin->second, frame.ns);
+                    frame.ns - begin->second - machine.stalled_ns(begin->second, frame.ns);
                 row.worst_first_frame_ms =
                     std::max(row.worst_first_frame_ms, static_cast<long>(time / ms));
             }
@@ -204,25 +201,37 @@ protected:
         return missed;
     }
 
-    void measure_gap(Row& row, std::int64_t from_ns, std::int64_t to_ns) {
-        row.worst_gap_ns = std::max(row.worst_gap_ns, to_ns - from_ns);
-        if (to_ns - from_ns > row.worst_net_ns) {
-            row.worst_net_ns =
-                std::max(row.worst_net_ns, to_ns - from_ns - stalled(from_ns, to_ns));
+    void measure_gap(Row& row, const Frame_Log::Entry& former, const Frame_Log::Entry& frame) {
+        const std::int64_t gap = frame.ns - former.ns;
+        row.worst_gap_ns = std::max(row.worst_gap_ns, gap);
+        if (gap > row.worst_net_ns) {
+            row.worst_net_ns = std::max(row.worst_net_ns, gap - stalled(former, frame));
         }
     }
 
-    /// How much of this time the machine was not there for those that were due, as somebody noticed
-    /// who slept: the watches, or the producer between two frames.
-    std::int64_t stalled(std::int64_t from_ns, std::int64_t to_ns) const {
-        std::int64_t napped = 0;
-        for (auto nap = naps_.rbegin(); nap != naps_.rend() && nap->from_ns > from_ns - 1000 * ms;
-             ++nap) {
-            const std::int64_t end = std::min(nap->from_ns + nap->ns, to_ns);
-            napped += std::max<std::int64_t>(end - std::max(nap->from_ns, from_ns), 0);
+    /// How much of the time between these frames the machine was not there for their producer and
+    /// their reader.
+    std::int64_t stalled(const Frame_Log::Entry& former, const Frame_Log::Entry& frame) {
+        std::int64_t waited = frame.waited_ns - former.waited_ns;
+        const auto* const sent = find_sent(frame);
+        const auto* const sent_before = find_sent(former);
+        if (sent != nullptr && sent_before != nullptr && frame.epoch == former.epoch) {
+            waited += sent->waited_ns - sent_before->waited_ns;
         }
-        return std::max(
-            {napped, machine.stalled_ns(from_ns, to_ns), busy_machine_.stalled_ns(from_ns, to_ns)});
+        return std::max(waited, machine.stalled_ns(former.ns, frame.ns));
+    }
+
+    /// Null when its producer has not noted it.
+    const Frame_Log::Entry* find_sent(const Frame_Log::Entry& frame) {
+        const Frame_Log& log = log_of_producer();
+        for (std::uint64_t back = 1; back <= std::min<std::uint64_t>(producer_read_, 2000);
+             ++back) {
+            const auto& sent = log.entries[(producer_read_ - back) % Frame_Log::capacity];
+            if (sent.epoch == frame.epoch && sent.sequence == frame.sequence) {
+                return &sent;
+            }
+        }
+        return nullptr;
     }
 
     long random(long below) { return std::uniform_int_distribution<long>(0, below - 1)(random_); }
@@ -240,11 +249,6 @@ protected:
     }
 
 private:
-    struct Nap {
-        std::int64_t from_ns;
-        std::int64_t ns;
-    };
-
     void run_once(Row& row, Role role, int signal, const std::string& point,
                   const std::string& next_point);
     void start_again(Role role, const std::string& point);
@@ -258,8 +262,6 @@ private:
     std::map<std::uint64_t, std::uint64_t> last_of_;  // sequence, by epoch
     std::map<std::uint64_t, std::int64_t> begin_of_;  // of the first publish(), by epoch
     std::map<int, Reading> readings_;
-    std::vector<Nap> naps_;  // of the producer, longer than it wanted
-    Stall_Watch busy_machine_{Stall_Watch::Priority::of_process};
     std::mt19937_64 random_{std::random_device{}()};
 };
 
@@ -335,9 +337,6 @@ void Kill_Matrix::measure(Row& row, Role role, std::int64_t event_ns) {
         const bool is_struck = role == Role::consumer && i == 0;
         read_subscriber(row, i, is_struck, role != Role::producer, event_ns);
     }
-    if (naps_.size() > 4096) {
-        naps_.erase(naps_.begin(), naps_.end() - 2048);
-    }
 }
 
 void Kill_Matrix::run_cell(const char* title, Role role, int signal, Mix mix) {
@@ -409,42 +408,42 @@ TEST_F(Kill_Matrix, consumer_stopped) { run_cell("consumer stopped 1 s", Role::c
 
 // A producer of the fixed interface, whose frames come through the relay to three subscribers.
 TEST_F(Kill_Matrix, fixed_producer_killed) {
-    run_cell("fixed producer killed", Role::producer, SIGKILL, Mix::producer);
+    run_cell("fixed producer: itself killed", Role::producer, SIGKILL, Mix::producer);
 }
 TEST_F(Kill_Matrix, fixed_producer_stopped) {
-    run_cell("fixed producer stopped 1 s", Role::producer, SIGSTOP, Mix::producer);
+    run_cell("fixed producer: itself stopped 1 s", Role::producer, SIGSTOP, Mix::producer);
 }
 TEST_F(Kill_Matrix, center_of_fixed_producer_killed) {
-    run_cell("its center killed", Role::center, SIGKILL, Mix::producer);
+    run_cell("fixed producer: center killed", Role::center, SIGKILL, Mix::producer);
 }
 TEST_F(Kill_Matrix, center_of_fixed_producer_stopped) {
-    run_cell("its center stopped 1 s", Role::center, SIGSTOP, Mix::producer);
+    run_cell("fixed producer: center stopped 1 s", Role::center, SIGSTOP, Mix::producer);
 }
 TEST_F(Kill_Matrix, consumer_of_fixed_producer_killed) {
-    run_cell("one of its subscribers killed", Role::consumer, SIGKILL, Mix::producer);
+    run_cell("fixed producer: a subscriber killed", Role::consumer, SIGKILL, Mix::producer);
 }
 TEST_F(Kill_Matrix, consumer_of_fixed_producer_stopped) {
-    run_cell("one of its subscribers stopped 1 s", Role::consumer, SIGSTOP, Mix::producer);
+    run_cell("fixed producer: a subscriber stopped 1 s", Role::consumer, SIGSTOP, Mix::producer);
 }
 
 // A consumer of the fixed interface beside two subscribers, and the publisher that feeds it.
 TEST_F(Kill_Matrix, fixed_consumer_killed) {
-    run_cell("fixed consumer killed", Role::consumer, SIGKILL, Mix::consumer_0);
+    run_cell("fixed consumer: itself killed", Role::consumer, SIGKILL, Mix::consumer_0);
 }
 TEST_F(Kill_Matrix, fixed_consumer_stopped) {
-    run_cell("fixed consumer stopped 1 s", Role::consumer, SIGSTOP, Mix::consumer_0);
+    run_cell("fixed consumer: itself stopped 1 s", Role::consumer, SIGSTOP, Mix::consumer_0);
 }
 TEST_F(Kill_Matrix, center_of_fixed_consumer_killed) {
-    run_cell("its center killed", Role::center, SIGKILL, Mix::consumer_0);
+    run_cell("fixed consumer: center killed", Role::center, SIGKILL, Mix::consumer_0);
 }
 TEST_F(Kill_Matrix, center_of_fixed_consumer_stopped) {
-    run_cell("its center stopped 1 s", Role::center, SIGSTOP, Mix::consumer_0);
+    run_cell("fixed consumer: center stopped 1 s", Role::center, SIGSTOP, Mix::consumer_0);
 }
 TEST_F(Kill_Matrix, producer_of_fixed_consumer_killed) {
-    run_cell("its producer killed", Role::producer, SIGKILL, Mix::consumer_0);
+    run_cell("fixed consumer: publisher killed", Role::producer, SIGKILL, Mix::consumer_0);
 }
 TEST_F(Kill_Matrix, producer_of_fixed_consumer_stopped) {
-    run_cell("its producer stopped 1 s", Role::producer, SIGSTOP, Mix::consumer_0);
+    run_cell("fixed consumer: publisher stopped 1 s", Role::producer, SIGSTOP, Mix::consumer_0);
 }
 
 }  // namespace

@@ -121,19 +121,17 @@ void offer(
     const std::function<bool(std::span<std::byte> payload, std::uint64_t sequence)>& publish) {
     std::vector<std::byte> room(greatest_bytes);
     auto due = std::chrono::steady_clock::now();
-    std::int64_t late_ns = 0;
     for (std::uint64_t sequence = 1; !ends; ++sequence) {
         const auto payload = std::span(room).first(length_of(sequence));
         fill(payload, {epoch, sequence});
         const std::int64_t begin = zav_shm::monotonic_ns();
         const bool published = publish(payload, sequence);
-        log.add({begin, epoch, sequence, 0, published ? 0U : 1U, late_ns});
+        log.add({begin, epoch, sequence, 0, published ? 0U : 1U, waited_for_processor_ns()});
         due += std::chrono::nanoseconds(1'000'000'000 / fps);
         if (due < std::chrono::steady_clock::now()) {
             due = std::chrono::steady_clock::now();  // a stopped producer does not catch up
         }
         std::this_thread::sleep_until(due);
-        late_ns = (std::chrono::steady_clock::now() - due).count();
     }
 }
 
@@ -181,7 +179,8 @@ void subscribe(const std::string& name, long work_ms, Frame_Log& log) {
         }
         const Identity identity = identity_of(frame.payload());
         log.add({frame.received_ns, identity.epoch, identity.sequence,
-                 frame.before.lost() + frame.before.dropped + frame.before.skipped, 0, 0});
+                 frame.before.lost() + frame.before.dropped + frame.before.skipped, 0,
+                 waited_for_processor_ns()});
         std::this_thread::sleep_for(std::chrono::milliseconds(work_ms));
     }
 }
@@ -199,7 +198,8 @@ void consume_by_fixed_interface(const std::string& name, Frame_Log& log) {
             std::min<std::size_t>(record.payload_length, room.size()));
         log.wrong_unverified += is_right(payload) ? 0U : 1U;
         const Identity identity = identity_of(payload);
-        log.add({zav_shm::monotonic_ns(), identity.epoch, identity.sequence, 0, 0, 0});
+        log.add({zav_shm::monotonic_ns(), identity.epoch, identity.sequence, 0, 0,
+                 waited_for_processor_ns()});
     }
 }
 
