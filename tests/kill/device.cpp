@@ -22,13 +22,18 @@ constexpr const char* device_configuration = R"({
                  {"name": "CONSUMER_2", "channel": 1, "stream": [0]}]
 })";
 
+// In memory: a process that notes a frame in a file on a disk may have to wait for the disk.
+constexpr const char* log_folder = "/dev/shm/logs";
+constexpr const char* log_file_of_producer = "/dev/shm/logs/producer";
+
 constexpr std::int64_t window_ns = 300'000'000;
 
 }  // namespace
 
 void Device::SetUp() {
     Daemon_Process::SetUp();
-    logs_["producer"] = map_frame_log(folder() + "/producer");
+    std::filesystem::create_directory(log_folder);
+    logs_["producer"] = map_frame_log(log_file_of_producer);
     for (int i = 0; i < subscriber_count; ++i) {
         logs_[name_of(i)] = map_frame_log(log_file_of(i));
     }
@@ -43,13 +48,14 @@ void Device::TearDown() {
         unmap_frame_log(log);
     }
     std::filesystem::remove_all("/dev/shm/shm/rings");  // left_behind() judges what is there
+    std::filesystem::remove_all(log_folder);
     Daemon_Process::TearDown();
 }
 
 std::string Device::name_of(int subscriber) { return "CONSUMER_" + std::to_string(subscriber); }
 
-std::string Device::log_file_of(int subscriber) const {
-    return folder() + "/" + name_of(subscriber);
+std::string Device::log_file_of(int subscriber) {
+    return std::string(log_folder) + "/" + name_of(subscriber);
 }
 
 Child_Process Device::started(std::vector<std::string> command,
@@ -85,9 +91,9 @@ void Device::start_role(Role role, const std::string& test_point) {
 void Device::start_producer(const std::string& test_point) {
     producer.reset();
     std::vector<std::string> words{ZAV_TEST_ROLE, "producer", std::to_string(fps_),
-                                   std::to_string(history_bytes_), folder() + "/producer"};
+                                   std::to_string(history_bytes_), log_file_of_producer};
     if (producer_is_fixed_) {
-        words = {ZAV_TEST_ROLE, "fixed_producer", std::to_string(fps_), folder() + "/producer"};
+        words = {ZAV_TEST_ROLE, "fixed_producer", std::to_string(fps_), log_file_of_producer};
     }
     producer.emplace(started(words, test_point));
 }
@@ -239,7 +245,8 @@ std::vector<std::string> Device::left_behind() {
         const bool is_card_of_killed =
             name.ends_with(".reader") &&
             !zav_shm::Seen_Card(entry.path().parent_path(), name).is_alive();
-        if (entry.is_regular_file() && !stays && !is_card_of_killed) {
+        const bool is_ours = entry.path().parent_path() == log_folder;
+        if (entry.is_regular_file() && !is_ours && !stays && !is_card_of_killed) {
             left.push_back(entry.path());
         }
     }

@@ -43,7 +43,7 @@ protected:
 
     Frame_Log& log_of_producer() { return *logs_.at("producer"); }
     Frame_Log& log_of(int subscriber) { return *logs_.at(name_of(subscriber)); }
-    std::string log_file_of(int subscriber) const;
+    static std::string log_file_of(int subscriber);
     static std::string name_of(int subscriber);
 
     /// True when each subscriber has got nearly every frame of the last 300 ms.

@@ -122,8 +122,13 @@ protected:
             return "";
         }
         const std::string& point = points[static_cast<std::size_t>(run / 2) % points.size()];
-        const bool twice_per_frame = point.ends_with("DST_2") || point.ends_with("head_read");
-        const long passes = (twice_per_frame ? 2 : 1) * (75 + random(30));  // more than a second
+        long passes_per_frame = 1;
+        if (point.ends_with("DST_2") || point.ends_with("head_read")) {
+            passes_per_frame = 2;
+        } else if (point.ends_with("DST_0") && mix_ == Mix::producer) {
+            passes_per_frame = subscriber_count;
+        }
+        const long passes = passes_per_frame * (75 + random(30));  // after more than a second
         return point + " " + std::to_string(passes) + " " + std::to_string(signal);
     }
 

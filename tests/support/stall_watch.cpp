@@ -8,8 +8,7 @@
 
 namespace {
 
-constexpr std::int64_t real_time_interval_ns = 1'000'000;
-constexpr std::int64_t interval_of_process_ns = 4'000'000;
+constexpr std::int64_t interval_ns = 1'000'000;
 constexpr std::int64_t tolerated_ns = 5'000'000;
 
 std::int64_t now_ns() {
@@ -20,9 +19,9 @@ std::int64_t now_ns() {
 
 }  // namespace
 
-Stall_Watch::Stall_Watch(Priority priority) {
+Stall_Watch::Stall_Watch() {
     for (unsigned each = 0; each < std::thread::hardware_concurrency(); ++each) {
-        threads_.emplace_back([this, each, priority] { watch(static_cast<int>(each), priority); });
+        threads_.emplace_back([this, each] { watch(static_cast<int>(each)); });
     }
 }
 
@@ -33,12 +32,10 @@ Stall_Watch::~Stall_Watch() {
     }
 }
 
-void Stall_Watch::watch(int processor, Priority priority) {
-    const bool is_real_time = priority == Priority::real_time;
-    if (!stay_on_processor(processor) || (is_real_time && !go_before_all_others())) {
+void Stall_Watch::watch(int processor) {
+    if (!stay_on_processor(processor) || !go_before_all_others()) {
         return;
     }
-    const std::int64_t interval_ns = is_real_time ? real_time_interval_ns : interval_of_process_ns;
     while (!ends_) {
         const std::int64_t from = now_ns();
         const timespec interval{0, interval_ns};

@@ -13,15 +13,9 @@
 ///
 /// One thread of the highest real-time priority per processor sleeps for 1 ms at a time. Where
 /// such a priority is not allowed, nothing is noted.
-///
-/// With the priority of its process instead it notes when the machine had other things to do than
-/// to run a process that was due. It then sleeps for 4 ms at a time, so that it is not itself what
-/// others wait for.
 class Stall_Watch {
 public:
-    enum class Priority { real_time, of_process };
-
-    explicit Stall_Watch(Priority priority = Priority::real_time);
+    Stall_Watch();
     ~Stall_Watch();
     Stall_Watch(const Stall_Watch&) = delete;
     Stall_Watch& operator=(const Stall_Watch&) = delete;
@@ -35,7 +29,7 @@ private:
         std::int64_t to_ns;
     };
 
-    void watch(int processor, Priority priority);
+    void watch(int processor);
 
     std::atomic<bool> ends_{false};
     mutable std::mutex mutex_;
