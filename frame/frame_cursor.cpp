@@ -80,7 +80,8 @@ void Frame_Cursor::place(Ring_Reader& reader, const Start& from, std::int64_t no
             number = reader.oldest();
             break;
         case Start::At::back: {
-            const std::int64_t since = now_ns - from.span.count();
+            // A moment that is still to come is now.
+            const std::int64_t since = now_ns - std::max<std::int64_t>(from.span.count(), 0);
             number = reader.find_back(newest, [since](const Ring_Entry& entry) {
                 return is_key(entry) && entry.time_ns <= since;
             });

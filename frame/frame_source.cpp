@@ -15,6 +15,9 @@ constexpr std::size_t header_bytes = sizeof(ZAV_SHM_Frame_Header);
 
 // Makes room, which may throw bad_alloc. Never smaller: the next frame may need it.
 std::span<std::byte> room_in(std::vector<std::byte>& bytes, std::size_t length) {
+    if (length > bytes.max_size()) {
+        throw std::bad_alloc();  // resize() would throw something else
+    }
     if (bytes.size() < length) {
         bytes.resize(length);
     }

@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Publishers and subscribers of this process at a center of this process.
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <thread>
 #include <vector>
 
@@ -302,5 +307,62 @@ TEST_F(Frames_Without_Center, end_when_a_center_comes_that_refuses) {
     camera.close();
     center->shutdown();
 }
+
+// The sanitizers need address space for themselves.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+// Leaves this process so much address space beside what it has.
+bool limit_address_space(std::size_t bytes) {
+    std::ifstream file("/proc/self/statm");
+    std::size_t pages = 0;
+    file >> pages;
+    rlimit limit{};
+    limit.rlim_cur = pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + bytes;
+    limit.rlim_max = limit.rlim_cur;
+    return pages > 0 && setrlimit(RLIMIT_AS, &limit) == 0;
+}
+
+// A small frame, a great one that there is no memory for, a small one. Returns 0 when all was told.
+int receive_without_memory(std::size_t great, std::size_t memory) {
+    ZAV_SHM_Frame_Subscriber tap({.producer = "CAM_LOOP", .from = zav_shm::start::oldest});
+    Received_Frame frame;
+    if (!tap.open() || tap.receive(frame, 5s) != Receive_Status::frame || frame.length != 100) {
+        return 1;
+    }
+    if (!limit_address_space(memory)) {
+        return 2;
+    }
+    if (tap.receive(frame, 5s) != Receive_Status::frame || frame.length != 200) {
+        return 3;
+    }
+    if (frame.before.no_memory != 1 || frame.before.lost() != 1 || frame.header.sequence != 3) {
+        return 4;
+    }
+    const auto counters = tap.counters();
+    return counters.no_memory == 1 && counters.lost() == 1 && counters.frames == 2 && great > memory
+               ? 0
+               : 5;
+}
+
+TEST_F(Frames, that_there_is_no_memory_for_are_lost_and_told) {
+    // More than the 64 MiB of address space that malloc keeps in reserve for each thread.
+    constexpr std::size_t great = std::size_t{80} << 20U;
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP", .frame_bytes_max = great});
+    ASSERT_TRUE(camera.open());
+    for (const std::size_t length : {std::size_t{100}, great, std::size_t{200}}) {
+        ASSERT_EQ(camera.loan(length).size(), length);  // in the ring: nothing is left in the heap
+        ASSERT_TRUE(camera.commit(length).published());
+    }
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        _exit(receive_without_memory(great, great / 2));
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0) << "exit status " << WEXITSTATUS(status);
+}
+
+#endif
 
 }  // namespace

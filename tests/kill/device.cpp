@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "device.h"
 
+#include <algorithm>
 #include <csignal>
+#include <filesystem>
 
 #include "ipc/monotonic_clock.h"
+#include "ring/reader_card.h"
 #include "support/threads.h"
 
 using namespace std::chrono_literals;
@@ -19,13 +22,18 @@ constexpr const char* device_configuration = R"({
                  {"name": "CONSUMER_2", "channel": 1, "stream": [0]}]
 })";
 
+// In memory: a process that notes a frame in a file on a disk may have to wait for the disk.
+constexpr const char* log_folder = "/dev/shm/logs";
+constexpr const char* log_file_of_producer = "/dev/shm/logs/producer";
+
 constexpr std::int64_t window_ns = 300'000'000;
 
 }  // namespace
 
 void Device::SetUp() {
     Daemon_Process::SetUp();
-    logs_["producer"] = map_frame_log(folder() + "/producer");
+    std::filesystem::create_directory(log_folder);
+    logs_["producer"] = map_frame_log(log_file_of_producer);
     for (int i = 0; i < subscriber_count; ++i) {
         logs_[name_of(i)] = map_frame_log(log_file_of(i));
     }
@@ -39,13 +47,15 @@ void Device::TearDown() {
     for (const auto& [name, log] : logs_) {
         unmap_frame_log(log);
     }
+    std::filesystem::remove_all("/dev/shm/shm/rings");  // left_behind() judges what is there
+    std::filesystem::remove_all(log_folder);
     Daemon_Process::TearDown();
 }
 
 std::string Device::name_of(int subscriber) { return "CONSUMER_" + std::to_string(subscriber); }
 
-std::string Device::log_file_of(int subscriber) const {
-    return folder() + "/" + name_of(subscriber);
+std::string Device::log_file_of(int subscriber) {
+    return std::string(log_folder) + "/" + name_of(subscriber);
 }
 
 Child_Process Device::started(std::vector<std::string> command,
@@ -65,15 +75,12 @@ void Device::start_role(Role role, const std::string& test_point) {
     switch (role) {
         case Role::center:
             daemon.reset();
-            daemon.emplace(started(command({"--clean", "--kick-interval", "1", "--config",
-                                            configuration(device_configuration)}),
+            daemon.emplace(started(command({"--clean", "--kick-interval", kick_interval(),
+                                            "--config", configuration(device_configuration)}),
                                    test_point));
             break;
         case Role::producer:
-            producer.reset();
-            producer.emplace(
-                started({ZAV_TEST_ROLE, "producer", std::to_string(fps_), folder() + "/producer"},
-                        test_point));
+            start_producer(test_point);
             break;
         case Role::consumer:
             start_subscriber(0, test_point);
@@ -81,19 +88,46 @@ void Device::start_role(Role role, const std::string& test_point) {
     }
 }
 
+void Device::start_producer(const std::string& test_point) {
+    producer.reset();
+    std::vector<std::string> words{ZAV_TEST_ROLE, "producer", std::to_string(fps_),
+                                   std::to_string(history_bytes_), log_file_of_producer};
+    if (producer_is_fixed_) {
+        words = {ZAV_TEST_ROLE, "fixed_producer", std::to_string(fps_), log_file_of_producer};
+    }
+    producer.emplace(started(words, test_point));
+}
+
 void Device::start_subscriber(int index, const std::string& test_point, int work_ms) {
     subscribers.erase(index);
-    subscribers.emplace(index, started({ZAV_TEST_ROLE, "subscriber", name_of(index),
-                                        std::to_string(work_ms), log_file_of(index)},
-                                       test_point));
+    std::vector<std::string> words{ZAV_TEST_ROLE, "subscriber", name_of(index),
+                                   std::to_string(work_ms), log_file_of(index)};
+    if (index == 0 && consumer_0_is_fixed_) {
+        words = {ZAV_TEST_ROLE, "fixed_consumer", name_of(index), log_file_of(index)};
+    }
+    subscribers.emplace(index, started(words, test_point));
 }
 
 void Device::start_all(long fps) {
     fps_ = fps;
     start_role(Role::center);
+    if (has_fixed_client()) {
+        wait_for_center();  // who asks earlier, waits for an answer for ever
+    }
     start_role(Role::producer);
     for (int i = 0; i < subscriber_count; ++i) {
         start_subscriber(i);
+    }
+}
+
+// Seconds. A client of the fixed interface that was kicked does not register again by itself.
+std::string Device::kick_interval() const { return has_fixed_client() ? "10" : "1"; }
+
+bool Device::has_fixed_client() const { return producer_is_fixed_ || consumer_0_is_fixed_; }
+
+void Device::wait_for_center() {
+    for (auto line = daemon->read_line(); line && !line->starts_with("zav-shm-centerd ");) {
+        line = daemon->read_line();
     }
 }
 
@@ -157,4 +191,64 @@ std::uint64_t Device::wrong_frames() {
         wrong += log_of(i).wrong;
     }
     return wrong;
+}
+
+std::uint64_t Device::wrong_unverified_frames() {
+    std::uint64_t wrong = 0;
+    for (int i = 0; i < subscriber_count; ++i) {
+        wrong += log_of(i).wrong_unverified;
+    }
+    return wrong;
+}
+
+std::uint64_t Device::frames_that_were_lost() {
+    std::uint64_t lost = 0;
+    for (int i = 0; i < subscriber_count; ++i) {
+        const Frame_Log& log = log_of(i);
+        for (std::size_t at = 0; at < std::min<std::size_t>(log.count, Frame_Log::capacity); ++at) {
+            lost += log.entries.at(at).lost;
+        }
+    }
+    return lost;
+}
+
+std::map<std::string, std::uint64_t> Device::registrations() {
+    std::map<std::string, std::uint64_t> found;
+    if (!producer_is_fixed_) {
+        found["producer"] = log_of_producer().registrations;
+    }
+    for (int i = consumer_0_is_fixed_ ? 1 : 0; i < subscriber_count; ++i) {
+        found[name_of(i)] = log_of(i).registrations;
+    }
+    return found;
+}
+
+bool Device::all_register_again(const std::map<std::string, std::uint64_t>& before,
+                                std::chrono::milliseconds limit) {
+    return becomes_true(
+        [&] {
+            const auto now = registrations();
+            return std::all_of(now.begin(), now.end(), [&](const auto& each) {
+                return each.second > before.at(each.first);
+            });
+        },
+        limit);
+}
+
+std::vector<std::string> Device::left_behind() {
+    namespace fs = std::filesystem;
+    std::vector<std::string> left;
+    for (const auto& entry : fs::recursive_directory_iterator("/dev/shm")) {
+        const std::string name = entry.path().filename();
+        const bool stays =
+            name.find("lock") != std::string::npos || name.starts_with("CAM_LOOP_0_0");
+        const bool is_card_of_killed =
+            name.ends_with(".reader") &&
+            !zav_shm::Seen_Card(entry.path().parent_path(), name).is_alive();
+        const bool is_ours = entry.path().parent_path() == log_folder;
+        if (entry.is_regular_file() && !is_ours && !stays && !is_card_of_killed) {
+            left.push_back(entry.path());
+        }
+    }
+    return left;
 }

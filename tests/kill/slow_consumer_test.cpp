@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Consumers that work on frames for long, and consumers that are kept from the processor: what is
-// lost is told, frame by frame, and nobody else notices.
+// Consumers that work on frames for long, and consumers that are kept from the processor: nothing
+// is lost that is still in the history, what is lost is told, frame by frame, and nobody else
+// notices.
 #include <csignal>
 #include <cstdio>
 #include <map>
@@ -74,8 +75,10 @@ protected:
         EXPECT_EQ(wrong_frames(), 0U);
     }
 
-    /// Five stalls of the whole process.
-    void expect_true_losses(long fps, std::chrono::milliseconds stall) {
+    /// Five stalls of the whole process; with a history that is as long as the longest of them, or
+    /// of some frames only.
+    void expect_true_losses(long fps, std::chrono::milliseconds stall, bool long_history) {
+        history_bytes_ = std::size_t{long_history ? 64U : 1U} * 131'072;
         const std::int64_t begin_ns = zav_shm::monotonic_ns();
         start_all(fps);
         ASSERT_TRUE(becomes_full(10s));
@@ -87,13 +90,19 @@ protected:
         }
         end_all();
         const Account stalled = account_of(0);
-        std::printf("%ld fps, stalls of %ld ms: %llu frames, %llu told to be lost, %llu lost\n",
+        std::printf("%ld fps, stalls of %ld ms, %s: %llu frames, %llu told to be lost, %llu lost\n",
                     fps, static_cast<long>(stall.count()),
+                    long_history ? "long history" : "short history",
                     static_cast<unsigned long long>(stalled.received),
                     static_cast<unsigned long long>(stalled.told),
                     static_cast<unsigned long long>(stalled.missed));
         EXPECT_EQ(stalled.wrong_gaps, 0U);
         EXPECT_EQ(stalled.told, stalled.missed);
+        if (long_history) {
+            EXPECT_EQ(stalled.missed, 0U);
+        } else if (stall >= 500ms) {
+            EXPECT_GT(stalled.missed, 0U);  // else nothing of the above was tested
+        }
         for (int other = 1; other < subscriber_count; ++other) {
             const Account account = account_of(other);
             EXPECT_EQ(account.wrong_gaps, 0U) << other;
@@ -125,18 +134,19 @@ INSTANTIATE_TEST_SUITE_P(With, Working_Consumer,
                          });
 
 class Stalled_Consumer : public Slow_Consumer,
-                         public testing::WithParamInterface<std::tuple<long, int>> {};
+                         public testing::WithParamInterface<std::tuple<long, int, bool>> {};
 
 TEST_P(Stalled_Consumer, is_told_its_losses) {
-    const auto [fps, stall_ms] = GetParam();
-    expect_true_losses(fps, std::chrono::milliseconds(stall_ms));
+    const auto [fps, stall_ms, long_history] = GetParam();
+    expect_true_losses(fps, std::chrono::milliseconds(stall_ms), long_history);
 }
 INSTANTIATE_TEST_SUITE_P(With, Stalled_Consumer,
-                         testing::Combine(testing::Values(30L, 60L),
-                                          testing::Values(25, 40, 60, 100, 500)),
+                         testing::Combine(testing::Values(30L, 60L), testing::Values(40, 100, 500),
+                                          testing::Bool()),
                          [](const auto& cell) {
                              return std::to_string(std::get<1>(cell.param)) + "_ms_at_" +
-                                    std::to_string(std::get<0>(cell.param)) + "_fps";
+                                    std::to_string(std::get<0>(cell.param)) + "_fps" +
+                                    (std::get<2>(cell.param) ? "_with_a_long_history" : "");
                          });
 
 }  // namespace
