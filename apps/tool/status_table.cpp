@@ -53,17 +53,39 @@ std::vector<Row> rows_of(const Json::Value& channels) {
     return rows;
 }
 
+// Those that read their producer's history themselves: no relay counts them, so they tell it.
+std::vector<Row> rows_of_readers(const Json::Value& readers) {
+    std::vector<Row> rows{{"reader", "process", "of", "behind", "received", "lost", "overtaken",
+                           "left out", "no memory", "dropped", "skipped"}};
+    for (const Json::Value& reader : readers) {
+        const int channel = static_cast<int>(count_at(reader, "channel"));
+        const int stream = static_cast<int>(count_at(reader, "stream"));
+        const std::string consumer = printable(text_at(reader, "consumer"));
+        const std::string producer = printable(text_at(reader, "producer"));
+        rows.push_back({consumer.empty() ? "(tap)" : channel_text(consumer, channel, stream),
+                        number_at(reader, "pid"),
+                        producer.empty() ? "-" : channel_text(producer, channel, stream),
+                        number_at(reader, "behind"), number_at(reader, "received"),
+                        number_at(reader, "lost"), number_at(reader, "overtaken"),
+                        number_at(reader, "left_out"), number_at(reader, "no_memory"),
+                        number_at(reader, "dropped"), number_at(reader, "skipped")});
+    }
+    return rows;
+}
+
 }  // namespace
 
 std::string table_of(const Center_Status& status) {
     const Json::Value& content = status.content;
+    const Json::Value readers = list_at(content, "ring_consumers");
     const std::string configuration = printable(text_at(content, "configuration"));
     return "center " + printable(text_at(content, "version")) + ", process " +
            number_at(content, "pid") + (status.is_alive ? "" : " (gone)") + ", since " +
            printable(text_at(content, "started_utc")) + "\nconfiguration " +
            (configuration.empty() ? "-" : configuration) + ", idle consumers are " +
            (flag_at(content, "kick_idle") ? "kicked" : "kept") + "\n\n" +
-           aligned(rows_of(list_at(content, "channels")), {0, 7});
+           aligned(rows_of(list_at(content, "channels")), {0, 7}) +
+           (readers.empty() ? "" : "\n" + aligned(rows_of_readers(readers), {0, 2}));
 }
 
 }  // namespace zav_shm::tool
