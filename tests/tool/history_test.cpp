@@ -96,6 +96,34 @@ TEST_F(Tool_History, of_a_former_producer_is_not_recorded_before_the_pictures_of
     end(other);
 }
 
+// Both streams have one key frame only, in the past.
+TEST_F(Tool_History, has_the_key_frame_for_a_change_of_stream_at_once) {
+    const auto publish = [this](const char* stream) {
+        return synthetic({"--stream", stream, "--fps", "20", "--key-interval", "100000", "--size",
+                          "1000", "--history", "500000"});
+    };
+    Tool_Process main = publish("0");
+    Tool_Process sub = publish("1");
+    ASSERT_TRUE(sub.says("publishing CAM_LOOP/0/1"));
+    std::this_thread::sleep_for(300ms);
+    const Words words{"-o",         path("out"), "--index", path("index"),    "--from",
+                      "oldest",     "--streams", "0,1",     "--switch-every", "0.3",
+                      "--duration", "2"};
+    Words at_once = words;
+    at_once.emplace_back("--switch-at-once");
+    Tool_Process fast = start_recorder(at_once);
+    EXPECT_EQ(fast.status(), 0) << fast.errors();
+    EXPECT_GE(fast.figure("switches"), 2);
+    EXPECT_EQ(fast.figure("key_frames"), fast.figure("switches") + 1) << "each begins with one";
+    EXPECT_EQ(fast.figure("lost"), 0);
+    Tool_Process gapless = start_recorder(words);
+    EXPECT_EQ(gapless.status(), 0) << gapless.errors();
+    EXPECT_EQ(gapless.figure("switches"), 0) << "no key frame comes";
+    EXPECT_EQ(gapless.figure("key_frames"), 1);
+    end(main);
+    end(sub);
+}
+
 // ---- who writes and who reads ----
 
 TEST_F(Tool_History, has_one_publisher_and_the_second_is_told_which) {
