@@ -14,7 +14,7 @@ int main() {
     for (int number = 0; number < 300;) {
         if (player.receive(frame, 1s) == zav_shm::Receive_Status::frame) {
             std::printf("%zu bytes, lost %llu\n", frame.payload().size(),
-                        static_cast<unsigned long long>(frame.lost));
+                        static_cast<unsigned long long>(frame.before.lost()));
             ++number;
         } else {
             std::printf("%s\n", zav_shm::name_of(player.state()));

@@ -37,14 +37,15 @@ bool is_ours(const ZAV_SHM_Frame_Header& header) {
 void Frame_Cursor::join(Ring_Reader& reader, std::int64_t since_ns) {
     const bool goes_on = handed_out_;
     begin(reader, rules_.from, since_ns);
-    if (goes_on && rules_.key_frame_after_loss) {
+    if (goes_on && had_key_ && rules_.key_frame_after_loss) {
         wait_ = Wait::firm;
     }
 }
 
 void Frame_Cursor::go_on_in(Ring_Reader& reader) {
     reader.move_to(1);  // what is overwritten of it already is lost
-    const bool waits = handed_out_ ? rules_.key_frame_after_loss : rules_.start_at_key_frame;
+    const bool waits =
+        handed_out_ ? rules_.key_frame_after_loss && had_key_ : rules_.start_at_key_frame;
     wait_ = waits ? Wait::firm : Wait::none;
     seen_key_ = false;
     joined_at_ = 1;
@@ -142,6 +143,7 @@ Frame_Cursor::Found Frame_Cursor::find(Ring_Reader& reader, Ring_Record& record,
 // What is on the way to the key frame that is waited for is passed over in one step.
 bool Frame_Cursor::is_left_out(Ring_Reader& reader, const Ring_Record& record) {
     seen_key_ = seen_key_ || is_key(record.entry);
+    had_key_ = had_key_ || seen_key_;
     if (is_key(record.entry) || is_foreign(record.entry) ||
         (wait_ == Wait::while_there_are_any && !seen_key_)) {
         wait_ = Wait::none;
@@ -186,7 +188,8 @@ void Frame_Cursor::pass_over(Ring_Reader& reader, std::uint64_t to, std::uint64_
 // ---- what was missed ----
 
 bool Frame_Cursor::begins_behind_gap(const Frame_Facts& frame) const {
-    return rules_.key_frame_after_loss && frame.verified && handed_out_ && wait_ == Wait::none &&
+    return rules_.key_frame_after_loss && had_key_ && frame.verified && handed_out_ &&
+           wait_ == Wait::none &&
            (losses_.lost() > 0 || frame.header.epoch != epoch_ || left_out_before(frame) > 0);
 }
 

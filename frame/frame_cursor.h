@@ -81,6 +81,7 @@ private:
     Frame_Losses losses_;
     Wait wait_ = Wait::none;
     bool seen_key_ = false;          // in this ring
+    bool had_key_ = false;           // or in one before
     bool handed_out_ = false;        // any frame since join() or seek()
     std::uint64_t joined_at_ = 0;    // until then only what was published since counts as lost
     std::uint64_t passed_over_ = 0;  // records since the frame that was taken last

@@ -72,6 +72,9 @@ public:
     /// Why a ring that is there is not read; none when all is well.
     Ring_Problem problem() const { return follower_ ? follower_->problem() : Ring_Problem(); }
 
+    /// What was missed since the frame that was taken last.
+    const Frame_Losses& pending() const { return cursor_.pending(); }
+
     // Since the begin.
     std::uint64_t invalid() const { return invalid_; }
     std::uint64_t no_memory() const { return no_memory_; }

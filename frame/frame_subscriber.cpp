@@ -83,6 +83,7 @@ private:
     void note(const Frame_Facts& frame);
     void show_progress();
     void note_missed();
+    void count_missed(const zav_shm::Frame_Losses& missed);
     void begin_card(const std::string& name);
 
     void ask_for_key_frame();
@@ -99,8 +100,9 @@ private:
     zav_shm::Frame_Supply supply_;
     Frame_Source& source_;  // its own
     std::unique_ptr<zav_shm::Frame_Poll> poll_;
-    bool asked_ = false;       // for the key frame that is waited for
-    bool holds_view_ = false;  // the frame that was handed out last is read where it lies
+    zav_shm::Frame_Losses counted_;  // of what was missed since the frame that was handed out last
+    bool asked_ = false;             // for the key frame that is waited for
+    bool holds_view_ = false;        // the frame that was handed out last is read where it lies
 
     // Held for a few instructions. open() and close() alone change the next three; the receiving
     // thread reads them without the mutex.
@@ -261,15 +263,12 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
 
 void ZAV_SHM_Frame_Subscriber::Body::note(const Frame_Facts& frame) {
     Reader_Card::Counters& counters = (*card_)->counters;
-    const zav_shm::Frame_Losses& before = frame.before;
     zav_shm::count(counters.frames);
     zav_shm::count(counters.bytes, frame.header.payload_length);
-    if (before.any()) {
-        zav_shm::count(counters.overtaken, before.overtaken);
-        zav_shm::count(counters.left_out, before.left_out);
-        zav_shm::count(counters.dropped, before.dropped);
-        zav_shm::count(counters.skipped, before.skipped);
+    if (frame.before.any()) {
+        count_missed(frame.before);
     }
+    counted_ = {};
     zav_shm::set(counters.last_frame_ns, frame.received_ns);
     if (frame.verified) {
         zav_shm::set(counters.last_publish_ns, frame.header.publish_ns);
@@ -292,12 +291,29 @@ void ZAV_SHM_Frame_Subscriber::Body::show_progress() {
     }
 }
 
+// What is missed counts at once: nobody knows when a frame comes again. What was before a seek()
+// was missed all the same.
+void ZAV_SHM_Frame_Subscriber::Body::count_missed(const zav_shm::Frame_Losses& missed) {
+    const auto count_new = [](std::uint64_t& counter, std::uint64_t now, std::uint64_t& counted) {
+        const std::uint64_t before = std::exchange(counted, now);
+        zav_shm::count(counter, now >= before ? now - before : now);
+    };
+    Reader_Card::Counters& counters = (*card_)->counters;
+    count_new(counters.overtaken, missed.overtaken, counted_.overtaken);
+    count_new(counters.left_out, missed.left_out, counted_.left_out);
+    count_new(counters.dropped, missed.dropped, counted_.dropped);
+    count_new(counters.skipped, missed.skipped, counted_.skipped);
+}
+
 // What never becomes a frame. The private ring of an intake is nobody's but this reader's.
 void ZAV_SHM_Frame_Subscriber::Body::note_missed() {
     Reader_Card::Counters& counters = (*card_)->counters;
     zav_shm::set(counters.invalid, source_.invalid());
     zav_shm::set(counters.no_memory, source_.no_memory());
     zav_shm::set(counters.torn, source_.torn());
+    if (source_.pending().any() || counted_.any()) {
+        count_missed(source_.pending());
+    }
     show_progress();
 }
 

@@ -63,7 +63,8 @@ public:
         zav_shm::Overflow_Policy overflow = zav_shm::Overflow_Policy::drop_until_key_frame;
         bool start_at_key_frame = false;    // leave out what comes before the first
         bool key_frame_after_loss = false;  // leave out what comes between a loss, or the begin of
-                                            // another publisher, and the next key frame
+                                            // another publisher, and the next key frame, in a
+                                            // stream that has had one
         bool asks_for_key_frame = false;    // ask the publisher for one, then and at the begin
 
         std::chrono::milliseconds center_wait{2000};  // how long open() looks for a center

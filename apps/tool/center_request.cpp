@@ -78,6 +78,9 @@ std::optional<Problem> problem_of(const Opened& opened, const std::string& chann
     if (opened) {
         return {};
     }
+    if (opened.state == Frame_State::no_ring) {
+        return Problem{Exit_Status::system, "cannot publish " + channel + ": " + opened.reason};
+    }
     if (!opened.refused) {
         return no_center(opened.reason, wait);
     }

@@ -10,8 +10,8 @@
 
 #include "apps/tool/problem.h"
 #include "apps/tool/stop_signal.h"
-#include "frame/control_exchange.h"
 #include "frame/frame_format.h"
+#include "frame/link/control_exchange.h"
 
 namespace zav_shm::tool {
 

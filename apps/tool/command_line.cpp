@@ -7,11 +7,13 @@
 
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <sstream>
 
 #include "apps/tool/argument_checks.h"
+#include "apps/tool/reading_start.h"
 #include "apps/tool/standard_output.h"
 #include "control/control_protocol.h"
 
@@ -22,11 +24,14 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr std::uint64_t count_max = 1'000'000'000'000;
+constexpr std::uint64_t history_max = 4'294'967'295;  // bytes
+constexpr double pace_seconds_max = 60;
 constexpr int file_rate = 25;  // frames per second, when nothing else is said
 
 constexpr const char* statuses =
     "Exit status: 0 ok, 1 frames lost (--strict), left out or damaged, 2 usage, 3 no center,\n"
-    "4 refused by the center, 5 input or output error, 6 control queues cannot be used.";
+    "4 refused by the center, 5 input or output error, 6 control queues or shared memory cannot\n"
+    "be used, or another process publishes the stream.";
 
 CLI::Validator whole(std::uint64_t least, std::uint64_t greatest) {
     return {[least, greatest](std::string& text) {
@@ -68,7 +73,7 @@ protected:
 
     // Milliseconds from a number of seconds.
     CLI::Option* seconds(const char* name, milliseconds& target, double least,
-                         const char* description) {
+                         const char* description, double greatest = seconds_max) {
         return app_
             .add_option_function<double>(
                 name,
@@ -77,7 +82,9 @@ protected:
                 },
                 description)
             ->check(CLI::Validator(
-                [least](std::string& text) { return number_mistake(text, least, seconds_max); },
+                [least, greatest](std::string& text) {
+                    return number_mistake(text, least, greatest);
+                },
                 ""))
             ->type_name("SECONDS");
     }
@@ -127,14 +134,42 @@ protected:
                index != standard_stream && is_same_file(file, index);
     }
 
-    void folder(std::string& target) {
-        app_.add_option("--folder", target, "Folder of the segments below /dev/shm")
+    CLI::Option* folder(std::string& target) {
+        return app_.add_option("--folder", target, "Folder of the segments below /dev/shm")
             ->check(checked_by(folder_mistake))
             ->type_name("NAME")
             ->capture_default_str();
     }
 
+    // Who takes frames, from whom, and from where on.
+    void consumer(Consumer_Options& options) {
+        name_ = name("--name", options.name, "Consumer, as configured in the center");
+        name("--pair", options.producer, "Producer whose frames are wanted")->required();
+        tap_ = app_.add_flag("--tap", options.tap,
+                             "Read without a name, and without a center; instead of --name")
+                   ->excludes(name_);
+        folder(options.folder)->needs(tap_);
+        app_.add_option_function<std::string>(
+                "--from",
+                [&options](const std::string& text) { options.from = *parse_start(text); },
+                "Where to begin: newest, last-key-frame, oldest, or so many seconds back, such as "
+                "-2.5 [newest]")
+            ->check(checked_by(start_mistake))
+            ->type_name("START");
+        channel(options);
+    }
+
+    std::optional<std::string> consumer_mistake() const {
+        return name_->count() + tap_->count() == 0
+                   ? std::optional<std::string>("--name is required, or --tap")
+                   : std::nullopt;
+    }
+
     CLI::App& app_;
+
+private:
+    CLI::Option* name_ = nullptr;  // of a consumer
+    CLI::Option* tap_ = nullptr;
 };
 
 class Publish_Command : public Command {
@@ -172,6 +207,22 @@ public:
             ->capture_default_str()
             ->needs(synthetic_);
         index(options_.index);
+        number("--history", options_.history, 1, history_max,
+               "Bytes of frames that are kept for readers [as configured]");
+        app_.add_flag("--paced", options_.paced,
+                      "Wait for readers that are behind [with --fps 0, but not of a pipe]");
+        seconds("--pace-limit", options_.pace_limit, 0,
+                "How long a reader that stands still is waited for", pace_seconds_max)
+            ->default_str("0.2");
+        app_.add_option_function<std::string>(
+                "--on-key-request",
+                [this](const std::string& text) {
+                    options_.on_key_request = *parse_key_request_action(text);
+                },
+                "When a reader asks for a key frame: signal:PID:NAME, such as signal:1234:USR1, or "
+                "fd:N, a descriptor that gets the line \"key_frame\"")
+            ->check(checked_by(key_request_action_mistake))
+            ->type_name("ACTION");
         common(options_, 5, "5");
     }
 
@@ -198,6 +249,7 @@ public:
         } else if (options_.file != standard_stream) {
             options_.rate = {file_rate, 1};
         }
+        options_.paced = options_.paced || (!options_.rate.is_paced() && !is_live());
         if (codec_text_ != "auto") {
             options_.codec =
                 codec_text_ == "h264" ? media::Video_Codec::h264 : media::Video_Codec::h265;
@@ -208,6 +260,12 @@ public:
     Options options() const override { return options_; }
 
 private:
+    // What comes from a pipe may be a camera's.
+    bool is_live() const {
+        std::error_code failed;
+        return !options_.synthetic && !std::filesystem::is_regular_file(options_.file, failed);
+    }
+
     static std::string codec_mistake(std::string& text) {
         return text == "h264" || text == "h265" || text == "auto"
                    ? std::string()
@@ -229,9 +287,7 @@ class Record_Command : public Command {
 public:
     explicit Record_Command(CLI::App& app)
         : Command(app, "record", "Write a stream's frames to a file or pipe") {
-        name("--name", options_.name, "Consumer, as configured in the center")->required();
-        name("--pair", options_.producer, "Producer whose frames are wanted")->required();
-        channel(options_);
+        consumer(options_);
         auto* one = stream(options_);
         streams_ = number("--streams", options_.streams, 0, stream_max,
                           "Two streams to switch between: each change is at a key frame")
@@ -241,15 +297,24 @@ public:
                               "Time from one change of stream to the next")
                           ->needs(streams_);
         streams_->needs(every);
+        app_.add_flag_callback(
+                "--switch-at-once",
+                [this] { options_.change = ZAV_SHM_Frame_Dual_Subscriber::Change::at_once; },
+                "Change to the other stream's last key frame at once, not at its next without a "
+                "gap")
+            ->needs(streams_);
         app_.add_option("-o,--output", options_.file, "File to write; - is standard output")
             ->required()
             ->check(checked_by(file_mistake))
             ->type_name("FILE");
         number("--frames", options_.frames, 1, count_max, "End after so many frames");
         seconds("--duration", options_.duration, 0.001, "End after so long");
-        app_.add_flag("--any-frame", options_.any_frame, "Do not wait for a key frame to begin");
+        app_.add_flag("--any-frame", options_.any_frame, "Do not wait for a key frame to begin")
+            ->excludes(streams_);
         app_.add_flag("--keep-all", options_.keep_all,
                       "After a gap do not wait for a key frame to go on");
+        app_.add_flag("--ask-for-key-frame", options_.ask_for_key_frame,
+                      "Ask the producer for a key frame where one is waited for");
         app_.add_flag("--sync", options_.sync, "Write down to the medium before the end");
         app_.add_flag(
             "--strict", options_.strict,
@@ -262,6 +327,9 @@ public:
     }
 
     std::optional<std::string> finish() override {
+        if (auto mistake = consumer_mistake()) {
+            return mistake;
+        }
         if (options_.file == standard_stream && options_.index == standard_stream) {
             return "--index: standard output carries the frames already";
         }
@@ -289,9 +357,7 @@ class Watch_Command : public Command {
 public:
     explicit Watch_Command(CLI::App& app)
         : Command(app, "watch", "Show rate, latency and losses of a stream, once a second") {
-        name("--name", options_.name, "Consumer, as configured in the center")->required();
-        name("--pair", options_.producer, "Producer whose frames are watched")->required();
-        channel(options_);
+        consumer(options_);
         stream(options_);
         number("--count", options_.count, 1, count_max, "End after so many lines");
         app_.add_flag("--verify-synthetic", options_.verify_synthetic,
@@ -300,6 +366,7 @@ public:
         common(options_, 5, "5");
     }
 
+    std::optional<std::string> finish() override { return consumer_mistake(); }
     Options options() const override { return options_; }
 
 private:

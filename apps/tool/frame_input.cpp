@@ -1,48 +1,123 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/frame_input.h"
 
+#include <algorithm>
+
 #include "apps/tool/center_request.h"
 #include "apps/tool/configured_name.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {
 
-Frame_Input::Frame_Input(const Common_Options& common, const Channel_Options& channel,
-                         const std::string& producer, const Stop_Signal& stop)
-    : stop_(stop),
-      wait_(common.wait),
-      channel_(channel),
-      producer_(producer),
-      consumer_channel_(channel_text(channel.name, channel.channel, channel.stream)),
-      producer_channel_(channel_text(producer, channel.channel, channel.stream)),
-      subscriber_({.name = channel.name,
-                   .producer = producer,
-                   .channel = channel.channel,
-                   .stream = channel.stream,
-                   .center_wait = common.wait,
-                   .overflow = Overflow_Policy::drop_oldest}) {}
+namespace {
+
+// A change of stream asks the center, too, while the present stream waits in its history. By then a
+// center has been there.
+constexpr std::chrono::milliseconds change_wait_max{500};
+
+ZAV_SHM_Frame_Subscriber::Options subscriber_options(const Consumer_Options& consumer, int stream,
+                                                     std::chrono::milliseconds wait,
+                                                     const Frame_Input::Key_Frames& key_frames) {
+    return {.name = consumer.tap ? std::string() : consumer.name,
+            .producer = consumer.producer,
+            .channel = consumer.channel,
+            .stream = stream,
+            .from = consumer.from,
+            .overflow = Overflow_Policy::drop_oldest,
+            .start_at_key_frame = key_frames.at_begin,
+            .key_frame_after_loss = key_frames.after_loss,
+            .asks_for_key_frame = key_frames.are_asked_for,
+            .center_wait = wait,
+            .folder = consumer.folder};
+}
+
+}  // namespace
+
+Frame_Input::Frame_Input(const Common_Options& common, const Consumer_Options& consumer,
+                         const std::vector<int>& streams, const Key_Frames& key_frames,
+                         const Stop_Signal& stop)
+    : stop_(stop), wait_(common.wait), consumer_(consumer), streams_(streams) {
+    for (const int stream : streams_) {
+        producers_.push_back(channel_text(consumer_.producer, consumer_.channel, stream));
+        titles_.push_back(consumer_.tap ? "tap of " + producers_.back()
+                                        : channel_text(consumer_.name, consumer_.channel, stream));
+    }
+    if (streams_.size() == 1) {
+        one_ = std::make_unique<ZAV_SHM_Frame_Subscriber>(
+            subscriber_options(consumer_, streams_[0], wait_, key_frames));
+    } else {
+        two_ = std::make_unique<ZAV_SHM_Frame_Dual_Subscriber>(
+            subscriber_options(consumer_, streams_[0], std::min(wait_, change_wait_max),
+                               key_frames),
+            streams_[1]);
+    }
+}
 
 std::optional<Problem> Frame_Input::open() {
-    for (const auto& [type, name] : {std::pair{control::type::receiver, &channel_.name},
-                                     std::pair{control::type::distributor, &producer_}}) {
-        if (auto problem = check_channel_end(type, *name, channel_.channel, channel_.stream,
-                                             {wait_, &stop_})) {
-            return problem;
-        }
+    if (auto problem = check_names()) {
+        return problem;
     }
-    if (auto problem = problem_of(subscriber_.open(), consumer_channel_, wait_)) {
+    if (auto problem = problem_of(two_ ? two_->open() : one_->open(), titles_[0], wait_)) {
         return problem;
     }
     tell_state();
     return {};
 }
 
-void Frame_Input::tell_state() {
-    const Frame_State now = subscriber_.state();
-    if (now != told_) {
-        complain(consumer_channel_ + " fed by " + producer_channel_ + ": " + name_of(now));
-        told_ = now;
+std::optional<Problem> Frame_Input::check_names() const {
+    if (consumer_.tap) {
+        return {};
     }
+    for (const int stream : streams_) {
+        for (const auto& [type, name] :
+             {std::pair{control::type::receiver, &consumer_.name},
+              std::pair{control::type::distributor, &consumer_.producer}}) {
+            if (auto problem =
+                    check_channel_end(type, *name, consumer_.channel, stream, {wait_, &stop_})) {
+                return problem;
+            }
+        }
+    }
+    return {};
+}
+
+void Frame_Input::change_stream(ZAV_SHM_Frame_Dual_Subscriber::Change change) {
+    using Dual = ZAV_SHM_Frame_Dual_Subscriber;
+    const auto other = two_->current() == Dual::main ? Dual::sub : Dual::main;
+    const Opened opened = two_->select(other, change);
+    if (opened.refused) {
+        complain(titles_[other] + ": " + opened.reason);
+    }
+}
+
+void Frame_Input::tell_state() {
+    const Frame_State now = state();
+    Frame_State& told = told_[current()];
+    if (now == told) {
+        return;
+    }
+    told = now;
+    const bool is_without_producer = now == Frame_State::waiting_for_producer;
+    const std::string reason = is_without_producer && one_ ? one_->reason() : std::string();
+    complain(title() + (consumer_.tap ? "" : " fed by " + producers_[current()]) + ": " +
+             name_of(now) + (reason.empty() ? "" : ": " + reason));
+}
+
+Subscriber_Counters Frame_Input::counters() const {
+    if (one_) {
+        return one_->counters();
+    }
+    Subscriber_Counters sum = two_->counters(ZAV_SHM_Frame_Dual_Subscriber::main);
+    const Subscriber_Counters sub = two_->counters(ZAV_SHM_Frame_Dual_Subscriber::sub);
+    sum.overtaken += sub.overtaken;
+    sum.left_out += sub.left_out;
+    sum.no_memory += sub.no_memory;
+    sum.dropped += sub.dropped;
+    sum.skipped += sub.skipped;
+    sum.torn += sub.torn;
+    sum.foreign += sub.foreign;
+    sum.recoveries += sub.recoveries;
+    return sum;
 }
 
 }  // namespace zav_shm::tool

@@ -1,46 +1,82 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <array>
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "apps/tool/options.h"
 #include "apps/tool/problem.h"
 #include "apps/tool/stop_signal.h"
+#include "frame/frame_dual_subscriber.h"
 #include "frame/frame_subscriber.h"
 
 namespace zav_shm::tool {
 
-/// A subscriber that tells the user where it stands.
+/// A subscriber of one stream, or of two in turn, that tells the user where it stands.
 class Frame_Input {
 public:
-    Frame_Input(const Common_Options& common, const Channel_Options& channel,
-                const std::string& producer, const Stop_Signal& stop);
+    /// Where decoding may begin, and what is done for it.
+    struct Key_Frames {
+        bool at_begin = false;
+        bool after_loss = false;
+        bool are_asked_for = false;
+    };
 
-    /// Registers with the center, which has to know both names.
+    /// @param streams  one, or two; the first one comes first
+    Frame_Input(const Common_Options& common, const Consumer_Options& consumer,
+                const std::vector<int>& streams, const Key_Frames& key_frames,
+                const Stop_Signal& stop);
+
+    /// Registers with the center, which has to know both names; as a tap, without it.
     std::optional<Problem> open();
 
     Receive_Status receive(Received_Frame& frame, std::chrono::milliseconds timeout) {
-        return subscriber_.receive(frame, timeout);
+        return two_ ? two_->receive(frame, timeout) : one_->receive(frame, timeout);
     }
+
+    // ---- of two streams ----
+
+    bool is_changing() const { return two_ && two_->is_changing(); }
+
+    /// Wants the other one.
+    void change_stream(ZAV_SHM_Frame_Dual_Subscriber::Change change);
+
+    /// Which of the streams, by its place among them, the frame received last is of.
+    std::size_t current() const {
+        return two_ && two_->current() == ZAV_SHM_Frame_Dual_Subscriber::sub ? 1 : 0;
+    }
+
+    std::uint64_t changes() const { return two_ ? two_->changes() : 0; }
+
+    // ---- what is told ----
 
     /// Writes a line to standard error when the state is another one than before.
     void tell_state();
 
-    Frame_State state() const { return subscriber_.state(); }
-    Subscriber_Counters counters() const { return subscriber_.counters(); }
-    const std::string& consumer_channel() const { return consumer_channel_; }
+    Frame_State state() const { return two_ ? two_->state() : one_->state(); }
+
+    /// Of all streams, without the latencies of the second.
+    Subscriber_Counters counters() const;
+
+    /// "RECODER/0/0", or of a tap what it reads.
+    std::string title() const { return titles_[current()]; }
 
 private:
+    std::optional<Problem> check_names() const;
+
     const Stop_Signal& stop_;
     const std::chrono::milliseconds wait_;
-    const Channel_Options channel_;
-    const std::string producer_;
-    const std::string consumer_channel_;
-    const std::string producer_channel_;
-    ZAV_SHM_Frame_Subscriber subscriber_;
-    Frame_State told_ = Frame_State::closed;
+    const Consumer_Options consumer_;
+    const std::vector<int> streams_;
+    std::vector<std::string> titles_;     // of each stream
+    std::vector<std::string> producers_;  // likewise, "CAM_LOOP/0/0"
+    std::unique_ptr<ZAV_SHM_Frame_Subscriber> one_;
+    std::unique_ptr<ZAV_SHM_Frame_Dual_Subscriber> two_;
+    std::array<Frame_State, 2> told_{Frame_State::closed, Frame_State::closed};
 };
 
 }  // namespace zav_shm::tool

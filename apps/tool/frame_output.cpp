@@ -3,6 +3,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <utility>
 
 #include "apps/tool/center_request.h"
 #include "apps/tool/configured_name.h"
@@ -15,12 +16,18 @@ namespace {
 // A stream whose frames are all too large would fill the screen.
 constexpr std::uint64_t complaints_max = 5;
 
+// So would readers that ask for a key frame all the time.
+constexpr std::uint64_t requests_told_max = 5;
+
 ZAV_SHM_Frame_Publisher::Options publisher_options(const Publish_Options& options) {
     return {.name = options.name,
             .channel = options.channel,
             .stream = options.stream,
             .format = {},
-            .center_wait = options.wait};
+            .center_wait = options.wait,
+            .history_bytes = options.history,
+            .paced = options.paced,
+            .pace_limit = options.pace_limit};
 }
 
 std::uint16_t flag_if(bool condition, std::uint16_t flag) {
@@ -90,6 +97,22 @@ void Frame_Output::publish(const Frame& frame) {
         complain_of(frame, result);
     }
     watch_state();
+    pass_on_key_request();
+}
+
+void Frame_Output::pass_on_key_request() {
+    if (!publisher_.key_frame_requested()) {
+        return;
+    }
+    if (key_requests_++ < requests_told_max) {
+        complain("a reader of " + channel_ + " asks for a key frame, after frame " +
+                 std::to_string(frames_) +
+                 (key_requests_ == requests_told_max ? "; further ones are only counted" : ""));
+    }
+    const std::string trouble = carry_out(options_.on_key_request);
+    if (!trouble.empty() && !std::exchange(told_key_request_trouble_, true)) {
+        complain("--on-key-request: " + trouble);
+    }
 }
 
 std::chrono::nanoseconds Frame_Output::presentation_time() {
@@ -124,25 +147,33 @@ void Frame_Output::complain_of(const Frame& frame, const ZAV_SHM_Frame_Publisher
 }
 
 Exit_Status Frame_Output::close() {
-    const Publisher_Counters counters = publisher_.counters();
+    const std::string reason = publisher_.reason();
     publisher_.close();
+    const Publisher_Counters counters = publisher_.counters();
     const std::chrono::duration<double> seconds = Pacer::Clock::now() - opened_;
     std::fprintf(stderr,
-                 "publish: frames=%" PRIu64 " delivered=%" PRIu64 " no_consumer=%" PRIu64
-                 " too_large=%" PRIu64 " no_center=%" PRIu64 " slow_reads=%" PRIu64
-                 " recoveries=%" PRIu64 " bytes=%" PRIu64 " seconds=%.2f\n",
-                 counters.frames, counters.delivered, counters.no_consumer, counters.too_large,
-                 counters.no_center, counters.slow_reads, counters.recoveries, counters.bytes,
-                 seconds.count());
+                 "publish: frames=%" PRIu64 " published=%" PRIu64 " too_large=%" PRIu64
+                 " refused=%" PRIu64 " recoveries=%" PRIu64 " bytes=%" PRIu64
+                 " seconds=%.2f"
+                 " key_requests=%" PRIu64 " waits=%" PRIu64 " given_up=%" PRIu64
+                 " slot_frames=%" PRIu64 " slot_passed_over=%" PRIu64 " slot_slow_reads=%" PRIu64
+                 "\n",
+                 counters.frames, counters.published, counters.too_large, counters.refused,
+                 counters.recoveries, counters.bytes, seconds.count(), key_requests_,
+                 counters.waits, counters.given_up, counters.slot_frames, counters.slot_passed_over,
+                 counters.slot_slow_reads);
     if (const auto problem = index_.close(false)) {
         return report(*problem);
     }
-    if (too_large_ == 0) {
-        return Exit_Status::ok;
+    if (too_large_ > 0) {
+        complain(std::to_string(too_large_) + " of " + std::to_string(frames_) +
+                 " frames were too large for " + channel_ + " and left out");
     }
-    complain(std::to_string(too_large_) + " of " + std::to_string(frames_) +
-             " frames were too large for " + channel_ + " and left out");
-    return Exit_Status::incomplete;
+    if (counters.refused > 0) {
+        complain(std::to_string(counters.refused) + " of " + std::to_string(frames_) +
+                 " frames could not be published: " + reason);
+    }
+    return too_large_ + counters.refused == 0 ? Exit_Status::ok : Exit_Status::incomplete;
 }
 
 }  // namespace zav_shm::tool

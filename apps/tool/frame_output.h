@@ -53,6 +53,7 @@ public:
 
 private:
     void watch_state();
+    void pass_on_key_request();
     void complain_of(const Frame& frame, const ZAV_SHM_Frame_Publisher::Result& result);
     std::chrono::nanoseconds presentation_time();
 
@@ -66,6 +67,8 @@ private:
     std::uint64_t frames_ = 0;
     std::uint64_t fields_ = 0;  // the time of a frame is that of two fields
     std::uint64_t too_large_ = 0;
+    std::uint64_t key_requests_ = 0;
+    bool told_key_request_trouble_ = false;
     bool discontinuity_ = false;  // the frame before was too large
     Frame_State state_ = Frame_State::closed;
     Pacer::Clock::time_point first_{};

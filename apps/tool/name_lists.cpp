@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/name_lists.h"
 
+#include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "apps/text/printable.h"
@@ -35,32 +37,58 @@ Json::Value layout_of(const Json::Value& entry) {
     return layout;
 }
 
-Json::Value producer_of(const Json::Value& entry, const Json::Value& channels) {
+// A consumer that is registered, and the producer that feeds it.
+struct Pairing {
+    std::string producer;
+    std::string consumer;
+    Json::Value end;
+};
+
+// Of those that are fed by a relay, and of those that read their producer's history themselves.
+// Several processes may do that as one consumer.
+std::vector<Pairing> pairings_of(const Json::Value& status) {
+    std::vector<Pairing> pairings;
+    for (const Json::Value& channel : list_at(status, "channels")) {
+        for (const Json::Value& consumer : list_at(channel, "consumers")) {
+            pairings.push_back(
+                {text_at(channel, "name"), text_at(consumer, "name"), end_of(consumer)});
+        }
+    }
+    for (const Json::Value& reader : list_at(status, "ring_consumers")) {
+        Pairing pairing{text_at(reader, "producer"), text_at(reader, "consumer"), end_of(reader)};
+        const bool is_new =
+            std::none_of(pairings.begin(), pairings.end(), [&pairing](const Pairing& known) {
+                return known.producer == pairing.producer && known.consumer == pairing.consumer &&
+                       known.end == pairing.end;
+            });
+        if (is_new && !pairing.consumer.empty() && !pairing.producer.empty()) {
+            pairings.push_back(std::move(pairing));
+        }
+    }
+    return pairings;
+}
+
+Json::Value producer_of(const Json::Value& entry, const std::vector<Pairing>& pairings) {
     Json::Value producer = layout_of(entry);
     producer["feeds"] = Json::Value(Json::arrayValue);
-    for (const Json::Value& channel : channels) {
-        if (text_at(channel, "name") != text_at(entry, "name")) {
-            continue;
-        }
-        for (const Json::Value& consumer : list_at(channel, "consumers")) {
-            Json::Value fed = end_of(consumer);
-            fed["name"] = text_at(consumer, "name");
+    for (const Pairing& pairing : pairings) {
+        if (pairing.producer == text_at(entry, "name")) {
+            Json::Value fed = pairing.end;
+            fed["name"] = pairing.consumer;
             producer["feeds"].append(fed);
         }
     }
     return producer;
 }
 
-Json::Value consumer_of(const Json::Value& entry, const Json::Value& channels) {
+Json::Value consumer_of(const Json::Value& entry, const std::vector<Pairing>& pairings) {
     Json::Value consumer = layout_of(entry);
     consumer["fed"] = Json::Value(Json::arrayValue);
-    for (const Json::Value& channel : channels) {
-        for (const Json::Value& end : list_at(channel, "consumers")) {
-            if (text_at(end, "name") == text_at(entry, "name")) {
-                Json::Value fed = end_of(end);
-                fed["producer"] = text_at(channel, "name");
-                consumer["fed"].append(fed);
-            }
+    for (const Pairing& pairing : pairings) {
+        if (pairing.consumer == text_at(entry, "name")) {
+            Json::Value fed = pairing.end;
+            fed["producer"] = pairing.producer;
+            consumer["fed"].append(fed);
         }
     }
     return consumer;
@@ -97,14 +125,14 @@ std::optional<Json::Value> names_of(const Json::Value& status) {
     if (!status.isObject() || !status["names"].isObject()) {
         return {};
     }
-    const Json::Value channels = list_at(status, "channels");
+    const std::vector<Pairing> pairings = pairings_of(status);
     Json::Value names;
     names["producers"] = names["consumers"] = Json::Value(Json::arrayValue);
     for (const Json::Value& entry : list_at(status["names"], "distributors")) {
-        names["producers"].append(producer_of(entry, channels));
+        names["producers"].append(producer_of(entry, pairings));
     }
     for (const Json::Value& entry : list_at(status["names"], "receivers")) {
-        names["consumers"].append(consumer_of(entry, channels));
+        names["consumers"].append(consumer_of(entry, pairings));
     }
     return names;
 }

@@ -10,7 +10,10 @@
 #include <vector>
 
 #include "apps/media/nal_unit.h"
+#include "apps/tool/key_request_action.h"
 #include "apps/tool/rate.h"
+#include "frame/frame_dual_subscriber.h"
+#include "frame/reading_rules.h"
 
 // What the command line asks for, one record per command. Checked: every number lies within the
 // limits below, and every combination makes sense.
@@ -51,25 +54,37 @@ struct Publish_Options : Common_Options, Channel_Options {
     std::size_t size = 4096;          // of a synthetic frame, bytes
     std::uint32_t key_interval = 25;  // of synthetic frames
     std::string index;                // file; empty: none
+    std::size_t history = 0;          // bytes; 0 as configured
+    bool paced = false;               // wait for readers that are behind
+    std::chrono::milliseconds pace_limit{200};
+    Key_Request_Action on_key_request;
 };
 
-struct Record_Options : Common_Options, Channel_Options {
+/// Whose frames a consumer takes, and from where on.
+struct Consumer_Options : Channel_Options {
     std::string producer;
+    bool tap = false;            // without a name, and without a center
+    std::string folder = "shm";  // of a tap
+    Start from = start::newest;
+};
+
+struct Record_Options : Common_Options, Consumer_Options {
     std::string file;
     std::vector<int> streams;  // one, or two to switch between
     std::chrono::milliseconds switch_every{0};
+    ZAV_SHM_Frame_Dual_Subscriber::Change change = ZAV_SHM_Frame_Dual_Subscriber::Change::gapless;
     std::uint64_t frames = 0;               // 0 is no limit
     std::chrono::milliseconds duration{0};  // 0 is no limit
     bool any_frame = false;                 // begin at once
     bool keep_all = false;                  // go on at once after a gap
+    bool ask_for_key_frame = false;         // where one is waited for
     bool sync = false;
     bool strict = false;
     bool verify_synthetic = false;
     std::string index;  // file; empty: none
 };
 
-struct Watch_Options : Common_Options, Channel_Options {
-    std::string producer;
+struct Watch_Options : Common_Options, Consumer_Options {
     bool json = false;
     bool verify_synthetic = false;
     std::uint64_t count = 0;  // lines; 0 is no limit

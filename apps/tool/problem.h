@@ -13,7 +13,8 @@ enum class Exit_Status {
     no_center = 3,
     refused = 4,       // by the center
     input_output = 5,  // a file or pipe
-    system = 6         // the control queues cannot be used, for instance for want of the right
+    system = 6         // control queues or shared memory cannot be used, for want of the right or
+                       // room, or as another process has the stream
 };
 
 /// Why a command ends, in one line that names thing, value, limit and what to do.

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "apps/tool/synthetic_pattern.h"
+#include "ipc/monotonic_clock.h"
 
 namespace zav_shm::tool {
 
@@ -14,8 +15,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// How long one look for a frame may hold up the others: signals, the time limit, and the second
-// stream, whose key frame waits for as long.
+// How long one look for a frame may hold up signals and the time limit.
 constexpr milliseconds look{20};
 
 // A stream that loses frames all the time would fill the screen.
@@ -24,26 +24,24 @@ constexpr std::uint64_t gaps_told_max = 5;
 // Encoders that make key frames at all make one within this time, as a rule.
 constexpr std::chrono::seconds waiting_told_after{5};
 
-// A queue holds no more frames than this when it is emptied at the end.
-constexpr int queued_max = 64;
+// Frames without a time of their own that are still taken at the end.
+constexpr int undated_max = 64;
 
 }  // namespace
 
 Recording::Recording(const Record_Options& options, int standard_output, const Stop_Signal& stop)
     : options_(options),
       stop_(stop),
+      input_(options, options, options.streams,
+             {.at_begin = !options.any_frame,
+              .after_loss = !options.keep_all,
+              .are_asked_for = options.ask_for_key_frame},
+             stop),
       file_(options.file, standard_output, stop),
       index_(options.index, standard_output, stop),
       recorded_(index_),
       begin_(Stop_Signal::Clock::now()),
-      switch_(options.switch_every, begin_) {
-    for (const int stream : options.streams) {
-        const Channel_Options channel{options.name, options.channel, stream};
-        inputs_.push_back(std::make_unique<Frame_Input>(options, channel, options.producer, stop));
-        gates_.push_back(Entry_Gate(
-            {.waits_at_begin = !options.any_frame, .waits_after_gap = !options.keep_all}));
-    }
-}
+      stream_since_(begin_) {}
 
 std::optional<Problem> Recording::open() {
     using Clock = Stop_Signal::Clock;
@@ -55,40 +53,36 @@ std::optional<Problem> Recording::open() {
     if (auto problem = index_.open(end)) {
         return problem;
     }
-    for (const auto& input : inputs_) {
-        if (auto problem = input->open()) {
-            return problem;
-        }
+    if (auto problem = input_.open()) {
+        return problem;
     }
     if (!file_.empty()) {
         write_error_ = errno;
         return write_problem();
     }
-    begin_ = Clock::now();
+    begin_ = stream_since_ = Clock::now();
     return index_.begin();
 }
 
 std::optional<Problem> Recording::run() {
     while (!is_over()) {
-        take(switch_.active(), look);
-        for (std::size_t other = 0; other < inputs_.size(); ++other) {
-            while (other != switch_.active() && !is_over() && take(other, milliseconds(0))) {
-            }
+        if (!take(look)) {
+            tell_what_is_waited_for();
         }
-        for (const auto& input : inputs_) {
-            input->tell_state();
-        }
-        tell_what_is_waited_for();
+        change_stream_if_due();
+        input_.tell_state();
         note(write_error_ || file_.flush_if_due());
     }
     return write_error_ ? std::optional(write_problem()) : std::nullopt;
 }
 
+// What was published before the end is still recorded.
 std::optional<Problem> Recording::close() {
-    for (int i = 0; i < queued_max && !is_full() && !write_error_; ++i) {
-        if (!take(switch_.active(), milliseconds(0))) {
-            break;
-        }
+    const std::int64_t end_ns = monotonic_ns();
+    int undated = 0;
+    while (!is_full() && !write_error_ && undated < undated_max && take(milliseconds(0)) &&
+           frame_.header.publish_ns <= end_ns) {
+        undated += frame_.verified ? 0 : 1;
     }
     note(write_error_ || file_.flush());
     // Behind the last whole frame only the beginning of one can be.
@@ -121,36 +115,39 @@ bool Recording::is_over() const {
 }
 
 // @return whether there was a frame.
-bool Recording::take(std::size_t input, milliseconds timeout) {
-    if (inputs_[input]->receive(frame_, timeout) != Receive_Status::frame) {
+bool Recording::take(milliseconds timeout) {
+    if (input_.receive(frame_, timeout) != Receive_Status::frame) {
         return false;
     }
-    pass_on(input);
+    if (waits_since_ || frame_.before.skipped > 0) {
+        skipped_before_ = input_.counters().skipped;
+    }
+    waits_since_.reset();
+    told_waiting_ = false;
+    const std::size_t stream = input_.current();
+    const Gap_Finder::Gap gap = gap_finders_[stream].before(frame_);
+    if (std::exchange(stream_, stream) == stream) {
+        tell_gap(gap);
+    } else {
+        stream_since_ = Stop_Signal::Clock::now();
+    }
+    write(frame_);
     return true;
 }
 
-// The gate of the stream that is not written is kept up to date, too: what it lets pass is where a
-// change may come about.
-void Recording::pass_on(std::size_t input) {
-    const auto now = Stop_Signal::Clock::now();
-    const bool passes = gates_[input].lets_pass(frame_, now);
-    const std::size_t before = switch_.active();
-    if (!passes) {
-        skipped_ += input == before ? 1U : 0U;
-    } else if (switch_.offer(input, frame_.is_entry_point(), now)) {
-        if (input == before) {
-            tell_gap(inputs_[input]->consumer_channel(), gates_[input].gap());
-        }
-        told_waiting_ = false;
-        write(input, frame_);
+void Recording::change_stream_if_due() {
+    const bool has_two = options_.streams.size() == 2;
+    if (has_two && !input_.is_changing() &&
+        Stop_Signal::Clock::now() - stream_since_ >= options_.switch_every) {
+        input_.change_stream(options_.change);
     }
 }
 
-void Recording::write(std::size_t input, const Received_Frame& frame) {
+void Recording::write(const Received_Frame& frame) {
     tell_change_of_codec(frame);
     const bool written = file_.write(frame.payload());
     if (written) {
-        recorded_.add(options_.streams[input], frame);
+        recorded_.add(options_.streams[stream_], frame);
         const bool is_damaged =
             options_.verify_synthetic && !is_synthetic(frame.payload(), frame.header.sequence);
         damaged_ += is_damaged ? 1U : 0U;
@@ -169,36 +166,42 @@ void Recording::tell_change_of_codec(const Received_Frame& frame) {
 }
 
 // @param gap  lies before the frame that is about to be written.
-void Recording::tell_gap(const std::string& consumer, const Entry_Gate::Gap& gap) {
+void Recording::tell_gap(const Gap_Finder::Gap& gap) {
     if (gap.is_none() || gaps_++ >= gaps_told_max) {
         return;
     }
     const std::string frame = "frame " + std::to_string(frame_.header.sequence);
-    std::string text = consumer + ": ";
+    std::string text = input_.title() + ": ";
     text += gap.other_producer ? frame + " is the first one of another or restarted producer"
                                : "a gap before " + frame;
     for (const auto& [count, fate] :
-         {std::pair{gap.lost, " lost"}, std::pair{gap.dropped, " dropped as the queue was full"},
+         {std::pair{gap.lost, " lost"}, std::pair{gap.dropped, " dropped for newer ones"},
           std::pair{gap.skipped, " left out on the way to a key frame"}}) {
         text += count > 0 ? ", " + std::to_string(count) + fate : "";
     }
     complain(text + (gaps_ == gaps_told_max ? "; further gaps are only counted" : ""));
 }
 
+// Called when no frame is there.
 void Recording::tell_what_is_waited_for() {
-    const Entry_Gate& gate = gates_[switch_.active()];
-    const auto waits = gate.waits_for(Stop_Signal::Clock::now());
-    if (told_waiting_ ||
-        waits.value_or(waiting_told_after - milliseconds(1)) < waiting_told_after) {
+    const std::uint64_t skipped = input_.counters().skipped;
+    const auto now = Stop_Signal::Clock::now();
+    if (!waits_since_) {
+        if (skipped > skipped_before_) {
+            waits_since_ = now;
+        }
+        return;
+    }
+    if (told_waiting_ || now - *waits_since_ < waiting_told_after) {
         return;
     }
     told_waiting_ = true;
-    complain(inputs_[switch_.active()]->consumer_channel() + ": for " +
-             std::to_string(waiting_told_after.count()) + " s neither a key frame nor a recovery " +
-             "point has come, " + std::to_string(gate.left_out()) +
+    complain(input_.title() + ": for " + std::to_string(waiting_told_after.count()) +
+             " s neither a key frame nor a recovery point has come, " +
+             std::to_string(skipped - skipped_before_) +
              " frames are left out so far; have the encoder make key frames more often, or record "
              "with " +
-             (gate.has_begun() ? "--keep-all" : "--any-frame"));
+             (recorded_.handed_over() > 0 ? "--keep-all" : "--any-frame"));
 }
 
 Problem Recording::write_problem() const {
@@ -219,28 +222,20 @@ std::string Recording::amount() const {
 }
 
 Exit_Status Recording::tell() const {
-    Subscriber_Counters sum;
-    for (const auto& input : inputs_) {
-        const Subscriber_Counters counters = input->counters();
-        sum.lost += counters.lost;
-        sum.dropped += counters.dropped;
-        sum.torn += counters.torn;
-        sum.foreign += counters.foreign;
-        sum.recoveries += counters.recoveries;
-    }
+    const Subscriber_Counters sum = input_.counters();
     std::fprintf(stderr,
                  "record: frames=%" PRIu64 " bytes=%" PRIu64 " lost=%" PRIu64 " dropped=%" PRIu64
                  " torn=%" PRIu64 " key_frames=%" PRIu64 " recovery_points=%" PRIu64
                  " first=%" PRIu64 " last=%" PRIu64 " skipped=%" PRIu64 " gaps=%" PRIu64
                  " foreign=%" PRIu64 " reconnects=%" PRIu64 " switches=%" PRIu64 " damaged=%" PRIu64
-                 "\n",
-                 recorded_.frames(), recorded_.bytes(), sum.lost, sum.dropped, sum.torn,
+                 " overtaken=%" PRIu64 " left_out=%" PRIu64 " no_memory=%" PRIu64 "\n",
+                 recorded_.frames(), recorded_.bytes(), sum.lost(), sum.dropped, sum.torn,
                  recorded_.key_frames(), recorded_.recovery_points(), recorded_.first_sequence(),
-                 recorded_.last_sequence(), skipped_, gaps_, sum.foreign, sum.recoveries,
-                 switch_.switches(), damaged_);
-    if (recorded_.handed_over() == 0 && skipped_ > 0) {
+                 recorded_.last_sequence(), sum.skipped, gaps_, sum.foreign, sum.recoveries,
+                 input_.changes(), damaged_, sum.overtaken, sum.left_out, sum.no_memory);
+    if (recorded_.handed_over() == 0 && sum.skipped > 0) {
         complain(
-            "nothing was written: of the " + std::to_string(skipped_) +
+            "nothing was written: of the " + std::to_string(sum.skipped) +
             " frames that came none was a key frame or recovery point; record for longer, with "
             "--any-frame, or have the encoder make key frames more often");
     }
@@ -249,7 +244,7 @@ Exit_Status Recording::tell() const {
                  " frames do not hold the pattern of publish --synthetic");
         return Exit_Status::incomplete;
     }
-    const std::uint64_t flaws = sum.lost + sum.dropped + sum.torn + gaps_ + codec_changes_;
+    const std::uint64_t flaws = sum.lost() + sum.dropped + sum.torn + gaps_ + codec_changes_;
     const bool complete = flaws == 0 && recorded_.frames() > 0;
     return complete || !options_.strict ? Exit_Status::ok : Exit_Status::incomplete;
 }

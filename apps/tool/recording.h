@@ -1,19 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <memory>
+#include <array>
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "apps/tool/entry_gate.h"
 #include "apps/tool/frame_index.h"
 #include "apps/tool/frame_input.h"
+#include "apps/tool/gap_finder.h"
 #include "apps/tool/options.h"
 #include "apps/tool/output_file.h"
 #include "apps/tool/recorded_frames.h"
 #include "apps/tool/stop_signal.h"
-#include "apps/tool/stream_switch.h"
 
 namespace zav_shm::tool {
 
@@ -37,10 +35,10 @@ public:
 private:
     bool is_over() const;
     bool is_full() const;
-    bool take(std::size_t input, std::chrono::milliseconds timeout);
-    void pass_on(std::size_t input);
-    void write(std::size_t input, const Received_Frame& frame);
-    void tell_gap(const std::string& consumer, const Entry_Gate::Gap& gap);
+    bool take(std::chrono::milliseconds timeout);
+    void write(const Received_Frame& frame);
+    void change_stream_if_due();
+    void tell_gap(const Gap_Finder::Gap& gap);
     void tell_what_is_waited_for();
     void tell_change_of_codec(const Received_Frame& frame);
     void note(bool written);
@@ -50,19 +48,23 @@ private:
 
     const Record_Options& options_;
     const Stop_Signal& stop_;
-    std::vector<std::unique_ptr<Frame_Input>> inputs_;
-    std::vector<Entry_Gate> gates_;  // one for each input
+    Frame_Input input_;
+    std::array<Gap_Finder, 2> gap_finders_;  // one for each stream
     Output_File file_;
     Frame_Index index_;
     Recorded_Frames recorded_;
     Stop_Signal::Clock::time_point begin_;
-    Stream_Switch switch_;
     Received_Frame frame_;
     std::optional<int> write_error_;  // errno of the first write that failed
 
-    std::uint64_t skipped_ = 0;  // left out on the way to a key frame or recovery point
+    // The wait for a key frame or recovery point: nothing while there is none.
+    std::optional<Stop_Signal::Clock::time_point> waits_since_;
+    std::uint64_t skipped_before_ = 0;  // frames left out before it
+    bool told_waiting_ = false;
+
+    std::size_t stream_ = 0;  // that the frame before was of, by its place in the options
+    Stop_Signal::Clock::time_point stream_since_;
     std::uint64_t gaps_ = 0;     // places in the file where frames are missing or may be
-    bool told_waiting_ = false;  // of the present wait
     std::uint64_t damaged_ = 0;  // by --verify-synthetic
     std::uint64_t codec_changes_ = 0;
     std::uint32_t codec_ = 0;  // of the frame written last

@@ -21,6 +21,12 @@ std::string number_at(const Json::Value& object, const char* member) {
     return std::to_string(count_at(object, member));
 }
 
+// A reader whose counters cannot be read has none of these, and one without a ring is behind
+// nothing.
+std::string figure_at(const Json::Value& reader, const char* member) {
+    return reader.isObject() && reader[member].isNumeric() ? number_at(reader, member) : "-";
+}
+
 Row row_of(const Json::Value& channel, const Json::Value* consumer) {
     return {channel_at(channel),
             number_at(channel, "frames"),
@@ -53,17 +59,39 @@ std::vector<Row> rows_of(const Json::Value& channels) {
     return rows;
 }
 
+// Those that read their producer's history themselves: no relay counts them, so they tell it.
+std::vector<Row> rows_of_readers(const Json::Value& readers) {
+    std::vector<Row> rows{{"reader", "process", "of", "behind", "received", "lost", "overtaken",
+                           "left out", "no memory", "dropped", "skipped"}};
+    for (const Json::Value& reader : readers) {
+        const int channel = static_cast<int>(count_at(reader, "channel"));
+        const int stream = static_cast<int>(count_at(reader, "stream"));
+        const std::string consumer = printable(text_at(reader, "consumer"));
+        const std::string producer = printable(text_at(reader, "producer"));
+        rows.push_back({consumer.empty() ? "(tap)" : channel_text(consumer, channel, stream),
+                        number_at(reader, "pid"),
+                        producer.empty() ? "-" : channel_text(producer, channel, stream),
+                        figure_at(reader, "behind"), figure_at(reader, "received"),
+                        figure_at(reader, "lost"), figure_at(reader, "overtaken"),
+                        figure_at(reader, "left_out"), figure_at(reader, "no_memory"),
+                        figure_at(reader, "dropped"), figure_at(reader, "skipped")});
+    }
+    return rows;
+}
+
 }  // namespace
 
 std::string table_of(const Center_Status& status) {
     const Json::Value& content = status.content;
+    const Json::Value readers = list_at(content, "ring_consumers");
     const std::string configuration = printable(text_at(content, "configuration"));
     return "center " + printable(text_at(content, "version")) + ", process " +
            number_at(content, "pid") + (status.is_alive ? "" : " (gone)") + ", since " +
            printable(text_at(content, "started_utc")) + "\nconfiguration " +
            (configuration.empty() ? "-" : configuration) + ", idle consumers are " +
            (flag_at(content, "kick_idle") ? "kicked" : "kept") + "\n\n" +
-           aligned(rows_of(list_at(content, "channels")), {0, 7});
+           aligned(rows_of(list_at(content, "channels")), {0, 7}) +
+           (readers.empty() ? "" : "\n" + aligned(rows_of_readers(readers), {0, 2}));
 }
 
 }  // namespace zav_shm::tool

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cerrno>
-#include <ctime>
 #include <optional>
 #include <span>
 
@@ -10,6 +9,7 @@
 #include "apps/tool/stop_signal.h"
 #include "apps/tool/synthetic_pattern.h"
 #include "apps/tool/watch_line.h"
+#include "ipc/monotonic_clock.h"
 
 namespace zav_shm::tool {
 
@@ -21,19 +21,13 @@ using std::chrono::milliseconds;
 constexpr std::chrono::seconds line_every{1};
 constexpr milliseconds look_max{50};  // between two looks for a signal
 
-std::int64_t monotonic_ns() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
-
 class Watch {
 public:
     Watch(const Watch_Options& options, const Standard_Output& output)
         : options_(options),
           rewrites_(!options.json && output.is_terminal()),
           output_(standard_stream, output.descriptor(), stop_),
-          input_(options, options, options.producer, stop_) {}
+          input_(options, options, {options.stream}, {}, stop_) {}
 
     std::optional<Problem> open() {
         auto problem = output_.open();

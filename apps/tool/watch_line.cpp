@@ -36,8 +36,8 @@ Watch_Sample sample_of(const Subscriber_Counters& before, const Subscriber_Count
     }
     sample.latency_p50_us = static_cast<double>(latency.percentile_ns(0.5)) / 1000;
     sample.latency_p99_us = static_cast<double>(latency.percentile_ns(0.99)) / 1000;
-    sample.lost = now.lost - before.lost;
-    sample.lost_total = now.lost;
+    sample.lost = now.lost() - before.lost();
+    sample.lost_total = now.lost();
     sample.torn_total = now.torn;
     sample.dropped_total = now.dropped;
     sample.reconnects = now.recoveries;

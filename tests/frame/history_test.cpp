@@ -181,12 +181,32 @@ TEST_F(History, leaves_out_what_comes_between_a_loss_and_a_key_frame_when_told_t
     EXPECT_EQ(frame.before.skipped, 7U);
 }
 
+TEST_F(History, of_a_stream_that_never_had_a_key_frame_goes_on_after_a_loss) {
+    ZAV_SHM_Frame_Subscriber player(
+        {.name = "PLAYER", .producer = "CAM_LOOP", .key_frame_after_loss = true});
+    ASSERT_TRUE(player.open());
+    publish_numbers(camera, 1, 3);
+    EXPECT_EQ(numbers_in(player), from_to(1, 3));
+    EXPECT_EQ(camera.publish(payload(5000)).outcome, zav_shm::Publish_Outcome::too_large);
+    publish_numbers(camera, 4, 6);
+    EXPECT_EQ(numbers_in(player), from_to(4, 6));
+    EXPECT_EQ(player.counters().left_out, 1U);
+    camera.close();
+    ZAV_SHM_Frame_Publisher other({.name = "CAM_LOOP"});
+    ASSERT_TRUE(other.open());
+    publish_numbers(other, 7, 9);
+    Received_Frame frame;
+    ASSERT_EQ(player.receive(frame, 2s), Receive_Status::frame);
+    EXPECT_EQ(frame.payload().front(), std::byte{7});
+}
+
 TEST_F(History, begins_at_a_key_frame_when_told_to) {
     ZAV_SHM_Frame_Subscriber player(
         {.name = "PLAYER", .producer = "CAM_LOOP", .start_at_key_frame = true});
     ASSERT_TRUE(player.open());
     publish_numbers(camera, 2, 9, 10);
     EXPECT_EQ(numbers_in(player), std::vector<int>{});
+    EXPECT_EQ(player.counters().skipped, 8U) << "counts before a frame comes";
     publish_numbers(camera, 10, 12, 10);
     EXPECT_EQ(numbers_in(player), from_to(11, 12));
     EXPECT_EQ(player.counters().skipped, 9U);

@@ -21,7 +21,7 @@ using namespace crafted;
 class Tool_Gaps : public Tool_Frames {
 protected:
     Tool_Process synthetic(const std::vector<std::string>& more) {
-        std::vector<std::string> words{"--synthetic", "--size", "1000", "--quiet"};
+        std::vector<std::string> words{"--synthetic", "--size", "30000", "--quiet"};
         words.insert(words.end(), more.begin(), more.end());
         return start_publisher(words);
     }
@@ -44,14 +44,14 @@ protected:
     }
 };
 
-// A recorder that stands still loses frames.
+// The history holds some five frames of these: a recorder that stands still for longer loses some.
 TEST_F(Tool_Gaps, recording_goes_on_at_a_key_frame_after_a_loss) {
     Tool_Process recorder =
         start_recorder({"-o", path("out"), "--index", path("index"), "--strict"});
     Tool_Process publisher = synthetic({"--fps", "50", "--key-interval", "20"});
     ASSERT_TRUE(index_has(5));
     recorder.signal(SIGSTOP);
-    std::this_thread::sleep_for(500ms);
+    std::this_thread::sleep_for(1000ms);
     recorder.signal(SIGCONT);
     const std::size_t before = written().size();
     ASSERT_TRUE(index_has(before + 60));
@@ -70,7 +70,7 @@ TEST_F(Tool_Gaps, recording_keeps_all_if_asked_to) {
     Tool_Process publisher = synthetic({"--fps", "50", "--key-interval", "1000"});
     ASSERT_TRUE(index_has(5));
     recorder.signal(SIGSTOP);
-    std::this_thread::sleep_for(500ms);
+    std::this_thread::sleep_for(1000ms);
     recorder.signal(SIGCONT);
     const std::size_t before = written().size();
     ASSERT_TRUE(index_has(before + 20));
@@ -146,7 +146,7 @@ TEST_F(Tool_Gaps, recording_goes_on_at_a_recovery_point_after_a_stop_of_the_outp
         start_recorder({"-o", "-", "--index", path("index")}, "exec \"$@\" >'" + fifo + "'");
     Tool_Process publisher = start_publisher({path("in"), "--fps", "100"});
     EXPECT_TRUE(reads_until_written(5));
-    std::this_thread::sleep_for(1200ms);  // the pipe holds 16 frames, and the queue 64
+    std::this_thread::sleep_for(1200ms);  // the pipe holds 16 frames, and the history some 30
     EXPECT_TRUE(reads_until_written(110)) << recorder.errors();
     expect_entry_behind_each_gap();
     close(pipe);

@@ -173,6 +173,7 @@ TEST_F(Tool_Output, the_index_of_a_killed_recorder_names_nothing_that_is_not_in_
     ASSERT_TRUE(becomes_true([&] { return frames() > 10; }));
     std::this_thread::sleep_for(500ms);  // half of what the file holds back
     recorder.signal(SIGKILL);
+    leaves_cards = true;
     EXPECT_EQ(recorder.status(), 128 + SIGKILL);
     EXPECT_LE(frames() * 1000, content(path("out")).size());
     EXPECT_GT(frames(), 10U);

@@ -4,17 +4,20 @@
 // stream, and what is printed.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <fstream>
+#include <limits>
 
 #include "apps/text/printable.h"
 #include "apps/tool/argument_checks.h"
 #include "apps/tool/center_request.h"
 #include "apps/tool/json_text.h"
+#include "apps/tool/key_request_action.h"
 #include "apps/tool/name_lists.h"
 #include "apps/tool/pacer.h"
 #include "apps/tool/rate.h"
+#include "apps/tool/reading_start.h"
 #include "apps/tool/status_file.h"
-#include "apps/tool/stream_switch.h"
 #include "apps/tool/synthetic_pattern.h"
 #include "apps/tool/watch_line.h"
 
@@ -105,20 +108,49 @@ TEST(Argument_Checks, know_a_file_by_any_of_its_names) {
     EXPECT_FALSE(is_same_file("/dev/null", "/dev/null"));
 }
 
-// ---- two streams in turn ----
+// ---- where to begin ----
 
-TEST(Stream_Switch, changes_at_a_key_frame_of_the_other_stream_only) {
-    const Stream_Switch::Clock::time_point begin{10s};
-    Stream_Switch streams(1000ms, begin);
-    EXPECT_TRUE(streams.offer(0, true, begin));
-    EXPECT_FALSE(streams.offer(1, true, begin + 900ms)) << "too early";
-    EXPECT_FALSE(streams.offer(1, false, begin + 1100ms)) << "no key frame";
-    EXPECT_TRUE(streams.offer(0, false, begin + 1200ms)) << "the old one goes on";
-    EXPECT_TRUE(streams.offer(1, true, begin + 1500ms));
-    EXPECT_FALSE(streams.offer(0, false, begin + 1600ms));
-    EXPECT_FALSE(streams.offer(0, true, begin + 2400ms)) << "counted from the change";
-    EXPECT_TRUE(streams.offer(0, true, begin + 2500ms));
-    EXPECT_EQ(streams.switches(), 2U);
+TEST(Reading_Start, is_a_word_or_a_number_of_seconds_back) {
+    EXPECT_EQ(parse_start("newest")->at, Start::At::newest);
+    EXPECT_EQ(parse_start("last-key-frame")->at, Start::At::last_key_frame);
+    EXPECT_EQ(parse_start("oldest")->at, Start::At::oldest);
+    EXPECT_EQ(parse_start("-2.5")->at, Start::At::back);
+    EXPECT_EQ(parse_start("-2.5")->span, 2500ms);
+    EXPECT_EQ(parse_start("-0")->span, 0ms);
+    for (const char* text : {"", "2.5", "-", "--1", "-x", "-1e99", "Newest", "last_key_frame"}) {
+        EXPECT_NE(start_mistake(text), "") << text;
+    }
+}
+
+// ---- what a request for a key frame sets off ----
+
+TEST(Key_Request_Action, is_a_signal_or_a_descriptor) {
+    const auto signal = parse_key_request_action("signal:1234:USR1");
+    ASSERT_TRUE(signal);
+    EXPECT_EQ(signal->kind, Key_Request_Action::Kind::signal);
+    EXPECT_EQ(signal->process, 1234);
+    EXPECT_EQ(signal->signal, SIGUSR1);
+    EXPECT_EQ(parse_key_request_action("signal:2:SIGHUP")->signal, SIGHUP);
+    EXPECT_EQ(parse_key_request_action("fd:3")->descriptor, 3);
+    EXPECT_EQ(key_request_action_mistake("fd:2"), "");
+    EXPECT_EQ(key_request_action_mistake("fd:987"), "descriptor 987 is not open for writing");
+    for (const char* text :
+         {"", "signal", "signal:", "signal:USR1", "signal:1:USR1", "signal:0:USR1",
+          "signal:-5:USR1", "signal:12:NONE", "signal:12:", "signal::USR1", "fd:", "fd:-1", "fd:x",
+          "signal:99999999999:USR1", "exec:reboot"}) {
+        EXPECT_NE(key_request_action_mistake(text).find("is neither signal:PID:NAME"),
+                  std::string::npos)
+            << text;
+    }
+}
+
+TEST(Key_Request_Action, that_cannot_be_carried_out_says_why) {
+    EXPECT_EQ(carry_out({}), "");
+    const auto gone = carry_out({.kind = Key_Request_Action::Kind::signal,
+                                 .process = std::numeric_limits<pid_t>::max(),
+                                 .signal = SIGUSR1});
+    EXPECT_NE(gone.find("cannot tell process 2147483647: No such process"), std::string::npos)
+        << gone;
 }
 
 // ---- pattern ----
@@ -173,7 +205,8 @@ Subscriber_Counters some_counters() {
     Subscriber_Counters counters;
     counters.frames = 130;
     counters.bytes = 2'250'000;
-    counters.lost = 5;
+    counters.overtaken = 4;
+    counters.left_out = 1;
     counters.torn = 1;
     counters.last_key_frame_ns = 9'500'000'000;
     for (int i = 0; i < 30; ++i) {
@@ -186,7 +219,7 @@ TEST(Watch_Line, shows_the_stretch_and_the_totals) {
     Subscriber_Counters before;
     before.frames = 100;
     before.bytes = 1'000'000;
-    before.lost = 3;
+    before.overtaken = 3;
     const Watch_Sample sample =
         sample_of(before, some_counters(), 1s, 10'000'000'000, Frame_State::connected);
     const Json::Value line = parsed_json(json_of(sample));
@@ -259,9 +292,42 @@ TEST(Status_Table, has_a_row_for_each_consumer) {
               "CAM_REC/0/0        0       0       0         0       0     0  -\n");
 }
 
+TEST(Status_Table, has_a_row_for_each_reader_of_a_history) {
+    Center_Status status;
+    status.content = parsed_json(R"({"ring_consumers": [
+        {"consumer": "RECODER", "producer": "CAM_LOOP", "channel": 0, "stream": 1, "pid": 77,
+         "behind": 3, "received": 250, "lost": 6, "overtaken": 4, "left_out": 2, "no_memory": 0,
+         "dropped": 1, "skipped": 9},
+        {"consumer": "", "producer": "CAM_LOOP", "channel": 0, "stream": 0, "pid": 78}]})");
+    const std::string table = table_of(status);
+    EXPECT_NE(table.find("reader       process  of            behind  received  lost  overtaken  "
+                         "left out  no memory  dropped  skipped\n"
+                         "RECODER/0/1       77  CAM_LOOP/0/1       3       250     6          4  "
+                         "       2          0        1        9\n"
+                         "(tap)             78  CAM_LOOP/0/0       0         0     0          0  "
+                         "       0          0        0        0\n"),
+              std::string::npos)
+        << table;
+}
+
+TEST(Name_Lists, know_readers_of_histories_once_each) {
+    const auto names = names_of(parsed_json(R"({"names": {
+        "distributors": [{"name": "CAM_LOOP"}], "receivers": [{"name": "RECODER"}]},
+        "ring_consumers": [
+            {"consumer": "RECODER", "producer": "CAM_LOOP", "channel": 0, "stream": 1, "pid": 1},
+            {"consumer": "RECODER", "producer": "CAM_LOOP", "channel": 0, "stream": 1, "pid": 2},
+            {"consumer": "", "producer": "CAM_LOOP", "channel": 0, "stream": 1, "pid": 3}]})"));
+    ASSERT_TRUE(names);
+    EXPECT_EQ((*names)["producers"][0]["feeds"].size(), 1U);
+    EXPECT_EQ((*names)["producers"][0]["feeds"][0]["name"], "RECODER");
+    EXPECT_EQ((*names)["consumers"][0]["fed"].size(), 1U);
+    EXPECT_EQ((*names)["consumers"][0]["fed"][0]["stream"].asInt(), 1);
+}
+
 TEST(Status_Table, of_a_file_with_other_content_is_harmless) {
     for (const char* text : {"{}", R"({"channels":5,"pid":"x","kick_idle":[]})",
-                             R"({"channels":[1,null,[],{"consumers":[3]}]})"}) {
+                             R"({"channels":[1,null,[],{"consumers":[3]}]})",
+                             R"({"ring_consumers":[1,null,[],{"consumer":7,"pid":-1}]})"}) {
         Center_Status status;
         status.content = parsed_json(text);
         EXPECT_NE(table_of(status), "") << text;

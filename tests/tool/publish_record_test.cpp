@@ -25,8 +25,6 @@ struct Way {
 
 class Tool_Way : public Tool_Frames, public testing::WithParamInterface<Way> {};
 
-// A machine that stands still for longer than a frame and the 30 ms that the publisher waits for
-// its consumer costs a frame: at 10 fps that is 130 ms.
 TEST_P(Tool_Way, what_is_recorded_is_the_file_bit_by_bit) {
     const std::string frames = std::to_string(GetParam().frames);
     write(path("out"), std::string(100'000, 'x'));  // an earlier recording is replaced
@@ -36,7 +34,7 @@ TEST_P(Tool_Way, what_is_recorded_is_the_file_bit_by_bit) {
     EXPECT_EQ(publisher.status(), 0) << publisher.errors();
     EXPECT_TRUE(content(path("out")) == content(stream(GetParam().file)));
     EXPECT_EQ(publisher.figure("frames"), GetParam().frames);
-    EXPECT_EQ(publisher.figure("delivered"), GetParam().frames);
+    EXPECT_EQ(publisher.figure("published"), GetParam().frames);
     EXPECT_EQ(recorder.figure("lost"), 0);
     EXPECT_EQ(recorder.figure("first"), 1);
     EXPECT_EQ(recorder.figure("last"), GetParam().frames);
@@ -230,8 +228,7 @@ TEST_F(Tool_Frames, publishing_keeps_the_rate) {
     EXPECT_EQ(publisher.status(), 0);
     EXPECT_GE(watch.elapsed(), milliseconds(1000));
     EXPECT_EQ(publisher.figure("frames"), 26);
-    EXPECT_EQ(publisher.figure("no_consumer"), 26);
-    EXPECT_EQ(publisher.figure("delivered"), 0);
+    EXPECT_EQ(publisher.figure("published"), 26) << "whether anybody reads or not";
 }
 
 // ---- patterns ----
@@ -318,13 +315,12 @@ TEST_F(Tool_Frames, recording_of_a_channel_that_is_not_there_disturbs_no_other) 
         EXPECT_EQ(tool.status(), refused);
         EXPECT_TRUE(tool.says("there is no CAM_REC/1/0"));
     }
-    std::this_thread::sleep_for(relay_sleep_max);
     Tool_Process publisher =
         start_publisher({"--synthetic", "--channel", "1", "--fps", "20", "--count", "10"});
     EXPECT_EQ(publisher.status(), 0);
-    EXPECT_GT(publisher.figure("delivered"), 5) << "the recorder is still paired";
     recorder.signal(SIGTERM);
     EXPECT_EQ(recorder.status(), 0);
+    EXPECT_EQ(recorder.figure("frames"), 10) << "the recorder is still paired";
 }
 
 // ---- two streams in turn ----

@@ -15,22 +15,18 @@
 /// Fixture of tests with frames through a real center, from `publish` to `record`.
 class Tool_Frames : public Tool {
 protected:
-    static constexpr std::chrono::milliseconds relay_sleep_max{150};
-
     void SetUp() override {
         Tool::SetUp();
         ASSERT_TRUE(start_center(tool_configuration));
     }
 
-    /// A recorder that is ready for frames: a relay without consumers looks for new ones every
-    /// 50 ms only, and until then the frames of a producer are nobody's.
+    /// A recorder that has joined its stream.
     Tool_Process start_recorder(const std::vector<std::string>& more,
                                 const std::string& shell = "exec \"$@\"") {
         std::vector<std::string> words{"record", "--name", "RECODER", "--pair", "CAM_LOOP"};
         words.insert(words.end(), more.begin(), more.end());
         Tool_Process recorder = start(words, shell);
-        recorder.says("fed by CAM_LOOP/0/0: connected");
-        std::this_thread::sleep_for(relay_sleep_max);
+        recorder.says("fed by CAM_LOOP/0/0: ");
         return recorder;
     }
 
@@ -47,9 +43,7 @@ protected:
         EXPECT_EQ(process.status(), 0) << process.errors();
     }
 
-    /// What an index says of a stream: those of its frames that were written, in their order. A
-    /// machine that is busy enough costs frames at every rate; whoever demands all of them takes 10
-    /// per second, and else what is there is compared with what is named.
+    /// What an index says of a stream: those of its frames that were written, in their order.
     static std::string named_frames(const std::vector<Kept_Unit>& units, const std::string& index) {
         std::string frames;
         for (const Index_Line& line : index_lines(index)) {

@@ -23,6 +23,7 @@ inline constexpr int usage = 2;
 inline constexpr int no_center = 3;
 inline constexpr int refused = 4;
 inline constexpr int input_output = 5;
+inline constexpr int no_system = 6;
 
 /// The tool as a process of its own: standard output through a pipe, standard error in a file.
 class Tool_Process {
@@ -47,6 +48,8 @@ public:
 
     /// The figure behind "NAME=" in the last line of standard error.
     long figure(const std::string& name) const;
+
+    pid_t pid() const { return process_.pid(); }
 
     void signal(int number) { process_.signal(number); }
 
@@ -75,7 +78,12 @@ protected:
     static std::string stream(const std::string& name);
     static std::string sample(const std::string& name);
 
+    /// A killed consumer leaves its card for the center's host to sweep.
+    bool leaves_cards = false;
+
 private:
+    void remove_histories();
+
     std::string folder_;
     int started_ = 0;
 };

@@ -81,6 +81,11 @@ TEST_F(Tool_Usage, publish_names_what_is_wrong) {
     expect_publish_mistake({"x", "--unit-limit", "2147483520"}, "from 1 to 2147483519");
     expect_publish_mistake({"x", "--width", "70000"}, "from 1 to 65535");
     expect_publish_mistake({"x", "--wait", "soon"}, "'soon' is no number from 0 to 31536000");
+    expect_publish_mistake({"x", "--history", "4294967296"}, "from 1 to 4294967295");
+    expect_publish_mistake({"x", "--pace-limit", "61"}, "'61' is no number from 0 to 60");
+    expect_publish_mistake({"x", "--on-key-request", "fd:99"}, "descriptor 99 is not open");
+    expect_publish_mistake({"x", "--on-key-request", "signal:1:KILL"},
+                           "is neither signal:PID:NAME");
     expect_publish_mistake({"x", "--count", "0"}, "from 1 to 1000000000000");
     expect_mistake({"publish", "x", "--name", std::string(32, 'N')}, "has 32 characters");
     expect_mistake({"publish", "x", "--name", ""}, "the name is empty");
@@ -115,6 +120,11 @@ TEST_F(Tool_Usage, record_and_watch_name_what_is_wrong) {
     expect_record_mistake({"-o", path("x"), "--index", path("./x")},
                           "is the file that is recorded to");
     expect_mistake({"watch", "--name", "A", "--pair", "B", "--count", "x"}, "'x' is no whole");
+    expect_mistake({"watch", "--pair", "B"}, "--name is required, or --tap");
+    expect_record_mistake({"-o", "x", "--tap"}, "--tap");
+    expect_record_mistake({"-o", "x", "--folder", "other"}, "--tap");
+    expect_record_mistake({"-o", "x", "--from", "yesterday"}, "'yesterday' is none of newest");
+    expect_record_mistake({"-o", "x", "--switch-at-once"}, "--streams");
 }
 
 TEST_F(Tool_Usage, the_control_commands_name_what_is_wrong) {
