@@ -147,7 +147,7 @@ std::vector<Ring_Consumer_Snapshot> Ring_Consumers::snapshot() const {
 }
 
 void Ring_Consumers::forget_gone() {
-    const std::lock_guard guard(mutex_);
+    const Guard guard(mutex_);
     for (auto entry = entries_.begin(); entry != entries_.end();) {
         std::vector<Member>& members = entry->second.members;
         std::vector<Member>& missed = entry->second.missed;
