@@ -13,20 +13,43 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr const char* device_configuration = R"({
-    "System": {"kick_idle": true},
+// A client of the fixed interface that stands still while the center kicks does not register again
+// by itself.
+std::string device_configuration(bool kicks) {
+    return R"({
+    "System": {"kick_idle": )" +
+           std::string(kicks ? "true" : "false") + R"(},
     "Stream": [{"index": 0, "page_size": 65536}],
     "Distributor": [{"name": "CAM_LOOP", "channel": 1, "stream": [0]}],
     "Receiver": [{"name": "CONSUMER_0", "channel": 1, "stream": [0]},
                  {"name": "CONSUMER_1", "channel": 1, "stream": [0]},
                  {"name": "CONSUMER_2", "channel": 1, "stream": [0]}]
 })";
+}
 
 // In memory: a process that notes a frame in a file on a disk may have to wait for the disk.
 constexpr const char* log_folder = "/dev/shm/logs";
 constexpr const char* log_file_of_producer = "/dev/shm/logs/producer";
 
 constexpr std::int64_t window_ns = 300'000'000;
+
+// sem_open() fills a file of a random name and then gives it the semaphore's.
+bool is_unnamed_semaphore(const std::filesystem::path& file) {
+    const std::string name = file.filename();
+    return name.starts_with("sem.") && name.size() == 10;
+}
+
+void remove_unnamed_semaphores() {
+    std::vector<std::filesystem::path> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+        if (is_unnamed_semaphore(entry.path())) {
+            found.push_back(entry.path());
+        }
+    }
+    for (const auto& file : found) {
+        std::filesystem::remove(file);
+    }
+}
 
 }  // namespace
 
@@ -49,6 +72,7 @@ void Device::TearDown() {
     }
     std::filesystem::remove_all("/dev/shm/shm/rings");  // left_behind() judges what is there
     std::filesystem::remove_all(log_folder);
+    remove_unnamed_semaphores();
     Daemon_Process::TearDown();
 }
 
@@ -75,9 +99,10 @@ void Device::start_role(Role role, const std::string& test_point) {
     switch (role) {
         case Role::center:
             daemon.reset();
-            daemon.emplace(started(command({"--clean", "--kick-interval", kick_interval(),
-                                            "--config", configuration(device_configuration)}),
-                                   test_point));
+            daemon.emplace(
+                started(command({"--clean", "--kick-interval", "1", "--config",
+                                 configuration(device_configuration(!has_fixed_client()))}),
+                        test_point));
             break;
         case Role::producer:
             start_producer(test_point);
@@ -119,9 +144,6 @@ void Device::start_all(long fps) {
         start_subscriber(i);
     }
 }
-
-// Seconds. A client of the fixed interface that was kicked does not register again by itself.
-std::string Device::kick_interval() const { return has_fixed_client() ? "10" : "1"; }
 
 bool Device::has_fixed_client() const { return producer_is_fixed_ || consumer_0_is_fixed_; }
 
@@ -245,8 +267,10 @@ std::vector<std::string> Device::left_behind() {
         const bool is_card_of_killed =
             name.ends_with(".reader") &&
             !zav_shm::Seen_Card(entry.path().parent_path(), name).is_alive();
+        // The C library's, of a semaphore that a killed center was just making.
+        const bool is_unnamed = is_unnamed_semaphore(entry.path());
         const bool is_ours = entry.path().parent_path() == log_folder;
-        if (entry.is_regular_file() && !is_ours && !stays && !is_card_of_killed) {
+        if (entry.is_regular_file() && !is_ours && !is_unnamed && !stays && !is_card_of_killed) {
             left.push_back(entry.path());
         }
     }

@@ -84,7 +84,6 @@ protected:
 
 private:
     void start_producer(const std::string& test_point);
-    std::string kick_interval() const;
     Child_Process started(std::vector<std::string> command, const std::string& test_point) const;
 
     std::map<std::string, Frame_Log*> logs_;

@@ -30,7 +30,7 @@ constexpr milliseconds recovery_limit = 10s;
 
 // What is to be reached.
 constexpr long registration_ms = 1000;  // of all, from the restart of the center on
-constexpr std::int64_t greatest_gap_ns = 2 * frame_ns;
+constexpr std::int64_t greatest_gap_ns = 2 * frame_ns + 5 * ms;  // less is no stall to Stall_Watch
 constexpr long greatest_first_frame_ms = 150;  // from a successor's first publish() to its readers
 
 /// Who is of the fixed interface.
