@@ -37,8 +37,9 @@ constexpr std::size_t header_bytes = sizeof(ZAV_SHM_Frame_Header);
 // Of a stream that no center has said anything of.
 constexpr std::size_t default_frame_bytes = std::size_t{1} << 20;
 
-// How often publish() tries to make the history that could not be had.
-constexpr std::int64_t ring_retry_ns = 500'000'000;
+// How often publish() tries to make the history that could not be had, and looks whether the one
+// that it writes still has its name.
+constexpr std::int64_t ring_look_ns = 500'000'000;
 
 // For the own user, unless the center's host has made it for a group.
 constexpr mode_t own_folder = 0700;
@@ -83,9 +84,12 @@ private:
     bool make_ring();
     void feed_slot();
     bool begin_frame();
+    bool is_named() const;
+    std::string ring_path() const;
     std::span<std::byte> room_for(std::size_t payload_bytes);
     Result write(std::size_t payload_bytes, const Frame_Info& info);
     void add_those_of_others(Publisher_Counters& counters) const;
+    void add_those_of_readers(Publisher_Counters& counters) const;
     Result not_written(Publish_Outcome outcome, std::size_t payload_bytes);
     ZAV_SHM_Frame_Header header_of(std::size_t payload_bytes, const Frame_Info& info) const;
 
@@ -101,7 +105,7 @@ private:
     std::span<std::byte> room_;  // header and payload of the frame that is being written
     std::int64_t begun_ns_ = 0;
     bool on_loan_ = false;
-    std::int64_t next_try_ns_ = 0;
+    std::int64_t next_look_ns_ = 0;
 
     std::atomic<bool> open_{false};
     std::atomic<std::size_t> page_bytes_{0};
@@ -142,7 +146,7 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
     open_ = true;
     const Opened opened = standing->open(options_.center_wait);
     zav_shm::Link_Keeper::begin(standing);
-    next_try_ns_ = 0;
+    next_look_ns_ = 0;
     const bool has_ring = begin_frame();
     return opened.refused || has_ring ? opened : Opened{state(), reason(), false};
 }
@@ -160,8 +164,7 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
     const std::size_t configured =
         grant.names.history_bytes != 0 ? grant.names.history_bytes : 2 * frame_max;
     const std::size_t history = options_.history_bytes != 0 ? options_.history_bytes : configured;
-    const std::string path =
-        rings + "/" + zav_shm::channel_file_name(options_.name, options_.channel, options_.stream);
+    const std::string path = ring_path();
     zav_shm::Ring_Problem problem;
     if (std::max(history, frame_max + header_bytes) > std::numeric_limits<std::uint32_t>::max()) {
         problem = {zav_shm::Ring_Problem::Kind::system,
@@ -174,6 +177,7 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
                                               static_cast<std::uint32_t>(frame_max + header_bytes)},
                                              problem);
     }
+    std::shared_ptr<zav_shm::Slot_Feeder> former;  // whose thread ends when the mutex is free again
     {
         const zav_shm::Guard guard(mutex_);
         trouble_ = problem.kind == zav_shm::Ring_Problem::Kind::held
@@ -182,7 +186,10 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
         if (!writer_) {
             return false;
         }
-        feeder_ = std::make_shared<zav_shm::Slot_Feeder>(writer_->memory(), options_.paced);
+        add_those_of_readers(kept_);
+        former = std::exchange(
+            feeder_, std::make_shared<zav_shm::Slot_Feeder>(writer_->memory(), options_.paced));
+        pace_.reset();
     }
     page_bytes_ = frame_max;
     requests_.emplace(path);
@@ -243,15 +250,36 @@ bool ZAV_SHM_Frame_Publisher::Body::begin_frame() {
         writer_.reset();
         return false;
     }
-    if (writer_) {
+    const std::int64_t now = monotonic_ns();
+    if (now < next_look_ns_) {
+        return writer_ != nullptr;
+    }
+    next_look_ns_ = now + ring_look_ns;
+    if (writer_ && is_named()) {
         return true;
     }
-    const std::int64_t now = monotonic_ns();
-    if (now < next_try_ns_) {
-        return false;
-    }
-    next_try_ns_ = now + ring_retry_ns;
+    writer_.reset();  // says that nothing comes any more to those who read it still
     return make_ring();
+}
+
+// False when somebody has removed the file, or put another one in its place: whoever looks for it
+// does not find it. Who holds a center's grant leaves a folder that is gone to the center's host,
+// which knows its rights.
+bool ZAV_SHM_Frame_Publisher::Body::is_named() const {
+    struct stat status {};
+    const std::string path = ring_path();
+    if (stat(path.c_str(), &status) == 0) {
+        return status.st_ino == writer_->memory()->inode();
+    }
+    if (errno != ENOENT) {
+        return true;  // nobody can tell
+    }
+    return stat(zav_shm::ring_folder(path).c_str(), &status) != 0 && standing_->grant().number != 0;
+}
+
+std::string ZAV_SHM_Frame_Publisher::Body::ring_path() const {
+    return zav_shm::rings_folder(standing_->folder()) + "/" +
+           zav_shm::channel_file_name(options_.name, options_.channel, options_.stream);
 }
 
 std::span<std::byte> ZAV_SHM_Frame_Publisher::Body::room_for(std::size_t payload_bytes) {
@@ -391,6 +419,10 @@ void ZAV_SHM_Frame_Publisher::Body::add_those_of_others(Publisher_Counters& coun
     if (standing_) {
         counters.recoveries += standing_->recoveries();
     }
+    add_those_of_readers(counters);
+}
+
+void ZAV_SHM_Frame_Publisher::Body::add_those_of_readers(Publisher_Counters& counters) const {
     if (pace_) {
         counters.waits += pace_->waits();
         counters.given_up += pace_->given_up();

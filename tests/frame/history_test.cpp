@@ -93,6 +93,28 @@ TEST_F(History, outlives_its_publisher) {
     EXPECT_EQ(read_from(start::newest), std::vector<int>{});
 }
 
+TEST_F(History, that_somebody_has_removed_is_made_anew_and_no_reader_misses_anything) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    publish_numbers(camera, 1, 3);
+    for (const int first : {4, 7}) {
+        std::filesystem::remove(std::string(rings) + "/CAM_LOOP_0_0");
+        if (first == 7) {
+            std::filesystem::remove(std::string(rings) + "/CAM_LOOP_0_0.lock");
+        }
+        std::this_thread::sleep_for(600ms);
+        publish_numbers(camera, first, first + 2);
+        EXPECT_EQ(read_from(start::oldest), from_to(first, first + 2)) << "by a newcomer";
+        Received_Frame frame;
+        for (int number = first == 4 ? 1 : first; number <= first + 2; ++number) {
+            ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame) << number;
+            EXPECT_EQ(frame.payload().front(), static_cast<std::byte>(number));
+            EXPECT_EQ(frame.before.lost(), 0U) << number;
+            EXPECT_FALSE(frame.epoch_changed);
+        }
+    }
+}
+
 TEST_F(History, of_the_successor_follows_when_the_former_one_is_read) {
     ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
     ASSERT_TRUE(player.open());
