@@ -156,6 +156,19 @@ void warn_of_keys(Warnings& warnings, const std::string& where, const Json::Valu
     }
 }
 
+// Outside of "System" nobody looks for its keys.
+void warn_of_misplaced_keys(Warnings& warnings, const Json::Value& root) {
+    for (const std::string& key : root.getMemberNames()) {
+        const bool is_known =
+            std::find(system_keys.begin(), system_keys.end(), key) != system_keys.end();
+        const char* const meant = is_known ? key.c_str() : near_key(key, system_keys);
+        if (meant != nullptr) {
+            warnings.push_back("the key " + quoted(key) + " is ignored; \"" + meant +
+                               "\" belongs into \"System\"");
+        }
+    }
+}
+
 void warn_of_keys_in(Warnings& warnings, const Json::Value& root, const char* section, Keys known) {
     const Json::Value& list = root[section];
     if (!list.isArray()) {
@@ -178,6 +191,7 @@ std::vector<std::string> document_warnings(const std::string& text, const Json::
     warn_of_text_behind(found, text);
     if (root.isObject()) {
         warn_of_keys(found, "", root, section_keys);
+        warn_of_misplaced_keys(found, root);
         warn_of_keys(found, "System: ", root["System"], system_keys);
         warn_of_keys_in(found, root, "Stream", stream_keys);
         warn_of_keys_in(found, root, "Distributor", name_keys);

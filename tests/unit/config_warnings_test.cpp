@@ -50,6 +50,14 @@ TEST_F(Config_Warnings, unknown_keys_that_are_nearly_known_ones) {
                      "one"}));
 }
 
+TEST_F(Config_Warnings, keys_of_the_system_that_stand_outside_of_it) {
+    std::string text = Config_Text();
+    text.insert(1, R"("SHM_PATH": "x", "kick_idel": true, )");
+    EXPECT_EQ(warnings_of(text),
+              (Lines{"the key \"SHM_PATH\" is ignored; \"SHM_PATH\" belongs into \"System\"",
+                     "the key \"kick_idel\" is ignored; \"kick_idle\" belongs into \"System\""}));
+}
+
 TEST_F(Config_Warnings, unknown_keys_in_elements_of_the_lists) {
     EXPECT_EQ(
         warnings_of(Config_Text{
