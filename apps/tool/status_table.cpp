@@ -21,6 +21,12 @@ std::string number_at(const Json::Value& object, const char* member) {
     return std::to_string(count_at(object, member));
 }
 
+// A reader whose counters cannot be read has none of these, and one without a ring is behind
+// nothing.
+std::string figure_at(const Json::Value& reader, const char* member) {
+    return reader.isObject() && reader[member].isNumeric() ? number_at(reader, member) : "-";
+}
+
 Row row_of(const Json::Value& channel, const Json::Value* consumer) {
     return {channel_at(channel),
             number_at(channel, "frames"),
@@ -65,10 +71,10 @@ std::vector<Row> rows_of_readers(const Json::Value& readers) {
         rows.push_back({consumer.empty() ? "(tap)" : channel_text(consumer, channel, stream),
                         number_at(reader, "pid"),
                         producer.empty() ? "-" : channel_text(producer, channel, stream),
-                        number_at(reader, "behind"), number_at(reader, "received"),
-                        number_at(reader, "lost"), number_at(reader, "overtaken"),
-                        number_at(reader, "left_out"), number_at(reader, "no_memory"),
-                        number_at(reader, "dropped"), number_at(reader, "skipped")});
+                        figure_at(reader, "behind"), figure_at(reader, "received"),
+                        figure_at(reader, "lost"), figure_at(reader, "overtaken"),
+                        figure_at(reader, "left_out"), figure_at(reader, "no_memory"),
+                        figure_at(reader, "dropped"), figure_at(reader, "skipped")});
     }
     return rows;
 }
