@@ -84,12 +84,16 @@ bool ZAV_SHM_Frame_Dual_Subscriber::take_during_change(zav_shm::Received_Frame& 
         frame.header.publish_ns < key_frame_.header.publish_ns) {
         return true;
     }
+    change_over(frame);
+    return true;
+}
+
+void ZAV_SHM_Frame_Dual_Subscriber::change_over(zav_shm::Received_Frame& frame) {
     std::swap(frame, key_frame_);
     has_key_frame_ = false;
     of(current_).close();
     current_ = wanted_;
     ++changes_;
-    return true;
 }
 
 Receive_Status ZAV_SHM_Frame_Dual_Subscriber::receive(zav_shm::Received_Frame& frame,
@@ -106,6 +110,12 @@ Receive_Status ZAV_SHM_Frame_Dual_Subscriber::receive(zav_shm::Received_Frame& f
             end - std::chrono::steady_clock::now());
         status =
             of(current_).receive(frame, std::clamp<std::chrono::milliseconds>(left, 0ms, look));
+        // One camera's streams are published right after each other: the wanted key frame may have
+        // come just before this frame, and stands for it.
+        if (status == Receive_Status::frame && find_wanted_key_frame() &&
+            key_frame_.header.publish_ns <= frame.header.publish_ns) {
+            change_over(frame);
+        }
         if (left <= 0ms) {
             break;
         }

@@ -68,6 +68,7 @@ public:
 private:
     bool find_wanted_key_frame();
     bool take_during_change(zav_shm::Received_Frame& frame);
+    void change_over(zav_shm::Received_Frame& frame);
     ZAV_SHM_Frame_Subscriber& of(Stream stream) const { return *subscribers_[stream]; }
 
     std::unique_ptr<ZAV_SHM_Frame_Subscriber> subscribers_[2];

@@ -3,12 +3,15 @@
 // Main and sub stream of one camera: what comes out during a change from one to the other.
 #include "frame/frame_dual_subscriber.h"
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "frames_fixture.h"
 
 using namespace std::chrono_literals;
-using Change = ZAV_SHM_Frame_Dual_Subscriber::Change;
+using Dual = ZAV_SHM_Frame_Dual_Subscriber;
+using Change = Dual::Change;
 using zav_shm::Receive_Status;
 using zav_shm::Received_Frame;
 
@@ -39,7 +42,7 @@ protected:
 
     struct Picture {
         int number;
-        ZAV_SHM_Frame_Dual_Subscriber::Stream stream;
+        Dual::Stream stream;
         bool is_key;
         bool operator==(const Picture& other) const = default;
     };
@@ -54,12 +57,12 @@ protected:
         return all;
     }
 
-    static constexpr auto main = ZAV_SHM_Frame_Dual_Subscriber::main;
-    static constexpr auto sub = ZAV_SHM_Frame_Dual_Subscriber::sub;
+    static constexpr auto main = Dual::main;
+    static constexpr auto sub = Dual::sub;
 
     ZAV_SHM_Frame_Publisher main_{{.name = "CAM_LOOP", .history_bytes = 100'000}};
     ZAV_SHM_Frame_Publisher sub_{{.name = "CAM_LOOP", .stream = 1, .history_bytes = 100'000}};
-    ZAV_SHM_Frame_Dual_Subscriber player_{{.name = "PLAYER", .producer = "CAM_LOOP"}, 1};
+    Dual player_{{.name = "PLAYER", .producer = "CAM_LOOP"}, 1};
 
 private:
     static void publish_one(ZAV_SHM_Frame_Publisher& to, int number, bool is_key) {
@@ -144,6 +147,63 @@ TEST_F(Two_Streams, can_be_changed_again_and_again_while_pictures_come) {
         }
     }
     EXPECT_EQ(player_.changes(), 20U);
+}
+
+// A camera's two streams, each picture of the sub stream just before that of the main stream.
+class Dual_Streams : public Frames {
+protected:
+    void SetUp() override {
+        Frames::SetUp();
+        ASSERT_TRUE(main_.open());
+        ASSERT_TRUE(sub_.open());
+    }
+    void TearDown() override {
+        main_.close();
+        sub_.close();
+        Frames::TearDown();
+    }
+
+    void publish_picture(bool is_key) {
+        const zav_shm::Frame_Info info{.flags = is_key ? zav_shm::frame_flag::key_frame
+                                                       : std::uint16_t{0}};
+        EXPECT_TRUE(sub_.publish(payload(200), info).published());
+        EXPECT_TRUE(main_.publish(payload(1000), info).published());
+    }
+
+    ZAV_SHM_Frame_Publisher main_{{.name = "CAM_LOOP"}};
+    ZAV_SHM_Frame_Publisher sub_{{.name = "CAM_LOOP", .stream = 1}};
+};
+
+TEST_F(Dual_Streams, change_at_the_next_key_frame_without_a_gap) {
+    Dual player({.name = "PLAYER", .producer = "CAM_LOOP"}, 1);
+    ASSERT_TRUE(player.open());
+    std::atomic<bool> ends = false;
+    std::thread camera([&] {
+        for (int picture = 0; !ends; ++picture) {
+            publish_picture(picture % 10 == 0);
+            std::this_thread::sleep_for(10ms);
+        }
+    });
+    Received_Frame frame;
+    std::uint64_t sequence = 0;
+    int pictures = 0;
+    for (int change = 0; change < 4; ++change) {
+        const std::uint64_t before = player.changes();
+        static_cast<void>(player.select(change % 2 == 0 ? Dual::sub : Dual::main));
+        for (pictures = 0; player.changes() == before && pictures < 100; ++pictures) {
+            ASSERT_EQ(player.receive(frame, 2s), Receive_Status::frame);
+            // The picture of the change may come from both.
+            EXPECT_TRUE(sequence == 0 || frame.header.sequence == sequence + 1 ||
+                        (player.changes() != before && frame.header.sequence == sequence))
+                << frame.header.sequence << " after " << sequence;
+            sequence = frame.header.sequence;
+        }
+        EXPECT_LE(pictures, 30) << "a key frame comes with every tenth picture";
+        EXPECT_TRUE(frame.is_key_frame());
+    }
+    ends = true;
+    camera.join();
+    player.close();
 }
 
 }  // namespace
