@@ -159,12 +159,12 @@ TEST_F(Tool_Daemon, recording_goes_on_when_the_center_was_killed_and_started_aga
     EXPECT_EQ(publisher.status(), 0);
     recorder.signal(SIGTERM);
     EXPECT_EQ(recorder.status(), 0);
-    EXPECT_EQ(recorder.figure("reconnects"), 1);
+    EXPECT_GE(recorder.figure("reconnects"), 1);
     EXPECT_EQ(recorder.figure("damaged"), 0);
     EXPECT_EQ(recorder.figure("lost"), 0);
     EXPECT_EQ(recorder.figure("gaps"), 0);
     EXPECT_EQ(recorder.figure("last") - recorder.figure("first") + 1, recorder.figure("frames"));
-    EXPECT_EQ(publisher.figure("recoveries"), 1);
+    EXPECT_GE(publisher.figure("recoveries"), 1);
     EXPECT_EQ(publisher.figure("refused"), 0);
 }
 
