@@ -70,11 +70,16 @@ Json::Value Center_Link::request(const char* command) const {
 
 Registration Center_Link::register_end(std::chrono::milliseconds limit) {
     tried_epoch_ = epoch_of_center();
+    const bool was_there = is_center_alive(end_.folder);
     Json::Value registering = request(control::command::register_end);
     if (end_.type == std::string(control::type::receiver)) {
         registering[control::field::pair_name] = end_.producer;
     }
-    return read(Control_Exchange::ask(std::move(registering), limit));
+    Registration made = read(Control_Exchange::ask(std::move(registering), limit));
+    if (made && !was_there) {
+        tried_epoch_ = epoch_;  // the one that has come meanwhile, and answered, is not another
+    }
+    return made;
 }
 
 Registration Center_Link::pair(const std::string& producer, std::chrono::milliseconds limit) {

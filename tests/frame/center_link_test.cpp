@@ -106,6 +106,23 @@ TEST_F(Link, notices_a_center_that_comes_after_an_attempt) {
 }
 
 // Semaphores are shared with a relay only: a ring is the same to both.
+// Who registered with it while it was starting need not do so again.
+TEST_F(Link, takes_the_center_that_has_answered_for_no_other_one) {
+    publish_page(1);
+    zav_shm::remove_center_page("/shm");
+    std::thread coming([this] {
+        expect_request("register");
+        publish_page(2);
+        grant("register");
+    });
+    EXPECT_TRUE(link_.register_end(5s));
+    coming.join();
+    EXPECT_FALSE(link_.center_has_come());
+    EXPECT_FALSE(link_.is_stale());
+    publish_page(3);
+    EXPECT_TRUE(link_.center_has_come());
+}
+
 TEST_F(Link, is_refused_by_a_center_of_another_word_size_when_it_is_for_a_relay) {
     publish_page(1, sizeof(sem_t) / 2);
     for (Center_Link* const link : {&relayed_, &link_}) {
