@@ -124,14 +124,17 @@ void Frame_Supply::read_from(const std::string& producer, std::int64_t since_ns)
 
 // ---- ring or slot ----
 
-// A ring that is written wins, whatever the center has heard of its producer.
+// A ring that is written wins, whatever the center has heard of its producer. While this consumer
+// is being taken out of the relay, nothing is begun that brings it in: what comes out last counts.
 void Frame_Supply::choose_slot_or_ring(std::int64_t now_ns) {
     if (now_ns >= next_choice_ns_) {
         next_choice_ns_ = now_ns + ring_look_ns;
         const bool is_in_slot =
             frames_are_in_ == Route_Page::slot && !producer_.empty() && !is_written(path_);
         if (is_in_slot && !intake_) {
-            begin_intake();
+            if (standing_->is_renewed()) {
+                begin_intake();
+            }
         } else if (!is_in_slot && intake_) {
             standing_->renew();  // out of the relay
             read_from(producer_, read_since_ns_);

@@ -3,6 +3,8 @@
 
 #ifdef ZAV_SHM_TEST_POINTS
 
+#include <unistd.h>
+
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -19,13 +21,14 @@ struct Wanted {
     char object[32] = {};
     long count = 0;
     int signal = 0;
+    char begin[96] = {};  // the file that has to be there; empty: none
 };
 
 Wanted read_environment() {
     Wanted wanted;
     const char* const text = std::getenv("ZAV_SHM_TEST_POINT");
-    if (text == nullptr || std::sscanf(text, "%31s %31s %ld %d", wanted.place, wanted.object,
-                                       &wanted.count, &wanted.signal) != 4) {
+    if (text == nullptr || std::sscanf(text, "%31s %31s %ld %d %95s", wanted.place, wanted.object,
+                                       &wanted.count, &wanted.signal, wanted.begin) < 4) {
         return {};
     }
     return wanted;
@@ -52,6 +55,11 @@ void test_point(const char* place, const char* object) {
     static std::atomic<long> left{wanted.count};
     if (wanted.signal == 0 || std::strcmp(place, wanted.place) != 0 ||
         short_name(object) != wanted.object) {
+        return;
+    }
+    static std::atomic<bool> has_begun{wanted.begin[0] == '\0'};
+    if (!has_begun) {
+        has_begun = access(wanted.begin, F_OK) == 0;
         return;
     }
     if (left.fetch_sub(1) == 1) {

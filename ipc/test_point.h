@@ -10,10 +10,10 @@
 // and after each post, and in the middle of each copy. They exist in builds with the option
 // ZAV_SHM_TEST_POINTS only; in all others they are nothing.
 //
-// The environment of the process says where: ZAV_SHM_TEST_POINT="PLACE OBJECT COUNT SIGNAL", for
-// instance "before_post SRC_0 40 9" for the fortieth time that a post on semaphore 0 of a
-// producer's side is due. Objects are SRC_0 ... DST_2 for posts, and "write", "header" and "read"
-// for the place "copy".
+// The environment of the process says where: ZAV_SHM_TEST_POINT="PLACE OBJECT COUNT SIGNAL [FILE]",
+// for instance "before_post SRC_0 40 9" for the fortieth time that a post on semaphore 0 of a
+// producer's side is due. With a file, the counting begins once there is one of this name. Objects
+// are SRC_0 ... DST_2 for posts, and "write", "header" and "read" for the place "copy".
 
 namespace zav_shm {
 

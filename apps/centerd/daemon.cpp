@@ -11,6 +11,7 @@
 #include "apps/centerd/limits.h"
 #include "apps/centerd/memory_folder.h"
 #include "apps/centerd/ring_leftovers.h"
+#include "apps/centerd/semaphore_leftovers.h"
 #include "apps/centerd/service.h"
 #include "apps/centerd/signals.h"
 #include "apps/centerd/start_traces.h"
@@ -77,6 +78,7 @@ Outcome Daemon::run() {
         }
         return failed;
     }
+    remove_semaphore_leftovers();
     try {
         failed = serve();
     } catch (const std::bad_alloc&) {
@@ -195,6 +197,7 @@ void Daemon::remove_objects() const {
         }
     }
     remove_ring_leftovers(inventory_.rings_folder);
+    remove_semaphore_leftovers();
     queues_.remove();
 }
 

@@ -91,9 +91,10 @@ void Standing::close(std::chrono::milliseconds limit) {
 
 // Called with the lock held, as all that uses the link.
 bool Standing::attempt(std::chrono::milliseconds limit) {
-    renews_ = false;
+    const std::uint64_t wanted = renewals_wanted_;
     const bool granted = take_note(link_.register_end(limit));
     if (granted) {
+        renewals_granted_ = wanted;
         retry_.reset();
     } else {
         retry_.failed();
@@ -183,7 +184,7 @@ void Standing::follow(const std::string& producer) {
 }
 
 void Standing::renew() {
-    renews_ = true;
+    ++renewals_wanted_;
     Link_Keeper::wake();
 }
 
@@ -202,7 +203,7 @@ Clock::time_point Standing::keep(std::chrono::milliseconds limit) {
         if (has_come) {
             retry_.reset();
         }
-        const bool is_current = was_granted && !renews_ && !has_come && !link_.is_stale();
+        const bool is_current = was_granted && is_renewed() && !has_come && !link_.is_stale();
         const bool waits_for_another = state_ == Frame_State::refused && !has_come;
         if (is_current) {
             const bool is_gone = link_.center_is_gone();

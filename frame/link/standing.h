@@ -39,8 +39,11 @@ public:
     /// Somebody else has paired this consumer: it registers with that producer from now on.
     void follow(const std::string& producer);
 
-    /// Has it registered once more, soon.
+    /// Has it registered once more, soon: a consumer that reads rings is out of its relay then.
     void renew();
+
+    /// False from renew() until a center has granted that.
+    bool is_renewed() const { return renewals_granted_ == renewals_wanted_; }
 
     /// What the center has granted last; `number` is another one each time, and 0 before the first.
     struct Grant {
@@ -89,7 +92,8 @@ private:
 
     std::atomic<Frame_State> state_{Frame_State::closed};
     std::atomic<bool> leaves_{false};  // as soon as the thread is done with this end
-    std::atomic<bool> renews_{false};
+    std::atomic<std::uint64_t> renewals_wanted_{0};
+    std::atomic<std::uint64_t> renewals_granted_{0};  // how many of them
     std::atomic<std::uint64_t> recoveries_{0};
     std::atomic<std::int64_t> paired_ns_{0};
 };

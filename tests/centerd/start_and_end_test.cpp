@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <fcntl.h>
 #include <json/json.h>
+#include <semaphore.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -231,6 +232,69 @@ TEST_F(Daemon_Life, with_clean_leaves_what_others_made) {
     }
     ASSERT_TRUE(start({"--clean"}));
     EXPECT_EQ(end(), 0);
+}
+
+// ---- semaphores that were not finished ----
+
+class Unfinished_Semaphores : public Daemon_Life {
+protected:
+    // As the C library makes one before it gives it its name.
+    static std::string make(const std::string& letters, std::chrono::seconds age,
+                            unsigned posts = 0) {
+        const std::string name = "/" + letters;
+        sem_t* const made = sem_open(name.c_str(), O_CREAT | O_EXCL, 0600, posts);
+        EXPECT_NE(made, SEM_FAILED);
+        sem_close(made);
+        return aged("/dev/shm/sem." + letters, age);
+    }
+    static std::string aged(const std::string& path, std::chrono::seconds age) {
+        fs::last_write_time(path, fs::file_time_type::clock::now() - age);
+        return path;
+    }
+    static constexpr std::chrono::seconds old{61};
+};
+
+TEST_F(Unfinished_Semaphores, go_at_the_start) {
+    const std::string path = make("8wPoaq", old);
+    ASSERT_TRUE(start());
+    EXPECT_FALSE(fs::exists(path));
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(Unfinished_Semaphores, go_with_clean) {
+    ASSERT_TRUE(start({"--clean"}));
+    make("8wPoaq", old);
+    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(names_left(), 0U);
+}
+
+TEST_F(Unfinished_Semaphores, stay_while_they_may_become_whole) {
+    const std::string path = make("8wPoaq", std::chrono::seconds(50));
+    ASSERT_TRUE(start({"--clean"}));
+    EXPECT_EQ(end(), 0);
+    EXPECT_TRUE(fs::remove(path));
+}
+
+// They are somebody's, though they are called like this.
+TEST_F(Unfinished_Semaphores, are_told_from_others) {
+    const std::string posted = make("posted", old, 1);
+    const std::string longer = make("longer1", old);
+    const std::string in_use = make("in1use", old);
+    sem_t* const used = sem_open("/in1use", 0);
+    ASSERT_NE(used, SEM_FAILED);
+    const std::string of_other_length = make("length", old);
+    fs::resize_file(of_other_length, sizeof(sem_t) + 1);
+    aged(of_other_length, old);
+    const std::string of_other_user = make("user12", old);
+    ASSERT_EQ(chown(of_other_user.c_str(), 65534, 65534) == 0 || geteuid() != 0, true);
+    ASSERT_TRUE(start({"--clean"}));
+    EXPECT_EQ(end(), 0);
+    sem_close(used);
+    EXPECT_TRUE(fs::remove(posted));
+    EXPECT_TRUE(fs::remove(longer));
+    EXPECT_TRUE(fs::remove(in_use));
+    EXPECT_TRUE(fs::remove(of_other_length));
+    EXPECT_TRUE(fs::remove(of_other_user) || geteuid() != 0);
 }
 
 // ---- idle kick ----

@@ -9,6 +9,7 @@
 #include <memory>
 #include <thread>
 
+#include "frame/link/link_keeper.h"
 #include "frames_fixture.h"
 #include "ipc/monotonic_clock.h"
 #include "stream/zav_stream_processor.h"
@@ -248,6 +249,59 @@ TEST_F(Mixed, a_producer_that_changes_between_slot_and_ring_is_read_on) {
         }
         EXPECT_TRUE(becomes_true([this] { return relayed() == 0; }));
     }
+}
+
+/// Holds up the thread that registers the ends of this process again.
+class Slow_End : public zav_shm::Link_Keeper::End {
+public:
+    std::string watched_folder() const override { return "/shm"; }
+    zav_shm::Link_Keeper::Clock::time_point keep(std::chrono::milliseconds) override {
+        is_slow_ = true;
+        while (is_held) {
+            std::this_thread::sleep_for(1ms);
+        }
+        is_slow_ = false;
+        return zav_shm::Link_Keeper::Clock::time_point::max();
+    }
+    bool is_slow() const { return is_slow_; }
+
+    std::atomic<bool> is_held{false};
+
+private:
+    std::atomic<bool> is_slow_{false};
+};
+
+// What takes a subscriber out of the relay of a producer that went must not come after what brings
+// it into the relay of the one that came: a restarted center hears of a producer a moment later
+// than of its subscribers, who lost the frames of 400 ms by that.
+TEST_F(Mixed, a_subscriber_stays_in_the_relay_of_a_producer_that_comes_again) {
+    const Fixed_Writer camera(fixed_producer());
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    Received_Frame frame;
+    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    const auto slow = std::make_shared<Slow_End>();
+    slow->is_held = true;
+    ASSERT_TRUE(zav_shm::Link_Keeper::begin(slow));
+    ASSERT_TRUE(becomes_true([&] { return slow->is_slow(); }));
+    const std::uint64_t recoveries = player.counters().recoveries;
+    const std::string camera_0 =
+        R"("type":"Distributor","name":"CAM_LOOP","channel":0,"stream":0})";
+    ASSERT_EQ(field_of(client.ask(R"({"command":"deregister",)" + camera_0), "status"), "success");
+    while (player.receive(frame, 150ms) == Receive_Status::frame) {
+    }
+    ASSERT_EQ(field_of(client.ask(R"({"command":"register",)" + camera_0), "status"), "success");
+    player.receive(frame, 200ms);
+    slow->is_held = false;
+    const Stopwatch watch;
+    int frames = 0;
+    while (watch.elapsed() < 1s) {
+        frames += player.receive(frame, 50ms) == Receive_Status::frame ? 1 : 0;
+    }
+    zav_shm::Link_Keeper::end(slow);
+    EXPECT_GT(frames, 0);
+    EXPECT_EQ(relayed(), 1);
+    EXPECT_EQ(player.counters().recoveries, recoveries + 1) << "the one out of the relay";
 }
 
 TEST_F(Mixed, a_subscriber_is_paired_from_a_ring_to_a_slot_and_back) {

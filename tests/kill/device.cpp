@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 
 #include "ipc/monotonic_clock.h"
 #include "ring/reader_card.h"
@@ -30,6 +31,7 @@ std::string device_configuration(bool kicks) {
 // In memory: a process that notes a frame in a file on a disk may have to wait for the disk.
 constexpr const char* log_folder = "/dev/shm/logs";
 constexpr const char* log_file_of_producer = "/dev/shm/logs/producer";
+constexpr const char* arming_file = "/dev/shm/logs/armed";
 
 constexpr std::int64_t window_ns = 300'000'000;
 
@@ -39,15 +41,13 @@ bool is_unnamed_semaphore(const std::filesystem::path& file) {
     return name.starts_with("sem.") && name.size() == 10;
 }
 
-void remove_unnamed_semaphores() {
-    std::vector<std::filesystem::path> found;
+// The daemon takes what is older than a minute.
+void make_unnamed_semaphores_old() {
     for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
         if (is_unnamed_semaphore(entry.path())) {
-            found.push_back(entry.path());
+            std::filesystem::last_write_time(entry.path(),
+                                             std::filesystem::file_time_type::clock::now() - 2min);
         }
-    }
-    for (const auto& file : found) {
-        std::filesystem::remove(file);
     }
 }
 
@@ -72,7 +72,6 @@ void Device::TearDown() {
     }
     std::filesystem::remove_all("/dev/shm/shm/rings");  // left_behind() judges what is there
     std::filesystem::remove_all(log_folder);
-    remove_unnamed_semaphores();
     Daemon_Process::TearDown();
 }
 
@@ -86,7 +85,8 @@ Child_Process Device::started(std::vector<std::string> command,
                               const std::string& test_point) const {
     std::vector<std::string> environment = client_environment;
     if (!test_point.empty()) {
-        environment.push_back("ZAV_SHM_TEST_POINT=" + test_point);
+        std::filesystem::remove(arming_file);
+        environment.push_back("ZAV_SHM_TEST_POINT=" + test_point + " " + arming_file);
     }
     if (!environment.empty()) {
         environment.insert(environment.begin(), "/usr/bin/env");
@@ -94,6 +94,8 @@ Child_Process Device::started(std::vector<std::string> command,
     }
     return Child_Process(command);
 }
+
+void Device::arm() { std::ofstream(arming_file, std::ios::app); }
 
 void Device::start_role(Role role, const std::string& test_point) {
     switch (role) {
@@ -177,6 +179,7 @@ void Device::end_all() {
         producer.reset();
     }
     if (daemon) {
+        make_unnamed_semaphores_old();
         daemon->signal(SIGTERM);
         EXPECT_EQ(daemon->wait(10s), 0);
         daemon.reset();
@@ -267,10 +270,8 @@ std::vector<std::string> Device::left_behind() {
         const bool is_card_of_killed =
             name.ends_with(".reader") &&
             !zav_shm::Seen_Card(entry.path().parent_path(), name).is_alive();
-        // The C library's, of a semaphore that a killed center was just making.
-        const bool is_unnamed = is_unnamed_semaphore(entry.path());
         const bool is_ours = entry.path().parent_path() == log_folder;
-        if (entry.is_regular_file() && !is_ours && !is_unnamed && !stays && !is_card_of_killed) {
+        if (entry.is_regular_file() && !is_ours && !stays && !is_card_of_killed) {
             left.push_back(entry.path());
         }
     }

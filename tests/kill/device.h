@@ -30,9 +30,11 @@ protected:
 
     /// Starts, or starts again, the process of a role; consumer means the first subscriber.
     ///
-    /// @param test_point  where it is to end or stop (ipc/test_point.h); empty: nowhere
+    /// @param test_point  where it is to end or stop (ipc/test_point.h) once arm() was called;
+    ///                    empty: nowhere
     void start_role(Role role, const std::string& test_point = "");
     void start_subscriber(int index, const std::string& test_point = "", int work_ms = 0);
+    static void arm();
     void start_all(long fps);
     Child_Process& process_of(Role role);
     bool has_fixed_client() const;
