@@ -92,13 +92,16 @@ void Standing::close(std::chrono::milliseconds limit) {
 // Called with the lock held, as all that uses the link.
 bool Standing::attempt(std::chrono::milliseconds limit) {
     renews_ = false;
+    const Frame_State former = state_;
     const bool granted = take_note(link_.register_end(limit));
     if (granted) {
         retry_.reset();
     } else {
         retry_.failed();
     }
-    tell_change();
+    if (granted || state_ != former) {
+        tell_change();  // not each attempt in vain: it wakes who is told
+    }
     return granted;
 }
 
