@@ -128,6 +128,8 @@ private:
     std::string trouble_;      // why there is no history
     Publisher_Counters kept_;  // what those counted that went with a close()
 };
+    zav_shm::Mutex feeding_;  // held while a slot is put to use
+
 
 // ---- open and close ----
 
@@ -229,6 +231,8 @@ void ZAV_SHM_Frame_Publisher::Body::feed_slot() {
         if (grant.number != 0) {
             feeder->use(grant.names.segment, grant.names.sem_src, grant.names.sem_dst,
                         grant.names.sem_exist);
+    // One thread at a time: else a slot that was granted before could be used last.
+    const zav_shm::Guard feeding(feeding_);
         }
     }
 }
