@@ -16,6 +16,7 @@
 #include "frame/reader_pace.h"
 #include "frame/slot/slot_feeder.h"
 #include "ipc/annotated_mutex.h"
+#include "ipc/forks.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/random_epoch.h"
 #include "ipc/shared_memory_folder.h"
@@ -40,12 +41,11 @@ constexpr std::size_t default_frame_bytes = std::size_t{1} << 20;
 // How often publish() tries to make the history that could not be had.
 constexpr std::int64_t ring_retry_ns = 500'000'000;
 
+constexpr const char* of_parent = "opened by the process that forked this one; open another";
+
 // For the own user, unless the center's host has made it for a group.
 constexpr mode_t own_folder = 0700;
 
-// In builds for tests a process can be ended in the middle.
-void copy_payload(std::byte* to, std::span<const std::byte> payload) {
-    if (payload.empty()) {
 // A center refuses what is not configured; without one, nothing is to be written beside the rings.
 bool is_file_name(const std::string& name) {
     return !name.empty() && name.front() != '.' && name.find('/') == std::string::npos;
@@ -55,6 +55,9 @@ std::size_t twice(std::size_t bytes) {
     return bytes > std::numeric_limits<std::size_t>::max() / 2 ? bytes : 2 * bytes;
 }
 
+// In builds for tests a process can be ended in the middle.
+void copy_payload(std::byte* to, std::span<const std::byte> payload) {
+    if (payload.empty()) {
         return;
     }
     const std::size_t half = payload.size() / 2;
@@ -79,6 +82,10 @@ public:
     Result publish(std::span<const std::byte> payload, const Frame_Info& info);
     void set_format(const zav_shm::Frame_Format& format) { options_.format = format; }
     bool key_frame_requested() { return requests_ && requests_->take(); }
+
+    /// True in a child that was forked off the process that opened this. It has neither the threads
+    /// nor the right to say anything in its parent's name.
+    bool is_parents() const { return open_ && forks_ != zav_shm::forks_so_far(); }
 
     Frame_State state() const;
     std::string reason() const;
@@ -113,12 +120,15 @@ private:
     std::int64_t next_try_ns_ = 0;
 
     std::atomic<bool> open_{false};
+    std::atomic<unsigned> forks_{0};  // when it was opened
     std::atomic<std::size_t> page_bytes_{0};
     std::atomic<std::uint64_t> frames_{0};
     std::atomic<std::uint64_t> published_{0};
     std::atomic<std::uint64_t> bytes_{0};
     std::atomic<std::uint64_t> too_large_{0};
     std::atomic<std::uint64_t> refused_{0};
+
+    zav_shm::Mutex feeding_;  // held while a slot is put to use
 
     // Held for a few instructions. The publishing thread alone changes the next two, and reads them
     // without the mutex.
@@ -128,12 +138,13 @@ private:
     std::string trouble_;      // why there is no history
     Publisher_Counters kept_;  // what those counted that went with a close()
 };
-    zav_shm::Mutex feeding_;  // held while a slot is put to use
-
 
 // ---- open and close ----
 
 ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
+    if (is_parents()) {
+        return {Frame_State::closed, of_parent, false};
+    }
     if (open_) {
         return {state(), reason(), state() == Frame_State::refused};
     }
@@ -150,6 +161,7 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
         const zav_shm::Guard guard(mutex_);
         standing_ = standing;
     }
+    forks_ = zav_shm::forks_so_far();
     open_ = true;
     const Opened opened = standing->open(options_.center_wait);
     zav_shm::Link_Keeper::begin(standing);
@@ -219,6 +231,8 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
 
 // Called on any thread, when the center has granted the slot anew.
 void ZAV_SHM_Frame_Publisher::Body::feed_slot() {
+    // One thread at a time: else a slot that was granted before could be used last.
+    const zav_shm::Guard feeding(feeding_);
     std::shared_ptr<zav_shm::Slot_Feeder> feeder;
     std::shared_ptr<Standing> standing;
     {
@@ -231,15 +245,13 @@ void ZAV_SHM_Frame_Publisher::Body::feed_slot() {
         if (grant.number != 0) {
             feeder->use(grant.names.segment, grant.names.sem_src, grant.names.sem_dst,
                         grant.names.sem_exist);
-    // One thread at a time: else a slot that was granted before could be used last.
-    const zav_shm::Guard feeding(feeding_);
         }
     }
 }
 
 // Readers hear of the end last: a consumer that finds a closed history looks for its successor.
 void ZAV_SHM_Frame_Publisher::Body::close(std::chrono::milliseconds limit) {
-    if (!open_.exchange(false)) {
+    if (is_parents() || !open_.exchange(false)) {
         return;
     }
     zav_shm::Link_Keeper::end(standing_);
@@ -263,6 +275,9 @@ void ZAV_SHM_Frame_Publisher::Body::close(std::chrono::milliseconds limit) {
 
 // True when there is a history to write.
 bool ZAV_SHM_Frame_Publisher::Body::begin_frame() {
+    if (is_parents()) {
+        return false;
+    }
     if (!open_ || standing_->state() == Frame_State::refused) {
         writer_.reset();
         return false;
@@ -376,6 +391,9 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::not_written(
     if (!open_) {
         return {outcome, payload_bytes, page_bytes_, "closed"};
     }
+    if (is_parents()) {
+        return {outcome, payload_bytes, page_bytes_, of_parent};
+    }
     const bool refused = standing_->state() == Frame_State::refused;
     return {refused ? Publish_Outcome::refused : outcome, payload_bytes, page_bytes_, reason()};
 }
@@ -383,6 +401,9 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::not_written(
 // ---- asked from any thread ----
 
 Frame_State ZAV_SHM_Frame_Publisher::Body::state() const {
+    if (is_parents()) {
+        return Frame_State::closed;
+    }
     const zav_shm::Guard guard(mutex_);
     if (!open_ || !standing_) {
         return Frame_State::closed;
@@ -392,6 +413,9 @@ Frame_State ZAV_SHM_Frame_Publisher::Body::state() const {
 }
 
 std::string ZAV_SHM_Frame_Publisher::Body::reason() const {
+    if (is_parents()) {
+        return of_parent;
+    }
     const zav_shm::Guard guard(mutex_);
     if (!trouble_.empty() || !standing_) {
         return trouble_;
@@ -432,7 +456,15 @@ void ZAV_SHM_Frame_Publisher::Body::add_those_of_others(Publisher_Counters& coun
 ZAV_SHM_Frame_Publisher::ZAV_SHM_Frame_Publisher(Options options)
     : body_(std::make_unique<Body>(std::move(options))) {}
 
-ZAV_SHM_Frame_Publisher::~ZAV_SHM_Frame_Publisher() { close(); }
+// What a parent opened is left as it is: its threads, which the members would wait for, are not in
+// the child.
+ZAV_SHM_Frame_Publisher::~ZAV_SHM_Frame_Publisher() {
+    if (body_->is_parents()) {
+        static_cast<void>(body_.release());
+        return;
+    }
+    close();
+}
 
 ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::open() { return body_->open(); }
 

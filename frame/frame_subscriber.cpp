@@ -17,6 +17,7 @@
 #include "frame/link/standing.h"
 #include "ipc/annotated_mutex.h"
 #include "ipc/deadline.h"
+#include "ipc/forks.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/shared_memory_folder.h"
 #include "ring/reader_card.h"
@@ -37,6 +38,11 @@ constexpr std::int64_t ns_per_second = 1'000'000'000;
 
 // Without a frame for this long the producer is what is waited for.
 constexpr std::int64_t producer_limit_ns = ns_per_second;
+
+// How often a reader looks whether its card is still where others look for it.
+constexpr std::int64_t card_look_ns = ns_per_second;
+
+constexpr const char* of_parent = "opened by the process that forked this one; open another";
 
 // Between two attempts to wake a receive() that is to end.
 constexpr auto wake_again = 50us;
@@ -66,7 +72,9 @@ public:
     Receive_Status receive_view(zav_shm::Frame_View& view, std::chrono::milliseconds timeout) {
         return take(view, timeout, true, [&] { return source_.view_next(view); });
     }
-    void seek(const zav_shm::Start& from) { source_.seek(from); }
+    void seek(const zav_shm::Start& from) {
+        use_source([&] { source_.seek(from); });
+    }
     int descriptor();
     bool request_key_frame() const;
 
@@ -76,10 +84,17 @@ public:
 
 private:
     using Standing = zav_shm::Standing;
+    /// True in a child that was forked off the process that opened this. It has neither the threads
+    /// nor the right to say anything in its parent's name.
+    bool is_parents() const { return open_ && forks_ != zav_shm::forks_so_far(); }
+
 
     template <class Next>
     Receive_Status take(Frame_Facts& frame, std::chrono::milliseconds timeout, bool in_place,
                         const Next& next);
+    template <class Use>
+    void use_source(const Use& use);
+    void keep_card(std::int64_t now_ns);
     void note(const Frame_Facts& frame);
     void show_progress();
     void note_missed();
@@ -98,6 +113,7 @@ private:
 
     // Of the receiving thread, and of open() and close().
     zav_shm::Frame_Supply supply_;
+    std::atomic<unsigned> forks_{0};  // when it was opened
     Frame_Source& source_;  // its own
     std::unique_ptr<zav_shm::Frame_Poll> poll_;
     zav_shm::Frame_Losses counted_;  // of what was missed since the frame that was handed out last
@@ -137,6 +153,9 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     }
     const std::string card_name = zav_shm::Own_Card::new_name();
     Opened opened{Frame_State::connected, {}, false};
+    if (is_parents()) {
+        return {Frame_State::closed, of_parent, false};
+    }
     if (!is_tap()) {
         auto standing = std::make_shared<Standing>(
             zav_shm::Channel_End{.type = zav_shm::control::type::receiver,
@@ -161,11 +180,15 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
 
 void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
     const zav_shm::Guard guard(control_);
+    forks_ = zav_shm::forks_so_far();
     if (!open_.exchange(false)) {
         return;
     }
     while (receiving_) {
         supply_.wake();
+    if (is_parents()) {
+        return;
+    }
         std::this_thread::sleep_for(wake_again);
     }
     poll_.reset();
@@ -188,6 +211,9 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
     }
     const zav_shm::Guard guard(control_, std::adopt_lock);
     if (!standing_) {
+    if (is_parents()) {
+        return {Frame_State::closed, of_parent, false};
+    }
         return {Frame_State::closed, is_tap() ? "a tap is paired with nobody" : "closed", false};
     }
     const auto left =
@@ -243,6 +269,10 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
             break;
         }
         note_missed();
+    if (is_parents()) {
+        receiving_ = false;
+        return Receive_Status::closed;
+    }
         if (got == Frame_Source::Got::missed || source_.changes_over()) {
             continue;
         }
@@ -286,6 +316,16 @@ void ZAV_SHM_Frame_Subscriber::Body::note(const Frame_Facts& frame) {
 }
 
 // To a publisher that waits for its readers.
+// What the receiving thread does beside receiving; a close() on another thread waits for it, too.
+template <class Use>
+void ZAV_SHM_Frame_Subscriber::Body::use_source(const Use& use) {
+    receiving_ = true;
+    if (open_ && !is_parents()) {
+        use();
+    }
+    receiving_ = false;
+}
+
 void ZAV_SHM_Frame_Subscriber::Body::show_progress() {
     if (const auto* const reader = source_.reader()) {
         card_->move_to(reader->memory(), reader->cursor());
@@ -327,10 +367,14 @@ void ZAV_SHM_Frame_Subscriber::Body::ask_for_key_frame() {
 // ---- asked from any thread ----
 
 int ZAV_SHM_Frame_Subscriber::Body::descriptor() {
-    if (!poll_ && open_) {
-        poll_ = zav_shm::Frame_Poll::begin();
-    }
-    return poll_ ? poll_->descriptor() : -1;
+    int descriptor = -1;
+    use_source([&] {
+        if (!poll_) {
+            poll_ = zav_shm::Frame_Poll::begin();
+        }
+        descriptor = poll_ ? poll_->descriptor() : -1;
+    });
+    return descriptor;
 }
 
 bool ZAV_SHM_Frame_Subscriber::Body::request_key_frame() const {
@@ -381,6 +425,9 @@ zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {
     now.recoveries = slots.recoveries + (standing_ ? standing_->recoveries() : 0);
     now.timeouts_no_frame = slots.timeouts_no_frame;
     now.timeouts_no_relay = slots.timeouts_no_relay;
+    if (is_parents()) {
+        return Frame_State::closed;
+    }
     return now;
 }
 
@@ -389,7 +436,15 @@ zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {
 ZAV_SHM_Frame_Subscriber::ZAV_SHM_Frame_Subscriber(Options options)
     : body_(std::make_unique<Body>(std::move(options))) {}
 
-ZAV_SHM_Frame_Subscriber::~ZAV_SHM_Frame_Subscriber() { close(); }
+// What a parent opened is left as it is: its threads, which the members would wait for, are not in
+// the child, and its card is to stay.
+ZAV_SHM_Frame_Subscriber::~ZAV_SHM_Frame_Subscriber() {
+    if (body_->is_parents()) {
+        static_cast<void>(body_.release());
+        return;
+    }
+    close();
+}
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::open() { return body_->open(); }
 
@@ -398,6 +453,9 @@ void ZAV_SHM_Frame_Subscriber::close(std::chrono::milliseconds limit) { body_->c
 Receive_Status ZAV_SHM_Frame_Subscriber::receive(zav_shm::Received_Frame& frame,
                                                  std::chrono::milliseconds timeout) {
     return body_->receive(frame, timeout);
+    if (is_parents()) {
+        return of_parent;
+    }
 }
 
 Receive_Status ZAV_SHM_Frame_Subscriber::receive_view(zav_shm::Frame_View& view,
