@@ -82,12 +82,12 @@ public:
     std::string reason() const;
     zav_shm::Subscriber_Counters counters() const;
 
-private:
-    using Standing = zav_shm::Standing;
     /// True in a child that was forked off the process that opened this. It has neither the threads
     /// nor the right to say anything in its parent's name.
     bool is_parents() const { return open_ && forks_ != zav_shm::forks_so_far(); }
 
+private:
+    using Standing = zav_shm::Standing;
 
     template <class Next>
     Receive_Status take(Frame_Facts& frame, std::chrono::milliseconds timeout, bool in_place,
@@ -108,12 +108,12 @@ private:
     const Options options_;
     zav_shm::Mutex control_;  // of open(), close() and pair(); held through exchanges
     std::atomic<bool> open_{false};
+    std::atomic<unsigned> forks_{0};  // when it was opened
     std::atomic<bool> receiving_{false};
     std::atomic<std::int64_t> opened_ns_{0};
 
     // Of the receiving thread, and of open() and close().
     zav_shm::Frame_Supply supply_;
-    std::atomic<unsigned> forks_{0};  // when it was opened
     Frame_Source& source_;  // its own
     std::unique_ptr<zav_shm::Frame_Poll> poll_;
     zav_shm::Frame_Losses counted_;  // of what was missed since the frame that was handed out last
@@ -148,15 +148,15 @@ ZAV_SHM_Frame_Subscriber::Body::Body(Options options)
 // ---- open, close, pair ----
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
+    if (is_parents()) {
+        return {Frame_State::closed, of_parent, false};
+    }
     const zav_shm::Guard guard(control_);
     if (open_) {
         return {state(), reason(), state() == Frame_State::refused};
     }
     const std::string card_name = zav_shm::Own_Card::new_name();
     Opened opened{Frame_State::connected, {}, false};
-    if (is_parents()) {
-        return {Frame_State::closed, of_parent, false};
-    }
     if (!is_tap()) {
         auto standing = std::make_shared<Standing>(
             zav_shm::Channel_End{.type = zav_shm::control::type::receiver,
@@ -175,21 +175,21 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     begin_card(card_name);
     opened_ns_ = monotonic_ns();
     supply_.begin(standing_, options_.producer, card_name, *card_);
+    forks_ = zav_shm::forks_so_far();
     open_ = true;
     return opened;
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
+    if (is_parents()) {
+        return;
+    }
     const zav_shm::Guard guard(control_);
-    forks_ = zav_shm::forks_so_far();
     if (!open_.exchange(false)) {
         return;
     }
     while (receiving_) {
         supply_.wake();
-    if (is_parents()) {
-        return;
-    }
         std::this_thread::sleep_for(wake_again);
     }
     poll_.reset();
@@ -206,15 +206,15 @@ void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
     const std::string& producer, std::chrono::milliseconds limit) {
+    if (is_parents()) {
+        return {Frame_State::closed, of_parent, false};
+    }
     const auto end = zav_shm::moment_after(limit);
     if (!zav_shm::lock_until(control_, end)) {
         return {state(), "another call is under way", false};
     }
     const zav_shm::Guard guard(control_, std::adopt_lock);
     if (!standing_) {
-    if (is_parents()) {
-        return {Frame_State::closed, of_parent, false};
-    }
         return {Frame_State::closed, is_tap() ? "a tap is paired with nobody" : "closed", false};
     }
     const auto left =
@@ -264,6 +264,10 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
     // Before the flag is looked at: close() clears it and then waits for this one.
     receiving_ = true;
     Receive_Status status = Receive_Status::timeout;
+    if (is_parents()) {
+        receiving_ = false;
+        return Receive_Status::closed;
+    }
     if (std::exchange(holds_view_, false) && open_) {
         show_progress();
     }
@@ -275,11 +279,11 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
             break;
         }
         supply_.follow(now);
+        keep_card(now);
         const Frame_Source::Got got = next();
         if (got == Frame_Source::Got::frame) {
             note(frame);
             holds_view_ = in_place;
-        keep_card(now);
             if (!in_place) {
                 show_progress();  // a frame that is viewed is still needed
             }
@@ -303,11 +307,23 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
                 supply_.look_closely();
             }
         } else if (poll_) {
-            poll_->nothing_left(source_.ring(), source_.next_number(), supply_.ring_path());
+            poll_->nothing_left(
+                {source_.ring(), source_.next_number(), supply_.ring_path(), supply_.route()});
+            supply_.look_closely();  // when it has something to say
         }
     }
     receiving_ = false;
     return status;
+}
+
+// What the receiving thread does beside receiving; a close() on another thread waits for it, too.
+template <class Use>
+void ZAV_SHM_Frame_Subscriber::Body::use_source(const Use& use) {
+    receiving_ = true;
+    if (open_ && !is_parents()) {
+        use();
+    }
+    receiving_ = false;
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::note(const Frame_Facts& frame) {
@@ -334,16 +350,6 @@ void ZAV_SHM_Frame_Subscriber::Body::note(const Frame_Facts& frame) {
 }
 
 // To a publisher that waits for its readers.
-// What the receiving thread does beside receiving; a close() on another thread waits for it, too.
-template <class Use>
-void ZAV_SHM_Frame_Subscriber::Body::use_source(const Use& use) {
-    receiving_ = true;
-    if (open_ && !is_parents()) {
-        use();
-    }
-    receiving_ = false;
-}
-
 void ZAV_SHM_Frame_Subscriber::Body::show_progress() {
     if (const auto* const reader = source_.reader()) {
         card_->move_to(reader->memory(), reader->cursor());
@@ -410,6 +416,9 @@ std::shared_ptr<zav_shm::Standing> ZAV_SHM_Frame_Subscriber::Body::standing() co
 }
 
 Frame_State ZAV_SHM_Frame_Subscriber::Body::state() const {
+    if (is_parents()) {
+        return Frame_State::closed;
+    }
     const zav_shm::Guard guard(mutex_);
     if (!open_) {
         return Frame_State::closed;
@@ -427,6 +436,9 @@ Frame_State ZAV_SHM_Frame_Subscriber::Body::state() const {
 }
 
 std::string ZAV_SHM_Frame_Subscriber::Body::reason() const {
+    if (is_parents()) {
+        return of_parent;
+    }
     const zav_shm::Guard guard(mutex_);
     const std::string reason = standing_ ? standing_->reason() : std::string();
     return reason.empty() ? supply_.trouble() : reason;
@@ -443,9 +455,6 @@ zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {
     now.recoveries = slots.recoveries + (standing_ ? standing_->recoveries() : 0);
     now.timeouts_no_frame = slots.timeouts_no_frame;
     now.timeouts_no_relay = slots.timeouts_no_relay;
-    if (is_parents()) {
-        return Frame_State::closed;
-    }
     return now;
 }
 
@@ -471,9 +480,6 @@ void ZAV_SHM_Frame_Subscriber::close(std::chrono::milliseconds limit) { body_->c
 Receive_Status ZAV_SHM_Frame_Subscriber::receive(zav_shm::Received_Frame& frame,
                                                  std::chrono::milliseconds timeout) {
     return body_->receive(frame, timeout);
-    if (is_parents()) {
-        return of_parent;
-    }
 }
 
 Receive_Status ZAV_SHM_Frame_Subscriber::receive_view(zav_shm::Frame_View& view,
