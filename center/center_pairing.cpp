@@ -46,11 +46,9 @@ int ZAV_SHM_CENTER::verify_ring_pair_msg(const Request& request) {
     std::string reason;
     if (request.type != type::receiver || consumers.find(request.name) == nullptr) {
         reason = "Can't Find Shm Name " + request.name;
-    } else if (request.pair_name == no_producer) {
-        return 1;
-    } else if (producers.find(request.pair_name) == nullptr) {
+    } else if (request.pair_name != no_producer && producers.find(request.pair_name) == nullptr) {
         reason = "Can't Find Shm Pair Name " + request.pair_name;
-    } else if (!producer_has_channel(request)) {
+    } else if (request.pair_name != no_producer && !producer_has_channel(request)) {
         reason = request.pair_name + " has no channel " + std::to_string(request.channel) +
                  ", stream " + std::to_string(request.stream);
     } else {

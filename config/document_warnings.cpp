@@ -164,7 +164,7 @@ void warn_of_misplaced_keys(Warnings& warnings, const Json::Value& root) {
         const char* const meant = is_known ? key.c_str() : near_key(key, system_keys);
         if (meant != nullptr) {
             warnings.push_back("the key " + quoted(key) + " is ignored; \"" + meant +
-                               "\" belongs into \"System\"");
+                               R"(" belongs into "System")");
         }
     }
 }

@@ -118,7 +118,7 @@ Frame_Cursor::Found Frame_Cursor::find(Ring_Reader& reader, Ring_Record& record,
         if (is_left_out(reader, record)) {
             continue;
         }
-        ZAV_SHM_Frame_Header header;
+        ZAV_SHM_Frame_Header header{};
         const bool copied = reader.copy(record, 0, std::as_writable_bytes(std::span(&header, 1)));
         if (!reader.is_in_reach(record.number)) {
             continue;

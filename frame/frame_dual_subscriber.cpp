@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "ipc/deadline.h"
+
 using namespace std::chrono_literals;
 using zav_shm::Receive_Status;
 
@@ -98,8 +100,7 @@ void ZAV_SHM_Frame_Dual_Subscriber::change_over(zav_shm::Received_Frame& frame) 
 
 Receive_Status ZAV_SHM_Frame_Dual_Subscriber::receive(zav_shm::Received_Frame& frame,
                                                       std::chrono::milliseconds timeout) {
-    const auto end =
-        std::chrono::steady_clock::now() + std::min<std::chrono::milliseconds>(timeout, 24h * 365);
+    const auto end = zav_shm::moment_after(timeout);
     Receive_Status status = Receive_Status::timeout;
     while (is_changing() && status == Receive_Status::timeout) {
         if (take_during_change(frame)) {

@@ -16,6 +16,7 @@
 #include "frame/reader_pace.h"
 #include "frame/slot/slot_feeder.h"
 #include "ipc/annotated_mutex.h"
+#include "ipc/forks.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/random_epoch.h"
 #include "ipc/shared_memory_folder.h"
@@ -41,8 +42,19 @@ constexpr std::size_t default_frame_bytes = std::size_t{1} << 20;
 // that it writes still has its name.
 constexpr std::int64_t ring_look_ns = 500'000'000;
 
+constexpr const char* of_parent = "opened by the process that forked this one; open another";
+
 // For the own user, unless the center's host has made it for a group.
 constexpr mode_t own_folder = 0700;
+
+// A center refuses what is not configured; without one, nothing is to be written beside the rings.
+bool is_file_name(const std::string& name) {
+    return !name.empty() && name.front() != '.' && name.find('/') == std::string::npos;
+}
+
+std::size_t twice(std::size_t bytes) {
+    return bytes > std::numeric_limits<std::size_t>::max() / 2 ? bytes : 2 * bytes;
+}
 
 // In builds for tests a process can be ended in the middle.
 void copy_payload(std::byte* to, std::span<const std::byte> payload) {
@@ -71,6 +83,10 @@ public:
     Result publish(std::span<const std::byte> payload, const Frame_Info& info);
     void set_format(const zav_shm::Frame_Format& format) { options_.format = format; }
     bool key_frame_requested() { return requests_ && requests_->take(); }
+
+    /// True in a child that was forked off the process that opened this. It has neither the threads
+    /// nor the right to say anything in its parent's name.
+    bool is_parents() const { return open_ && forks_ != zav_shm::forks_so_far(); }
 
     Frame_State state() const;
     std::string reason() const;
@@ -108,12 +124,15 @@ private:
     std::int64_t next_look_ns_ = 0;
 
     std::atomic<bool> open_{false};
+    std::atomic<unsigned> forks_{0};  // when it was opened
     std::atomic<std::size_t> page_bytes_{0};
     std::atomic<std::uint64_t> frames_{0};
     std::atomic<std::uint64_t> published_{0};
     std::atomic<std::uint64_t> bytes_{0};
     std::atomic<std::uint64_t> too_large_{0};
     std::atomic<std::uint64_t> refused_{0};
+
+    zav_shm::Mutex feeding_;  // held while a slot is put to use
 
     // Held for a few instructions. The publishing thread alone changes the next two, and reads them
     // without the mutex.
@@ -127,6 +146,9 @@ private:
 // ---- open and close ----
 
 ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
+    if (is_parents()) {
+        return {Frame_State::closed, of_parent, false};
+    }
     if (open_) {
         return {state(), reason(), state() == Frame_State::refused};
     }
@@ -143,6 +165,7 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
         const zav_shm::Guard guard(mutex_);
         standing_ = standing;
     }
+    forks_ = zav_shm::forks_so_far();
     open_ = true;
     const Opened opened = standing->open(options_.center_wait);
     zav_shm::Link_Keeper::begin(standing);
@@ -162,14 +185,25 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
         grant.names.page_bytes != 0 ? grant.names.page_bytes : default_frame_bytes;
     const std::size_t frame_max = options_.frame_bytes_max != 0 ? options_.frame_bytes_max : page;
     const std::size_t configured =
-        grant.names.history_bytes != 0 ? grant.names.history_bytes : 2 * frame_max;
+        grant.names.history_bytes != 0 ? grant.names.history_bytes : twice(frame_max);
     const std::size_t history = options_.history_bytes != 0 ? options_.history_bytes : configured;
     const std::string path = ring_path();
     zav_shm::Ring_Problem problem;
-    if (std::max(history, frame_max + header_bytes) > std::numeric_limits<std::uint32_t>::max()) {
+    constexpr std::size_t bytes_max = std::numeric_limits<std::uint32_t>::max();
+    if (!is_file_name(options_.name)) {
+        problem = {zav_shm::Ring_Problem::Kind::system,
+                   "the name \"" + options_.name +
+                       "\" cannot name a file: it is empty, begins with a dot or has a slash",
+                   0};
+    } else if (frame_max > bytes_max - header_bytes) {  // their sum may not fit
+        problem = {zav_shm::Ring_Problem::Kind::system,
+                   "frames of " + std::to_string(frame_max) + " bytes; the limit is " +
+                       std::to_string(bytes_max - header_bytes),
+                   0};
+    } else if (history > bytes_max) {
         problem = {zav_shm::Ring_Problem::Kind::system,
                    "a history of " + std::to_string(history) + " bytes for frames of " +
-                       std::to_string(frame_max) + " is more than 4294967295",
+                       std::to_string(frame_max) + " is more than " + std::to_string(bytes_max),
                    0};
     } else {
         writer_ = zav_shm::Ring_Writer::open(path,
@@ -204,6 +238,8 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
 
 // Called on any thread, when the center has granted the slot anew.
 void ZAV_SHM_Frame_Publisher::Body::feed_slot() {
+    // One thread at a time: else a slot that was granted before could be used last.
+    const zav_shm::Guard feeding(feeding_);
     std::shared_ptr<zav_shm::Slot_Feeder> feeder;
     std::shared_ptr<Standing> standing;
     {
@@ -222,7 +258,7 @@ void ZAV_SHM_Frame_Publisher::Body::feed_slot() {
 
 // Readers hear of the end last: a consumer that finds a closed history looks for its successor.
 void ZAV_SHM_Frame_Publisher::Body::close(std::chrono::milliseconds limit) {
-    if (!open_.exchange(false)) {
+    if (is_parents() || !open_.exchange(false)) {
         return;
     }
     zav_shm::Link_Keeper::end(standing_);
@@ -246,6 +282,9 @@ void ZAV_SHM_Frame_Publisher::Body::close(std::chrono::milliseconds limit) {
 
 // True when there is a history to write.
 bool ZAV_SHM_Frame_Publisher::Body::begin_frame() {
+    if (is_parents()) {
+        return false;
+    }
     if (!open_ || standing_->state() == Frame_State::refused) {
         writer_.reset();
         return false;
@@ -380,6 +419,9 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::not_written(
     if (!open_) {
         return {outcome, payload_bytes, page_bytes_, "closed"};
     }
+    if (is_parents()) {
+        return {outcome, payload_bytes, page_bytes_, of_parent};
+    }
     const bool refused = standing_->state() == Frame_State::refused;
     return {refused ? Publish_Outcome::refused : outcome, payload_bytes, page_bytes_, reason()};
 }
@@ -387,6 +429,9 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::not_written(
 // ---- asked from any thread ----
 
 Frame_State ZAV_SHM_Frame_Publisher::Body::state() const {
+    if (is_parents()) {
+        return Frame_State::closed;
+    }
     const zav_shm::Guard guard(mutex_);
     if (!open_ || !standing_) {
         return Frame_State::closed;
@@ -396,6 +441,9 @@ Frame_State ZAV_SHM_Frame_Publisher::Body::state() const {
 }
 
 std::string ZAV_SHM_Frame_Publisher::Body::reason() const {
+    if (is_parents()) {
+        return of_parent;
+    }
     const zav_shm::Guard guard(mutex_);
     if (!trouble_.empty() || !standing_) {
         return trouble_;
@@ -440,7 +488,15 @@ void ZAV_SHM_Frame_Publisher::Body::add_those_of_readers(Publisher_Counters& cou
 ZAV_SHM_Frame_Publisher::ZAV_SHM_Frame_Publisher(Options options)
     : body_(std::make_unique<Body>(std::move(options))) {}
 
-ZAV_SHM_Frame_Publisher::~ZAV_SHM_Frame_Publisher() { close(); }
+// What a parent opened is left as it is: its threads, which the members would wait for, are not in
+// the child.
+ZAV_SHM_Frame_Publisher::~ZAV_SHM_Frame_Publisher() {
+    if (body_->is_parents()) {
+        static_cast<void>(body_.release());
+        return;
+    }
+    close();
+}
 
 ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::open() { return body_->open(); }
 

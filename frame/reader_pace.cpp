@@ -23,6 +23,9 @@ constexpr std::int64_t sleep_max_ns = 10'000'000;
 // records.
 constexpr std::uint64_t share_awaited = 4;
 
+// Without end, for whoever says so: milliseconds::max() in nanoseconds does not fit.
+constexpr std::chrono::milliseconds limit_max = std::chrono::hours(24 * 365);
+
 }  // namespace
 
 Reader_Pace::Reader_Pace(std::string folder, std::string producer, int channel, int stream,
@@ -31,12 +34,17 @@ Reader_Pace::Reader_Pace(std::string folder, std::string producer, int channel, 
       producer_(std::move(producer)),
       channel_(channel),
       stream_(stream),
-      limit_ns_(std::chrono::nanoseconds(limit).count()),
+      limit_ns_(std::chrono::nanoseconds(std::clamp(limit, -limit_max, limit_max)).count()),
       feeder_(std::move(feeder)) {}
 
 void Reader_Pace::wait_for_readers(Ring_Writer& writer, std::size_t bytes) {
     const std::uint64_t oldest = writer.oldest_after(bytes);
     std::int64_t now = monotonic_ns();
+    // Before the first record is overwritten, too: who has come by then is waited for.
+    const bool begins_to_overwrite = oldest > 1 && !std::exchange(overwrites_, true);
+    if (begins_to_overwrite) {
+        next_look_ns_ = now;
+    }
     if (now >= next_look_ns_) {
         look_for_cards(now);
         all_are_at_ = slowest(writer, now);

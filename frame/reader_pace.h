@@ -63,6 +63,7 @@ private:
     Progress feeder_progress_;
     std::vector<Reader> readers_;
     std::int64_t next_look_ns_ = 0;
+    bool overwrites_ = false;              // the history is full
     std::uint64_t all_are_at_ = 0;         // no reader was behind this
     std::atomic<std::uint64_t> waits_{0};  // read by any thread, as the next
     std::atomic<std::uint64_t> given_up_{0};

@@ -65,7 +65,7 @@ public:
     explicit Guard(Lockable& mutex) ZAV_SHM_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
 
     /// For a mutex that the caller has locked.
-    Guard(Lockable& mutex, std::adopt_lock_t) ZAV_SHM_REQUIRES(mutex) : mutex_(mutex) {}
+    Guard(Lockable& mutex, std::adopt_lock_t /*unused*/) ZAV_SHM_REQUIRES(mutex) : mutex_(mutex) {}
     ~Guard() ZAV_SHM_RELEASE() { mutex_.unlock(); }
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;

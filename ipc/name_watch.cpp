@@ -96,7 +96,7 @@ void Name_Watch::sleep(std::int64_t deadline_ns) {
 
 // The names are of no interest. A folder that was removed or moved may come again as another one.
 void Name_Watch::take_events() {
-    alignas(inotify_event) std::array<std::byte, 4096> buffer;
+    alignas(inotify_event) std::array<std::byte, 4096> buffer{};
     for (;;) {
         const ssize_t got = read(names_, buffer.data(), buffer.size());
         if (got <= 0) {

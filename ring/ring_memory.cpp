@@ -96,7 +96,7 @@ Ring_Problem unreadable(const std::string& path, const std::string& why) {
 // pieces, since older kernels end the call at a signal and undo what it has done: beside a
 // timer of a millisecond a large piece would never come to an end.
 int reserve(int descriptor, std::uint64_t bytes) {
-    constexpr std::uint64_t piece = 256 * 1024;
+    constexpr std::uint64_t piece = 256 << 10U;
     int error = 0;
     for (std::uint64_t done = 0; done < bytes && error == 0; done += piece) {
         do {
@@ -175,7 +175,7 @@ std::shared_ptr<Ring_Memory> Ring_Memory::make(const std::string& path, const Ri
     }
     const std::string fresh = path + ".new";
     unlink(fresh.c_str());  // what a writer left that was killed here
-    const std::shared_ptr<Ring_Memory> ring(new Ring_Memory);  // its constructor is private
+    std::shared_ptr<Ring_Memory> ring(new Ring_Memory);  // its constructor is private
     ring->file_ =
         Descriptor(::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!ring->file_.is_open()) {
@@ -223,7 +223,7 @@ std::shared_ptr<Ring_Memory> Ring_Memory::make_private(const Ring_Size& size,
         problem = {Ring_Problem::Kind::system, "a private ring: " + reason, 0};
         return nullptr;
     }
-    const std::shared_ptr<Ring_Memory> ring(new Ring_Memory);
+    std::shared_ptr<Ring_Memory> ring(new Ring_Memory);
     ring->facts_.index_count = index_count_for(size);
     ring->facts_.data_bytes = static_cast<std::uint32_t>(data_bytes_for(size));
     ring->facts_.record_max = size.record_max;
@@ -238,7 +238,7 @@ std::shared_ptr<Ring_Memory> Ring_Memory::make_private(const Ring_Size& size,
 
 std::shared_ptr<Ring_Memory> Ring_Memory::open(const std::string& path, Reading reading,
                                                Ring_Problem& problem) {
-    const std::shared_ptr<Ring_Memory> ring(new Ring_Memory);
+    std::shared_ptr<Ring_Memory> ring(new Ring_Memory);
     ring->reading_ = reading;
     // O_NONBLOCK keeps a FIFO of that name from blocking the open for ever.
     ring->file_ = Descriptor(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));

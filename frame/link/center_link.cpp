@@ -165,9 +165,12 @@ bool Center_Link::center_has_come() const {
     return epoch != 0 && epoch != tried_epoch_;
 }
 
+// The greatest pauses of all ends of a process, and of others, fall together: one waking for all.
 void Backoff::failed() {
     delay_ = delay_.count() == 0 ? first_ : std::min(2 * delay_, greatest_);
-    next_ = Clock::now() + delay_;
+    const auto now = Clock::now();
+    const auto begun = delay_ == greatest_ ? now.time_since_epoch() % delay_ : Clock::duration{};
+    next_ = now - begun + delay_;
 }
 
 void Backoff::reset() {

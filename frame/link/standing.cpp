@@ -92,6 +92,7 @@ void Standing::close(std::chrono::milliseconds limit) {
 // Called with the lock held, as all that uses the link.
 bool Standing::attempt(std::chrono::milliseconds limit) {
     const std::uint64_t wanted = renewals_wanted_;
+    const Frame_State former = state_;
     const bool granted = take_note(link_.register_end(limit));
     if (granted) {
         renewals_granted_ = wanted;
@@ -99,7 +100,9 @@ bool Standing::attempt(std::chrono::milliseconds limit) {
     } else {
         retry_.failed();
     }
-    tell_change();
+    if (granted || state_ != former) {
+        tell_change();  // not each attempt in vain: it wakes who is told
+    }
     return granted;
 }
 
@@ -166,7 +169,7 @@ Opened Standing::pair(const std::string& producer, std::chrono::milliseconds lim
 Center_Link::Registration Standing::ask_for_pairing(const std::string& producer,
                                                     Clock::time_point end) {
     if (grant().number == 0 || link_.is_stale()) {
-        const Center_Link::Registration made = link_.register_end(until(end));
+        Center_Link::Registration made = link_.register_end(until(end));
         if (!take_note(made)) {
             return made;
         }

@@ -170,7 +170,7 @@ bool Slot_Feeder::is_presence_fresh(Slot_Writer& slot, std::int64_t present_ns) 
 }
 
 void Slot_Feeder::feed(Slot_Writer& slot, const Ring_Record& record) {
-    ZAV_SHM_Frame_Header header;
+    ZAV_SHM_Frame_Header header{};
     const std::size_t length = record.entry.length - sizeof header;
     reader_.advance();
     if (record.entry.length < sizeof header || length > slot.capacity()) {
