@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -43,12 +45,14 @@ bool is_old(const struct stat& found) {
 
 // A center makes all without a post.
 bool is_as_made(int file) {
-    sem_t fresh;
-    std::memset(&fresh, 0, sizeof fresh);
-    sem_init(&fresh, 1, 0);
-    sem_t content;
-    return pread(file, &content, sizeof content, 0) == ssize_t{sizeof content} &&
-           std::memcmp(&content, &fresh, sizeof fresh) == 0;
+    sem_t semaphore;
+    std::memset(&semaphore, 0, sizeof semaphore);
+    sem_init(&semaphore, 1, 0);
+    std::array<std::byte, sizeof semaphore> fresh{};
+    std::memcpy(fresh.data(), &semaphore, sizeof semaphore);
+    std::array<std::byte, sizeof semaphore> content{};
+    return pread(file, content.data(), content.size(), 0) == ssize_t{sizeof content} &&
+           content == fresh;
 }
 
 // A lease on reading is refused while anybody has the file open for writing, or mapped so: a
