@@ -174,7 +174,7 @@ std::shared_ptr<Ring_Memory> Ring_Memory::make(const std::string& path, const Ri
         return nullptr;
     }
     const std::string fresh = path + ".new";
-    unlink(fresh.c_str());  // what a writer left that was killed here
+    unlink(fresh.c_str());                               // what a writer left that was killed here
     std::shared_ptr<Ring_Memory> ring(new Ring_Memory);  // its constructor is private
     ring->file_ =
         Descriptor(::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
