@@ -43,6 +43,15 @@ constexpr std::int64_t ring_retry_ns = 500'000'000;
 // For the own user, unless the center's host has made it for a group.
 constexpr mode_t own_folder = 0700;
 
+// A center refuses what is not configured; without one, nothing is to be written beside the rings.
+bool is_file_name(const std::string& name) {
+    return !name.empty() && name.front() != '.' && name.find('/') == std::string::npos;
+}
+
+std::size_t twice(std::size_t bytes) {
+    return bytes > std::numeric_limits<std::size_t>::max() / 2 ? bytes : 2 * bytes;
+}
+
 // In builds for tests a process can be ended in the middle.
 void copy_payload(std::byte* to, std::span<const std::byte> payload) {
     if (payload.empty()) {
@@ -158,15 +167,26 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
         grant.names.page_bytes != 0 ? grant.names.page_bytes : default_frame_bytes;
     const std::size_t frame_max = options_.frame_bytes_max != 0 ? options_.frame_bytes_max : page;
     const std::size_t configured =
-        grant.names.history_bytes != 0 ? grant.names.history_bytes : 2 * frame_max;
+        grant.names.history_bytes != 0 ? grant.names.history_bytes : twice(frame_max);
     const std::size_t history = options_.history_bytes != 0 ? options_.history_bytes : configured;
     const std::string path =
         rings + "/" + zav_shm::channel_file_name(options_.name, options_.channel, options_.stream);
     zav_shm::Ring_Problem problem;
-    if (std::max(history, frame_max + header_bytes) > std::numeric_limits<std::uint32_t>::max()) {
+    constexpr std::size_t bytes_max = std::numeric_limits<std::uint32_t>::max();
+    if (!is_file_name(options_.name)) {
+        problem = {zav_shm::Ring_Problem::Kind::system,
+                   "the name \"" + options_.name +
+                       "\" cannot name a file: it is empty, begins with a dot or has a slash",
+                   0};
+    } else if (frame_max > bytes_max - header_bytes) {  // their sum may not fit
+        problem = {zav_shm::Ring_Problem::Kind::system,
+                   "frames of " + std::to_string(frame_max) + " bytes; the limit is " +
+                       std::to_string(bytes_max - header_bytes),
+                   0};
+    } else if (history > bytes_max) {
         problem = {zav_shm::Ring_Problem::Kind::system,
                    "a history of " + std::to_string(history) + " bytes for frames of " +
-                       std::to_string(frame_max) + " is more than 4294967295",
+                       std::to_string(frame_max) + " is more than " + std::to_string(bytes_max),
                    0};
     } else {
         writer_ = zav_shm::Ring_Writer::open(path,

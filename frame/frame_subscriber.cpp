@@ -118,7 +118,8 @@ ZAV_SHM_Frame_Subscriber::Body::Body(Options options)
                .channel = options_.channel,
                .stream = options_.stream,
                .folder = options_.folder,
-               .history_bytes = static_cast<std::uint32_t>(options_.history_bytes),
+               .history_bytes = static_cast<std::uint32_t>(std::min<std::size_t>(
+                   options_.history_bytes, std::numeric_limits<std::uint32_t>::max())),
                .rules = {.from = options_.from,
                          .overflow = options_.overflow,
                          .start_at_key_frame = options_.start_at_key_frame,
