@@ -120,6 +120,8 @@ private:
     std::atomic<std::uint64_t> too_large_{0};
     std::atomic<std::uint64_t> refused_{0};
 
+    zav_shm::Mutex feeding_;  // held while a slot is put to use
+
     // Held for a few instructions. The publishing thread alone changes the next two, and reads them
     // without the mutex.
     mutable zav_shm::Mutex mutex_;
@@ -217,6 +219,8 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
 
 // Called on any thread, when the center has granted the slot anew.
 void ZAV_SHM_Frame_Publisher::Body::feed_slot() {
+    // One thread at a time: else a slot that was granted before could be used last.
+    const zav_shm::Guard feeding(feeding_);
     std::shared_ptr<zav_shm::Slot_Feeder> feeder;
     std::shared_ptr<Standing> standing;
     {
