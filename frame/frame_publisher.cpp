@@ -16,6 +16,7 @@
 #include "frame/reader_pace.h"
 #include "frame/slot/slot_feeder.h"
 #include "ipc/annotated_mutex.h"
+#include "ipc/forks.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/random_epoch.h"
 #include "ipc/shared_memory_folder.h"
@@ -39,6 +40,8 @@ constexpr std::size_t default_frame_bytes = std::size_t{1} << 20;
 
 // How often publish() tries to make the history that could not be had.
 constexpr std::int64_t ring_retry_ns = 500'000'000;
+
+constexpr const char* of_parent = "opened by the process that forked this one; open another";
 
 // For the own user, unless the center's host has made it for a group.
 constexpr mode_t own_folder = 0700;
@@ -80,6 +83,10 @@ public:
     void set_format(const zav_shm::Frame_Format& format) { options_.format = format; }
     bool key_frame_requested() { return requests_ && requests_->take(); }
 
+    /// True in a child that was forked off the process that opened this. It has neither the threads
+    /// nor the right to say anything in its parent's name.
+    bool is_parents() const { return open_ && forks_ != zav_shm::forks_so_far(); }
+
     Frame_State state() const;
     std::string reason() const;
     Publisher_Counters counters() const;
@@ -113,6 +120,7 @@ private:
     std::int64_t next_try_ns_ = 0;
 
     std::atomic<bool> open_{false};
+    std::atomic<unsigned> forks_{0};  // when it was opened
     std::atomic<std::size_t> page_bytes_{0};
     std::atomic<std::uint64_t> frames_{0};
     std::atomic<std::uint64_t> published_{0};
@@ -134,6 +142,9 @@ private:
 // ---- open and close ----
 
 ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
+    if (is_parents()) {
+        return {Frame_State::closed, of_parent, false};
+    }
     if (open_) {
         return {state(), reason(), state() == Frame_State::refused};
     }
@@ -150,6 +161,7 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
         const zav_shm::Guard guard(mutex_);
         standing_ = standing;
     }
+    forks_ = zav_shm::forks_so_far();
     open_ = true;
     const Opened opened = standing->open(options_.center_wait);
     zav_shm::Link_Keeper::begin(standing);
@@ -239,7 +251,7 @@ void ZAV_SHM_Frame_Publisher::Body::feed_slot() {
 
 // Readers hear of the end last: a consumer that finds a closed history looks for its successor.
 void ZAV_SHM_Frame_Publisher::Body::close(std::chrono::milliseconds limit) {
-    if (!open_.exchange(false)) {
+    if (is_parents() || !open_.exchange(false)) {
         return;
     }
     zav_shm::Link_Keeper::end(standing_);
@@ -263,6 +275,9 @@ void ZAV_SHM_Frame_Publisher::Body::close(std::chrono::milliseconds limit) {
 
 // True when there is a history to write.
 bool ZAV_SHM_Frame_Publisher::Body::begin_frame() {
+    if (is_parents()) {
+        return false;
+    }
     if (!open_ || standing_->state() == Frame_State::refused) {
         writer_.reset();
         return false;
@@ -376,6 +391,9 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::not_written(
     if (!open_) {
         return {outcome, payload_bytes, page_bytes_, "closed"};
     }
+    if (is_parents()) {
+        return {outcome, payload_bytes, page_bytes_, of_parent};
+    }
     const bool refused = standing_->state() == Frame_State::refused;
     return {refused ? Publish_Outcome::refused : outcome, payload_bytes, page_bytes_, reason()};
 }
@@ -383,6 +401,9 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::not_written(
 // ---- asked from any thread ----
 
 Frame_State ZAV_SHM_Frame_Publisher::Body::state() const {
+    if (is_parents()) {
+        return Frame_State::closed;
+    }
     const zav_shm::Guard guard(mutex_);
     if (!open_ || !standing_) {
         return Frame_State::closed;
@@ -392,6 +413,9 @@ Frame_State ZAV_SHM_Frame_Publisher::Body::state() const {
 }
 
 std::string ZAV_SHM_Frame_Publisher::Body::reason() const {
+    if (is_parents()) {
+        return of_parent;
+    }
     const zav_shm::Guard guard(mutex_);
     if (!trouble_.empty() || !standing_) {
         return trouble_;
@@ -432,7 +456,15 @@ void ZAV_SHM_Frame_Publisher::Body::add_those_of_others(Publisher_Counters& coun
 ZAV_SHM_Frame_Publisher::ZAV_SHM_Frame_Publisher(Options options)
     : body_(std::make_unique<Body>(std::move(options))) {}
 
-ZAV_SHM_Frame_Publisher::~ZAV_SHM_Frame_Publisher() { close(); }
+// What a parent opened is left as it is: its threads, which the members would wait for, are not in
+// the child.
+ZAV_SHM_Frame_Publisher::~ZAV_SHM_Frame_Publisher() {
+    if (body_->is_parents()) {
+        static_cast<void>(body_.release());
+        return;
+    }
+    close();
+}
 
 ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::open() { return body_->open(); }
 

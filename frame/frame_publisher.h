@@ -34,6 +34,8 @@
 /// Crash    what a killed publisher has published stays readable; a frame that it was writing is
 ///          never seen. Its successor has another epoch, by which readers tell a restart from a
 ///          loss.
+/// Fork     a child cannot use what its parent opened: publish() is refused, close() and the
+///          destructor do nothing. It opens one of its own, of another stream.
 class ZAV_SHM_Frame_Publisher {
 public:
     struct Options {

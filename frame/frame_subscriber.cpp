@@ -17,6 +17,7 @@
 #include "frame/link/standing.h"
 #include "ipc/annotated_mutex.h"
 #include "ipc/deadline.h"
+#include "ipc/forks.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/shared_memory_folder.h"
 #include "ring/reader_card.h"
@@ -37,6 +38,11 @@ constexpr std::int64_t ns_per_second = 1'000'000'000;
 
 // Without a frame for this long the producer is what is waited for.
 constexpr std::int64_t producer_limit_ns = ns_per_second;
+
+// How often a reader looks whether its card is still where others look for it.
+constexpr std::int64_t card_look_ns = ns_per_second;
+
+constexpr const char* of_parent = "opened by the process that forked this one; open another";
 
 // Between two attempts to wake a receive() that is to end.
 constexpr auto wake_again = 50us;
@@ -66,7 +72,9 @@ public:
     Receive_Status receive_view(zav_shm::Frame_View& view, std::chrono::milliseconds timeout) {
         return take(view, timeout, true, [&] { return source_.view_next(view); });
     }
-    void seek(const zav_shm::Start& from) { source_.seek(from); }
+    void seek(const zav_shm::Start& from) {
+        use_source([&] { source_.seek(from); });
+    }
     int descriptor();
     bool request_key_frame() const;
 
@@ -74,12 +82,19 @@ public:
     std::string reason() const;
     zav_shm::Subscriber_Counters counters() const;
 
+    /// True in a child that was forked off the process that opened this. It has neither the threads
+    /// nor the right to say anything in its parent's name.
+    bool is_parents() const { return open_ && forks_ != zav_shm::forks_so_far(); }
+
 private:
     using Standing = zav_shm::Standing;
 
     template <class Next>
     Receive_Status take(Frame_Facts& frame, std::chrono::milliseconds timeout, bool in_place,
                         const Next& next);
+    template <class Use>
+    void use_source(const Use& use);
+    void keep_card(std::int64_t now_ns);
     void note(const Frame_Facts& frame);
     void show_progress();
     void note_missed();
@@ -93,6 +108,7 @@ private:
     const Options options_;
     zav_shm::Mutex control_;  // of open(), close() and pair(); held through exchanges
     std::atomic<bool> open_{false};
+    std::atomic<unsigned> forks_{0};  // when it was opened
     std::atomic<bool> receiving_{false};
     std::atomic<std::int64_t> opened_ns_{0};
 
@@ -131,6 +147,9 @@ ZAV_SHM_Frame_Subscriber::Body::Body(Options options)
 // ---- open, close, pair ----
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
+    if (is_parents()) {
+        return {Frame_State::closed, of_parent, false};
+    }
     const zav_shm::Guard guard(control_);
     if (open_) {
         return {state(), reason(), state() == Frame_State::refused};
@@ -155,11 +174,15 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     begin_card(card_name);
     opened_ns_ = monotonic_ns();
     supply_.begin(standing_, options_.producer, card_name, *card_);
+    forks_ = zav_shm::forks_so_far();
     open_ = true;
     return opened;
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
+    if (is_parents()) {
+        return;
+    }
     const zav_shm::Guard guard(control_);
     if (!open_.exchange(false)) {
         return;
@@ -182,6 +205,9 @@ void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::pair(
     const std::string& producer, std::chrono::milliseconds limit) {
+    if (is_parents()) {
+        return {Frame_State::closed, of_parent, false};
+    }
     const auto end = zav_shm::moment_after(limit);
     if (!zav_shm::lock_until(control_, end)) {
         return {state(), "another call is under way", false};
@@ -221,6 +247,10 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
     // Before the flag is looked at: close() clears it and then waits for this one.
     receiving_ = true;
     Receive_Status status = Receive_Status::timeout;
+    if (is_parents()) {
+        receiving_ = false;
+        return Receive_Status::closed;
+    }
     if (std::exchange(holds_view_, false) && open_) {
         show_progress();
     }
@@ -260,6 +290,16 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
     }
     receiving_ = false;
     return status;
+}
+
+// What the receiving thread does beside receiving; a close() on another thread waits for it, too.
+template <class Use>
+void ZAV_SHM_Frame_Subscriber::Body::use_source(const Use& use) {
+    receiving_ = true;
+    if (open_ && !is_parents()) {
+        use();
+    }
+    receiving_ = false;
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::note(const Frame_Facts& frame) {
@@ -327,10 +367,14 @@ void ZAV_SHM_Frame_Subscriber::Body::ask_for_key_frame() {
 // ---- asked from any thread ----
 
 int ZAV_SHM_Frame_Subscriber::Body::descriptor() {
-    if (!poll_ && open_) {
-        poll_ = zav_shm::Frame_Poll::begin();
-    }
-    return poll_ ? poll_->descriptor() : -1;
+    int descriptor = -1;
+    use_source([&] {
+        if (!poll_) {
+            poll_ = zav_shm::Frame_Poll::begin();
+        }
+        descriptor = poll_ ? poll_->descriptor() : -1;
+    });
+    return descriptor;
 }
 
 bool ZAV_SHM_Frame_Subscriber::Body::request_key_frame() const {
@@ -348,6 +392,9 @@ std::shared_ptr<zav_shm::Standing> ZAV_SHM_Frame_Subscriber::Body::standing() co
 }
 
 Frame_State ZAV_SHM_Frame_Subscriber::Body::state() const {
+    if (is_parents()) {
+        return Frame_State::closed;
+    }
     const zav_shm::Guard guard(mutex_);
     if (!open_) {
         return Frame_State::closed;
@@ -365,6 +412,9 @@ Frame_State ZAV_SHM_Frame_Subscriber::Body::state() const {
 }
 
 std::string ZAV_SHM_Frame_Subscriber::Body::reason() const {
+    if (is_parents()) {
+        return of_parent;
+    }
     const zav_shm::Guard guard(mutex_);
     const std::string reason = standing_ ? standing_->reason() : std::string();
     return reason.empty() ? supply_.trouble() : reason;
@@ -389,7 +439,15 @@ zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {
 ZAV_SHM_Frame_Subscriber::ZAV_SHM_Frame_Subscriber(Options options)
     : body_(std::make_unique<Body>(std::move(options))) {}
 
-ZAV_SHM_Frame_Subscriber::~ZAV_SHM_Frame_Subscriber() { close(); }
+// What a parent opened is left as it is: its threads, which the members would wait for, are not in
+// the child, and its card is to stay.
+ZAV_SHM_Frame_Subscriber::~ZAV_SHM_Frame_Subscriber() {
+    if (body_->is_parents()) {
+        static_cast<void>(body_.release());
+        return;
+    }
+    close();
+}
 
 ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::open() { return body_->open(); }
 

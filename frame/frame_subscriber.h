@@ -52,6 +52,8 @@ enum class Receive_Status {
 ///          layers. A frame that there is no memory for is lost, and told.
 /// Crash    a killed subscriber leaves its card, which the center's host removes, and costs nobody
 ///          anything. Its successor simply opens again.
+/// Fork     a child cannot use what its parent opened: receive() returns closed, close() and the
+///          destructor do nothing. It opens one of its own.
 class ZAV_SHM_Frame_Subscriber {
 public:
     struct Options {

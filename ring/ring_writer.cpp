@@ -2,18 +2,17 @@
 #include "ring/ring_writer.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <thread>
 #include <utility>
 
 #include "ipc/descriptor.h"
+#include "ipc/forks.h"
 #include "ipc/futex.h"
 #include "ipc/memory_fence.h"
 #include "ipc/monotonic_clock.h"
@@ -28,18 +27,6 @@ namespace {
 // Between the two wakes of the readers of a ring that is replaced: the first may come just before
 // one goes to sleep on it.
 constexpr std::chrono::milliseconds second_wake_after{3};
-
-// How often this process has been forked off another one since it has known this code. A child
-// shares its parent's mapping and lock; asking for the process id at every record would cost a
-// system call.
-std::atomic<unsigned> forks{0};
-
-unsigned forks_so_far() {
-    static const int registered =
-        pthread_atfork(nullptr, nullptr, [] { forks.fetch_add(1, std::memory_order_relaxed); });
-    static_cast<void>(registered);
-    return forks.load(std::memory_order_relaxed);
-}
 
 std::uint64_t in_alignment(std::size_t bytes) {
     return (std::uint64_t{bytes} + ring_record_alignment - 1) / ring_record_alignment *
