@@ -117,8 +117,9 @@ private:
     Frame_Source& source_;  // its own
     std::unique_ptr<zav_shm::Frame_Poll> poll_;
     zav_shm::Frame_Losses counted_;  // of what was missed since the frame that was handed out last
-    bool asked_ = false;             // for the key frame that is waited for
-    bool holds_view_ = false;        // the frame that was handed out last is read where it lies
+    std::int64_t next_card_look_ns_ = 0;
+    bool asked_ = false;       // for the key frame that is waited for
+    bool holds_view_ = false;  // the frame that was handed out last is read where it lies
 
     // Held for a few instructions. open() and close() alone change the next three; the receiving
     // thread reads them without the mutex.
@@ -234,8 +235,24 @@ void ZAV_SHM_Frame_Subscriber::Body::begin_card(const std::string& name) {
     copy_text(card.consumer, options_.name);
     auto made = std::make_unique<zav_shm::Own_Card>(
         zav_shm::rings_folder(standing_ ? standing_->folder() : options_.folder), name, card);
+    next_card_look_ns_ = 0;
     const zav_shm::Guard guard(mutex_);
     card_ = std::move(made);
+}
+
+// Others find it where the rings are by now: the folder may come only with the publisher, or may
+// have been removed and made again.
+void ZAV_SHM_Frame_Subscriber::Body::keep_card(std::int64_t now_ns) {
+    if (now_ns < next_card_look_ns_) {
+        return;
+    }
+    next_card_look_ns_ = now_ns + card_look_ns;
+    const std::string folder =
+        zav_shm::rings_folder(standing_ ? standing_->folder() : options_.folder);
+    if (!card_->is_in(folder)) {
+        const zav_shm::Guard guard(mutex_);
+        card_->move_into(folder);
+    }
 }
 
 // ---- receiving ----
@@ -262,6 +279,7 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
             break;
         }
         supply_.follow(now);
+        keep_card(now);
         const Frame_Source::Got got = next();
         if (got == Frame_Source::Got::frame) {
             note(frame);
@@ -273,7 +291,11 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
             break;
         }
         note_missed();
-        if (got == Frame_Source::Got::missed || source_.changes_over()) {
+        if (got == Frame_Source::Got::missed) {
+            continue;
+        }
+        if (source_.changes_over()) {
+            next_card_look_ns_ = 0;  // a publisher has come, perhaps with the folder
             continue;
         }
         supply_.tell_trouble();

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "ipc/file_lock.h"
 #include "ipc/random_epoch.h"
@@ -45,42 +46,68 @@ std::string Own_Card::new_name() {
 }
 
 Own_Card::Own_Card(const std::string& folder, const std::string& name, const Reader_Card& first)
-    : path_(folder + "/" + name) {
-    if (!make_file(first)) {
-        file_ = Descriptor();
+    : name_(name), path_(folder + "/" + name) {
+    if (!make_file(path_, first)) {
         private_ = std::make_unique<Reader_Card>(first);
         card_ = private_.get();
     }
 }
 
-Own_Card::~Own_Card() {
+Own_Card::~Own_Card() { leave_file(); }
+
+void Own_Card::leave_file() {
     if (!private_) {
         unlink(path_.c_str());
         munmap(card_, sizeof *card_);
     }
 }
 
+bool Own_Card::is_in(const std::string& folder) const {
+    struct stat own {};
+    struct stat named {};
+    return file_.is_open() && fstat(file_.get(), &own) == 0 &&
+           lstat((folder + "/" + name_).c_str(), &named) == 0 && own.st_dev == named.st_dev &&
+           own.st_ino == named.st_ino;
+}
+
+void Own_Card::move_into(const std::string& folder) {
+    const std::string path = folder + "/" + name_;
+    const std::string former_path = path_;
+    Reader_Card* const former = card_;
+    if (!make_file(path, *former)) {
+        return;
+    }
+    if (!private_) {
+        if (former_path != path) {
+            unlink(former_path.c_str());
+        }
+        munmap(former, sizeof *former);
+    }
+    private_.reset();
+    path_ = path;
+}
+
 // Locked before it has its name: a card without a lock is a dead reader's.
-bool Own_Card::make_file(const Reader_Card& first) {
-    const std::string fresh = path_ + ".new";
+bool Own_Card::make_file(const std::string& path, const Reader_Card& first) {
+    const std::string fresh = path + ".new";
     struct stat folder {};
-    if (stat(path_.substr(0, path_.rfind('/')).c_str(), &folder) != 0) {
+    if (stat(path.substr(0, path.rfind('/')).c_str(), &folder) != 0) {
         return false;
     }
-    file_ =
-        Descriptor(open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file_.is_open()) {
+    Descriptor file(open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file.is_open()) {
         return false;
     }
     void* base = MAP_FAILED;
-    if (posix_fallocate(file_.get(), 0, sizeof first) == 0 && take_file_lock(file_.get()) &&
-        fchmod(file_.get(), readable_file_mode(folder.st_mode)) == 0) {
-        base = mmap(nullptr, sizeof first, PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0);
+    if (posix_fallocate(file.get(), 0, sizeof first) == 0 && take_file_lock(file.get()) &&
+        fchmod(file.get(), readable_file_mode(folder.st_mode)) == 0) {
+        base = mmap(nullptr, sizeof first, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
     }
     if (base != MAP_FAILED) {
         std::memcpy(base, &first, sizeof first);
-        card_ = static_cast<Reader_Card*>(base);
-        if (rename(fresh.c_str(), path_.c_str()) == 0) {
+        if (rename(fresh.c_str(), path.c_str()) == 0) {
+            file_ = std::move(file);
+            card_ = static_cast<Reader_Card*>(base);
             return true;
         }
         munmap(base, sizeof first);

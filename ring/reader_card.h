@@ -117,10 +117,19 @@ public:
     void move_to(const Ring_Memory& ring, std::uint64_t number);
     void set_producer(const std::string& producer);
 
-private:
-    bool make_file(const Reader_Card& first);
+    /// True when the card's file has its name in this folder.
+    bool is_in(const std::string& folder) const;
 
-    const std::string path_;
+    /// Makes the file anew, in this folder, with what the card says. Without success it stays as it
+    /// was. What `*` and `->` returned before is gone.
+    void move_into(const std::string& folder);
+
+private:
+    bool make_file(const std::string& path, const Reader_Card& first);
+    void leave_file();
+
+    const std::string name_;
+    std::string path_;
     Descriptor file_;
     Reader_Card* card_ = nullptr;  // the mapping of the file, or private_
     std::unique_ptr<Reader_Card> private_;
