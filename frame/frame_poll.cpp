@@ -53,15 +53,14 @@ Frame_Poll::~Frame_Poll() {
 }
 
 // Cleared before the thread looks again: what comes in between is found by it.
-void Frame_Poll::nothing_left(std::shared_ptr<const Ring_Memory> ring, std::uint64_t next,
-                              const std::string& path) {
+void Frame_Poll::nothing_left(Place place) {
     const Guard guard(mutex_);
     if (waits_) {
         return;
     }
     eventfd_t events = 0;
     eventfd_read(readable_.get(), &events);
-    place_ = {std::move(ring), next, path};
+    place_ = std::move(place);
     waits_ = true;
     changed_.notify_all();
 }
@@ -89,7 +88,7 @@ std::shared_ptr<Ring_Follower> Frame_Poll::wait_for_place() {
 // Until there is something at the place, or until somebody has woken the thread: then there is
 // something to look at, perhaps.
 void Frame_Poll::watch_place(Ring_Follower& follower) {
-    const Place place = [this] {
+    Place place = [this] {
         const Guard guard(mutex_);
         return place_;
     }();
@@ -107,7 +106,11 @@ void Frame_Poll::watch_place(Ring_Follower& follower) {
     eventfd_write(readable_.get(), 1);
 }
 
-bool Frame_Poll::has_something(const Place& place, Ring_Follower& follower) {
+// The route, since the wake of a center that has changed it may come before the sleep.
+bool Frame_Poll::has_something(Place& place, Ring_Follower& follower) {
+    if (place.route.look()) {
+        return true;
+    }
     if (!place.ring) {
         return follower.changes_over();
     }

@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "frame/link/consumer_route.h"
 #include "ipc/annotated_mutex.h"
 #include "ipc/descriptor.h"
 #include "ring/ring_follower.h"
@@ -28,25 +29,24 @@ public:
 
     int descriptor() const { return readable_.get(); }
 
-    /// The descriptor is not readable any more until there may be something again: a record of this
-    /// number in the ring, another ring of that name, or a change of the route.
-    ///
-    /// @param ring  null while there is none
-    void nothing_left(std::shared_ptr<const Ring_Memory> ring, std::uint64_t next,
-                      const std::string& path);
-
-private:
+    /// Where nothing was found.
     struct Place {
-        std::shared_ptr<const Ring_Memory> ring;
-        std::uint64_t next = 0;
-        std::string path;
+        std::shared_ptr<const Ring_Memory> ring;  // null while there is none
+        std::uint64_t next = 0;                   // number of the record that would come
+        std::string path;                         // of the ring
+        Consumer_Route route;                     // as it was looked at
     };
 
+    /// The descriptor is not readable any more until there may be something again: the next record
+    /// in the ring, another ring of that name, or a change of the route.
+    void nothing_left(Place place);
+
+private:
     Frame_Poll() = default;
     void run();
     std::shared_ptr<Ring_Follower> wait_for_place();
     void watch_place(Ring_Follower& follower);
-    static bool has_something(const Place& place, Ring_Follower& follower);
+    static bool has_something(Place& place, Ring_Follower& follower);
 
     Descriptor readable_;  // eventfd
     std::thread thread_;

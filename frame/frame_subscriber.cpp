@@ -307,7 +307,9 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
                 supply_.look_closely();
             }
         } else if (poll_) {
-            poll_->nothing_left(source_.ring(), source_.next_number(), supply_.ring_path());
+            poll_->nothing_left(
+                {source_.ring(), source_.next_number(), supply_.ring_path(), supply_.route()});
+            supply_.look_closely();  // when it has something to say
         }
     }
     receiving_ = false;

@@ -193,6 +193,8 @@ std::string Frame_Supply::ring_of(const std::string& producer) const {
 void Frame_Supply::tell_trouble() {
     if (intake_) {
         tell(intake_->trouble(), intake_->is_refused());
+    } else if (path_.empty()) {
+        tell({}, false);  // no producer is no trouble
     } else {
         Ring_Problem problem = source_.problem();
         const bool is_absent = problem.kind == Ring_Problem::Kind::absent;

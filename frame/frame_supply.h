@@ -53,7 +53,10 @@ public:
     void tell_trouble();
 
     Frame_Source& source() { return source_; }
-    const std::string& ring_path() const { return path_; }
+
+    /// Of the ring that is read, or of what is never one while there is no producer.
+    std::string ring_path() const { return path_.empty() ? rings() + "/." : path_; }
+    const Consumer_Route& route() const { return route_; }
 
     // ---- any thread ----
 
