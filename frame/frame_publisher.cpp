@@ -44,8 +44,6 @@ constexpr std::int64_t ring_look_ns = 500'000'000;
 
 constexpr const char* of_parent = "opened by the process that forked this one; open another";
 
-constexpr const char* of_parent = "opened by the process that forked this one; open another";
-
 // For the own user, unless the center's host has made it for a group.
 constexpr mode_t own_folder = 0700;
 
