@@ -30,6 +30,10 @@ constexpr long read_wait_ms = 20;
 constexpr long late_read_wait_ms = 30;
 constexpr std::chrono::milliseconds idle_sleep{50};
 
+// The thread of a relay that nobody needs sleeps until there is a consumer. Once in a while it
+// looks all the same.
+constexpr std::chrono::milliseconds unused_sleep{1000};
+
 // No single wait of the cycle is longer, unless the clock was set back.
 constexpr std::chrono::milliseconds stop_grace{200};
 
@@ -78,10 +82,16 @@ void* fun_transmission_stream(void* arg) {
     pthread_setname_np(pthread_self(), "zav_relay");
     auto* const relay = static_cast<SHM_Stream_Transmission*>(arg);
     while (!relay->stop_requested()) {
-        relay->transmission_frame();
+        if (relay->get_distributor_num() == 0) {
+            relay->wait_for_consumer();
+        } else {
+            relay->transmission_frame();
+        }
     }
     return nullptr;
 }
+
+void SHM_Stream_Transmission::wait_for_consumer() { thread->sleep(unused_sleep); }
 
 // ---- the relay cycle ----
 
@@ -176,6 +186,7 @@ void SHM_Stream_Transmission::insert_distributor(Writer* d) {
     }
     d->reset();
     distributor_list.push_back(d);
+    thread->wake();
 }
 
 bool SHM_Stream_Transmission::duplicate_distributor(const Writer* d) {

@@ -72,6 +72,10 @@ public:
     /// @return 1 when consumers were present but no frame came within 30 ms; 0 otherwise.
     int transmission_frame();
 
+    /// What the thread does instead while the list is empty: sleeps until somebody is inserted or
+    /// the relay is to stop, a second at most.
+    void wait_for_consumer();
+
     /// Resets `d` and appends it; if a writer with the same semaphores is already listed,
     /// resets that one and prints "Duplicate Distributor..." instead. Null is ignored.
     void insert_distributor(ZAV_SHM_Stream_Transmission_Distributor* d);

@@ -90,6 +90,7 @@ void Relay_Thread::sleep(std::chrono::milliseconds time) {
     Waiting_Guard guard(state_->mutex);
     state_->changed.wait_for(guard.lock(), time,
                              [this]() ZAV_SHM_REQUIRES(state_->mutex) { return state_->woken; });
+    state_->woken = false;
 }
 
 void Relay_Thread::wake() {

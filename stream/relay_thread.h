@@ -37,7 +37,8 @@ public:
     /// @return true when a thread is running, and the signal is on its way to it.
     bool signal(int number);
 
-    /// An interruptible sleep of the thread: ends early when wake() is called.
+    /// An interruptible sleep of the thread: ends early when wake() is called, or was since the
+    /// former sleep.
     void sleep(std::chrono::milliseconds time);
     void wake();
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/frame_input.h"
 
+#include <poll.h>
+
 #include <algorithm>
 
 #include "apps/tool/center_request.h"
@@ -14,6 +16,12 @@ namespace {
 // A change of stream asks the center, too, while the present stream waits in its history. By then a
 // center has been there.
 constexpr std::chrono::milliseconds change_wait_max{500};
+
+// How long a signal may have to wait while frames come. A stream that is silent for longer is
+// waited for beside the signals, which costs nothing until something happens; two streams have no
+// descriptor for that.
+constexpr std::chrono::milliseconds busy_look{100};
+constexpr std::chrono::milliseconds look_at_two{20};
 
 ZAV_SHM_Frame_Subscriber::Options subscriber_options(const Consumer_Options& consumer, int stream,
                                                      std::chrono::milliseconds wait,
@@ -62,6 +70,20 @@ std::optional<Problem> Frame_Input::open() {
     }
     tell_state();
     return {};
+}
+
+Receive_Status Frame_Input::receive(Received_Frame& frame, std::chrono::milliseconds timeout) {
+    if (two_) {
+        return two_->receive(frame, std::min(timeout, look_at_two));
+    }
+    const bool waits = is_idle_ && timeout > std::chrono::milliseconds(0);
+    if (const int descriptor = waits ? one_->descriptor() : -1; descriptor >= 0) {
+        stop_.wait_for(descriptor, POLLIN, Stop_Signal::Clock::now() + timeout);
+        timeout = std::chrono::milliseconds(0);
+    }
+    const Receive_Status status = one_->receive(frame, std::min(timeout, busy_look));
+    is_idle_ = status != Receive_Status::frame && (is_idle_ || timeout >= busy_look);
+    return status;
 }
 
 std::optional<Problem> Frame_Input::check_names() const {

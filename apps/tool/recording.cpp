@@ -15,8 +15,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// How long one look for a frame may hold up signals and the time limit.
-constexpr milliseconds look{20};
+// How often something else is looked after while no frame comes.
+constexpr milliseconds look{1000};
 
 // A stream that loses frames all the time would fill the screen.
 constexpr std::uint64_t gaps_told_max = 5;
@@ -66,7 +66,7 @@ std::optional<Problem> Recording::open() {
 
 std::optional<Problem> Recording::run() {
     while (!is_over()) {
-        if (!take(look)) {
+        if (!take(time_to_look())) {
             tell_what_is_waited_for();
         }
         change_stream_if_due();
@@ -112,6 +112,15 @@ bool Recording::is_over() const {
     const bool late = options_.duration > milliseconds(0) &&
                       Stop_Signal::Clock::now() - begin_ >= options_.duration;
     return late || is_full() || write_error_ || stop_.requested();
+}
+
+// A wait ends with the time that the recording is to last.
+milliseconds Recording::time_to_look() const {
+    if (options_.duration <= milliseconds(0)) {
+        return look;
+    }
+    const auto left = begin_ + options_.duration - Stop_Signal::Clock::now();
+    return std::clamp(std::chrono::ceil<milliseconds>(left), milliseconds(0), look);
 }
 
 // @return whether there was a frame.

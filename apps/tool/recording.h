@@ -35,6 +35,7 @@ public:
 private:
     bool is_over() const;
     bool is_full() const;
+    std::chrono::milliseconds time_to_look() const;
     bool take(std::chrono::milliseconds timeout);
     void write(const Received_Frame& frame);
     void change_stream_if_due();

@@ -19,7 +19,7 @@ using Clock = Stop_Signal::Clock;
 using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds line_every{1};
-constexpr milliseconds look_max{50};  // between two looks for a signal
+constexpr milliseconds look_max{1000};
 
 class Watch {
 public:

@@ -352,9 +352,13 @@ TEST_F(Mixed, idle_ends_wake_up_once_a_second_at_most) {
     };
     const long feeder = switches("zav_feeder");
     const long link = switches("zav_link");
+    const long relays = switches("zav_relay");
     std::this_thread::sleep_for(2s);
     EXPECT_LE(switches("zav_feeder") - feeder, 3);
     EXPECT_LE(switches("zav_link") - link, 3) << "this center has no page";
+    const long relay_count = static_cast<long>(center->manager()->snapshot().size());
+    EXPECT_GT(relay_count, 0);
+    EXPECT_LE(switches("zav_relay") - relays, 3 * relay_count);
     player.close();
     waiting.join();
 }

@@ -160,6 +160,23 @@ TEST_F(Relay_Thread, routine_that_goes_on_after_the_request_to_stop_is_cancelled
     EXPECT_TRUE(becomes_true([before] { return turns > before + 1; }));
 }
 
+TEST_F(Relay_Thread, sleeps_without_consumers_and_serves_one_as_soon_as_it_is_inserted) {
+    const auto source = make_source();
+    const auto writer = make_writer("PLAYER");
+    SHM_Stream_Transmission relay(source.get());
+    ASSERT_EQ(relay.run(fun_transmission_stream), 0);
+    ASSERT_TRUE(becomes_true(relay_thread_runs));
+    for (int i = 0; i < 5; ++i) {
+        std::this_thread::sleep_for(milliseconds(20));
+        EXPECT_EQ(relay.counters().cycles.value(), 0U);
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    relay.insert_distributor(writer.get());
+    EXPECT_TRUE(becomes_true([&relay] { return relay.counters().cycles.value() != 0; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(900)) << "not by the clock";
+    relay.delete_distributor(writer.get());
+}
+
 TEST_F(Relay_Thread, second_run_and_null_routine_are_refused) {
     SHM_Stream_Transmission relay;
     EXPECT_EQ(relay.run(nullptr), EINVAL);
