@@ -69,7 +69,8 @@ public:
                     std::memcpy(&header, &record, sizeof header);
                     last_ = header.sequence;
                     length_ = record.payload_length;
-                    wrong_ += std::all_of(room.begin(), room.begin() + record.payload_length,
+                    const auto payload = std::span(room).first(record.payload_length);
+                    wrong_ += std::all_of(payload.begin(), payload.end(),
                                           [&](std::byte each) { return each == room.front(); })
                                   ? 0
                                   : 1;
