@@ -127,9 +127,9 @@ TEST_F(Hard_Use, paces_without_end_when_the_limit_is_the_longest_time) {
 }
 
 TEST_F(Hard_Use, refuses_a_frame_length_that_fits_into_no_ring) {
-    for (const std::size_t most :
-         {std::numeric_limits<std::size_t>::max(), std::numeric_limits<std::size_t>::max() / 2 + 1,
-          std::size_t{std::numeric_limits<std::uint32_t>::max()}}) {
+    for (const std::size_t most : {std::numeric_limits<std::size_t>::max(),
+                                   std::size_t{std::numeric_limits<std::uint32_t>::max()},
+                                   std::size_t{std::numeric_limits<std::uint32_t>::max() - 100}}) {
         ZAV_SHM_Frame_Publisher file(
             {.name = "CAM_REC", .history_bytes = 10'000, .frame_bytes_max = most});
         const auto opened = file.open();
