@@ -136,8 +136,8 @@ void Frame_Supply::choose_slot_or_ring(std::int64_t now_ns) {
                 begin_intake();
             }
         } else if (!is_in_slot && intake_) {
-            standing_->renew();  // out of the relay
             read_from(producer_, read_since_ns_);
+            standing_->renew();  // out of the relay, into which nobody is put any more
         }
     }
     if (intake_) {
