@@ -20,13 +20,6 @@ constexpr std::int64_t route_look_ns = 50 * ns_per_ms;
 // How often it is looked whether a producer of the fixed interface has got a ring.
 constexpr std::int64_t ring_look_ns = 1000 * ns_per_ms;
 
-// True while a publisher writes the ring of this name.
-bool is_written(const std::string& ring_path) {
-    Ring_Problem problem;
-    const auto ring = Ring_Memory::open(ring_path, Ring_Memory::Reading::copied, problem);
-    return ring && ring->has_writer();
-}
-
 }  // namespace
 
 Frame_Supply::Frame_Supply(Consumer consumer)
@@ -130,7 +123,7 @@ void Frame_Supply::choose_slot_or_ring(std::int64_t now_ns) {
     if (now_ns >= next_choice_ns_) {
         next_choice_ns_ = now_ns + ring_look_ns;
         const bool is_in_slot =
-            frames_are_in_ == Route_Page::slot && !producer_.empty() && !is_written(path_);
+            frames_are_in_ == Route_Page::slot && !producer_.empty() && !is_ring_written(path_);
         if (is_in_slot && !intake_) {
             if (standing_->is_renewed()) {
                 begin_intake();
@@ -153,8 +146,9 @@ void Frame_Supply::begin_intake() {
                                       .producer = producer_,
                                       .channel = consumer_.channel,
                                       .stream = consumer_.stream,
-                                      .card = card_name_},
-                                     consumer_.history_bytes, [this] { wake(); });
+                                      .card = card_name_,
+                                      .ring = path_},
+                                     consumer_.history_bytes, [this] { note_change(); });
     if (!intake) {
         tell("no thread can be had for the slot of " + producer_, false);
     }

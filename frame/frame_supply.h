@@ -63,7 +63,7 @@ public:
     /// Ends a wait of the receiving thread.
     void wake() { source_.wake(); }
 
-    /// The standing has changed.
+    /// The standing has changed, or what the intake says.
     void note_change() {
         standing_changed_ = true;
         wake();

@@ -146,6 +146,12 @@ std::string ring_folder(const std::string& path) {
     return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
 }
 
+bool is_ring_written(const std::string& path) {
+    Ring_Problem problem;
+    const auto ring = Ring_Memory::open(path, Ring_Memory::Reading::copied, problem);
+    return ring && ring->has_writer();
+}
+
 std::optional<std::uint64_t> Ring_Size::file_bytes(std::string* reason) const {
     const std::uint64_t bytes = data_bytes_for(*this);
     std::string text;

@@ -48,6 +48,9 @@ struct Ring_Problem {
 /// The folder that a ring's name lies in.
 std::string ring_folder(const std::string& path);
 
+/// True while somebody writes the ring of this name. Some system calls.
+bool is_ring_written(const std::string& path);
+
 /// The memory of one ring: the file, or private memory, with its facts.
 ///
 /// Owner    of the mapping and the descriptor. Destroying it leaves the file.

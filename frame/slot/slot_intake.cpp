@@ -58,6 +58,7 @@ class Slot_Intake::Body {
 public:
     Body(const Consumer& consumer, std::uint32_t history_bytes, std::function<void()> changed)
         : history_bytes_(history_bytes),
+          ring_path_(consumer.ring),
           changed_(std::move(changed)),
           link_({.type = control::type::receiver,
                  .name = consumer.name,
@@ -79,6 +80,7 @@ public:
 private:
     void register_again();
     void tell(std::string trouble);
+    void call_changed();
     bool make_ring(std::size_t payload_max);
     void take_one();
     bool copy_into_ring(const Slot_Frame& frame, std::span<const std::byte> payload);
@@ -87,6 +89,7 @@ private:
     std::shared_ptr<Slot_Reader> reader() const;
 
     const std::uint32_t history_bytes_;
+    const std::string ring_path_;
     const std::function<void()> changed_;
     Center_Link link_;
     Backoff retry_;
@@ -97,6 +100,7 @@ private:
     Clock::time_point noticed_at_{};
     Clock::time_point wait_began_{};
     bool waits_noticed_ = false;  // since then
+    bool saw_ring_ = false;       // of the producer, at the frame that was taken last
 
     mutable Mutex mutex_;
     std::condition_variable woken_;  // notified when one of the last two is set
@@ -234,6 +238,10 @@ void Slot_Intake::Body::tell(std::string trouble) {
         const Guard guard(mutex_);
         trouble_ = std::move(trouble);
     }
+    call_changed();
+}
+
+void Slot_Intake::Body::call_changed() {
     const Guard guard(telling_);
     if (!is_silent_) {
         changed_();
@@ -274,7 +282,15 @@ void Slot_Intake::Body::take_one() {
         },
         patience);
     if (taken == Slot_Reader::Take::frame) {
-        commit(frame);
+        // What a publisher feeds into the slot is in its ring, where the reader of this intake finds
+        // it: handed out from both, it would come twice.
+        const bool is_in_ring = frame.verified && is_ring_written(ring_path_);
+        if (!is_in_ring) {
+            commit(frame);
+        } else if (!saw_ring_) {
+            call_changed();
+        }
+        saw_ring_ = is_in_ring;
     }
     note(taken);
     if (current->is_noticed() || taken != Slot_Reader::Take::nothing) {

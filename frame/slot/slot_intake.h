@@ -27,14 +27,15 @@ struct Intake_Counters {
 /// ring in private memory, for a reader that need not know the difference. It registers by itself,
 /// and again when nobody answers any more.
 ///
+/// What a publisher of the safe layer puts there, for others, is left: its ring has it, too.
+///
 /// A consumer that is not back within 5 ms after a frame misses the next one: so a thread does this
 /// and nothing else.
 ///
 /// Owner    of its thread, the consumer's end of the slot, and the ring.
 /// Threads  "zav_intake"; all operations from any.
-/// Crash    a killed one costs the other consumers 20 ms once; the center's idle kick takes it out
-/// of
-///          its relay.
+/// Crash    a killed one costs the other consumers 20 ms once; the center's idle kick takes it
+///          out of its relay.
 class Slot_Intake {
 public:
     struct Consumer {
@@ -43,12 +44,14 @@ public:
         int channel = 0;
         int stream = 0;
         std::string card;
+        std::string ring;  // that the producer would write if it did
     };
 
     /// Starts the thread.
     ///
     /// @param history_bytes  of the ring; 0: four times the page size
-    /// @param changed        called on the thread when ring() or trouble() is another one
+    /// @param changed        called on the thread when ring() or trouble() is another one, or the producer
+    ///                       has begun to write a ring of its own
     /// @return null when no thread can be had
     static std::unique_ptr<Slot_Intake> begin(const Consumer& consumer, std::uint32_t history_bytes,
                                               std::function<void()> changed);
