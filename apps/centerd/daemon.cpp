@@ -78,7 +78,7 @@ Outcome Daemon::run() {
         }
         return failed;
     }
-    remove_semaphore_leftovers();
+    remove_semaphore_leftovers(inventory_.semaphores);
     try {
         failed = serve();
     } catch (const std::bad_alloc&) {
@@ -191,13 +191,13 @@ void Daemon::release_locks() {
 }
 
 void Daemon::remove_objects() const {
+    remove_semaphore_leftovers(inventory_.semaphores);
     for (const auto* files : {&inventory_.segments, &inventory_.semaphores}) {
         for (const Shared_File& file : *files) {
             unlink(file.path.c_str());
         }
     }
     remove_ring_leftovers(inventory_.rings_folder);
-    remove_semaphore_leftovers();
     queues_.remove();
 }
 

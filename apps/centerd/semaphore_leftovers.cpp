@@ -43,15 +43,19 @@ bool is_old(const struct stat& found) {
     return std::chrono::system_clock::from_time_t(found.st_mtim.tv_sec) + least_age < now;
 }
 
-// A center makes all without a post.
-bool is_as_made(int file) {
+// A center makes all without a post. The file is empty at first.
+bool is_as_made(int file, off_t length) {
+    if (length == 0) {
+        return true;
+    }
     sem_t semaphore;
     std::memset(&semaphore, 0, sizeof semaphore);
     sem_init(&semaphore, 1, 0);
     std::array<std::byte, sizeof semaphore> fresh{};
     std::memcpy(fresh.data(), &semaphore, sizeof semaphore);
     std::array<std::byte, sizeof semaphore> content{};
-    return pread(file, content.data(), content.size(), 0) == ssize_t{sizeof content} &&
+    return length == off_t{sizeof semaphore} &&
+           pread(file, content.data(), content.size(), 0) == ssize_t{sizeof content} &&
            content == fresh;
 }
 
@@ -65,17 +69,30 @@ bool is_in_use(int file) {
     return false;
 }
 
-bool is_leftover(const std::string& path) {
+// The first name of a semaphore that has got its own, too.
+bool is_first_name(const struct stat& found, const std::vector<Shared_File>& semaphores) {
+    return found.st_nlink > 1 &&
+           std::any_of(semaphores.begin(), semaphores.end(), [&](const Shared_File& named) {
+               struct stat of_named {};
+               return stat(named.path.c_str(), &of_named) == 0 && of_named.st_dev == found.st_dev &&
+                      of_named.st_ino == found.st_ino;
+           });
+}
+
+bool is_leftover(const std::string& path, const std::vector<Shared_File>& semaphores) {
     const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     struct stat found {};
-    return file.is_open() && fstat(file.get(), &found) == 0 && S_ISREG(found.st_mode) &&
-           found.st_uid == geteuid() && found.st_size == off_t{sizeof(sem_t)} && is_old(found) &&
-           is_as_made(file.get()) && !is_in_use(file.get());
+    if (!file.is_open() || fstat(file.get(), &found) != 0 || !S_ISREG(found.st_mode) ||
+        found.st_uid != geteuid()) {
+        return false;
+    }
+    return is_first_name(found, semaphores) ||
+           (is_old(found) && is_as_made(file.get(), found.st_size) && !is_in_use(file.get()));
 }
 
 }  // namespace
 
-void remove_semaphore_leftovers() {
+void remove_semaphore_leftovers(const std::vector<Shared_File>& semaphores) {
     std::vector<std::string> found;
     std::error_code error;
     std::filesystem::directory_iterator file(shared_memory_folder, error);
@@ -85,7 +102,7 @@ void remove_semaphore_leftovers() {
         }
     }
     for (const std::string& path : found) {
-        if (is_leftover(path)) {
+        if (is_leftover(path, semaphores)) {
             unlink(path.c_str());
         }
     }

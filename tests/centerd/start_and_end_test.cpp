@@ -268,6 +268,33 @@ TEST_F(Unfinished_Semaphores, go_with_clean) {
     EXPECT_EQ(names_left(), 0U);
 }
 
+TEST_F(Unfinished_Semaphores, go_when_nothing_has_been_written_yet) {
+    const std::string path = make("8wPoaq", old);
+    fs::resize_file(path, 0);
+    aged(path, old);
+    ASSERT_TRUE(start());
+    EXPECT_FALSE(fs::exists(path));
+    EXPECT_EQ(end(), 0);
+}
+
+// Killed between the two names, a center leaves both; whatever is done with the semaphore after that.
+TEST_F(Unfinished_Semaphores, lose_the_first_of_two_names) {
+    ASSERT_TRUE(start({"--clean"}));
+    daemon->kill();
+    const std::string named = "/dev/shm/sem.DST_PLAYER_SEM_0_0_1";
+    const std::string path = "/dev/shm/sem.8wPoaq";
+    fs::create_hard_link(named, path);
+    sem_t* const used = sem_open("/DST_PLAYER_SEM_0_0_1", 0);
+    ASSERT_NE(used, SEM_FAILED);
+    sem_post(used);
+    ASSERT_TRUE(start({"--clean"}));
+    EXPECT_FALSE(fs::exists(path));
+    EXPECT_TRUE(fs::exists(named));
+    EXPECT_EQ(end(), 0);
+    sem_close(used);
+    EXPECT_EQ(names_left(), 0U);
+}
+
 TEST_F(Unfinished_Semaphores, stay_while_they_may_become_whole) {
     const std::string path = make("8wPoaq", std::chrono::seconds(50));
     ASSERT_TRUE(start({"--clean"}));
@@ -285,6 +312,8 @@ TEST_F(Unfinished_Semaphores, are_told_from_others) {
     const std::string of_other_length = make("length", old);
     fs::resize_file(of_other_length, sizeof(sem_t) + 1);
     aged(of_other_length, old);
+    const std::string of_other_names = make("linked", old, 1);
+    fs::create_hard_link(of_other_names, "/dev/shm/another");
     const std::string of_other_user = make("user12", old);
     ASSERT_EQ(chown(of_other_user.c_str(), 65534, 65534) == 0 || geteuid() != 0, true);
     ASSERT_TRUE(start({"--clean"}));
@@ -294,6 +323,8 @@ TEST_F(Unfinished_Semaphores, are_told_from_others) {
     EXPECT_TRUE(fs::remove(longer));
     EXPECT_TRUE(fs::remove(in_use));
     EXPECT_TRUE(fs::remove(of_other_length));
+    EXPECT_TRUE(fs::remove(of_other_names));
+    EXPECT_TRUE(fs::remove("/dev/shm/another"));
     EXPECT_TRUE(fs::remove(of_other_user) || geteuid() != 0);
 }
 
