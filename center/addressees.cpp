@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +10,8 @@
 #include <sstream>
 #include <string>
 #include <system_error>
+
+#include "ipc/process_exists.h"
 
 namespace zav_shm {
 
@@ -48,10 +48,8 @@ Process_Status status_of(const std::string& id) {
     return status;
 }
 
-bool exists(long pid) {
-    return static_cast<pid_t>(pid) == pid &&
-           (kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) &&
-           !status_of(std::to_string(pid)).has_ended;
+bool is_running(long pid) {
+    return process_exists(pid) && !status_of(std::to_string(pid)).has_ended;
 }
 
 std::set<long> own_ids_of_all() {
@@ -77,7 +75,7 @@ void Addressees::discard_gone(const std::function<void(long addressee)>& discard
                               Clock::time_point now) {
     std::optional<std::set<long>> ids;  // looked up when somebody is not there by the own id
     const auto lives = [&ids](long addressee) {
-        if (exists(addressee)) {
+        if (is_running(addressee)) {
             return true;
         }
         if (!ids) {

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <filesystem>
 #include <iterator>
 #include <system_error>
@@ -16,6 +15,7 @@
 #include "ipc/descriptor.h"
 #include "ipc/file_lock.h"
 #include "ipc/futex.h"
+#include "ipc/process_exists.h"
 #include "ipc/random_epoch.h"
 #include "ipc/shared_memory_folder.h"
 
@@ -28,10 +28,6 @@ constexpr mode_t own_folder = 0700;
 // More consumers than any configuration has that a device can hold: requests of clients cannot make
 // the books grow without end.
 constexpr std::size_t entries_max = 65536;
-
-bool is_file_name(const std::string& name) {
-    return !name.empty() && name.front() != '.' && name.find('/') == std::string::npos;
-}
 
 }  // namespace
 
@@ -185,8 +181,7 @@ bool Ring_Consumers::is_alive(const Member& member) const {
             return true;
         }
     }
-    return static_cast<pid_t>(member.pid) == member.pid && member.pid > 0 &&
-           (kill(static_cast<pid_t>(member.pid), 0) == 0 || errno != ESRCH);
+    return process_exists(member.pid);
 }
 
 void Ring_Consumers::forget_dead(const Key& consumer) {

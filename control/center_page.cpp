@@ -5,11 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 
 #include "ipc/file_content.h"
 #include "ipc/file_lock.h"
+#include "ipc/process_exists.h"
 #include "ipc/shared_memory_folder.h"
 
 namespace zav_shm {
@@ -37,12 +37,10 @@ Descriptor open_page(const std::string& folder) {
         open(center_page_path(folder).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
 }
 
-bool exists(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH); }
-
 bool is_host_alive(int descriptor, const Center_Page& page) {
     const bool is_held = (page.flags & center_page_is_held) != 0;
     const auto found = is_held ? look_at_file_lock(descriptor) : File_Lock_State::unknown;
-    return found == File_Lock_State::unknown ? exists(static_cast<pid_t>(page.pid))
+    return found == File_Lock_State::unknown ? process_exists(page.pid)
                                              : found == File_Lock_State::exclusive;
 }
 
@@ -90,7 +88,7 @@ bool is_center_alive(const std::string& folder) {
 bool is_center_alive(const std::string& folder, pid_t pid) {
     const auto page = read_center_page(folder);
     return page && page->pid == static_cast<std::uint32_t>(pid) ? is_center_alive(folder)
-                                                                : exists(pid);
+                                                                : process_exists(pid);
 }
 
 void remove_center_page(const std::string& folder) { unlink(center_page_path(folder).c_str()); }

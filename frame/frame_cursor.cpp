@@ -26,10 +26,6 @@ std::uint64_t first_since(const Ring_Reader& reader, std::int64_t since_ns) {
     return before ? *before + 1 : reader.oldest();
 }
 
-bool is_ours(const ZAV_SHM_Frame_Header& header) {
-    return header.magic == frame_magic && header.version == frame_version;
-}
-
 }  // namespace
 
 // ---- where it begins ----

@@ -103,6 +103,12 @@ inline constexpr std::uint32_t g711 = four_characters("G711");
 inline constexpr std::uint32_t raw = four_characters("RAW");
 }  // namespace codec
 
+/// True for a header that a publisher has written; producers of the fixed interface write other
+/// bytes there, or none.
+inline bool is_ours(const ZAV_SHM_Frame_Header& header) {
+    return header.magic == frame_magic && header.version == frame_version;
+}
+
 /// What the commit field holds of a complete frame.
 constexpr std::uint32_t commit_of(std::uint64_t sequence) {
     const auto low = static_cast<std::uint32_t>(sequence);

@@ -3,11 +3,11 @@
 
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <sys/stat.h>
 
 #include <system_error>
 #include <utility>
 
+#include "ipc/file_inode.h"
 #include "ipc/monotonic_clock.h"
 
 namespace zav_shm {
@@ -16,11 +16,6 @@ namespace {
 
 // How often the name is looked at while nothing happens, as everywhere.
 constexpr std::int64_t look_interval_ns = 1'000'000'000;
-
-ino_t inode_of(const std::string& path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
-}
 
 }  // namespace
 

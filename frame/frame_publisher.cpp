@@ -27,7 +27,9 @@
 using namespace std::chrono_literals;
 using zav_shm::Frame_Info;
 using zav_shm::Frame_State;
+using zav_shm::is_file_name;
 using zav_shm::monotonic_ns;
+using zav_shm::of_parent;
 using zav_shm::Publish_Outcome;
 using zav_shm::Publisher_Counters;
 
@@ -42,15 +44,8 @@ constexpr std::size_t default_frame_bytes = std::size_t{1} << 20;
 // that it writes still has its name.
 constexpr std::int64_t ring_look_ns = 500'000'000;
 
-constexpr const char* of_parent = "opened by the process that forked this one; open another";
-
 // For the own user, unless the center's host has made it for a group.
 constexpr mode_t own_folder = 0700;
-
-// A center refuses what is not configured; without one, nothing is to be written beside the rings.
-bool is_file_name(const std::string& name) {
-    return !name.empty() && name.front() != '.' && name.find('/') == std::string::npos;
-}
 
 std::size_t twice(std::size_t bytes) {
     return bytes > std::numeric_limits<std::size_t>::max() / 2 ? bytes : 2 * bytes;
@@ -190,6 +185,8 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
     const std::string path = ring_path();
     zav_shm::Ring_Problem problem;
     constexpr std::size_t bytes_max = std::numeric_limits<std::uint32_t>::max();
+    // A center refuses what is not configured; without one, nothing is to be written beside the
+    // rings.
     if (!is_file_name(options_.name)) {
         problem = {zav_shm::Ring_Problem::Kind::system,
                    "the name \"" + options_.name +

@@ -28,21 +28,19 @@ using zav_shm::Frame_Facts;
 using zav_shm::Frame_Source;
 using zav_shm::Frame_State;
 using zav_shm::monotonic_ns;
+using zav_shm::ns_per_ms;
+using zav_shm::ns_per_second;
+using zav_shm::of_parent;
 using zav_shm::Reader_Card;
 using zav_shm::Receive_Status;
 
 namespace {
-
-constexpr std::int64_t ns_per_ms = 1'000'000;
-constexpr std::int64_t ns_per_second = 1'000'000'000;
 
 // Without a frame for this long the producer is what is waited for.
 constexpr std::int64_t producer_limit_ns = ns_per_second;
 
 // How often a reader looks whether its card is still where others look for it.
 constexpr std::int64_t card_look_ns = ns_per_second;
-
-constexpr const char* of_parent = "opened by the process that forked this one; open another";
 
 // Between two attempts to wake a receive() that is to end.
 constexpr auto wake_again = 50us;

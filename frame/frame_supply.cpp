@@ -11,8 +11,6 @@ namespace zav_shm {
 
 namespace {
 
-constexpr std::int64_t ns_per_ms = 1'000'000;
-
 // How often it is looked, while frames come, whether somebody has paired this consumer anew. While
 // none come, the center wakes it.
 constexpr std::int64_t route_look_ns = 50 * ns_per_ms;

@@ -10,4 +10,7 @@ namespace zav_shm {
 /// Threads  any; in a child at once.
 unsigned forks_so_far();
 
+/// Why an object of the parent is of no use.
+inline constexpr const char* of_parent = "opened by the process that forked this one; open another";
+
 }  // namespace zav_shm

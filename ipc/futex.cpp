@@ -14,12 +14,11 @@
 #include <limits>
 
 #include "ipc/descriptor.h"
+#include "ipc/monotonic_clock.h"
 
 namespace zav_shm {
 
 namespace {
-
-constexpr std::int64_t ns_per_second = 1'000'000'000;
 
 // The kernel's own two forms of a point in time. `struct timespec` is neither for certain: a 32-bit
 // program may be built with 64-bit time_t, which the older call would read as garbage.

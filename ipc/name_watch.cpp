@@ -18,7 +18,6 @@ namespace zav_shm {
 
 namespace {
 
-constexpr std::int64_t ns_per_second = 1'000'000'000;
 constexpr std::int64_t sleep_without_descriptors_ns = 50'000'000;
 constexpr std::uint32_t folder_gone = IN_DELETE_SELF | IN_MOVE_SELF;
 constexpr std::uint32_t watched_for = IN_CREATE | IN_MOVED_TO | folder_gone | IN_ONLYDIR;

@@ -41,6 +41,12 @@ inline std::string channel_file_name(std::string_view name, int channel, int str
     return std::string(name) + "_" + std::to_string(channel) + "_" + std::to_string(stream);
 }
 
+/// True for the name of one visible file: what comes from a client can then lead to no other
+/// folder.
+inline bool is_file_name(std::string_view name) {
+    return !name.empty() && name.front() != '.' && name.find('/') == std::string_view::npos;
+}
+
 /// The mode of a file in a folder of this mode: whoever may list the folder may read the file, and
 /// nobody but its user may write to it.
 inline mode_t readable_file_mode(mode_t folder) {

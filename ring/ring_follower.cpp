@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ring/ring_follower.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <chrono>
 #include <thread>
 #include <utility>
 
+#include "ipc/file_inode.h"
 #include "ipc/monotonic_clock.h"
 
 namespace zav_shm {
@@ -25,11 +24,6 @@ constexpr std::chrono::milliseconds pause_in_vain{1};
 
 // Between two wakes of a follower that is about to sleep, or asleep.
 constexpr std::chrono::microseconds wake_again{50};
-
-std::uint64_t inode_of(const std::string& path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
-}
 
 }  // namespace
 

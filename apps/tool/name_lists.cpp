@@ -102,10 +102,6 @@ std::string joined(const std::vector<std::string>& parts) {
     return text.empty() ? "-" : text;
 }
 
-std::string number_at(const Json::Value& object, const char* member) {
-    return std::to_string(count_at(object, member));
-}
-
 Row row_of(const Json::Value& name, const std::vector<std::string>& registered) {
     std::vector<std::string> sizes;
     for (const Json::Value& stream : list_at(name, "streams")) {

@@ -17,10 +17,6 @@ std::string channel_at(const Json::Value& end) {
                         static_cast<int>(count_at(end, "stream")));
 }
 
-std::string number_at(const Json::Value& object, const char* member) {
-    return std::to_string(count_at(object, member));
-}
-
 // A reader whose counters cannot be read has none of these, and one without a ring is behind
 // nothing.
 std::string figure_at(const Json::Value& reader, const char* member) {

@@ -2,7 +2,6 @@
 #include "frame/link/center_link.h"
 
 #include <semaphore.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <mutex>
@@ -12,6 +11,7 @@
 #include "control/center_page.h"
 #include "control/control_protocol.h"
 #include "control/json_text.h"
+#include "ipc/file_inode.h"
 #include "ipc/shared_memory_folder.h"
 #include "ipc/zav_shm.h"
 
@@ -26,11 +26,6 @@ using Registration = Center_Link::Registration;
 void set_root_path_once() {
     static std::once_flag done;
     std::call_once(done, [] { IPC_SHMEMORY::set_root_path(shared_memory_folder); });
-}
-
-ino_t inode_of(const std::string& file) {
-    struct stat status {};
-    return stat(file.c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
 std::optional<std::string> mismatch(const std::optional<Center_Page>& page) {

@@ -22,8 +22,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::int64_t ns_per_ms = 1'000'000;
-
 // How long the thread sleeps at a time while nobody is present.
 constexpr long idle_wait_ms = 1000;
 

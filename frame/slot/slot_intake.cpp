@@ -282,8 +282,8 @@ void Slot_Intake::Body::take_one() {
         },
         patience);
     if (taken == Slot_Reader::Take::frame) {
-        // What a publisher feeds into the slot is in its ring, where the reader of this intake finds
-        // it: handed out from both, it would come twice.
+        // What a publisher feeds into the slot is in its ring, where the reader of this intake
+        // finds it: handed out from both, it would come twice.
         const bool is_in_ring = frame.verified && is_ring_written(ring_path_);
         if (!is_in_ring) {
             commit(frame);

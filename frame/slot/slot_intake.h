@@ -50,8 +50,8 @@ public:
     /// Starts the thread.
     ///
     /// @param history_bytes  of the ring; 0: four times the page size
-    /// @param changed        called on the thread when ring() or trouble() is another one, or the producer
-    ///                       has begun to write a ring of its own
+    /// @param changed        called on the thread when ring() or trouble() is another one, or the
+    ///                       producer has begun to write a ring of its own
     /// @return null when no thread can be had
     static std::unique_ptr<Slot_Intake> begin(const Consumer& consumer, std::uint32_t history_bytes,
                                               std::function<void()> changed);

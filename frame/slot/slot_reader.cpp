@@ -46,10 +46,6 @@ bool is_unwritten(const ZAV_SHM_Frame_Header& header) {
     return std::memcmp(&header, &as_made, sizeof header) == 0;
 }
 
-bool is_ours(const ZAV_SHM_Frame_Header& header) {
-    return header.magic == frame_magic && header.version == frame_version;
-}
-
 }  // namespace
 
 bool Slot_Reader::is_usable() const {

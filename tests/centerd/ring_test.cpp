@@ -46,6 +46,18 @@ protected:
     static Child_Process subscriber(const std::string& name = "PLAYER", const Words& before = {}) {
         return client_process({"subscribe", name, "CAM_LOOP"}, before);
     }
+    // The same, at work already.
+    static Child_Process publishing(const Words& before = {}) {
+        Child_Process camera = publisher(before);
+        EXPECT_EQ(camera.read_line(), "ready");
+        return camera;
+    }
+    static Child_Process receiving(const std::string& name = "PLAYER", const Words& before = {}) {
+        Child_Process player = subscriber(name, before);
+        EXPECT_EQ(player.read_line(), "ready");
+        EXPECT_EQ(player.read_line(), "first");
+        return player;
+    }
 
     // Ends the process in order.
     static std::string account_of(Child_Process& process) {
@@ -168,11 +180,8 @@ TEST_F(Daemon_Rings_Of_Others, users_of_the_group_read_each_others_rings) {
     for (const bool publisher_is_nobody : {true, false}) {
         const Words nobody = as_nobody("1");
         const Words own;
-        auto camera = publisher(publisher_is_nobody ? nobody : own);
-        ASSERT_EQ(camera.read_line(), "ready");
-        auto player = subscriber("PLAYER", publisher_is_nobody ? own : nobody);
-        ASSERT_EQ(player.read_line(), "ready");
-        ASSERT_EQ(player.read_line(), "first");
+        auto camera = publishing(publisher_is_nobody ? nobody : own);
+        auto player = receiving("PLAYER", publisher_is_nobody ? own : nobody);
         EXPECT_EQ(files_that_end_with(".reader"), 1U);
         EXPECT_EQ(mode_of(std::string(rings) + "/CAM_LOOP_0_0"), 0640U);
         EXPECT_EQ(group_of(std::string(rings) + "/CAM_LOOP_0_0"), 1U);
@@ -187,11 +196,8 @@ TEST_F(Daemon_Rings_Of_Others, users_of_the_group_read_each_others_rings) {
 
 TEST_F(Daemon_Rings_Of_Others, everybody_reads_when_everybody_may) {
     ASSERT_TRUE(start({"--mode", "0666"}));
-    auto camera = publisher();
-    ASSERT_EQ(camera.read_line(), "ready");
-    auto player = subscriber("PLAYER", as_nobody());
-    ASSERT_EQ(player.read_line(), "ready");
-    ASSERT_EQ(player.read_line(), "first");
+    auto camera = publishing();
+    auto player = receiving("PLAYER", as_nobody());
     EXPECT_EQ(files_that_end_with(".reader"), 1U);
     auto asking = client_process({"ask", "CAM_LOOP"}, as_nobody());
     EXPECT_EQ(asking.read_line(), "asked");
@@ -201,11 +207,8 @@ TEST_F(Daemon_Rings_Of_Others, everybody_reads_when_everybody_may) {
 
 TEST_F(Daemon_Rings_Of_Others, cards_of_killed_readers_of_other_users_are_swept) {
     ASSERT_TRUE(start({"--group", "daemon"}));
-    auto camera = publisher();
-    ASSERT_EQ(camera.read_line(), "ready");
-    auto player = subscriber("PLAYER", as_nobody("1"));
-    ASSERT_EQ(player.read_line(), "ready");
-    ASSERT_EQ(player.read_line(), "first");
+    auto camera = publishing();
+    auto player = receiving("PLAYER", as_nobody("1"));
     player.kill();
     EXPECT_EQ(files_that_end_with(".reader"), 1U);
     EXPECT_TRUE(becomes_true([] { return files_that_end_with(".reader") == 0; }));
@@ -229,8 +232,7 @@ TEST_F(Daemon_Rings_Of_Others, folder_that_would_not_hand_its_group_on_is_refuse
 TEST_F(Daemon_Rings, status_shows_each_reader_with_its_account) {
     ASSERT_TRUE(start());
     EXPECT_EQ(ring_consumers(), Json::Value(Json::arrayValue));
-    auto camera = publisher();
-    ASSERT_EQ(camera.read_line(), "ready");
+    auto camera = publishing();
     auto player = subscriber();
     auto tap = subscriber("-");
     ASSERT_EQ(player.read_line(), "ready");
@@ -264,8 +266,7 @@ TEST_F(Daemon_Rings, status_shows_each_reader_with_its_account) {
 
 TEST_F(Daemon_Rings, killed_readers_are_swept_and_the_living_are_not) {
     ASSERT_TRUE(start());
-    auto camera = publisher();
-    ASSERT_EQ(camera.read_line(), "ready");
+    auto camera = publishing();
     auto living = subscriber();
     ASSERT_EQ(living.read_line(), "ready");
     auto killed = subscriber("REMOTE_LOOP");
@@ -307,11 +308,8 @@ TEST_F(Daemon_Rings, what_a_reader_left_that_was_killed_at_its_begin_is_swept) {
 // A lock is seen from everywhere, a process is not.
 TEST_F(Daemon_Rings, reader_in_another_pid_namespace_lives) {
     ASSERT_TRUE(start());
-    auto camera = publisher();
-    ASSERT_EQ(camera.read_line(), "ready");
-    auto player = subscriber("PLAYER", {"/usr/bin/unshare", "--pid", "--fork", "--kill-child"});
-    ASSERT_EQ(player.read_line(), "ready");
-    ASSERT_EQ(player.read_line(), "first");
+    auto camera = publishing();
+    auto player = receiving("PLAYER", {"/usr/bin/unshare", "--pid", "--fork", "--kill-child"});
     std::this_thread::sleep_for(4s);
     EXPECT_EQ(files_that_end_with(".reader"), 1U);
     EXPECT_EQ(files_that_end_with(".route"), 1U);
@@ -328,11 +326,8 @@ TEST_F(Daemon_Rings, reader_in_another_pid_namespace_lives) {
 
 TEST_F(Daemon_Rings, frames_go_on_while_the_daemon_is_killed_and_started_again) {
     ASSERT_TRUE(start());
-    auto camera = publisher();
-    ASSERT_EQ(camera.read_line(), "ready");
-    auto player = subscriber();
-    ASSERT_EQ(player.read_line(), "ready");
-    ASSERT_EQ(player.read_line(), "first");
+    auto camera = publishing();
+    auto player = receiving();
     const std::string smaller = [] {
         std::string content = small_configuration;
         return content.replace(content.find("4096"), 4, "1024");
@@ -351,11 +346,8 @@ TEST_F(Daemon_Rings, frames_go_on_while_the_daemon_is_killed_and_started_again) 
 
 TEST_F(Daemon_Rings, frames_go_on_while_the_center_is_made_anew) {
     ASSERT_TRUE(start());
-    auto camera = publisher();
-    ASSERT_EQ(camera.read_line(), "ready");
-    auto player = subscriber();
-    ASSERT_EQ(player.read_line(), "ready");
-    ASSERT_EQ(player.read_line(), "first");
+    auto camera = publishing();
+    auto player = receiving();
     fs::remove("/dev/shm/sem.DST_PLAYER_SEM_0_0_1");
     EXPECT_TRUE(becomes_true([this] { return reports("; the center is made anew, and"); }));
     std::this_thread::sleep_for(3s);
@@ -365,11 +357,8 @@ TEST_F(Daemon_Rings, frames_go_on_while_the_center_is_made_anew) {
 
 TEST_F(Daemon_Rings, clean_removes_what_the_dead_left) {
     ASSERT_TRUE(start({"--clean"}));
-    auto camera = publisher();
-    ASSERT_EQ(camera.read_line(), "ready");
-    auto player = subscriber();
-    ASSERT_EQ(player.read_line(), "ready");
-    ASSERT_EQ(player.read_line(), "first");
+    auto camera = publishing();
+    auto player = receiving();
     player.kill();
     camera.kill();
     std::ofstream(std::string(rings) + "/CAM_REC_0_0.new") << "half";
@@ -380,11 +369,8 @@ TEST_F(Daemon_Rings, clean_removes_what_the_dead_left) {
 
 TEST_F(Daemon_Rings, clean_leaves_what_the_living_use) {
     ASSERT_TRUE(start({"--clean"}));
-    auto camera = publisher();
-    ASSERT_EQ(camera.read_line(), "ready");
-    auto player = subscriber();
-    ASSERT_EQ(player.read_line(), "ready");
-    ASSERT_EQ(player.read_line(), "first");
+    auto camera = publishing();
+    auto player = receiving();
     EXPECT_EQ(end(), 0);
     EXPECT_EQ(files_that_end_with("CAM_LOOP_0_0"), 1U);
     EXPECT_EQ(files_that_end_with(".lock"), 1U);

@@ -277,7 +277,7 @@ TEST_F(Unfinished_Semaphores, go_when_nothing_has_been_written_yet) {
     EXPECT_EQ(end(), 0);
 }
 
-// Killed between the two names, a center leaves both; whatever is done with the semaphore after that.
+// Killed between the two names, a center leaves both, whatever is done with the semaphore later.
 TEST_F(Unfinished_Semaphores, lose_the_first_of_two_names) {
     ASSERT_TRUE(start({"--clean"}));
     daemon->kill();

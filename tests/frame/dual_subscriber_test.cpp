@@ -17,9 +17,8 @@ using zav_shm::Received_Frame;
 
 namespace {
 
-/// A camera that writes each picture into both streams. Payloads are the picture's number, and the
-/// key frames of the streams fall apart.
-class Two_Streams : public Frames {
+/// A camera with two streams.
+class Dual_Streams : public Frames {
 protected:
     void SetUp() override {
         Frames::SetUp();
@@ -27,10 +26,30 @@ protected:
         ASSERT_TRUE(sub_.open());
     }
     void TearDown() override {
-        player_.close();
         main_.close();
         sub_.close();
         Frames::TearDown();
+    }
+
+    // Each picture of the sub stream just before that of the main stream.
+    void publish_picture(bool is_key) {
+        const zav_shm::Frame_Info info{.flags = is_key ? zav_shm::frame_flag::key_frame
+                                                       : std::uint16_t{0}};
+        EXPECT_TRUE(sub_.publish(payload(200), info).published());
+        EXPECT_TRUE(main_.publish(payload(1000), info).published());
+    }
+
+    ZAV_SHM_Frame_Publisher main_{{.name = "CAM_LOOP", .history_bytes = 100'000}};
+    ZAV_SHM_Frame_Publisher sub_{{.name = "CAM_LOOP", .stream = 1, .history_bytes = 100'000}};
+};
+
+/// It writes each picture into both. Payloads are the picture's number, and the key frames of the
+/// streams fall apart.
+class Two_Streams : public Dual_Streams {
+protected:
+    void TearDown() override {
+        player_.close();
+        Dual_Streams::TearDown();
     }
 
     void take_pictures(int first, int last) {
@@ -60,8 +79,6 @@ protected:
     static constexpr auto main = Dual::main;
     static constexpr auto sub = Dual::sub;
 
-    ZAV_SHM_Frame_Publisher main_{{.name = "CAM_LOOP", .history_bytes = 100'000}};
-    ZAV_SHM_Frame_Publisher sub_{{.name = "CAM_LOOP", .stream = 1, .history_bytes = 100'000}};
     Dual player_{{.name = "PLAYER", .producer = "CAM_LOOP"}, 1};
 
 private:
@@ -148,31 +165,6 @@ TEST_F(Two_Streams, can_be_changed_again_and_again_while_pictures_come) {
     }
     EXPECT_EQ(player_.changes(), 20U);
 }
-
-// A camera's two streams, each picture of the sub stream just before that of the main stream.
-class Dual_Streams : public Frames {
-protected:
-    void SetUp() override {
-        Frames::SetUp();
-        ASSERT_TRUE(main_.open());
-        ASSERT_TRUE(sub_.open());
-    }
-    void TearDown() override {
-        main_.close();
-        sub_.close();
-        Frames::TearDown();
-    }
-
-    void publish_picture(bool is_key) {
-        const zav_shm::Frame_Info info{.flags = is_key ? zav_shm::frame_flag::key_frame
-                                                       : std::uint16_t{0}};
-        EXPECT_TRUE(sub_.publish(payload(200), info).published());
-        EXPECT_TRUE(main_.publish(payload(1000), info).published());
-    }
-
-    ZAV_SHM_Frame_Publisher main_{{.name = "CAM_LOOP"}};
-    ZAV_SHM_Frame_Publisher sub_{{.name = "CAM_LOOP", .stream = 1}};
-};
 
 TEST_F(Dual_Streams, change_at_the_next_key_frame_without_a_gap) {
     Dual player({.name = "PLAYER", .producer = "CAM_LOOP"}, 1);

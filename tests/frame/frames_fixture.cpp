@@ -2,7 +2,6 @@
 #include "frames_fixture.h"
 
 #include <algorithm>
-#include <filesystem>
 
 using namespace std::chrono_literals;
 
@@ -15,20 +14,6 @@ std::vector<std::byte> payload(std::size_t length, int seed) {
 
 bool equal(std::span<const std::byte> left, std::span<const std::byte> right) {
     return std::equal(left.begin(), left.end(), right.begin(), right.end());
-}
-
-void remove_histories() {
-    namespace fs = std::filesystem;
-    const fs::path folder = "/dev/shm/shm/rings";
-    if (!fs::exists(folder)) {
-        return;
-    }
-    for (const auto& file : fs::directory_iterator(folder)) {
-        const std::string ending = file.path().extension();
-        EXPECT_TRUE(ending.empty() || ending == ".lock" || ending == ".request") << file.path();
-        fs::remove(file.path());
-    }
-    fs::remove(folder);
 }
 
 std::vector<std::byte> Frames::next(ZAV_SHM_Frame_Subscriber& from) {

@@ -12,15 +12,12 @@
 #include "../center/center_fixture.h"
 #include "frame/frame_publisher.h"
 #include "frame/frame_subscriber.h"
+#include "support/histories.h"
 
 /// Bytes that differ from one seed to the next.
 std::vector<std::byte> payload(std::size_t length, int seed = 1);
 
 bool equal(std::span<const std::byte> left, std::span<const std::byte> right);
-
-/// What publishers leave behind on purpose: histories, their locks, the files of their requests.
-/// Removes them, and demands that nothing else is there.
-void remove_histories();
 
 /// Publishers and subscribers of this process at a center of this process.
 class Frames : public Center {

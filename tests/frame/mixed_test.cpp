@@ -312,8 +312,8 @@ TEST_F(Mixed, a_subscriber_stays_in_the_relay_of_a_producer_that_comes_again) {
     EXPECT_EQ(player.counters().recoveries, recoveries + 1) << "the one out of the relay";
 }
 
-// What the feeder puts into the slot before the subscriber has gone over to the ring is in the ring,
-// too.
+// What the feeder puts into the slot before the subscriber has gone over to the ring is in the
+// ring, too.
 TEST_F(Mixed, frames_come_once_while_a_producer_changes_from_slot_to_ring) {
     ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
     ASSERT_TRUE(player.open());

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "support/histories.h"
 #include "support/threads.h"
 
 namespace {
@@ -62,25 +63,10 @@ void Tool::SetUp() {
 
 void Tool::TearDown() {
     center.reset();
-    remove_histories();
+    remove_histories(leaves_cards ? std::set<std::string>{".route", ".reader"}
+                                  : std::set<std::string>{".route"});  // of a killed center
     Center_Process::TearDown();
     std::filesystem::remove_all(folder_);
-}
-
-// Histories stay, and what belongs to them; a center that is killed leaves the routes.
-void Tool::remove_histories() {
-    namespace fs = std::filesystem;
-    const fs::path folder = "/dev/shm/shm/rings";
-    if (!fs::exists(folder)) {
-        return;
-    }
-    for (const auto& file : fs::directory_iterator(folder)) {
-        const std::string ending = file.path().extension();
-        EXPECT_TRUE(ending.empty() || ending == ".lock" || ending == ".request" ||
-                    ending == ".route" || (ending == ".reader" && leaves_cards))
-            << file.path();
-    }
-    fs::remove_all(folder);
 }
 
 Tool_Process Tool::start(const std::vector<std::string>& arguments, const std::string& shell) {

@@ -82,8 +82,6 @@ protected:
     bool leaves_cards = false;
 
 private:
-    void remove_histories();
-
     std::string folder_;
     int started_ = 0;
 };
