@@ -26,6 +26,11 @@ std::uint64_t first_since(const Ring_Reader& reader, std::int64_t since_ns) {
     return before ? *before + 1 : reader.oldest();
 }
 
+// What a killed publisher has left is no live stream, though its ring was never closed.
+bool is_live(const Ring_Reader& reader) {
+    return !reader.is_closed() && reader.memory().has_writer();
+}
+
 }  // namespace
 
 // ---- where it begins ----
@@ -69,6 +74,10 @@ void Frame_Cursor::place(Ring_Reader& reader, const Start& from, std::int64_t no
     switch (from.at) {
         case Start::At::newest:
             number = joined_at_;
+            break;
+        case Start::At::newest_key:
+            number = is_live(reader) ? reader.find_back(newest, is_key) : std::nullopt;
+            number = number ? number : joined_at_;
             break;
         case Start::At::last_key_frame:
             number = reader.find_back(newest, is_key);

@@ -9,7 +9,7 @@ namespace zav_shm {
 
 /// Where reading begins in the history of a stream.
 struct Start {
-    enum class At { newest, last_key_frame, oldest, back };
+    enum class At { newest, newest_key, last_key_frame, oldest, back };
     At at = At::newest;
     std::chrono::nanoseconds span{0};  // of `back`
 };
@@ -19,7 +19,11 @@ namespace start {
 /// With the frame that is published next. No frame is handed out that is older.
 inline constexpr Start newest{Start::At::newest, {}};
 
-/// With the newest key frame that there is: a picture at once. In a history without one, as newest.
+/// With the newest key frame of a live stream: a picture at once. As newest where the publisher has
+/// left, or was killed.
+inline constexpr Start newest_key{Start::At::newest_key, {}};
+
+/// With the newest key frame that there is, however old it is. In a history without one, as newest.
 inline constexpr Start last_key_frame{Start::At::last_key_frame, {}};
 
 /// With the oldest frame that there is.

@@ -152,8 +152,9 @@ protected:
         app_.add_option_function<std::string>(
                 "--from",
                 [&options](const std::string& text) { options.from = *parse_start(text); },
-                "Where to begin: newest, last-key-frame, oldest, or so many seconds back, such as "
-                "-2.5 [newest]")
+                "Where to begin: newest-key (of a live stream), last-key-frame (however old), "
+                "oldest, "
+                "live (with the next frame), or so long ago, such as -10s [newest-key]")
             ->check(checked_by(start_mistake))
             ->type_name("START");
         channel(options);

@@ -65,7 +65,7 @@ struct Consumer_Options : Channel_Options {
     std::string producer;
     bool tap = false;            // without a name, and without a center
     std::string folder = "shm";  // of a tap
-    Start from = start::newest;
+    Start from = start::newest_key;
 };
 
 struct Record_Options : Common_Options, Consumer_Options {

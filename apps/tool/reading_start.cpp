@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/reading_start.h"
 
-#include <chrono>
-#include <cstdlib>
-
-#include "apps/tool/argument_checks.h"
-#include "apps/tool/options.h"
+#include "apps/tool/duration_text.h"
 
 namespace zav_shm::tool {
 
 std::optional<Start> parse_start(const std::string& text) {
-    if (text == "newest") {
+    if (text == "newest-key") {
+        return start::newest_key;
+    }
+    if (text == "live" || text == "newest") {
         return start::newest;
     }
     if (text == "last-key-frame") {
@@ -19,11 +18,9 @@ std::optional<Start> parse_start(const std::string& text) {
     if (text == "oldest") {
         return start::oldest;
     }
-    if (text.empty() || text[0] != '-' || !number_mistake(text.substr(1), 0, seconds_max).empty()) {
-        return {};
-    }
-    const std::chrono::duration<double> back(std::strtod(text.c_str() + 1, nullptr));
-    return start::back(std::chrono::ceil<std::chrono::nanoseconds>(back));
+    const auto back =
+        text.empty() || text[0] != '-' ? std::nullopt : parse_duration(text.substr(1));
+    return back ? std::optional(start::back(*back)) : std::nullopt;
 }
 
 std::string start_mistake(const std::string& text) {
@@ -31,7 +28,8 @@ std::string start_mistake(const std::string& text) {
         return {};
     }
     return "'" + text +
-           "' is none of newest, last-key-frame, oldest and a number of seconds back, such as -2.5";
+           "' is none of newest-key, last-key-frame, oldest, live and a time back, such as -2.5 or "
+           "-10s";
 }
 
 }  // namespace zav_shm::tool

@@ -8,7 +8,8 @@
 
 namespace zav_shm::tool {
 
-/// Reads "newest", "last-key-frame", "oldest", or a number of seconds back, such as "-2.5".
+/// Reads "newest-key", "last-key-frame", "oldest", "live" (also called "newest"), or a time back,
+/// such as "-2.5" or "-10s".
 std::optional<Start> parse_start(const std::string& text);
 
 /// What is wrong with such a text, or nothing.

@@ -52,6 +52,7 @@ TEST_F(History, begins_where_it_is_told_to) {
     publish_numbers(camera, 1, 15, 10);
     EXPECT_EQ(read_from(start::oldest), from_to(1, 15));
     EXPECT_EQ(read_from(start::last_key_frame), from_to(11, 15));
+    EXPECT_EQ(read_from(start::newest_key), from_to(11, 15));
     EXPECT_EQ(read_from(start::newest), std::vector<int>{});
     EXPECT_EQ(read_from(start::back(1h)), from_to(1, 15)) << "the oldest key frame";
     EXPECT_EQ(read_from(start::back(0s)), from_to(11, 15));
@@ -90,6 +91,8 @@ TEST_F(History, outlives_its_publisher) {
     publish_numbers(camera, 1, 10, 5);
     camera.close();
     EXPECT_EQ(read_from(start::oldest), from_to(1, 10));
+    EXPECT_EQ(read_from(start::last_key_frame), from_to(6, 10));
+    EXPECT_EQ(read_from(start::newest_key), std::vector<int>{}) << "it is no live stream";
     EXPECT_EQ(read_from(start::newest), std::vector<int>{});
 }
 

@@ -60,18 +60,21 @@ TEST_F(Tool_History, joining_after_nobody_has_read_tells_no_loss_and_gives_no_ol
 TEST_F(Tool_History, gives_a_picture_at_once_from_the_last_key_frame_on) {
     Tool_Process publisher = synthetic({"--fps", "10", "--key-interval", "1000"});
     std::this_thread::sleep_for(800ms);
-    for (const char* from : {"last-key-frame", "oldest", "-0.3", "-60"}) {
+    for (const char* from : {"", "newest-key", "last-key-frame", "oldest", "-0.3", "-60s"}) {
         const Stopwatch watch;
-        Tool_Process recorder =
-            start_recorder({"-o", path("out"), "--frames", "5", "--from", from, "--strict"});
+        Words words{"-o", path("out"), "--frames", "5", "--strict"};
+        if (*from != '\0') {
+            words.insert(words.end(), {"--from", from});
+        }
+        Tool_Process recorder = start_recorder(words);
         EXPECT_EQ(recorder.status(), 0) << recorder.errors();
         EXPECT_EQ(recorder.figure("first"), 1) << from;
         EXPECT_LT(watch.elapsed(), 5s) << "the next key frame comes after 100 s";
     }
-    Tool_Process newest = start_recorder({"-o", path("out"), "--duration", "0.5"});
-    EXPECT_EQ(newest.status(), 0);
-    EXPECT_EQ(newest.figure("frames"), 0);
-    EXPECT_GT(newest.figure("skipped"), 0);
+    Tool_Process live = start_recorder({"-o", path("out"), "--duration", "0.5", "--from", "live"});
+    EXPECT_EQ(live.status(), 0);
+    EXPECT_EQ(live.figure("frames"), 0);
+    EXPECT_GT(live.figure("skipped"), 0);
     end(publisher);
 }
 
@@ -237,8 +240,8 @@ TEST_F(Tool_History, readers_ask_for_a_key_frame_and_a_descriptor_gets_a_line) {
                   "exec \"$@\" 7>'" + path("requests") + "'");
     std::this_thread::sleep_for(500ms);
     EXPECT_EQ(content(path("requests")), "");
-    Tool_Process recorder =
-        start_recorder({"-o", path("out"), "--ask-for-key-frame", "--duration", "1"});
+    Tool_Process recorder = start_recorder(
+        {"-o", path("out"), "--ask-for-key-frame", "--duration", "1", "--from", "live"});
     EXPECT_EQ(recorder.status(), 0);
     EXPECT_TRUE(publisher.says("a reader of CAM_LOOP/0/0 asks for a key frame, after frame "));
     EXPECT_EQ(content(path("requests")), "key_frame\n") << "once, until a frame is there";
@@ -253,8 +256,8 @@ TEST_F(Tool_History, readers_ask_for_a_key_frame_and_a_process_gets_a_signal) {
         synthetic({"--fps", "20", "--key-interval", "100000", "--on-key-request",
                    "signal:" + std::to_string(encoder.pid()) + ":USR1"});
     std::this_thread::sleep_for(500ms);
-    Tool_Process recorder =
-        start_recorder({"-o", path("out"), "--ask-for-key-frame", "--duration", "1"});
+    Tool_Process recorder = start_recorder(
+        {"-o", path("out"), "--ask-for-key-frame", "--duration", "1", "--from", "live"});
     EXPECT_EQ(encoder.status(), 0);
     EXPECT_EQ(content(path("asked")), "asked\n");
     EXPECT_EQ(recorder.status(), 0);

@@ -11,6 +11,7 @@
 #include "apps/text/printable.h"
 #include "apps/tool/argument_checks.h"
 #include "apps/tool/center_request.h"
+#include "apps/tool/duration_text.h"
 #include "apps/tool/json_text.h"
 #include "apps/tool/key_request_action.h"
 #include "apps/tool/name_lists.h"
@@ -108,14 +109,42 @@ TEST(Argument_Checks, know_a_file_by_any_of_its_names) {
     EXPECT_FALSE(is_same_file("/dev/null", "/dev/null"));
 }
 
+// ---- times and sizes ----
+
+TEST(Duration_Text, is_a_number_with_or_without_a_unit) {
+    EXPECT_EQ(parse_duration("10"), 10s);
+    EXPECT_EQ(parse_duration("10s"), 10s);
+    EXPECT_EQ(parse_duration("0.5s"), 500ms);
+    EXPECT_EQ(parse_duration("500ms"), 500ms);
+    EXPECT_EQ(parse_duration("2m"), 120s);
+    EXPECT_EQ(parse_duration("1.5h"), 5400s);
+    EXPECT_EQ(parse_duration("0"), 0s);
+    for (const char* text : {"", "s", "-1", "1 s", "1d", "1e99", "nan", "9999h", "1ss", "0x1"}) {
+        EXPECT_FALSE(parse_duration(text)) << text;
+    }
+}
+
+TEST(Size_Text, is_a_whole_number_with_or_without_a_unit) {
+    EXPECT_EQ(parse_size("1"), 1U);
+    EXPECT_EQ(parse_size("4k"), 4096U);
+    EXPECT_EQ(parse_size("10M"), 10U << 20U);
+    EXPECT_EQ(parse_size("2G"), std::uint64_t{2} << 30U);
+    for (const char* text : {"", "0", "M", "1.5M", "-1", "10T", "10MB", "99999999999999999999"}) {
+        EXPECT_FALSE(parse_size(text)) << text;
+    }
+}
+
 // ---- where to begin ----
 
 TEST(Reading_Start, is_a_word_or_a_number_of_seconds_back) {
-    EXPECT_EQ(parse_start("newest")->at, Start::At::newest);
+    EXPECT_EQ(parse_start("newest-key")->at, Start::At::newest_key);
+    EXPECT_EQ(parse_start("live")->at, Start::At::newest);
+    EXPECT_EQ(parse_start("newest")->at, Start::At::newest) << "its former name";
     EXPECT_EQ(parse_start("last-key-frame")->at, Start::At::last_key_frame);
     EXPECT_EQ(parse_start("oldest")->at, Start::At::oldest);
     EXPECT_EQ(parse_start("-2.5")->at, Start::At::back);
     EXPECT_EQ(parse_start("-2.5")->span, 2500ms);
+    EXPECT_EQ(parse_start("-10s")->span, 10s);
     EXPECT_EQ(parse_start("-0")->span, 0ms);
     for (const char* text : {"", "2.5", "-", "--1", "-x", "-1e99", "Newest", "last_key_frame"}) {
         EXPECT_NE(start_mistake(text), "") << text;
