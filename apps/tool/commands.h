@@ -18,5 +18,6 @@ Exit_Status run(const Names_Options& options, const Standard_Output& output);
 Exit_Status run(const Pair_Options& options, const Standard_Output& output);
 Exit_Status run(const Kick_Options& options, const Standard_Output& output);
 Exit_Status run(const Query_Options& options, const Standard_Output& output);
+Exit_Status run(const Trigger_Command_Options& options, const Standard_Output& output);
 
 }  // namespace zav_shm::tool

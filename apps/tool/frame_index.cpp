@@ -24,13 +24,22 @@ std::optional<Problem> Frame_Index::begin() {
     return {};
 }
 
-void Frame_Index::add(int stream, std::uint64_t sequence, std::uint64_t bytes, Entry_Point entry) {
+std::string Frame_Index::columns_of(const Frame& frame) {
+    return std::to_string(frame.stream) + " " + std::to_string(frame.sequence) + " " +
+           std::to_string(frame.bytes) + " " + std::to_string(static_cast<int>(frame.entry));
+}
+
+void Frame_Index::add(const Frame& frame) { add_line(columns_of(frame) + "\n"); }
+
+void Frame_Index::add(const Frame& frame, std::uint64_t offset) {
+    add_line(columns_of(frame) + " " + std::to_string(offset) + " " +
+             std::to_string(frame.times.pts_ns) + " " + std::to_string(frame.times.utc_ns) + "\n");
+}
+
+void Frame_Index::add_line(const std::string& line) {
     if (!file_ || error_ != 0) {
         return;
     }
-    const std::string line = std::to_string(stream) + " " + std::to_string(sequence) + " " +
-                             std::to_string(bytes) + " " + std::to_string(static_cast<int>(entry)) +
-                             "\n";
     const std::uint64_t before = file_->written();
     if (!file_->write(std::as_bytes(std::span(line))) || !file_->flush()) {
         error_ = errno;

@@ -38,6 +38,9 @@ public:
     /// while for no reason.
     Receive_Status receive(Received_Frame& frame, std::chrono::milliseconds timeout);
 
+    /// Goes on somewhere else in the history. Of one stream only.
+    void seek(const Start& from) { one_->seek(from); }
+
     // ---- of two streams ----
 
     bool is_changing() const { return two_ && two_->is_changing(); }

@@ -91,7 +91,11 @@ void Frame_Output::publish(const Frame& frame) {
     ++frames_;
     fields_ = next;
     const auto result = publisher_.publish(frame.payload, info);
-    index_.add(options_.stream, frames_, frame.size_bytes, frame.entry);
+    index_.add({.stream = options_.stream,
+                .sequence = frames_,
+                .bytes = frame.size_bytes,
+                .entry = frame.entry,
+                .times = {}});
     discontinuity_ = result.outcome == Publish_Outcome::too_large;
     if (discontinuity_ && too_large_++ < complaints_max) {
         complain_of(frame, result);

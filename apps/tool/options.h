@@ -68,8 +68,29 @@ struct Consumer_Options : Channel_Options {
     Start from = start::newest_key;
 };
 
+/// What begins an event.
+struct Trigger_Options {
+    std::vector<int> signals;
+    bool lines = false;     // of standard input
+    bool commands = false;  // `zav-shm trigger`
+
+    bool any() const { return !signals.empty() || lines || commands; }
+};
+
 struct Record_Options : Common_Options, Consumer_Options {
-    std::string file;
+    std::string file;       // empty: a series of files in `directory`
+    std::string directory;  // empty: one file
+    std::string pattern;    // of the names in it, for strftime(); empty: the tool's own
+    std::chrono::nanoseconds segment{0};  // length of one file; 0 is no limit
+    std::uint64_t segment_bytes = 0;      // 0 is no limit
+    bool index_each = false;              // an index beside each file of the series
+    Trigger_Options triggers;             // none: recording begins at once
+    std::chrono::nanoseconds before{0};   // the first trigger
+    std::chrono::nanoseconds after{0};    // the last one
+
+    bool is_series() const { return !directory.empty(); }
+    bool is_event_recording() const { return triggers.any(); }
+
     std::vector<int> streams;  // one, or two to switch between
     std::chrono::milliseconds switch_every{0};
     ZAV_SHM_Frame_Dual_Subscriber::Change change = ZAV_SHM_Frame_Dual_Subscriber::Change::gapless;
@@ -82,6 +103,11 @@ struct Record_Options : Common_Options, Consumer_Options {
     bool strict = false;
     bool verify_synthetic = false;
     std::string index;  // file; empty: none
+};
+
+struct Trigger_Command_Options : Common_Options, Channel_Options {
+    bool all = false;  // every channel and stream of the name
+    std::string folder = "shm";
 };
 
 struct Watch_Options : Common_Options, Consumer_Options {
@@ -119,7 +145,8 @@ struct Query_Options : Common_Options {
     std::string name;
 };
 
-using Options = std::variant<Publish_Options, Record_Options, Watch_Options, Status_Options,
-                             Names_Options, Pair_Options, Kick_Options, Query_Options>;
+using Options =
+    std::variant<Publish_Options, Record_Options, Watch_Options, Status_Options, Names_Options,
+                 Pair_Options, Kick_Options, Query_Options, Trigger_Command_Options>;
 
 }  // namespace zav_shm::tool

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/recorded_frames.h"
 
+#include "apps/tool/frame_time.h"
+
 namespace zav_shm::tool {
 
 namespace {
@@ -15,24 +17,34 @@ Entry_Point entry_of(const Received_Frame& frame) {
 }  // namespace
 
 void Recorded_Frames::add(int stream, const Received_Frame& frame) {
-    pending_.push_back({stream, frame.header.sequence, frame.length, entry_of(frame)});
+    const Frame_Index::Times times{.pts_ns = frame.header.pts_ns, .utc_ns = utc_ns_of(frame)};
+    pending_.push_back({stream, frame.header.sequence, frame.length, entry_of(frame), times});
+    pending_bytes_ += frame.length;
 }
 
 void Recorded_Frames::settle(std::uint64_t file_bytes) {
-    while (!pending_.empty() && bytes_ + pending_.front().bytes <= file_bytes) {
+    while (!pending_.empty() && whole_.bytes + pending_.front().bytes <= file_bytes) {
         count(pending_.front());
+        pending_bytes_ -= pending_.front().bytes;
         pending_.pop_front();
     }
 }
 
-void Recorded_Frames::count(const Frame& frame) {
-    index_.add(frame.stream, frame.sequence, frame.bytes, frame.entry);
-    first_sequence_ = frames_ == 0 ? frame.sequence : first_sequence_;
-    last_sequence_ = frame.sequence;
-    ++frames_;
-    bytes_ += frame.bytes;
-    key_frames_ += frame.entry == Entry_Point::key_frame ? 1U : 0U;
-    recovery_points_ += frame.entry == Entry_Point::recovery_point ? 1U : 0U;
+void Recorded_Frames::count(const Frame_Index::Frame& frame) {
+    index_.add(frame, whole_.bytes);
+    whole_.first_sequence = whole_.frames == 0 ? frame.sequence : whole_.first_sequence;
+    whole_.last_sequence = frame.sequence;
+    ++whole_.frames;
+    whole_.bytes += frame.bytes;
+    whole_.key_frames += frame.entry == Entry_Point::key_frame ? 1U : 0U;
+    whole_.recovery_points += frame.entry == Entry_Point::recovery_point ? 1U : 0U;
+}
+
+Recorded_Totals Recorded_Frames::totals() const {
+    Recorded_Totals totals = whole_;
+    totals.handed_over = whole_.frames + pending_.size();
+    totals.handed_over_bytes = whole_.bytes + pending_bytes_;
+    return totals;
 }
 
 }  // namespace zav_shm::tool

@@ -5,6 +5,7 @@
 #include <deque>
 
 #include "apps/tool/frame_index.h"
+#include "apps/tool/recording_target.h"
 #include "frame/received_frame.h"
 
 namespace zav_shm::tool {
@@ -21,35 +22,15 @@ public:
     /// The file has taken so many bytes since its beginning.
     void settle(std::uint64_t file_bytes);
 
-    /// Frames that were handed to the file, whole there or not yet.
-    std::uint64_t handed_over() const { return frames_ + pending_.size(); }
-
-    // Of those that are whole in the file.
-    std::uint64_t frames() const { return frames_; }
-    std::uint64_t bytes() const { return bytes_; }
-    std::uint64_t key_frames() const { return key_frames_; }
-    std::uint64_t recovery_points() const { return recovery_points_; }
-    std::uint64_t first_sequence() const { return first_sequence_; }
-    std::uint64_t last_sequence() const { return last_sequence_; }
+    Recorded_Totals totals() const;
 
 private:
-    struct Frame {
-        int stream;
-        std::uint64_t sequence;
-        std::uint64_t bytes;
-        Entry_Point entry;
-    };
-
-    void count(const Frame& frame);
+    void count(const Frame_Index::Frame& frame);
 
     Frame_Index& index_;
-    std::deque<Frame> pending_;
-    std::uint64_t frames_ = 0;
-    std::uint64_t bytes_ = 0;
-    std::uint64_t key_frames_ = 0;
-    std::uint64_t recovery_points_ = 0;
-    std::uint64_t first_sequence_ = 0;
-    std::uint64_t last_sequence_ = 0;
+    std::deque<Frame_Index::Frame> pending_;  // handed to the file, and not yet whole there
+    std::uint64_t pending_bytes_ = 0;
+    Recorded_Totals whole_;
 };
 
 }  // namespace zav_shm::tool

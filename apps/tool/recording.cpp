@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/recording.h"
 
-#include <cerrno>
-#include <cinttypes>
-#include <cstdio>
+#include <algorithm>
 #include <utility>
 
-#include "apps/tool/synthetic_pattern.h"
 #include "ipc/monotonic_clock.h"
 
 namespace zav_shm::tool {
@@ -18,9 +15,6 @@ using std::chrono::milliseconds;
 // How often something else is looked after while no frame comes.
 constexpr milliseconds look{1000};
 
-// A stream that loses frames all the time would fill the screen.
-constexpr std::uint64_t gaps_told_max = 5;
-
 // Encoders that make key frames at all make one within this time, as a rule.
 constexpr std::chrono::seconds waiting_told_after{5};
 
@@ -29,7 +23,8 @@ constexpr int undated_max = 64;
 
 }  // namespace
 
-Recording::Recording(const Record_Options& options, int standard_output, const Stop_Signal& stop)
+Recording::Recording(const Record_Options& options, std::unique_ptr<Recording_Target> target,
+                     const Stop_Signal& stop)
     : options_(options),
       stop_(stop),
       input_(options, options, options.streams,
@@ -37,9 +32,8 @@ Recording::Recording(const Record_Options& options, int standard_output, const S
               .after_loss = !options.keep_all,
               .are_asked_for = options.ask_for_key_frame},
              stop),
-      file_(options.file, standard_output, stop),
-      index_(options.index, standard_output, stop),
-      recorded_(index_),
+      target_(std::move(target)),
+      account_(options),
       begin_(Stop_Signal::Clock::now()),
       stream_since_(begin_) {}
 
@@ -47,71 +41,46 @@ std::optional<Problem> Recording::open() {
     using Clock = Stop_Signal::Clock;
     const bool has_limit = options_.duration > milliseconds(0);
     const auto end = has_limit ? Clock::now() + options_.duration : Clock::time_point::max();
-    if (auto problem = file_.open(end)) {
-        return problem;
-    }
-    if (auto problem = index_.open(end)) {
+    if (auto problem = target_->open(end)) {
         return problem;
     }
     if (auto problem = input_.open()) {
         return problem;
     }
-    if (!file_.empty()) {
-        write_error_ = errno;
-        return write_problem();
-    }
     begin_ = stream_since_ = Clock::now();
-    return index_.begin();
+    return target_->begin();
 }
 
-std::optional<Problem> Recording::run() {
+void Recording::run() {
     while (!is_over()) {
         if (!take(time_to_look())) {
             tell_what_is_waited_for();
         }
         change_stream_if_due();
         input_.tell_state();
-        note(write_error_ || file_.flush_if_due());
+        failed_ = !target_->flush_if_due() || failed_;
     }
-    return write_error_ ? std::optional(write_problem()) : std::nullopt;
 }
 
 // What was published before the end is still recorded.
 std::optional<Problem> Recording::close() {
     const std::int64_t end_ns = monotonic_ns();
     int undated = 0;
-    while (!is_full() && !write_error_ && undated < undated_max && take(milliseconds(0)) &&
+    while (!is_full() && !failed_ && undated < undated_max && take(milliseconds(0)) &&
            frame_.header.publish_ns <= end_ns) {
         undated += frame_.verified ? 0 : 1;
     }
-    note(write_error_ || file_.flush());
-    // Behind the last whole frame only the beginning of one can be.
-    file_.cut_back(recorded_.bytes());
-    const bool closed = file_.close(options_.sync);
-    const int error = errno;
-    const auto index_problem = index_.close(options_.sync);
-    if (write_error_) {
-        return write_problem();
-    }
-    return closed ? index_problem : close_problem(error);
-}
-
-// Keeps what is told of the recording up with what is in its file.
-void Recording::note(bool written) {
-    if (!written) {
-        write_error_ = errno;
-    }
-    recorded_.settle(file_.written());
+    return target_->close();
 }
 
 bool Recording::is_full() const {
-    return options_.frames != 0 && recorded_.handed_over() >= options_.frames;
+    return options_.frames != 0 && target_->totals().handed_over >= options_.frames;
 }
 
 bool Recording::is_over() const {
     const bool late = options_.duration > milliseconds(0) &&
                       Stop_Signal::Clock::now() - begin_ >= options_.duration;
-    return late || is_full() || write_error_ || stop_.requested();
+    return late || is_full() || failed_ || stop_.requested();
 }
 
 // A wait ends with the time that the recording is to last.
@@ -136,11 +105,11 @@ bool Recording::take(milliseconds timeout) {
     const std::size_t stream = input_.current();
     const Gap_Finder::Gap gap = gap_finders_[stream].before(frame_);
     if (std::exchange(stream_, stream) == stream) {
-        tell_gap(gap);
+        write(frame_, gap);
     } else {
         stream_since_ = Stop_Signal::Clock::now();
+        write(frame_, {});
     }
-    write(frame_);
     return true;
 }
 
@@ -152,43 +121,14 @@ void Recording::change_stream_if_due() {
     }
 }
 
-void Recording::write(const Received_Frame& frame) {
-    tell_change_of_codec(frame);
-    const bool written = file_.write(frame.payload());
-    if (written) {
-        recorded_.add(options_.streams[stream_], frame);
-        const bool is_damaged =
-            options_.verify_synthetic && !is_synthetic(frame.payload(), frame.header.sequence);
-        damaged_ += is_damaged ? 1U : 0U;
+// @param gap  lies before the frame.
+void Recording::write(const Received_Frame& frame, const Gap_Finder::Gap& gap) {
+    account_.note(frame, gap, input_.title(), target_->title());
+    if (target_->write(options_.streams[stream_], frame)) {
+        account_.note_written(frame);
+    } else {
+        failed_ = true;
     }
-    note(written);
-}
-
-void Recording::tell_change_of_codec(const Received_Frame& frame) {
-    const std::uint32_t before = std::exchange(codec_, frame.header.codec);
-    if (before != 0 && codec_ != 0 && before != codec_) {
-        ++codec_changes_;
-        complain("the stream changes from " + codec_name(before) + " to " + codec_name(codec_) +
-                 " at frame " + std::to_string(frame.header.sequence) + ": players of " +
-                 file_.title() + " stop there");
-    }
-}
-
-// @param gap  lies before the frame that is about to be written.
-void Recording::tell_gap(const Gap_Finder::Gap& gap) {
-    if (gap.is_none() || gaps_++ >= gaps_told_max) {
-        return;
-    }
-    const std::string frame = "frame " + std::to_string(frame_.header.sequence);
-    std::string text = input_.title() + ": ";
-    text += gap.other_producer ? frame + " is the first one of another or restarted producer"
-                               : "a gap before " + frame;
-    for (const auto& [count, fate] :
-         {std::pair{gap.lost, " lost"}, std::pair{gap.dropped, " dropped for newer ones"},
-          std::pair{gap.skipped, " left out on the way to a key frame"}}) {
-        text += count > 0 ? ", " + std::to_string(count) + fate : "";
-    }
-    complain(text + (gaps_ == gaps_told_max ? "; further gaps are only counted" : ""));
 }
 
 // Called when no frame is there.
@@ -210,52 +150,21 @@ void Recording::tell_what_is_waited_for() {
              std::to_string(skipped - skipped_before_) +
              " frames are left out so far; have the encoder make key frames more often, or record "
              "with " +
-             (recorded_.handed_over() > 0 ? "--keep-all" : "--any-frame"));
-}
-
-Problem Recording::write_problem() const {
-    return {Exit_Status::input_output, "cannot write to " + file_.title() + " after " + amount() +
-                                           ": " + Output_File::cause(*write_error_)};
-}
-
-// What the system has taken may still be lost on the way to the medium.
-Problem Recording::close_problem(int error) const {
-    return {Exit_Status::input_output, "cannot write " + file_.title() +
-                                           " down to the medium, which may lack a part of " +
-                                           amount() + ": " + Output_File::cause(error)};
-}
-
-std::string Recording::amount() const {
-    return std::to_string(recorded_.frames()) + " frames, " + std::to_string(recorded_.bytes()) +
-           " bytes";
+             (target_->totals().handed_over > 0 ? "--keep-all" : "--any-frame"));
 }
 
 Exit_Status Recording::tell() const {
     const Subscriber_Counters sum = input_.counters();
-    std::fprintf(stderr,
-                 "record: frames=%" PRIu64 " bytes=%" PRIu64 " lost=%" PRIu64 " dropped=%" PRIu64
-                 " torn=%" PRIu64 " key_frames=%" PRIu64 " recovery_points=%" PRIu64
-                 " first=%" PRIu64 " last=%" PRIu64 " skipped=%" PRIu64 " gaps=%" PRIu64
-                 " foreign=%" PRIu64 " reconnects=%" PRIu64 " switches=%" PRIu64 " damaged=%" PRIu64
-                 " overtaken=%" PRIu64 " left_out=%" PRIu64 " no_memory=%" PRIu64 "\n",
-                 recorded_.frames(), recorded_.bytes(), sum.lost(), sum.dropped, sum.torn,
-                 recorded_.key_frames(), recorded_.recovery_points(), recorded_.first_sequence(),
-                 recorded_.last_sequence(), sum.skipped, gaps_, sum.foreign, sum.recoveries,
-                 input_.changes(), damaged_, sum.overtaken, sum.left_out, sum.no_memory);
-    if (recorded_.handed_over() == 0 && sum.skipped > 0) {
+    const Recorded_Totals totals = target_->totals();
+    const Exit_Status status =
+        account_.tell(totals, sum, " switches=" + std::to_string(input_.changes()));
+    if (totals.handed_over == 0 && sum.skipped > 0) {
         complain(
             "nothing was written: of the " + std::to_string(sum.skipped) +
             " frames that came none was a key frame or recovery point; record for longer, with "
             "--any-frame, or have the encoder make key frames more often");
     }
-    if (damaged_ > 0) {
-        complain(std::to_string(damaged_) + " of " + std::to_string(recorded_.frames()) +
-                 " frames do not hold the pattern of publish --synthetic");
-        return Exit_Status::incomplete;
-    }
-    const std::uint64_t flaws = sum.lost() + sum.dropped + sum.torn + gaps_ + codec_changes_;
-    const bool complete = flaws == 0 && recorded_.frames() > 0;
-    return complete || !options_.strict ? Exit_Status::ok : Exit_Status::incomplete;
+    return status;
 }
 
 }  // namespace zav_shm::tool

@@ -29,11 +29,13 @@ timespec until(Stop_Signal::Clock::time_point end) {
 
 }  // namespace
 
-Stop_Signal::Stop_Signal() {
+Stop_Signal::Stop_Signal(Hangup hangup) {
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&set, number);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    if (hangup == Hangup::ends) {
+        sigaddset(&set, SIGHUP);
     }
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     descriptor_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);

@@ -5,19 +5,24 @@
 
 namespace zav_shm::tool {
 
-/// SIGINT, SIGTERM and SIGHUP as something to look at and to wait for, instead of an end in the
-/// middle of a frame. Built before any thread, so that all of them have the signals blocked; a
-/// signal that came stays pending, and every later wait returns at once.
+/// SIGINT, SIGTERM and, unless left alone, SIGHUP as something to look at and to wait for, instead
+/// of an end in the middle of a frame. Built before any thread, so that all of them have the
+/// signals blocked; a signal that came stays pending, and every later wait returns at once.
 class Stop_Signal {
 public:
     using Clock = std::chrono::steady_clock;
 
-    Stop_Signal();
+    enum class Hangup { ends, is_left_alone };
+
+    explicit Stop_Signal(Hangup hangup = Hangup::ends);
     ~Stop_Signal();
     Stop_Signal(const Stop_Signal&) = delete;
     Stop_Signal& operator=(const Stop_Signal&) = delete;
 
     bool requested() const;
+
+    /// Readable once a signal came.
+    int descriptor() const { return descriptor_; }
 
     /// Sleeps until then.
     ///

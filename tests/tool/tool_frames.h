@@ -55,18 +55,26 @@ protected:
         return frames;
     }
 
-    /// A line of an index, the part that tests look at.
+    /// A line of an index, the part that tests look at; of a publisher's the last three are 0.
     struct Index_Line {
         unsigned long sequence = 0;
         unsigned long bytes = 0;
         int entry = 0;
+        unsigned long offset = 0;
+        long long pts_ns = 0;
+        long long utc_ns = 0;
     };
     static std::vector<Index_Line> index_lines(const std::string& file) {
         std::vector<Index_Line> lines;
         std::istringstream index(content(file));
-        int stream = 0;
-        for (Index_Line line; index >> stream >> line.sequence >> line.bytes >> line.entry;) {
-            lines.push_back(line);
+        for (std::string text; std::getline(index, text);) {
+            std::istringstream columns(text);
+            int stream = 0;
+            Index_Line line;
+            if (columns >> stream >> line.sequence >> line.bytes >> line.entry) {
+                columns >> line.offset >> line.pts_ns >> line.utc_ns;
+                lines.push_back(line);
+            }
         }
         return lines;
     }

@@ -103,7 +103,7 @@ TEST_F(Tool_Usage, an_index_in_place_of_the_stream_is_a_mistake) {
 
 TEST_F(Tool_Usage, record_and_watch_name_what_is_wrong) {
     expect_mistake({"record", "--name", "A", "-o", "x"}, "--pair is required");
-    expect_record_mistake({}, "--output is required");
+    expect_record_mistake({}, "record needs either --output or --directory");
     expect_record_mistake({"-o", ""}, "the name is empty");
     expect_record_mistake({"-o", "x", "--frames", "many"}, "'many' is no whole number from 1");
     expect_record_mistake({"-o", "x", "--duration", "0"}, "'0' is no number from 0.001");
