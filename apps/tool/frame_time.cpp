@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/frame_time.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "ipc/monotonic_clock.h"
@@ -8,7 +9,8 @@
 namespace zav_shm::tool {
 
 std::int64_t moment_ns_of(const Frame_Facts& frame) {
-    return frame.verified ? frame.header.publish_ns : frame.received_ns;
+    return frame.verified ? std::clamp<std::int64_t>(frame.header.publish_ns, 0, frame.received_ns)
+                          : frame.received_ns;
 }
 
 std::int64_t utc_now_ns() {
@@ -20,9 +22,7 @@ std::int64_t utc_now_ns() {
 std::int64_t utc_ns_of(const Frame_Facts& frame) {
     return frame.verified && frame.header.utc_ns != 0
                ? frame.header.utc_ns
-               : static_cast<std::int64_t>(
-                     static_cast<std::uint64_t>(utc_now_ns() - monotonic_ns()) +
-                     static_cast<std::uint64_t>(moment_ns_of(frame)));
+               : utc_now_ns() - (monotonic_ns() - moment_ns_of(frame));
 }
 
 }  // namespace zav_shm::tool

@@ -9,8 +9,8 @@
 
 namespace zav_shm::tool {
 
-/// By CLOCK_MONOTONIC: when its publisher began to write it; of a foreign producer's, when it came
-/// here.
+/// By CLOCK_MONOTONIC: when its publisher began to write it, which is never later than it came
+/// here; of a foreign producer's, when it came here.
 std::int64_t moment_ns_of(const Frame_Facts& frame);
 
 /// Since 1970: the time of capture that its publisher gives, or else moment_ns_of() by the wall

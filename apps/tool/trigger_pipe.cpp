@@ -105,14 +105,13 @@ bool Trigger_Pipe::make() {
     return false;
 }
 
+// Once only: somebody may write to it without end.
 std::uint64_t Trigger_Pipe::take() {
-    std::uint64_t count = 0;
     std::array<char, 4096> block{};
-    ssize_t got = 0;
-    while (pipe_.is_open() && (got = read(pipe_.get(), block.data(), block.size())) > 0) {
-        count += static_cast<std::uint64_t>(std::count(block.begin(), block.begin() + got, '\n'));
-    }
-    return count;
+    const ssize_t got = pipe_.is_open() ? read(pipe_.get(), block.data(), block.size()) : 0;
+    return got > 0
+               ? static_cast<std::uint64_t>(std::count(block.begin(), block.begin() + got, '\n'))
+               : 0;
 }
 
 // ---- the other end ----

@@ -34,7 +34,7 @@ public:
     /// @return false, with errno, when there is none now.
     bool keep();
 
-    /// How many triggers came since the last call.
+    /// How many triggers came since the last call; of very many, the next call counts the rest.
     std::uint64_t take();
 
     /// Readable when one has come; -1 while there is no pipe.

@@ -81,25 +81,23 @@ std::uint64_t Trigger_Source::take() {
     return signals_.take() + take_lines() + (pipe_ ? pipe_->take() : 0);
 }
 
-// Standard input may block, and belongs to others, too: it is asked before each read, and keeps its
-// flags.
+// Standard input may block, and belongs to others, too: it is asked before it is read, and keeps
+// its flags. Once only: somebody may write to it without end.
 std::uint64_t Trigger_Source::take_lines() {
-    std::uint64_t count = 0;
     std::array<char, 4096> block{};
     pollfd input{STDIN_FILENO, POLLIN, 0};
-    while (has_lines_ && poll(&input, 1, 0) == 1) {
-        const ssize_t got = read(STDIN_FILENO, block.data(), block.size());
-        if (got > 0) {
-            count +=
-                static_cast<std::uint64_t>(std::count(block.begin(), block.begin() + got, '\n'));
-        } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
-            has_lines_ = false;
-            complain("standard input has ended: it triggers nothing any more");
-        } else {
-            break;
-        }
+    if (!has_lines_ || poll(&input, 1, 0) != 1) {
+        return 0;
     }
-    return count;
+    const ssize_t got = read(STDIN_FILENO, block.data(), block.size());
+    if (got > 0) {
+        return static_cast<std::uint64_t>(std::count(block.begin(), block.begin() + got, '\n'));
+    }
+    if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
+        has_lines_ = false;
+        complain("standard input has ended: it triggers nothing any more");
+    }
+    return 0;
 }
 
 void Trigger_Source::wait_until(Stop_Signal::Clock::time_point end, const Stop_Signal& stop) {

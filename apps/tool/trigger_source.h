@@ -28,7 +28,8 @@ public:
 
     explicit Trigger_Source(const Record_Options& options);
 
-    /// How many triggers came since the last call. Never waits.
+    /// How many triggers came since the last call; of very many, the next call counts the rest.
+    /// Never waits.
     std::uint64_t take();
 
     /// Waits until one has come, a signal to stop, or the time is over. Looks after the pipe of

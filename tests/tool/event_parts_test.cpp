@@ -57,6 +57,7 @@ protected:
     void note_from(std::int64_t first_s, std::uint64_t first_number) {
         zav_shm::Frame_Facts frame;
         frame.verified = true;
+        frame.received_ns = 200 * s;
         frame.number = first_number;
         frame.header.payload_length = 2000;
         for (std::int64_t i = 0; i <= (100 - first_s) * 10 + 1; ++i) {

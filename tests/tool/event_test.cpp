@@ -198,6 +198,21 @@ TEST_F(Tool_Event, command_reaches_a_tap_whose_producer_comes_later_without_a_ce
     end(camera);
 }
 
+TEST_F(Tool_Event, triggered_without_end_is_recorded_and_a_signal_ends_it) {
+    ASSERT_EQ(mkfifo(path("input").c_str(), 0600), 0);
+    Tool_Process camera = start_camera();
+    Tool_Process writer = start({}, "exec yes >'" + path("input") + "'");
+    Tool_Process recorder = start_waiting({"--trigger", "stdin", "--before", "500ms", "--after",
+                                           "100ms", "--pattern", "e.h264", "--strict"},
+                                          "exec \"$@\" <'" + path("input") + "'");
+    ASSERT_TRUE(becomes_true([&] { return index_lines(path("files/e.h264.index")).size() > 120; }));
+    end(recorder);
+    EXPECT_EQ(recorder.figure("events"), 1);
+    expect_whole(path("files/e.h264"));
+    writer.status();
+    end(camera);
+}
+
 // ---- a history that is too short ----
 
 TEST_F(Tool_Event, says_what_the_history_holds_and_what_it_would_have_to_be) {
