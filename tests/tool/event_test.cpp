@@ -51,7 +51,7 @@ TEST_F(Tool_Event, begins_with_the_last_key_frame_before_the_moment_asked_for) {
                                          [](const Index_Line& line) { return line.entry == 1; });
     ASSERT_NE(second_key, lines.end());
     EXPECT_GT(second_key->utc_ns, sent_ns - ns_per_s) << "no earlier than it has to";
-    EXPECT_GT(lines.back().utc_ns, sent_ns + ns_per_s / 4);
+    EXPECT_GT(lines.back().utc_ns, sent_ns);
     EXPECT_EQ(lines.back().sequence % 30, 0U) << "it ends before a key frame";
     end(recorder);
     EXPECT_EQ(recorder.figure("events"), 1);
@@ -87,17 +87,17 @@ TEST_F(Tool_Event, goes_on_where_the_former_one_ended_if_it_reaches_back_so_far)
 TEST_F(Tool_Event, lasts_longer_with_each_further_trigger) {
     Tool_Process camera = start_camera();
     Tool_Process recorder = start_waiting(
-        {"--trigger", "SIGUSR1,USR2", "--before", "0", "--after", "1500ms", "--strict"});
+        {"--trigger", "SIGUSR1,USR2", "--before", "0", "--after", "2500ms", "--strict"});
     std::this_thread::sleep_for(700ms);
     recorder.signal(SIGUSR1);
     ASSERT_TRUE(recorder.says("event 1: triggered"));
-    std::this_thread::sleep_for(1s);
+    std::this_thread::sleep_for(2s);
     const long long extended_ns = utc_ns();
     recorder.signal(SIGUSR2);
     const auto file = recorder.read_line();
     ASSERT_TRUE(file);
     const Lines lines = expect_whole(*file);
-    EXPECT_GT(lines.back().utc_ns, extended_ns + ns_per_s);
+    EXPECT_GT(lines.back().utc_ns, extended_ns + ns_per_s * 3 / 2);
     EXPECT_TRUE(recorder.says("after the last of 2"));
     end(recorder);
     EXPECT_EQ(recorder.figure("events"), 1);
