@@ -76,6 +76,10 @@ public:
     std::span<std::byte> loan(std::size_t bytes);
     Result commit(std::size_t payload_bytes, const Frame_Info& info);
     Result publish(std::span<const std::byte> payload, const Frame_Info& info);
+    void leave_out(std::uint64_t frames) {
+        sequence_ += frames;
+        frames_.store(sequence_, std::memory_order_relaxed);
+    }
     void set_format(const zav_shm::Frame_Format& format) { options_.format = format; }
     bool key_frame_requested() { return requests_ && requests_->take(); }
 
@@ -510,6 +514,8 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::commit(std::size_t payl
                                                                 const Frame_Info& info) {
     return body_->commit(payload_bytes, info);
 }
+
+void ZAV_SHM_Frame_Publisher::leave_out(std::uint64_t frames) { body_->leave_out(frames); }
 
 void ZAV_SHM_Frame_Publisher::set_format(const zav_shm::Frame_Format& format) {
     body_->set_format(format);

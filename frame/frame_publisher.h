@@ -21,11 +21,11 @@
 ///
 /// Owner    of the stream's history, one file in shared memory that outlives it: one publisher per
 ///          stream and device, and a second one is told which process has it.
-/// Threads  publish(), loan(), commit(), set_format() and key_frame_requested() from one thread at
-/// a
-///          time; state(), reason() and counters() from any. Several publishers of one process may
-///          be used from several threads. Each has a thread of its own for consumers of the fixed
-///          interface, which sleeps while there are none; the process has one for the center.
+/// Threads  publish(), loan(), commit(), leave_out(), set_format() and key_frame_requested() from
+///          one thread at a time; state(), reason() and counters() from any. Several publishers of
+///          one process may be used from several threads. Each has a thread of its own for
+///          consumers of the fixed interface, which sleeps while there are none; the process has
+///          one for the center.
 /// Blocking publish() and commit() take the time of the copy and of waking who waits, whatever
 ///          consumers, relay and center do; a `paced` publisher waits for its readers as well.
 ///          open() takes up to `center_wait`, close() up to its limit and 100 ms.
@@ -96,6 +96,10 @@ public:
     /// Publishes the first `payload_bytes` of the loan. Without one nothing happens, and the
     /// result is no_ring.
     Result commit(std::size_t payload_bytes, const zav_shm::Frame_Info& info = {});
+
+    /// Counts frames that the application has not got to publish, as when an encoder dropped them:
+    /// they have numbers as any other, and readers are told of them as lost (left out).
+    void leave_out(std::uint64_t frames);
 
     /// Changes what the next frames say of the stream.
     void set_format(const zav_shm::Frame_Format& format);

@@ -96,6 +96,31 @@ TEST_F(Frames, longer_than_the_page_are_refused_with_both_sizes_and_told_to_the_
     EXPECT_EQ(frame.before.left_out, 1U);
 }
 
+TEST_F(Flowing_Frames, that_an_encoder_left_out_are_counted_and_told) {
+    const std::uint64_t last = frame.header.sequence;
+    camera.leave_out(0);
+    camera.leave_out(std::uint64_t{1} << 33U);
+    EXPECT_TRUE(camera.publish(payload(20, 3)).published());
+    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    EXPECT_EQ(frame.header.sequence, last + 1 + (std::uint64_t{1} << 33U));
+    EXPECT_EQ(frame.before.left_out, std::uint64_t{1} << 33U);
+    EXPECT_EQ(camera.counters().frames, frame.header.sequence);
+}
+
+// Whoever waited for the first frame has missed none before it.
+TEST_F(Frames, that_were_left_out_before_the_first_are_no_loss) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    ASSERT_TRUE(camera.open());
+    camera.leave_out(99);
+    ASSERT_TRUE(camera.publish(payload(20)).published());
+    Received_Frame frame;
+    ASSERT_EQ(player.receive(frame, 5s), Receive_Status::frame);
+    EXPECT_EQ(frame.header.sequence, 100U);
+    EXPECT_FALSE(frame.before.any());
+}
+
 TEST_F(Frames, can_be_written_in_place_whether_anybody_reads_or_not) {
     ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
     EXPECT_TRUE(camera.loan().empty()) << "not open";
