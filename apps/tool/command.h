@@ -5,8 +5,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "apps/tool/argument_checks.h"
 #include "apps/tool/options.h"
@@ -19,6 +21,8 @@
 namespace zav_shm::tool {
 
 inline constexpr std::uint64_t count_max = 1'000'000'000'000;
+inline constexpr std::uint64_t history_max = 4'294'967'295;  // bytes
+inline constexpr double pace_seconds_max = 60;
 
 inline constexpr const char* exit_statuses =
     "Exit status: 0 ok, 1 frames lost (--strict), left out or damaged, 2 usage, 3 no center,\n"
@@ -168,5 +172,7 @@ protected:
 private:
     CLI::Option* name_ = nullptr;
 };
+
+using Commands = std::vector<std::unique_ptr<Command>>;
 
 }  // namespace zav_shm::tool

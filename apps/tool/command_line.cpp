@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The commands and their options; those of `record` have a file of their own.
+// The commands and their options; those of `record` and of traces have files of their own.
 #include "apps/tool/command_line.h"
-
-#include <CLI/CLI.hpp>
 
 #include <filesystem>
 #include <memory>
@@ -14,14 +12,13 @@
 #include "apps/tool/command.h"
 #include "apps/tool/record_command.h"
 #include "apps/tool/standard_output.h"
+#include "apps/tool/trace_commands.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {
 
 namespace {
 
-constexpr std::uint64_t history_max = 4'294'967'295;  // bytes
-constexpr double pace_seconds_max = 60;
 constexpr int file_rate = 25;  // frames per second, when nothing else is said
 
 class Publish_Command : public Command {
@@ -276,7 +273,7 @@ std::variant<Options, Exit_Status> read_command_line(int argc, const char* const
     app.set_version_flag("--version", "zav-shm " ZAV_SHM_VERSION, "Print the version");
     app.require_subcommand(1);
     app.footer(exit_statuses);
-    std::vector<std::unique_ptr<Command>> commands;
+    Commands commands;
     commands.push_back(std::make_unique<Publish_Command>(app));
     commands.push_back(record_command(app));
     commands.push_back(std::make_unique<Watch_Command>(app));
@@ -286,6 +283,7 @@ std::variant<Options, Exit_Status> read_command_line(int argc, const char* const
     commands.push_back(std::make_unique<Kick_Command>(app));
     commands.push_back(std::make_unique<Query_Command>(app));
     commands.push_back(trigger_command(app));
+    add_trace_commands(app, commands);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& reason) {

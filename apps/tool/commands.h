@@ -19,5 +19,8 @@ Exit_Status run(const Pair_Options& options, const Standard_Output& output);
 Exit_Status run(const Kick_Options& options, const Standard_Output& output);
 Exit_Status run(const Query_Options& options, const Standard_Output& output);
 Exit_Status run(const Trigger_Command_Options& options, const Standard_Output& output);
+Exit_Status run(const Capture_Options& options, const Standard_Output& output);
+Exit_Status run(const Replay_Options& options, const Standard_Output& output);
+Exit_Status run(const Trace_Options& options, const Standard_Output& output);
 
 }  // namespace zav_shm::tool

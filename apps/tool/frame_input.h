@@ -41,6 +41,10 @@ public:
     /// Goes on somewhere else in the history. Of one stream only.
     void seek(const Start& from) { one_->seek(from); }
 
+    /// Of one stream: readable while there may be a frame; -1 when it cannot be had. After it was,
+    /// receive() without a wait until there is none.
+    int descriptor() { return one_ ? one_->descriptor() : -1; }
+
     // ---- of two streams ----
 
     bool is_changing() const { return two_ && two_->is_changing(); }

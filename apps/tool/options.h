@@ -145,8 +145,43 @@ struct Query_Options : Common_Options {
     std::string name;
 };
 
+struct Capture_Options : Common_Options {
+    std::string file;
+    std::vector<Consumer_Options> streams;
+    std::uint64_t frames = 0;               // of all streams; 0 is no limit
+    std::chrono::milliseconds duration{0};  // 0 is no limit
+    bool sync = false;
+    bool strict = false;
+};
+
+struct Replay_Options : Common_Options {
+    /// Frames of `from`, or of every producer when that is empty, are published as `to`.
+    struct Name {
+        std::string from;
+        std::string to;
+    };
+
+    std::string file;
+    std::vector<Name> names;
+    double speed = 1;                   // 0: as fast as readers take them
+    std::chrono::milliseconds from{0};  // the trace's begin
+    bool loop = false;
+    std::uint64_t count = 0;  // frames; 0 is no limit
+    std::size_t history = 0;  // bytes; 0 as configured
+    bool paced = false;
+    std::chrono::milliseconds pace_limit{200};
+};
+
+struct Trace_Options : Common_Options {
+    std::string file;
+    std::string other;  // to compare with; empty: none
+    bool list = false;
+    bool json = false;
+};
+
 using Options =
     std::variant<Publish_Options, Record_Options, Watch_Options, Status_Options, Names_Options,
-                 Pair_Options, Kick_Options, Query_Options, Trigger_Command_Options>;
+                 Pair_Options, Kick_Options, Query_Options, Trigger_Command_Options,
+                 Capture_Options, Replay_Options, Trace_Options>;
 
 }  // namespace zav_shm::tool

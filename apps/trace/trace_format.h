@@ -40,7 +40,7 @@
 //     6    2 stream         -       number of the stream record, from 0; 65535 of no stream
 //     8    4 flags          -       of a frame: 1 foreign, its producer writes no frame header
 //    12    4 body_bytes     bytes
-//    16    8 monotonic_ns   ns      when the reader had it
+//    16    8 monotonic_ns   ns      when the reader had it; 0 to 2^60
 //    24    8 utc_ns         ns      the same by the wall clock
 //    32    4 body_checksum  -       CRC-32C of the body
 //    36    4 checksum       -       CRC-32C of the 36 bytes before
@@ -91,6 +91,9 @@ inline constexpr std::uint32_t foreign = 1;
 namespace index_flag {
 inline constexpr std::uint16_t entry_point = 1;
 }
+
+/// No device runs for longer (36 years), and the sums of two such times fit.
+inline constexpr std::int64_t monotonic_max_ns = std::int64_t{1} << 60;
 
 /// One moment by both clocks of the device.
 struct Moment {

@@ -160,7 +160,9 @@ bool Trace_Reader::read_body() {
 // What fits its checksum and still says nothing possible was written so.
 bool Trace_Reader::understand_body() {
     const Record_Type type = record_.head.type;
-    bool fits = !is_of_stream(type) || record_.head.stream < streams_.size();
+    const std::int64_t received_ns = record_.head.received.monotonic_ns;
+    bool fits = received_ns >= 0 && received_ns <= monotonic_max_ns &&
+                (!is_of_stream(type) || record_.head.stream < streams_.size());
     if (type == Record_Type::stream) {
         fits = false;  // those in their place have been read
     } else if (type == Record_Type::frame) {
@@ -175,12 +177,12 @@ bool Trace_Reader::understand_body() {
         record_.losses = losses.value_or(Frame_Losses{});
     } else if (type == Record_Type::index) {
         auto index = read_index(body_);
-        fits =
-            index && index->id == header_.id && index->own_offset == next_ && index->before < next_;
+        fits = fits && index && index->id == header_.id && index->own_offset == next_ &&
+               index->before < next_;
         record_.index = std::move(index).value_or(Index{});
     } else if (type == Record_Type::end) {
         const auto end = read_end(body_);
-        fits = end && end->id == header_.id && end->last_index < next_;
+        fits = fits && end && end->id == header_.id && end->last_index < next_;
         record_.end = end.value_or(End{});
     }
     return fits || fail(std::string("the record (") + name_of(type) +

@@ -27,9 +27,9 @@ public:
             header.version = zav_shm::frame_version;
             header.flags = flags;
             header.sequence = ++sequence_;
-            header.epoch = 4711;
+            header.epoch = epoch;
             header.publish_ns = ms * 1'000'000;
-            header.pts_ns = -ms;
+            header.pts_ns = pts_ns != 0 ? pts_ns : -ms;
             header.rate_num = 25;
         }
         const std::vector<std::byte> payload(payload_bytes, static_cast<std::byte>(ms & 0xFF));
@@ -40,8 +40,13 @@ public:
         writer_.add(stream, {.overtaken = 3, .skipped = 1}, at(ms));
     }
 
+    /// So many sequence numbers have no frame.
+    void leave_out(std::uint64_t frames) { sequence_ += frames; }
+
     void finish() { writer_.finish(at(99'999)); }
 
+    std::int64_t pts_ns = 0;     // of the next frames; 0: the moment, negative
+    std::uint64_t epoch = 4711;  // of the next frames
     std::vector<std::byte> bytes;
     std::vector<std::size_t> begins;  // of the header, and of each record
 
