@@ -44,7 +44,7 @@ show_table() { # <second>
     if [[ -t 1 ]] && ((table_lines > 0)); then
         printf '\e[%dA' "$table_lines"
     fi
-    table_lines=8
+    table_lines=10
     printf 'second %s\n' "$1$to_line_end"
     table_row camera.main 'sends 1280x720 at 30 fps'
     table_row camera.sub 'sends 640x360 at 30 fps'
@@ -53,4 +53,6 @@ show_table() { # <second>
     table_row player "main and sub, ${switch_every:?} s each"
     table_row remote "main, killed after ${kill_after:?} s"
     table_row remote.back "the same, back after ${return_after:?} s"
+    table_row event "waits for an event in second ${event_at:?}"
+    table_row fixed.player 'sub, by the fixed interface'
 }
