@@ -189,8 +189,7 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
     const std::string path = ring_path();
     zav_shm::Ring_Problem problem;
     constexpr std::size_t bytes_max = std::numeric_limits<std::uint32_t>::max();
-    // A center refuses what is not configured; without one, nothing is to be written beside the
-    // rings.
+    // Nothing is to be written beside the rings, whoever has looked at the name.
     if (!is_file_name(options_.name)) {
         problem = {zav_shm::Ring_Problem::Kind::system,
                    "the name \"" + options_.name +

@@ -45,6 +45,9 @@ constexpr std::int64_t card_look_ns = ns_per_second;
 // Between two attempts to wake a receive() that is to end.
 constexpr auto wake_again = 50us;
 
+// Between two attempts to cut short what another thread waits for.
+constexpr auto cut_again = 10ms;
+
 std::int64_t deadline_after(std::int64_t now, std::chrono::milliseconds timeout) {
     const std::int64_t most = (std::numeric_limits<std::int64_t>::max() - now) / ns_per_ms;
     return now + std::clamp<std::int64_t>(timeout.count(), 0, most) * ns_per_ms;
@@ -165,10 +168,12 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
                                  .folder = "/" + options_.folder,
                                  .card = card_name},
             [this] { supply_.note_change(); });
+        {
+            const zav_shm::Guard small(mutex_);
+            standing_ = standing;
+        }
         opened = standing->open(options_.center_wait);
         zav_shm::Link_Keeper::begin(standing);
-        const zav_shm::Guard small(mutex_);
-        standing_ = std::move(standing);
     }
     begin_card(card_name);
     opened_ns_ = monotonic_ns();
@@ -182,7 +187,13 @@ void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
     if (is_parents()) {
         return;
     }
-    const zav_shm::Guard guard(control_);
+    while (!zav_shm::lock_until(control_, std::chrono::steady_clock::now() + cut_again)) {
+        const zav_shm::Guard small(mutex_);
+        if (standing_) {
+            standing_->cut_short();  // open() or pair() of another thread
+        }
+    }
+    const zav_shm::Guard guard(control_, std::adopt_lock);
     if (!open_.exchange(false)) {
         return;
     }

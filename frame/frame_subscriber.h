@@ -91,7 +91,8 @@ public:
     /// no frame is read; it registers again when another center comes.
     Opened open();
 
-    /// Leaves; a blocked receive() returns. Waits up to `limit` for the center's answer.
+    /// Leaves; a blocked receive() returns at once, an open() or pair() of another thread within a
+    /// second. Then waits up to `limit` for the center's answer.
     void close(std::chrono::milliseconds limit = std::chrono::milliseconds(200));
 
     /// Copies the next frame, waiting up to `timeout` for one. Without one nothing of what `frame`

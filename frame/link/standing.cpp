@@ -25,12 +25,17 @@ constexpr auto greatest_pause = 2000ms;
 constexpr std::chrono::milliseconds least_exchange = 20ms;
 constexpr std::chrono::milliseconds greatest_exchange = 200ms;
 
+// What pair() gives it at a time, so that it can be cut short.
+constexpr std::chrono::milliseconds greatest_pairing = 1000ms;
+
 // How often open() looks for a center, and anybody for a lock that is held through an exchange.
 constexpr auto look_interval = 10ms;
 
 // A center without a page can only be asked. This often, when nothing else shows that it has been
 // restarted.
 constexpr auto check_interval = 1000ms;
+
+constexpr const char* no_answer_text = "no answer from the center";
 
 constexpr auto when_woken = Clock::time_point::max();
 
@@ -62,8 +67,9 @@ Opened Standing::open(std::chrono::milliseconds wait) {
     state_ = Frame_State::waiting_for_center;
     while (!attempt(std::clamp<std::chrono::milliseconds>(until(end), least_exchange,
                                                           greatest_exchange)) &&
-           state_ != Frame_State::refused && Clock::now() < end) {
-        while (Clock::now() < std::min(end, retry_.next()) && !link_.center_has_come()) {
+           state_ != Frame_State::refused && !is_cut_short_ && Clock::now() < end) {
+        while (Clock::now() < std::min(end, retry_.next()) && !is_cut_short_ &&
+               !link_.center_has_come()) {
             std::this_thread::sleep_for(look_interval);
         }
     }
@@ -76,6 +82,7 @@ void Standing::close(std::chrono::milliseconds limit) {
         const Guard guard(telling_);
         changed_ = nullptr;
     }
+    cut_short();
     state_ = Frame_State::closed;
     if (!lock_until(exchange_, end)) {
         leaves_ = true;  // who has the lock looks at this when done
@@ -137,18 +144,23 @@ void Standing::tell_change() {
 Opened Standing::pair(const std::string& producer, std::chrono::milliseconds limit) {
     const std::int64_t now_ns = monotonic_ns();
     const auto end = moment_after(limit);
+    const auto no_answer = [limit] {
+        return no_answer_text + (" within " + std::to_string(limit.count())) + " ms";
+    };
     if (!lock_until(exchange_, end)) {
-        return {state(),
-                "no answer from the center within " + std::to_string(limit.count()) + " ms", false};
+        return {state(), no_answer(), false};
     }
     const Guard exchanging(exchange_, std::adopt_lock);
     Center_Link::Registration made = ask_for_pairing(producer, end);
-    while (made.outcome == Center_Link::Outcome::no_center && state_ != Frame_State::closed &&
+    while (made.outcome == Center_Link::Outcome::no_center && !is_cut_short_ &&
            Clock::now() + look_interval < end) {
         std::this_thread::sleep_for(look_interval);
         made = ask_for_pairing(producer, end);
     }
     if (!made) {
+        if (made.reason.starts_with(no_answer_text)) {
+            made.reason = no_answer();  // the last exchange had a part of the time only
+        }
         return {Frame_State::waiting_for_center, made.reason,
                 made.outcome == Center_Link::Outcome::refused};
     }
@@ -168,6 +180,7 @@ Opened Standing::pair(const std::string& producer, std::chrono::milliseconds lim
 // A center that has come since knows nothing of this consumer.
 Center_Link::Registration Standing::ask_for_pairing(const std::string& producer,
                                                     Clock::time_point end) {
+    end = std::min(end, Clock::now() + greatest_pairing);
     if (grant().number == 0 || link_.is_stale()) {
         Center_Link::Registration made = link_.register_end(until(end));
         if (!take_note(made)) {

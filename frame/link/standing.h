@@ -33,6 +33,10 @@ public:
     /// this end that lasts longer, it leaves behind that.
     void close(std::chrono::milliseconds limit);
 
+    /// Ends what open() or pair() of another thread waits for, within a second. For who is about to
+    /// close(), and has to wait for that thread.
+    void cut_short() { is_cut_short_ = true; }
+
     /// A consumer's own wish for another producer; "NONE" for none.
     Opened pair(const std::string& producer, std::chrono::milliseconds limit);
 
@@ -91,6 +95,7 @@ private:
     std::string reason_ ZAV_SHM_GUARDED_BY(mutex_);
 
     std::atomic<Frame_State> state_{Frame_State::closed};
+    std::atomic<bool> is_cut_short_{false};
     std::atomic<bool> leaves_{false};  // as soon as the thread is done with this end
     std::atomic<std::uint64_t> renewals_wanted_{0};
     std::atomic<std::uint64_t> renewals_granted_{0};  // how many of them

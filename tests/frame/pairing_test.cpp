@@ -219,6 +219,48 @@ TEST_F(Pairing_Subscriber, waits_for_a_center_that_comes_within_its_time) {
     EXPECT_EQ(frame.header.epoch, rec_->epoch());
 }
 
+// Closes it while another thread waits in this call.
+template <class Call>
+void expect_closing_ends(ZAV_SHM_Frame_Subscriber& player, Call call) {
+    std::atomic<bool> has_begun{false};
+    std::thread waiting([&] {
+        has_begun = true;
+        call();
+    });
+    EXPECT_TRUE(becomes_true([&] { return has_begun.load(); }));
+    std::this_thread::sleep_for(100ms);
+    const Stopwatch watch;
+    player.close();
+    EXPECT_LT(watch.elapsed(), 5s);
+    waiting.join();
+    EXPECT_EQ(player.state(), Frame_State::closed);
+}
+
+TEST_F(Pairing_Subscriber, that_waits_for_ever_ends_when_another_thread_closes) {
+    for (const bool is_mute : {false, true}) {
+        ASSERT_TRUE(player_.open());
+        stop();
+        if (is_mute) {
+            requests.make();
+            replies.make();
+        }
+        expect_closing_ends(player_, [this] {
+            const auto paired = player_.pair("CAM_REC", std::chrono::milliseconds::max());
+            EXPECT_FALSE(paired);
+        });
+        start();
+    }
+}
+
+TEST_F(Pairing_Subscriber, that_opens_for_ever_ends_when_another_thread_closes) {
+    stop();
+    ZAV_SHM_Frame_Subscriber player(
+        {.name = "PLAYER", .producer = "CAM_REC", .center_wait = std::chrono::milliseconds::max()});
+    expect_closing_ends(player, [&player] { EXPECT_FALSE(player.open()); });
+    start();
+    EXPECT_TRUE(player.open());
+}
+
 TEST_F(Pairing_Subscriber, survives_a_center_that_was_started_anew) {
     const Running_Camera loop("CAM_LOOP");
     ASSERT_TRUE(player_.open());
