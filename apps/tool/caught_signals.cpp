@@ -4,7 +4,9 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
+#include <cstddef>
 
 namespace zav_shm::tool {
 
@@ -22,13 +24,11 @@ Caught_Signals::Caught_Signals(const std::vector<int>& numbers) {
 }
 
 std::uint64_t Caught_Signals::take() const {
-    std::uint64_t count = 0;
-    signalfd_siginfo info{};
-    while (descriptor_.is_open() &&
-           read(descriptor_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-        ++count;
-    }
-    return count;
+    // Each of the signals is pending once at most. One read: somebody may send them without end.
+    std::array<signalfd_siginfo, 8> info{};
+    const ssize_t got =
+        descriptor_.is_open() ? read(descriptor_.get(), info.data(), sizeof info) : 0;
+    return got > 0 ? static_cast<std::size_t>(got) / sizeof info[0] : 0;
 }
 
 }  // namespace zav_shm::tool

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/file_name_pattern.h"
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <ctime>
 #include <iomanip>
 #include <sstream>
 #include <utility>
 
+#include "apps/text/printable.h"
 #include "frame/frame_header.h"
 
 namespace zav_shm::tool {
@@ -39,6 +42,9 @@ std::string pattern_mistake(const std::string& pattern) {
     }
     if (name.find('/') != std::string::npos) {
         return "'" + pattern + "' makes a name with a slash: the folder is --directory";
+    }
+    if (std::any_of(name.begin(), name.end(), [](unsigned char c) { return iscntrl(c) != 0; })) {
+        return "'" + printable(pattern) + "' makes a name with a control character";
     }
     return name == "." || name == ".." ? "'" + pattern + "' makes no file name" : "";
 }

@@ -177,9 +177,10 @@ std::optional<Problem> File_Series::finish_file() {
         unlink(path_of(name_ + index_ending).c_str());
         return problem;
     }
-    finished_.add(totals);
-    ++files_;
-    if (!give_name() && !problem) {
+    if (give_name()) {
+        finished_.add(totals);
+        ++files_;
+    } else if (!problem) {
         problem = cannot("rename", path_of(name_ + part), errno);
     }
     return problem;
@@ -188,15 +189,19 @@ std::optional<Problem> File_Series::finish_file() {
 // Another program may have made a file of that name since.
 bool File_Series::give_name() {
     for (unsigned number = 1; number <= numbers_max; ++number) {
-        const std::string path = path_of(number == 1 ? name_ : numbered(name_, number));
-        if (rename_to_free_name(path_of(name_ + part), path)) {
-            if (number > 1) {
-                rename_to_free_name(path_of(name_ + index_ending), path + index_ending);
+        const std::string name = number == 1 ? name_ : numbered(name_, number);
+        if (number > 1 && exists(path_of(name + index_ending))) {
+            continue;
+        }
+        if (rename_to_free_name(path_of(name_ + part), path_of(name))) {
+            if (number > 1 && options_.index_each) {
+                rename_to_free_name(path_of(name_ + index_ending), path_of(name + index_ending));
             }
+            name_ = name;
             if (options_.sync) {
                 sync_folder(options_.directory);
             }
-            tell_finished(path);
+            tell_finished(path_of(name_));
             return true;
         }
         if (errno != EEXIST) {

@@ -37,6 +37,8 @@ std::optional<int> signal_of(std::string_view word) {
     return {};
 }
 
+constexpr std::chrono::seconds look_interval{1};
+
 }  // namespace
 
 std::string Trigger_Source::mistake(const std::string& word) {
@@ -65,8 +67,10 @@ Trigger_Source::Trigger_Source(const Record_Options& options)
     }
 }
 
-// The folder may be missing until a publisher comes; of anything else a line tells.
+// The folder may be missing until a publisher comes, and anybody may remove the pipe; of anything
+// else a line tells.
 void Trigger_Source::keep_pipe() {
+    next_look_ = Stop_Signal::Clock::now() + look_interval;
     if (!pipe_ || pipe_->keep()) {
         told_no_pipe_ = false;
         return;
@@ -78,6 +82,9 @@ void Trigger_Source::keep_pipe() {
 }
 
 std::uint64_t Trigger_Source::take() {
+    if (Stop_Signal::Clock::now() >= next_look_) {
+        keep_pipe();
+    }
     return signals_.take() + take_lines() + (pipe_ ? pipe_->take() : 0);
 }
 
@@ -101,7 +108,6 @@ std::uint64_t Trigger_Source::take_lines() {
 }
 
 void Trigger_Source::wait_until(Stop_Signal::Clock::time_point end, const Stop_Signal& stop) {
-    keep_pipe();
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Stop_Signal::Clock::now());
     const auto timeout = std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, 60'000);
     std::array<pollfd, 4> waited{{{stop.descriptor(), POLLIN, 0},

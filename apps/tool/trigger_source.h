@@ -29,11 +29,11 @@ public:
     explicit Trigger_Source(const Record_Options& options);
 
     /// How many triggers came since the last call; of very many, the next call counts the rest.
-    /// Never waits.
+    /// Never waits. Looks after the pipe of `zav-shm trigger`, so it wants to be called each
+    /// second.
     std::uint64_t take();
 
-    /// Waits until one has come, a signal to stop, or the time is over. Looks after the pipe of
-    /// `zav-shm trigger`, so it wants to be called each second.
+    /// Waits until one has come, a signal to stop, or the time is over.
     void wait_until(Stop_Signal::Clock::time_point end, const Stop_Signal& stop);
 
     /// Where triggers may come from, in words.
@@ -46,6 +46,7 @@ private:
     const Trigger_Options& options_;
     const Caught_Signals signals_;
     std::optional<Trigger_Pipe> pipe_;
+    Stop_Signal::Clock::time_point next_look_;  // for the pipe
     bool told_no_pipe_ = false;
     bool has_lines_;  // standard input has not ended
 };

@@ -104,6 +104,33 @@ TEST_F(Tool_Event, lasts_longer_with_each_further_trigger) {
     end(camera);
 }
 
+// While it is on, the name of its pipe goes, and another program makes a file of its name.
+TEST_F(Tool_Event, is_extended_by_the_command_after_its_pipe_was_removed) {
+    Tool_Process camera = start_camera();
+    Tool_Process recorder = start_waiting({"--trigger", "command,SIGUSR1", "--before", "0",
+                                           "--after", "4s", "--pattern", "one.h264", "--strict"});
+    std::this_thread::sleep_for(700ms);
+    recorder.signal(SIGUSR1);
+    ASSERT_TRUE(recorder.says("event 1: triggered"));
+    const std::filesystem::path rings = "/dev/shm/shm/rings";
+    for (const auto& entry : std::filesystem::directory_iterator(rings)) {
+        if (entry.path().extension() == ".trigger") {
+            std::filesystem::remove(entry.path());
+        }
+    }
+    write(folder() + "/one.h264", "somebody else's");
+    EXPECT_TRUE(becomes_true([this] { return trigger({}).status() == 0; }));
+    const auto file = recorder.read_line();
+    ASSERT_TRUE(file);
+    EXPECT_EQ(*file, folder() + "/one-2.h264");
+    EXPECT_TRUE(recorder.says(" in \"" + *file + "\""));
+    EXPECT_TRUE(recorder.says("after the last of 2"));
+    EXPECT_EQ(content(folder() + "/one.h264"), "somebody else's");
+    expect_whole(*file);
+    end(recorder);
+    end(camera);
+}
+
 TEST_F(Tool_Event, that_is_on_at_the_end_is_finished) {
     Tool_Process camera = start_camera();
     Tool_Process recorder =
