@@ -15,7 +15,7 @@ import sys
 def index_of(path):
     """Pairs of a frame's number and (bytes, key)."""
     lines = (line.split() for line in path.read_text().splitlines())
-    return [(int(number), (int(size), int(key))) for _, number, size, key in lines]
+    return [(int(number), (int(size), int(key))) for _, number, size, key, *_ in lines]
 
 
 def figure(log, name):
