@@ -90,15 +90,15 @@ void Frame_Output::publish(const Frame& frame) {
         flag_if(frame.is_last, frame_flag::end_of_stream));
     ++frames_;
     fields_ = next;
-    const auto result = publisher_.publish(frame.payload, info);
+    const std::string limit = offer(frame, info);
     index_.add({.stream = options_.stream,
                 .sequence = frames_,
                 .bytes = frame.size_bytes,
                 .entry = frame.entry,
                 .times = {}});
-    discontinuity_ = result.outcome == Publish_Outcome::too_large;
+    discontinuity_ = !limit.empty();
     if (discontinuity_ && too_large_++ < complaints_max) {
-        complain_of(frame, result);
+        complain_of(frame, limit);
     }
     watch_state();
     pass_on_key_request();
@@ -143,11 +143,24 @@ void Frame_Output::watch_state() {
     }
 }
 
-void Frame_Output::complain_of(const Frame& frame, const ZAV_SHM_Frame_Publisher::Result& result) {
+// @return the limit that the frame is beyond, for a message; empty when there is none.
+std::string Frame_Output::offer(const Frame& frame, const Frame_Info& info) {
+    // Of such a frame only the beginning is there, which a stream's larger page would take.
+    if (options_.unit_limit != 0 && frame.size_bytes > options_.unit_limit) {
+        publisher_.leave_out(1);
+        ++over_unit_limit_;
+        return "--unit-limit is " + std::to_string(options_.unit_limit);
+    }
+    const auto result = publisher_.publish(frame.payload, info);
+    return result.outcome == Publish_Outcome::too_large
+               ? "page size of " + channel_ + " is " + std::to_string(result.limit_bytes) +
+                     "; raise page_size in the center's configuration, or lower the bit rate"
+               : std::string();
+}
+
+void Frame_Output::complain_of(const Frame& frame, const std::string& limit) {
     complain("frame " + std::to_string(frames_) + " of " + std::to_string(frame.size_bytes) +
-             " bytes left out, page size of " + channel_ + " is " +
-             std::to_string(result.limit_bytes) +
-             "; raise page_size in the center's configuration, or lower the bit rate");
+             " bytes left out, " + limit);
 }
 
 Exit_Status Frame_Output::close() {
@@ -162,10 +175,10 @@ Exit_Status Frame_Output::close() {
                  " key_requests=%" PRIu64 " waits=%" PRIu64 " given_up=%" PRIu64
                  " slot_frames=%" PRIu64 " slot_passed_over=%" PRIu64 " slot_slow_reads=%" PRIu64
                  "\n",
-                 counters.frames, counters.published, counters.too_large, counters.refused,
-                 counters.recoveries, counters.bytes, seconds.count(), key_requests_,
-                 counters.waits, counters.given_up, counters.slot_frames, counters.slot_passed_over,
-                 counters.slot_slow_reads);
+                 counters.frames, counters.published, counters.too_large + over_unit_limit_,
+                 counters.refused, counters.recoveries, counters.bytes, seconds.count(),
+                 key_requests_, counters.waits, counters.given_up, counters.slot_frames,
+                 counters.slot_passed_over, counters.slot_slow_reads);
     if (const auto problem = index_.close(false)) {
         return report(*problem);
     }

@@ -54,7 +54,8 @@ public:
 private:
     void watch_state();
     void pass_on_key_request();
-    void complain_of(const Frame& frame, const ZAV_SHM_Frame_Publisher::Result& result);
+    std::string offer(const Frame& frame, const Frame_Info& info);
+    void complain_of(const Frame& frame, const std::string& limit);
     std::chrono::nanoseconds presentation_time();
 
     const Publish_Options& options_;
@@ -67,6 +68,7 @@ private:
     std::uint64_t frames_ = 0;
     std::uint64_t fields_ = 0;  // the time of a frame is that of two fields
     std::uint64_t too_large_ = 0;
+    std::uint64_t over_unit_limit_ = 0;  // those of them that the publisher did not see
     std::uint64_t key_requests_ = 0;
     bool told_key_request_trouble_ = false;
     bool discontinuity_ = false;  // the frame before was too large

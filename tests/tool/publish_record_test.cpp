@@ -278,6 +278,23 @@ TEST_F(Tool_Frames, that_are_too_large_are_left_out_and_named) {
     EXPECT_EQ(recorder.figure("skipped"), 4);
 }
 
+TEST_F(Tool_Frames, beyond_the_unit_limit_are_left_out_though_the_page_would_take_their_beginning) {
+    const auto units = split(zav_shm::media::Video_Codec::h264, stream_file("plain.h264"));
+    std::string expected;
+    for (const Kept_Unit& unit : units) {
+        expected += unit.bytes.size() > 150 ? "" : text_of(unit.bytes);
+    }
+    ASSERT_FALSE(expected.empty());
+    Tool_Process publisher =
+        start_publisher({stream("plain.h264"), "--fps", "0", "--unit-limit", "150"});
+    EXPECT_EQ(publisher.status(), incomplete) << publisher.errors();
+    EXPECT_TRUE(publisher.says("bytes left out, --unit-limit is 150"));
+    EXPECT_EQ(publisher.figure("frames"), static_cast<long>(units.size()));
+    EXPECT_EQ(publisher.figure("frames"),
+              publisher.figure("published") + publisher.figure("too_large"));
+    EXPECT_EQ(publisher.figure("bytes"), static_cast<long>(expected.size()));
+}
+
 TEST_F(Tool_Frames, that_are_synthetic_and_too_large_are_all_left_out) {
     Tool_Process publisher =
         start_publisher({"--synthetic", "--size", "65537", "--count", "9", "--fps", "0"});
