@@ -136,6 +136,18 @@ protected:
             ->capture_default_str();
     }
 
+    // What a producer keeps, and whether it waits.
+    //
+    // @param paced_when  it does so without being told
+    void producer(Producer_Options& options, const char* history, const std::string& paced_when) {
+        number("--history", options.history, 1, history_max, history);
+        app_.add_flag("--paced", options.paced,
+                      "Wait for readers that are behind [" + paced_when + "]");
+        seconds("--pace-limit", options.pace_limit, 0,
+                "How long a reader that stands still is waited for", pace_seconds_max)
+            ->default_str("0.2");
+    }
+
     // Who takes frames, from whom, and from where on.
     void consumer(Consumer_Options& options) {
         name_ = name("--name", options.name, "Consumer, as configured in the center");

@@ -58,13 +58,8 @@ public:
         index(
             options_.index,
             "Also write a line \"stream sequence bytes key\" for each frame; - is standard output");
-        number("--history", options_.history, 1, history_max,
-               "Bytes of frames that are kept for readers [as configured]");
-        app_.add_flag("--paced", options_.paced,
-                      "Wait for readers that are behind [with --fps 0, but not of a pipe]");
-        seconds("--pace-limit", options_.pace_limit, 0,
-                "How long a reader that stands still is waited for", pace_seconds_max)
-            ->default_str("0.2");
+        producer(options_, "Bytes of frames that are kept for readers [as configured]",
+                 "with --fps 0, but not of a pipe");
         app_.add_option_function<std::string>(
                 "--on-key-request",
                 [this](const std::string& text) {

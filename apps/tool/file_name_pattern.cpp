@@ -11,6 +11,7 @@
 
 #include "apps/text/printable.h"
 #include "frame/frame_header.h"
+#include "ipc/monotonic_clock.h"
 
 namespace zav_shm::tool {
 
@@ -19,12 +20,10 @@ namespace {
 // Less than file systems allow: a number and endings such as ".index" come behind it.
 constexpr std::size_t name_bytes_max = 200;
 
-constexpr std::int64_t ns_per_s = 1'000'000'000;
-
 }  // namespace
 
 std::string name_from(const std::string& pattern, std::int64_t utc_ns) {
-    const auto seconds = static_cast<std::time_t>(utc_ns / ns_per_s);
+    const auto seconds = static_cast<std::time_t>(utc_ns / ns_per_second);
     std::tm local{};
     if (localtime_r(&seconds, &local) == nullptr) {
         return {};

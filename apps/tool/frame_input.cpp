@@ -7,6 +7,7 @@
 
 #include "apps/tool/center_request.h"
 #include "apps/tool/configured_name.h"
+#include "apps/tool/counter_sums.h"
 #include "control/control_protocol.h"
 
 namespace zav_shm::tool {
@@ -130,15 +131,7 @@ Subscriber_Counters Frame_Input::counters() const {
         return one_->counters();
     }
     Subscriber_Counters sum = two_->counters(ZAV_SHM_Frame_Dual_Subscriber::main);
-    const Subscriber_Counters sub = two_->counters(ZAV_SHM_Frame_Dual_Subscriber::sub);
-    sum.overtaken += sub.overtaken;
-    sum.left_out += sub.left_out;
-    sum.no_memory += sub.no_memory;
-    sum.dropped += sub.dropped;
-    sum.skipped += sub.skipped;
-    sum.torn += sub.torn;
-    sum.foreign += sub.foreign;
-    sum.recoveries += sub.recoveries;
+    add(sum, two_->counters(ZAV_SHM_Frame_Dual_Subscriber::sub));
     return sum;
 }
 

@@ -41,7 +41,14 @@ struct Channel_Options {
     int stream = 0;
 };
 
-struct Publish_Options : Common_Options, Channel_Options {
+/// How a producer keeps frames for its readers, and whether it waits for them.
+struct Producer_Options {
+    std::size_t history = 0;  // bytes; 0 as configured
+    bool paced = false;       // wait for readers that are behind
+    std::chrono::milliseconds pace_limit{200};
+};
+
+struct Publish_Options : Common_Options, Channel_Options, Producer_Options {
     std::string file;  // empty with `synthetic`
     bool synthetic = false;
     std::optional<media::Video_Codec> codec;  // nothing: tell from the stream
@@ -54,9 +61,6 @@ struct Publish_Options : Common_Options, Channel_Options {
     std::size_t size = 4096;          // of a synthetic frame, bytes
     std::uint32_t key_interval = 25;  // of synthetic frames
     std::string index;                // file; empty: none
-    std::size_t history = 0;          // bytes; 0 as configured
-    bool paced = false;               // wait for readers that are behind
-    std::chrono::milliseconds pace_limit{200};
     Key_Request_Action on_key_request;
 };
 
@@ -154,7 +158,7 @@ struct Capture_Options : Common_Options {
     bool strict = false;
 };
 
-struct Replay_Options : Common_Options {
+struct Replay_Options : Common_Options, Producer_Options {
     /// Frames of `from`, or of every producer when that is empty, are published as `to`.
     struct Name {
         std::string from;
@@ -167,9 +171,6 @@ struct Replay_Options : Common_Options {
     std::chrono::milliseconds from{0};  // the trace's begin
     bool loop = false;
     std::uint64_t count = 0;  // frames; 0 is no limit
-    std::size_t history = 0;  // bytes; 0 as configured
-    bool paced = false;
-    std::chrono::milliseconds pace_limit{200};
 };
 
 struct Trace_Options : Common_Options {

@@ -6,6 +6,7 @@
 
 #include "apps/tool/center_request.h"
 #include "apps/tool/configured_name.h"
+#include "apps/tool/counter_sums.h"
 #include "apps/tool/replay_clock.h"
 #include "control/control_protocol.h"
 
@@ -14,16 +15,6 @@ namespace zav_shm::tool {
 namespace {
 
 using Step = trace::Trace_Reader::Step;
-
-void add(Publisher_Counters& sum, const Publisher_Counters& more) {
-    sum.published += more.published;
-    sum.bytes += more.bytes;
-    sum.too_large += more.too_large;
-    sum.refused += more.refused;
-    sum.recoveries += more.recoveries;
-    sum.waits += more.waits;
-    sum.given_up += more.given_up;
-}
 
 Frame_Format format_of(const ZAV_SHM_Frame_Header& header) {
     return {.codec = header.codec,

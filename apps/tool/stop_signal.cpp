@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <csignal>
 
+#include "ipc/monotonic_clock.h"
+
 namespace zav_shm::tool {
 
 namespace {
@@ -18,12 +20,11 @@ constexpr std::chrono::hours sleep_max{1};
 
 timespec until(Stop_Signal::Clock::time_point end) {
     using std::chrono::nanoseconds;
-    constexpr std::int64_t second = 1'000'000'000;
     const auto left =
         std::clamp<nanoseconds>(end - Stop_Signal::Clock::now(), nanoseconds(0), sleep_max);
     timespec time{};
-    time.tv_sec = static_cast<time_t>(left.count() / second);
-    time.tv_nsec = static_cast<long>(left.count() % second);
+    time.tv_sec = static_cast<time_t>(left.count() / ns_per_second);
+    time.tv_nsec = static_cast<long>(left.count() % ns_per_second);
     return time;
 }
 

@@ -150,13 +150,9 @@ public:
                 "before");
         app_.add_flag("--loop", options_.loop, "Begin the trace again at its end");
         number("--count", options_.count, 1, count_max, "End after so many frames");
-        number("--history", options_.history, 1, history_max,
-               "Bytes of frames that are kept for readers, of each stream [as configured]");
-        app_.add_flag("--paced", options_.paced,
-                      "Wait for readers that are behind [with --speed 0]");
-        seconds("--pace-limit", options_.pace_limit, 0,
-                "How long a reader that stands still is waited for", pace_seconds_max)
-            ->default_str("0.2");
+        producer(options_,
+                 "Bytes of frames that are kept for readers, of each stream [as configured]",
+                 "with --speed 0");
         common(options_, 5, "5");
     }
 

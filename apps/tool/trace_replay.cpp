@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "apps/tool/counter_sums.h"
 #include "apps/trace/trace_seek.h"
 
 namespace zav_shm::tool {
@@ -238,12 +239,7 @@ Exit_Status Trace_Replay::close() {
         sum.restarts += counters.restarts;
         sum.left_out += counters.left_out;
         sum.foreign += counters.foreign;
-        sum.published.published += counters.published.published;
-        sum.published.bytes += counters.published.bytes;
-        sum.published.too_large += counters.published.too_large;
-        sum.published.refused += counters.published.refused;
-        sum.published.waits += counters.published.waits;
-        sum.published.given_up += counters.published.given_up;
+        add(sum.published, counters.published);
     }
     const std::chrono::duration<double> seconds = Clock::now() - opened_;
     const std::chrono::duration<double, std::milli> late = late_max_;

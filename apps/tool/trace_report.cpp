@@ -11,6 +11,7 @@
 #include "apps/tool/trace_account.h"
 #include "apps/tool/trace_comparison.h"
 #include "apps/trace/trace_source.h"
+#include "ipc/monotonic_clock.h"
 
 namespace zav_shm::tool {
 
@@ -20,10 +21,9 @@ using Step = trace::Trace_Reader::Step;
 using trace::Record_Type;
 
 constexpr std::size_t lines_bytes = std::size_t{1} << 16;  // that are written at once
-constexpr std::int64_t ns_per_s = 1'000'000'000;
 
 std::string utc_text(std::int64_t utc_ns) {
-    const auto seconds = static_cast<std::time_t>(utc_ns / ns_per_s);
+    const auto seconds = static_cast<std::time_t>(utc_ns / ns_per_second);
     std::tm parts{};
     char text[64] = "";
     if (gmtime_r(&seconds, &parts) == nullptr ||
@@ -83,8 +83,8 @@ Json::Value json_of(const trace::Trace_Record& record, const std::string& stream
 std::string text_of(const trace::Trace_Record& record, const std::string& stream,
                     std::int64_t begin_ns) {
     char head[96];
-    const double seconds =
-        static_cast<double>(record.head.received.monotonic_ns - begin_ns) / ns_per_s;
+    const double seconds = static_cast<double>(record.head.received.monotonic_ns - begin_ns) /
+                           static_cast<double>(ns_per_second);
     std::snprintf(head, sizeof head, "%12" PRIu64 " %12.6f %-6s", record.offset, seconds,
                   name_of(record.head.type));
     std::string line = head + (stream.empty() ? std::string() : " " + stream);

@@ -11,6 +11,8 @@
 #include <ctime>
 #include <limits>
 
+#include "apps/tool/counter_sums.h"
+#include "apps/tool/frame_time.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/random_epoch.h"
 
@@ -37,10 +39,7 @@ constexpr int undated_max = 64;
 
 // The same moment by both clocks, a stretch of time ago by the steady one.
 trace::Moment moment_at(std::int64_t then_ns) {
-    timespec wall{};
-    clock_gettime(CLOCK_REALTIME, &wall);
-    const std::int64_t utc_ns = std::int64_t{wall.tv_sec} * 1'000'000'000 + wall.tv_nsec;
-    return {then_ns, utc_ns - (monotonic_ns() - then_ns)};
+    return {then_ns, utc_now_ns() - (monotonic_ns() - then_ns)};
 }
 
 std::string with_count(std::uint64_t count, const char* what) {
@@ -224,12 +223,7 @@ Problem Traffic_Capture::write_problem() const {
 Exit_Status Traffic_Capture::tell() const {
     Subscriber_Counters sum;
     for (const auto& input : inputs_) {
-        const Subscriber_Counters counters = input->counters();
-        sum.overtaken += counters.overtaken;
-        sum.left_out += counters.left_out;
-        sum.no_memory += counters.no_memory;
-        sum.foreign += counters.foreign;
-        sum.recoveries += counters.recoveries;
+        add(sum, input->counters());
     }
     std::fprintf(stderr,
                  "capture: streams=%zu frames=%" PRIu64 " bytes=%" PRIu64 " key_frames=%" PRIu64

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "ipc/monotonic_clock.h"
+
 namespace zav_shm::trace {
 
 namespace {
@@ -11,7 +13,7 @@ namespace {
 constexpr std::size_t checksum_bytes = 4;
 
 // Older than this a frame cannot be when a reader gets it, whatever its header says.
-constexpr std::int64_t history_max_ns = std::int64_t{3600} * 1'000'000'000;
+constexpr std::int64_t history_max_ns = 3600 * ns_per_second;
 
 // The checksum of what has been put since `begin`.
 void put_checksum(Bytes& bytes, std::size_t begin) {
