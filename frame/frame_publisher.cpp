@@ -99,6 +99,7 @@ private:
     bool make_ring();
     void feed_slot();
     bool begin_frame();
+    void look_after_others();
     bool is_named() const;
     std::string ring_path() const;
     std::span<std::byte> room_for(std::size_t payload_bytes);
@@ -123,7 +124,8 @@ private:
     std::int64_t next_look_ns_ = 0;
 
     std::atomic<bool> open_{false};
-    std::atomic<unsigned> forks_{0};  // when it was opened
+    std::atomic<bool> has_slot_to_come_{false};  // it was granted, and could not be had
+    std::atomic<unsigned> forks_{0};             // when it was opened
     std::atomic<std::size_t> page_bytes_{0};
     std::atomic<std::uint64_t> frames_{0};
     std::atomic<std::uint64_t> published_{0};
@@ -250,8 +252,8 @@ void ZAV_SHM_Frame_Publisher::Body::feed_slot() {
     if (feeder && standing) {
         const auto grant = standing->grant();
         if (grant.number != 0) {
-            feeder->use(grant.names.segment, grant.names.sem_src, grant.names.sem_dst,
-                        grant.names.sem_exist);
+            has_slot_to_come_ = !feeder->use(grant.names.segment, grant.names.sem_src,
+                                             grant.names.sem_dst, grant.names.sem_exist);
         }
     }
 }
@@ -295,10 +297,21 @@ bool ZAV_SHM_Frame_Publisher::Body::begin_frame() {
     }
     next_look_ns_ = now + ring_look_ns;
     if (writer_ && is_named()) {
+        look_after_others();
         return true;
     }
     writer_.reset();  // says that nothing comes any more to those who read it still
     return make_ring();
+}
+
+// What stands beside the history may have failed, or been removed, by itself.
+void ZAV_SHM_Frame_Publisher::Body::look_after_others() {
+    if (!requests_->is_named()) {
+        requests_.emplace(ring_path());
+    }
+    if (has_slot_to_come_) {
+        feed_slot();
+    }
 }
 
 // False when somebody has removed the file, or put another one in its place: whoever looks for it

@@ -31,22 +31,29 @@ mode_t writable_mode(const std::string& path) {
 
 // What another user left, or somebody who is not the writer has put there, is replaced as far as
 // the folder allows.
-Writer_Requests::Writer_Requests(const std::string& ring) {
-    const std::string path = path_of(ring);
+Writer_Requests::Writer_Requests(const std::string& ring) : path_(path_of(ring)) {
     struct stat status {};
-    file_ = Descriptor(open(path.c_str(), O_RDONLY | request_flags));
-    if (file_.is_open() && (fstat(file_.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-                            status.st_uid != geteuid())) {
-        unlink(path.c_str());
+    file_ = Descriptor(open(path_.c_str(), O_RDONLY | request_flags));
+    const bool is_own = file_.is_open() && fstat(file_.get(), &status) == 0 &&
+                        S_ISREG(status.st_mode) && status.st_uid == geteuid();
+    if (!is_own) {
+        unlink(path_.c_str());
         file_ = Descriptor();
     }
     if (!file_.is_open()) {
-        file_ = Descriptor(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | request_flags, 0600));
+        file_ = Descriptor(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | request_flags, 0600));
     }
     if (file_.is_open()) {
-        fchmod(file_.get(), writable_mode(path));
+        fchmod(file_.get(), writable_mode(path_));
         last_ = number();
     }
+}
+
+bool Writer_Requests::is_named() const {
+    struct stat held {};
+    struct stat named {};
+    return fstat(file_.get(), &held) == 0 && lstat(path_.c_str(), &named) == 0 &&
+           held.st_ino == named.st_ino && held.st_dev == named.st_dev;
 }
 
 bool Writer_Requests::take() {

@@ -23,12 +23,17 @@ public:
     /// who may list its folder. Requests from before do not count.
     explicit Writer_Requests(const std::string& ring);
 
+    /// False when the file could not be made, or has been removed or replaced: nobody who asks is
+    /// heard.
+    bool is_named() const;
+
     /// True when somebody has asked since the last call. Costs one system call.
     bool take();
 
 private:
     std::uint64_t number() const;
 
+    std::string path_;
     Descriptor file_;
     std::uint64_t last_ = 0;
 };

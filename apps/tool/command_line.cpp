@@ -26,7 +26,8 @@ public:
     explicit Publish_Command(CLI::App& app)
         : Command(app, "publish", "Distribute the frames of a file, of a pipe, or synthetic ones") {
         file_ = app_.add_option("FILE", options_.file,
-                                "H.264 or H.265 elementary stream (Annex B); - is standard input")
+                                "H.264 or H.265 elementary stream (Annex B), AAC (ADTS) or Opus "
+                                "(Ogg); - is standard input")
                     ->type_name("");
         name("--name", options_.name, "Producer, as configured in the center")->required();
         channel(options_);
@@ -39,7 +40,7 @@ public:
         loop_ = app_.add_flag("--loop", options_.loop, "Begin the file again at its end");
         number("--count", options_.count, 1, count_max, "End after so many frames");
         codec_ = app_.add_option("--codec", codec_text_,
-                                 "h264, h265, or auto: tell from the stream [auto]")
+                                 "h264, h265, aac, opus, or auto: tell from the stream [auto]")
                      ->check(CLI::Validator(codec_mistake, ""))
                      ->type_name("CODEC");
         limit_ = number("--unit-limit", options_.unit_limit, 1, frame_bytes_max,
@@ -90,16 +91,14 @@ public:
         if (options_.loop && options_.file == standard_stream) {
             return "--loop needs a file: standard input cannot begin again";
         }
-        if (rate_->count() != 0) {
+        options_.has_rate = rate_->count() != 0;
+        if (options_.has_rate) {
             options_.rate = *parse_rate(rate_text_);
         } else if (options_.file != standard_stream) {
             options_.rate = {file_rate, 1};
         }
         options_.paced = options_.paced || (!options_.rate.is_paced() && !is_live());
-        if (codec_text_ != "auto") {
-            options_.codec =
-                codec_text_ == "h264" ? media::Video_Codec::h264 : media::Video_Codec::h265;
-        }
+        options_.codec = parse_input_codec(codec_text_);
         return {};
     }
 
@@ -113,9 +112,9 @@ private:
     }
 
     static std::string codec_mistake(std::string& text) {
-        return text == "h264" || text == "h265" || text == "auto"
+        return text == "auto" || parse_input_codec(text)
                    ? std::string()
-                   : "'" + text + "' is none of h264, h265 and auto";
+                   : "'" + text + "' is none of h264, h265, aac, opus and auto";
     }
 
     Publish_Options options_;

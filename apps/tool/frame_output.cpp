@@ -68,36 +68,37 @@ std::optional<Problem> Frame_Output::open() {
 }
 
 void Frame_Output::set_format(Frame_Format format) {
-    format.rate_num = options_.rate.num;
-    format.rate_den = options_.rate.den;
+    if (format.rate_num == 0) {
+        format.rate_num = options_.rate.num;
+        format.rate_den = options_.rate.den;
+    }
     publisher_.set_format(format);
 }
 
 void Frame_Output::publish(const Frame& frame) {
-    if (is_over() || !pacer_.wait_for(fields_, stop_)) {
+    if (is_over() || !wait_until_due(frame)) {
         return;
     }
+    const Time time = time_of_next(frame);
     Frame_Info info;
-    info.pts = presentation_time();
-    const std::uint64_t next = fields_ + (frame.is_field ? 1 : 2);
-    info.duration = std::chrono::duration_cast<std::chrono::microseconds>(
-        time_of(field_rate_, next) - time_of(field_rate_, fields_));
+    info.pts = time.begin;
+    info.duration = std::chrono::duration_cast<std::chrono::microseconds>(time.end - time.begin);
     info.flags = static_cast<std::uint16_t>(
         flag_if(frame.entry == Entry_Point::key_frame, frame_flag::key_frame) |
         flag_if(frame.entry == Entry_Point::recovery_point, frame_flag::recovery_point) |
         flag_if(frame.has_configuration, frame_flag::codec_configuration) |
-        flag_if(discontinuity_, frame_flag::discontinuity) |
+        flag_if(was_too_large_ || frame.follows_damage, frame_flag::discontinuity) |
         flag_if(frame.is_last, frame_flag::end_of_stream));
     ++frames_;
-    fields_ = next;
+    fields_ += frame.is_field ? 1 : 2;
     const std::string limit = offer(frame, info);
     index_.add({.stream = options_.stream,
                 .sequence = frames_,
                 .bytes = frame.size_bytes,
                 .entry = frame.entry,
                 .times = {}});
-    discontinuity_ = !limit.empty();
-    if (discontinuity_ && too_large_++ < complaints_max) {
+    was_too_large_ = !limit.empty();
+    if (was_too_large_ && too_large_++ < complaints_max) {
         complain_of(frame, limit);
     }
     watch_state();
@@ -119,15 +120,24 @@ void Frame_Output::pass_on_key_request() {
     }
 }
 
-std::chrono::nanoseconds Frame_Output::presentation_time() {
+bool Frame_Output::wait_until_due(const Frame& frame) {
+    return frame.time ? pacer_.wait_for(frame.time->begin, stop_) : pacer_.wait_for(fields_, stop_);
+}
+
+// Without a rate a frame lasts for an unknown time.
+Frame_Output::Time Frame_Output::time_of_next(const Frame& frame) {
+    if (frame.time) {
+        return *frame.time;
+    }
     if (options_.rate.is_paced()) {
-        return time_of(field_rate_, fields_);
+        return {.begin = time_of(field_rate_, fields_),
+                .end = time_of(field_rate_, fields_ + (frame.is_field ? 1 : 2))};
     }
     const auto now = Pacer::Clock::now();
     if (frames_ == 0) {
         first_ = now;
     }
-    return now - first_;
+    return {.begin = now - first_, .end = now - first_};
 }
 
 bool Frame_Output::is_over() const {

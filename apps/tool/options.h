@@ -9,7 +9,7 @@
 #include <variant>
 #include <vector>
 
-#include "apps/media/nal_unit.h"
+#include "apps/tool/input_codec.h"
 #include "apps/tool/key_request_action.h"
 #include "apps/tool/rate.h"
 #include "frame/frame_dual_subscriber.h"
@@ -51,8 +51,9 @@ struct Producer_Options {
 struct Publish_Options : Common_Options, Channel_Options, Producer_Options {
     std::string file;  // empty with `synthetic`
     bool synthetic = false;
-    std::optional<media::Video_Codec> codec;  // nothing: tell from the stream
-    Rate rate;
+    std::optional<Input_Codec> codec;  // nothing: tell from the stream
+    Rate rate;                         // of pictures; of audio only whether it is paced
+    bool has_rate = false;             // --fps was given
     bool loop = false;
     std::uint64_t count = 0;     // frames; 0 is no limit
     std::size_t unit_limit = 0;  // bytes; 0 is the stream's page size

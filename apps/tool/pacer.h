@@ -24,8 +24,12 @@ public:
     /// @return false when a signal came first.
     bool wait_for(std::uint64_t number, const Stop_Signal& stop);
 
+    /// Likewise until a frame is due that comes so long after the time 0, which may be before it.
+    bool wait_for(std::chrono::nanoseconds time, const Stop_Signal& stop);
+
     /// The frame's moment; the first call to wait_for() or due() is the beginning.
     Clock::time_point due(std::uint64_t number, Clock::time_point now);
+    Clock::time_point due(std::chrono::nanoseconds time, Clock::time_point now);
 
 private:
     static constexpr std::chrono::seconds late_max{1};

@@ -2,6 +2,7 @@
 #include <vector>
 
 #include "apps/media/picture_size.h"
+#include "apps/tool/audio_stream.h"
 #include "apps/tool/commands.h"
 #include "apps/tool/elementary_source.h"
 #include "apps/tool/frame_output.h"
@@ -17,7 +18,7 @@ class Picture_Stream {
 public:
     Picture_Stream(const Publish_Options& options, media::Video_Codec codec, Frame_Output& output)
         : options_(options), codec_(codec), output_(output) {
-        format_.codec = header_codec(codec);
+        format_.codec = header_codec(input_codec_of(codec));
         format_.width = options.width;
         format_.height = options.height;
         output_.set_format(format_);
@@ -51,12 +52,8 @@ private:
         complain("the stream changes from " + std::string(name_of(codec_)) + " to " +
                  name_of(codec) + " at frame " + std::to_string(output_.next_sequence()));
         codec_ = codec;
-        format_.codec = header_codec(codec);
+        format_.codec = header_codec(input_codec_of(codec));
         output_.set_format(format_);
-    }
-
-    static std::uint32_t header_codec(media::Video_Codec codec) {
-        return codec == media::Video_Codec::h264 ? codec::h264 : codec::h265;
     }
 
     void learn_size(const media::Access_Unit& unit) {
@@ -76,14 +73,25 @@ private:
     Frame_Format format_;
 };
 
-std::optional<Problem> publish_file(const Publish_Options& options, const Stop_Signal& stop,
-                                    Elementary_Source& source, Frame_Output& output) {
-    Picture_Stream stream(options, source.codec(), output);
+std::optional<Problem> publish_pictures(const Publish_Options& options, const Stop_Signal& stop,
+                                        Elementary_Source& source, Frame_Output& output) {
+    Picture_Stream stream(options, video_codec_of(source.codec()), output);
     const std::size_t limit = options.unit_limit != 0 ? options.unit_limit : output.page_bytes();
-    return source.run(limit, options.loop, stop, [&](const media::Access_Unit& unit) {
+    return source.run_video(limit, options.loop, stop, [&](const media::Access_Unit& unit) {
         stream.pass(unit);
         return !output.is_over();
     });
+}
+
+/// @param has_loss  becomes true when something of the input was left out.
+std::optional<Problem> publish_audio(const Publish_Options& options, const Stop_Signal& stop,
+                                     Elementary_Source& source, Frame_Output& output,
+                                     bool& has_loss) {
+    Audio_Stream stream(options, source.codec(), source.title(), output);
+    auto problem =
+        source.run_audio(options.loop, stop, stream, [&output] { return output.is_over(); });
+    has_loss = stream.tell_left_out();
+    return problem;
 }
 
 void publish_synthetic(const Publish_Options& options, Frame_Output& output) {
@@ -113,19 +121,30 @@ Exit_Status run(const Publish_Options& options, const Standard_Output& standard_
         if (const auto problem = source.open(options.loop, stop)) {
             return report(*problem);
         }
+        if (is_audio(source.codec())) {
+            if (const auto problem = Audio_Stream::refuse_options(options, source.codec())) {
+                return report(*problem);
+            }
+        }
     }
     Frame_Output output(options, standard_output.descriptor(), stop);
     if (const auto problem = output.open()) {
         return report(*problem);
     }
     std::optional<Problem> problem;
+    bool has_loss = false;
     if (options.synthetic) {
         publish_synthetic(options, output);
+    } else if (is_audio(source.codec())) {
+        problem = publish_audio(options, stop, source, output, has_loss);
     } else {
-        problem = publish_file(options, stop, source, output);
+        problem = publish_pictures(options, stop, source, output);
     }
     const Exit_Status status = output.close();
-    return problem ? report(*problem) : status;
+    if (problem) {
+        return report(*problem);
+    }
+    return status == Exit_Status::ok && has_loss ? Exit_Status::incomplete : status;
 }
 
 }  // namespace zav_shm::tool

@@ -25,9 +25,10 @@ bool Recorded_File::write(int stream, const Received_Frame& frame) {
     if (write_error_) {
         return false;
     }
-    const bool written = file_.write(frame.payload());
+    const Recorded_Form::Piece piece = form_.of(frame);
+    const bool written = file_.write(piece.bytes);
     if (written) {
-        recorded_.add(stream, frame);
+        recorded_.add(stream, frame, {piece.bytes.size(), piece.payload_offset});
     }
     return note(written);
 }

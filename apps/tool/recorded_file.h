@@ -5,6 +5,7 @@
 #include <string>
 
 #include "apps/tool/frame_index.h"
+#include "apps/tool/recorded_form.h"
 #include "apps/tool/recorded_frames.h"
 #include "apps/tool/recording_target.h"
 
@@ -37,6 +38,7 @@ private:
     const bool sync_;
     Output_File file_;
     Frame_Index index_;
+    Recorded_Form form_;
     Recorded_Frames recorded_;
     std::optional<int> write_error_;  // errno of the first write that failed
 };

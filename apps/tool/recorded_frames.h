@@ -16,8 +16,14 @@ class Recorded_Frames {
 public:
     explicit Recorded_Frames(Frame_Index& index) : index_(index) {}
 
+    /// What a frame has become in the file.
+    struct Place {
+        std::uint64_t bytes = 0;           // there; those of the frame are among them
+        std::uint64_t payload_offset = 0;  // of the frame in these bytes
+    };
+
     /// Remembers a frame that was handed to the file.
-    void add(int stream, const Received_Frame& frame);
+    void add(int stream, const Received_Frame& frame, const Place& place);
 
     /// The file has taken so many bytes since its beginning.
     void settle(std::uint64_t file_bytes);
@@ -25,10 +31,15 @@ public:
     Recorded_Totals totals() const;
 
 private:
-    void count(const Frame_Index::Frame& frame);
+    struct Pending {
+        Frame_Index::Frame frame;
+        Place place;
+    };
+
+    void count(const Pending& pending);
 
     Frame_Index& index_;
-    std::deque<Frame_Index::Frame> pending_;  // handed to the file, and not yet whole there
+    std::deque<Pending> pending_;  // handed to the file, and not yet whole there
     std::uint64_t pending_bytes_ = 0;
     Recorded_Totals whole_;
 };

@@ -9,7 +9,7 @@
 build_packages=(
     g++ cmake ninja-build pkg-config
     libjsoncpp-dev
-    libcli11-dev libsystemd-dev # the programs
+    libcli11-dev libsystemd-dev libogg-dev # the programs
     util-linux mount            # private namespaces with a /dev/shm of their own
 )
 
@@ -34,14 +34,14 @@ check_packages=(
 # shellcheck disable=SC2034
 armhf_packages=(
     g++-arm-linux-gnueabihf qemu-user
-    libjsoncpp-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libbenchmark-dev:armhf
+    libjsoncpp-dev:armhf libogg-dev:armhf libgtest-dev:armhf libgmock-dev:armhf libbenchmark-dev:armhf
 )
 
 # What preset i386 needs beside test_packages. Not gcc-multilib, which removes the compiler above.
 # shellcheck disable=SC2034
 i386_packages=(
     gcc-12-multilib g++-12-multilib
-    libjsoncpp-dev:i386 libgtest-dev:i386 libgmock-dev:i386 libbenchmark-dev:i386
+    libjsoncpp-dev:i386 libogg-dev:i386 libgtest-dev:i386 libgmock-dev:i386 libbenchmark-dev:i386
 )
 
 # is_installed <package>[:<architecture>]

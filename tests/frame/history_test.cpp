@@ -431,6 +431,19 @@ TEST_F(History, is_asked_for_a_key_frame) {
     EXPECT_FALSE(camera.key_frame_requested()) << "once";
 }
 
+TEST_F(History, hears_requests_again_after_their_file_was_removed) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    ASSERT_TRUE(player.open());
+    const std::string file = std::string(rings) + "/CAM_LOOP_0_0.request";
+    ASSERT_EQ(unlink(file.c_str()), 0);
+    ASSERT_EQ(symlink("/dev/null", file.c_str()), 0) << "nor is what stands there in the way";
+    EXPECT_FALSE(player.request_key_frame());
+    EXPECT_TRUE(becomes_true([&] {
+        publish_numbers(camera, 1, 1, 10);
+        return player.request_key_frame() && camera.key_frame_requested();
+    }));
+}
+
 #if SIZE_MAX > UINT32_MAX
 TEST_F(History, that_does_not_fit_is_told_with_both_figures) {
     ZAV_SHM_Frame_Publisher greedy({.name = "CAM_REC", .history_bytes = std::size_t{1} << 32U});

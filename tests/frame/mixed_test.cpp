@@ -169,6 +169,21 @@ TEST_F(Mixed, consumers_of_the_fixed_interface_are_fed) {
     EXPECT_EQ(received, 100U) << "beside a subscriber that gets all";
 }
 
+TEST_F(Mixed, a_slot_that_could_not_be_had_when_granted_is_fed_later) {
+    const std::string slot = "/dev/shm/shm/CAM_LOOP_0_0";
+    const std::string aside = slot + ".aside";
+    ASSERT_EQ(rename(slot.c_str(), aside.c_str()), 0);
+    ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
+    ASSERT_TRUE(camera.open());
+    ASSERT_EQ(rename(aside.c_str(), slot.c_str()), 0);
+    Fixed_Reader reader(fixed_consumer());
+    EXPECT_TRUE(becomes_true([&] {
+        std::ignore = camera.publish(std::vector<std::byte>(100));
+        return reader.frames() > 3;
+    }));
+    EXPECT_EQ(reader.wrong(), 0);
+}
+
 TEST_F(Mixed, a_consumer_that_comes_late_gets_what_is_published_then) {
     ZAV_SHM_Frame_Publisher camera({.name = "CAM_LOOP"});
     ASSERT_TRUE(camera.open());

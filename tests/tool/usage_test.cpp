@@ -73,7 +73,8 @@ TEST_F(Tool_Usage, publish_names_what_is_wrong) {
     expect_publish_mistake({"x", "--channel", "-1"}, "--channel");
     expect_publish_mistake({"x", "--stream", "one"}, "'one' is no whole number from 0 to 4095");
     expect_publish_mistake({"x", "--fps", "2000"}, "'2000' is no rate from 0 to 1000");
-    expect_publish_mistake({"x", "--codec", "vp8"}, "'vp8' is none of h264, h265 and auto");
+    expect_publish_mistake({"x", "--codec", "vp8"},
+                           "'vp8' is none of h264, h265, aac, opus and auto");
     expect_publish_mistake({"-", "--loop"}, "standard input cannot begin again");
     expect_publish_mistake({"x", "--size", "5"}, "--synthetic");
     expect_publish_mistake({"--synthetic", "--loop"}, "--loop does not go with --synthetic");
