@@ -120,6 +120,7 @@ void Event_Recording::begin_event() {
     event_.emplace(Event{.last_trigger_ns = now_ns,
                          .history = Event_History(now_ns, options_.before),
                          .frames_before = files_.totals().frames,
+                         .files_before = files_.files(),
                          .last = {}});
     input_.seek(start::back(options_.before));
     complain(event_title() + ": triggered");
@@ -185,6 +186,13 @@ void Event_Recording::tell_history() {
     }
 }
 
+// SIGHUP, and the limits of a file, divide an event.
+std::string Event_Recording::files_text() const {
+    const std::uint64_t count = files_.files() - event_->files_before;
+    return (count > 1 ? std::to_string(count) + " files, the last one " : std::string()) +
+           files_.title();
+}
+
 // @param next_can_go_on  a file that begins here can be decoded as well as any other
 void Event_Recording::end_event(bool next_can_go_on) {
     const auto problem = files_.close();
@@ -202,7 +210,7 @@ void Event_Recording::end_event(bool next_can_go_on) {
                  seconds_text(event_->last_ns - event_->last_trigger_ns) + " after " +
                  (event_->triggers == 1 ? std::string("it")
                                         : "the last of " + std::to_string(event_->triggers)) +
-                 ", in " + files_.title());
+                 ", in " + files_text());
     }
     event_.reset();
     next_look_ = Stop_Signal::Clock::now();

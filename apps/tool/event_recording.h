@@ -54,6 +54,7 @@ private:
         std::uint64_t triggers = 1;
         Event_History history;
         std::uint64_t frames_before;  // in all files, before this event
+        std::uint64_t files_before;
         bool has_entry_points = false;
         bool goes_on = false;  // where the former one ended
         bool told_history = false;
@@ -72,6 +73,7 @@ private:
     bool is_in_former_file(const Received_Frame& frame) const;
     bool is_behind_end(const Received_Frame& frame) const;
     void tell_history();
+    std::string files_text() const;
     void end_event(bool next_can_go_on);
     std::int64_t end_ns() const { return event_->last_trigger_ns + options_.after.count(); }
     std::string event_title() const { return "event " + std::to_string(events_); }

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -90,7 +91,7 @@ std::optional<Problem> File_Series::open(Output_File::Clock::time_point /*end*/)
 void File_Series::begin_file(std::int64_t named_after_ns) {
     static_cast<void>(close());
     problem_.reset();
-    named_after_ns_ = named_after_ns;
+    named_after_ns_ = not_before_ns_ = named_after_ns;
 }
 
 bool File_Series::write(int stream, const Received_Frame& frame) {
@@ -126,7 +127,8 @@ bool File_Series::start_file(const Received_Frame& frame) {
     const std::string pattern = !options_.pattern.empty() ? options_.pattern
                                                           : std::string(kind) + "-%Y%m%d-%H%M%S" +
                                                                 extension_of(frame.header.codec);
-    const std::int64_t utc_ns = named_after_ns_.value_or(utc_ns_of(frame));
+    const std::int64_t utc_ns =
+        named_after_ns_.value_or(std::max(utc_ns_of(frame), not_before_ns_));
     named_after_ns_.reset();
     next_is_wanted_ = false;
     first_ns_ = moment_ns_of(frame);

@@ -42,7 +42,9 @@ public:
 
     /// The next frame begins a file, also after a write that failed.
     ///
-    /// @param named_after_ns  since 1970, instead of the time of that frame
+    /// @param named_after_ns  since 1970, instead of the time of that frame; the files behind it
+    /// are
+    ///                        named after no earlier time
     void begin_file(std::int64_t named_after_ns);
 
     /// Finished, with at least one frame.
@@ -64,6 +66,7 @@ private:
     std::optional<Recorded_File> file_;
     std::string name_;                            // of the present file, without ".part"
     std::optional<std::int64_t> named_after_ns_;  // of the next file
+    std::int64_t not_before_ns_ = 0;              // of those behind it
     bool next_is_wanted_ = false;                 // by SIGHUP
     std::int64_t first_ns_ = 0;                   // moment of the present file's first frame
     Recorded_Totals finished_;

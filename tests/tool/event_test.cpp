@@ -105,6 +105,25 @@ TEST_F(Tool_Event, lasts_longer_with_each_further_trigger) {
 }
 
 // While it is on, the name of its pipe goes, and another program makes a file of its name.
+TEST_F(Tool_Event, divided_by_sighup_has_names_in_the_order_of_its_files) {
+    Tool_Process camera = start_camera();
+    Tool_Process recorder =
+        start_waiting({"--trigger", "SIGUSR1", "--before", "2s", "--after", "3s", "--strict"});
+    std::this_thread::sleep_for(3500ms);
+    recorder.signal(SIGUSR1);
+    ASSERT_TRUE(recorder.says("event 1: triggered"));
+    recorder.signal(SIGHUP);
+    const auto first = recorder.read_line();
+    const auto second = recorder.read_line();
+    ASSERT_TRUE(first && second);
+    EXPECT_TRUE(recorder.says(" 2 files, the last one \"" + *second + "\""));
+    EXPECT_GE(second->substr(0, first->find(".h264")), first->substr(0, first->find(".h264")));
+    EXPECT_EQ(expect_whole(*second).front().sequence, expect_whole(*first).back().sequence + 1);
+    end(recorder);
+    EXPECT_EQ(recorder.figure("events"), 1);
+    end(camera);
+}
+
 TEST_F(Tool_Event, is_extended_by_the_command_after_its_pipe_was_removed) {
     Tool_Process camera = start_camera();
     Tool_Process recorder = start_waiting({"--trigger", "command,SIGUSR1", "--before", "0",
