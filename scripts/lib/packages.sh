@@ -10,6 +10,7 @@ build_packages=(
     g++ cmake ninja-build pkg-config
     libjsoncpp-dev
     libcli11-dev libsystemd-dev libogg-dev # the programs
+    libmicrohttpd-dev           # zav-shm-web
     util-linux mount            # private namespaces with a /dev/shm of their own
 )
 
