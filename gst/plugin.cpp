@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "gst/plugin.h"
+
+#define PACKAGE "zav_shm"  // for the macro
+
+namespace {
+
+gboolean begin_plugin(GstPlugin* /*plugin*/) { return TRUE; }
+
+}  // namespace
+
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, zavshm,
+                  "Frames of other processes of this device, through shared memory", begin_plugin,
+                  ZAV_SHM_VERSION, "Apache 2.0", "zav_shm", "zav_shm")
