@@ -60,6 +60,7 @@ void Sink_Element::SetUpTestSuite() {
     // Threads and descriptors that stay once a pipeline has run.
     const Owned<GstElement> first(gst_parse_launch("fakesrc num-buffers=1 ! fakesink", nullptr));
     ASSERT_EQ(run_to_end(first.get()), "");
+    gst_task_cleanup_all();
     g_thread_pool_stop_unused_threads();
 }
 
@@ -73,6 +74,7 @@ void Sink_Element::TearDown() {
     sink.reset();
     bus.reset();
     remove_histories();
+    gst_task_cleanup_all();
     g_thread_pool_stop_unused_threads();
     Center::TearDown();
 }

@@ -4,9 +4,12 @@
 #include <gst/app/gstappsink.h>
 
 #include <algorithm>
+#include <regex>
 
 #include "gst/sink_stream.h"
 #include "sink_fixture.h"
+#include "support/child_process.h"
+#include "support/threads.h"
 
 using namespace std::chrono_literals;
 using zav_shm::Publish_Outcome;
@@ -180,6 +183,42 @@ TEST_F(Sink_Pipeline, pictures_that_are_shown_again_are_published_whole) {
     ASSERT_EQ(all.size(), pictures);
     for (std::size_t i = 0; i + 3 <= all.size(); ++i) {
         EXPECT_TRUE(all[i].bytes == all[i + 1].bytes || all[i + 1].bytes == all[i + 2].bytes) << i;
+    }
+}
+
+TEST_F(Sink_Pipeline, survives_two_hundred_rounds_of_states) {
+    const Owned<GstElement> whole(
+        gst_parse_launch("videotestsrc ! video/x-raw,format=I420,width=320,height=240 ! "
+                         "zavsink name=CAM_LOOP center-wait=0",
+                         nullptr));
+    sink.reset(gst_bin_get_by_name(GST_BIN(whole.get()), "CAM_LOOP"));
+    for (int i = 0; i < 200; ++i) {
+        gst_element_set_state(whole.get(), GST_STATE_PLAYING);
+        if (i % 10 == 0) {  // until room is lent; else as it happens
+            EXPECT_TRUE(becomes_true([this] { return figure("in-place") > 2; })) << i;
+        }
+        gst_element_set_state(whole.get(), i % 3 == 0 ? GST_STATE_READY : GST_STATE_PAUSED);
+        ASSERT_EQ(gst_element_set_state(whole.get(), GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+    }
+}
+
+// By the tracer of GStreamer, in a process of its own.
+TEST_F(Sink_Pipeline, leaves_no_object_behind) {
+    if (std::string(ZAV_TEST_SANITIZE).empty()) {
+        for (const char* const pipeline :
+             {"videotestsrc num-buffers=40 ! video/x-raw,format=I420,width=320,height=240 ! ",
+              "videotestsrc num-buffers=20 ! x264enc ! h264parse ! "}) {
+            Child_Process launch(
+                {"/bin/sh", "-c",
+                 std::string("GST_TRACERS=leaks GST_DEBUG=GST_TRACER:7 exec gst-launch-1.0 ") +
+                     pipeline + "zavsink name=CAM_LOOP 2>&1"});
+            const std::string output = launch.read_rest();
+            EXPECT_EQ(launch.wait(), 0) << output;
+            // Its own lines, at the begin, have a %s there.
+            EXPECT_NE(output.find("object-alive"), std::string::npos) << "no tracer";
+            EXPECT_FALSE(std::regex_search(output, std::regex("object-alive, type-name=[^,%]*,")))
+                << output;
+        }
     }
 }
 

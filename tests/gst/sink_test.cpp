@@ -323,16 +323,6 @@ TEST_F(Sink_Element, tells_which_process_publishes_the_stream_already) {
     EXPECT_EQ(push(key_unit()), GST_FLOW_OK);
 }
 
-TEST_F(Sink_Element, survives_two_hundred_changes_of_state) {
-    sink = element("center-wait=0");
-    for (int i = 0; i < 200; ++i) {
-        for (const GstState state : {GST_STATE_PLAYING, GST_STATE_PAUSED, GST_STATE_PLAYING,
-                                     GST_STATE_READY, GST_STATE_NULL}) {
-            ASSERT_EQ(gst_element_set_state(sink.get(), state), GST_STATE_CHANGE_SUCCESS) << i;
-        }
-    }
-}
-
 TEST_F(Sink_Element, publishes_as_another_epoch_when_started_again) {
     begin();
     push(key_unit());
