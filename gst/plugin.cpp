@@ -5,7 +5,9 @@
 
 namespace {
 
-gboolean begin_plugin(GstPlugin* /*plugin*/) { return TRUE; }
+gboolean begin_plugin(GstPlugin* plugin) {
+    return zav_shm::gst::register_zavsrc(plugin) ? TRUE : FALSE;
+}
 
 }  // namespace
 
