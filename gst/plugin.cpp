@@ -6,7 +6,8 @@
 namespace {
 
 gboolean begin_plugin(GstPlugin* plugin) {
-    return zav_shm::gst::register_zavsink(plugin) ? TRUE : FALSE;
+    using namespace zav_shm::gst;
+    return register_zavsrc(plugin) && register_zavsink(plugin) ? TRUE : FALSE;
 }
 
 }  // namespace
