@@ -105,6 +105,33 @@ INSTANTIATE_TEST_SUITE_P(
                                "h265parse config-interval=-1"}),
     [](const auto& given) { return given.param.name; });
 
+TEST_F(Sink_Pipeline, encoder_makes_the_key_frame_that_a_reader_asks_for) {
+    const Owned<GstElement> whole(gst_parse_launch(
+        "videotestsrc is-live=true ! video/x-raw,width=160,height=120,framerate=50/1 ! "
+        "x264enc tune=zerolatency key-int-max=100000 option-string=scenecut=0 ! "
+        "h264parse config-interval=-1 ! zavsink name=CAM_LOOP center-wait=0",
+        nullptr));
+    sink.reset(gst_bin_get_by_name(GST_BIN(whole.get()), "CAM_LOOP"));
+    gst_element_set_state(whole.get(), GST_STATE_PLAYING);
+    static_cast<void>(tap.open());
+    std::vector<int> keys;
+    for (int i = 0; i < 100 && keys.size() < 2; ++i) {
+        const auto frame = next();
+        ASSERT_TRUE(frame) << i;
+        if (frame->is_key_frame()) {
+            keys.push_back(i);
+        }
+        if (i == 10) {
+            EXPECT_TRUE(tap.request_key_frame());
+        }
+    }
+    gst_element_set_state(whole.get(), GST_STATE_NULL);
+    ASSERT_EQ(keys.size(), 2U);
+    EXPECT_EQ(keys[0], 0);
+    EXPECT_GT(keys[1], 10);
+    EXPECT_EQ(figure("key-requests"), 1U);
+}
+
 struct Sound_Case {
     const char* name;
     const char* encoder;
