@@ -99,8 +99,19 @@ inline constexpr std::uint32_t h265 = four_characters("H265");
 inline constexpr std::uint32_t mjpeg = four_characters("MJPG");
 inline constexpr std::uint32_t aac = four_characters("AAC");
 inline constexpr std::uint32_t opus = four_characters("OPUS");
-inline constexpr std::uint32_t g711 = four_characters("G711");
-inline constexpr std::uint32_t raw = four_characters("RAW");
+inline constexpr std::uint32_t g711 = four_characters("G711");  // does not say which law
+inline constexpr std::uint32_t pcma = four_characters("PCMA");  // G.711 A-law
+inline constexpr std::uint32_t pcmu = four_characters("PCMU");  // G.711 mu-law
+inline constexpr std::uint32_t raw = four_characters("RAW");    // says nothing of the bytes
+
+// Raw pictures, rows of 4-byte multiples, planes one behind the other.
+inline constexpr std::uint32_t i420 = four_characters("I420");
+inline constexpr std::uint32_t nv12 = four_characters("NV12");
+inline constexpr std::uint32_t yuy2 = four_characters("YUY2");
+inline constexpr std::uint32_t uyvy = four_characters("UYVY");
+inline constexpr std::uint32_t gray8 = four_characters("GRY8");
+inline constexpr std::uint32_t rgb = four_characters("RGB");
+inline constexpr std::uint32_t bgrx = four_characters("BGRX");
 }  // namespace codec
 
 /// True for a header that a publisher has written; producers of the fixed interface write other

@@ -14,6 +14,14 @@ build_packages=(
     util-linux mount            # private namespaces with a /dev/shm of their own
 )
 
+# What native builds need for the GStreamer plugin and the pipelines of its tests.
+# shellcheck disable=SC2034
+gstreamer_packages=(
+    libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
+    gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+    gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
+)
+
 # The same with the tests.
 # shellcheck disable=SC2034
 test_packages=(
