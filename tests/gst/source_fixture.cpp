@@ -87,6 +87,12 @@ Owned<GstMessage> Taking_Pipeline::message(const char* name) const {
     return nullptr;
 }
 
+bool Taking_Pipeline::ends() const {
+    const auto ends = static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR);
+    const Owned<GstMessage> last(gst_bus_timed_pop_filtered(bus_.get(), 20 * GST_SECOND, ends));
+    return last && GST_MESSAGE_TYPE(last.get()) == GST_MESSAGE_EOS;
+}
+
 std::string Taking_Pipeline::error() const {
     const Owned<GstMessage> found(
         gst_bus_timed_pop_filtered(bus_.get(), patience, GST_MESSAGE_ERROR));

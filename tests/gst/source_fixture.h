@@ -23,6 +23,8 @@ inline constexpr const char* media_configuration = R"({
     "Receiver": [{"name": "RECODER", "channel": 2, "stream": [0, 1]}]
 })";
 
+inline constexpr std::int64_t ms = 1'000'000;  // in nanoseconds
+
 /// What came out of a pipeline.
 struct Taken {
     Bytes bytes;
@@ -53,6 +55,9 @@ public:
 
     /// The next element message of this name, or null within two seconds.
     Owned<GstMessage> message(const char* name) const;
+
+    /// True when it comes to its end within twenty seconds.
+    bool ends() const;
 
     /// The text of the error that comes within two seconds, or nothing.
     std::string error() const;

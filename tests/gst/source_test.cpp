@@ -17,7 +17,6 @@ namespace frame_flag = zav_shm::frame_flag;
 
 namespace {
 
-constexpr std::int64_t ms = 1'000'000;
 constexpr const char* from_oldest =
     "zavsrc name=in producer=CAM_LOOP from=oldest ! appsink name=out sync=false";
 
