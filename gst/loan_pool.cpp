@@ -10,8 +10,8 @@ namespace {
 struct Pool {
     GstBufferPool parent;
     std::shared_ptr<Sink_Stream>* stream;
-    guint size;         // of a buffer, as configured
-    gboolean may_lend;  // what was configured is what room in the history is like
+    guint size;     // of a buffer, as configured
+    bool may_lend;  // what was configured is what room in the history is like
 };
 
 GstBufferPoolClass* base_class = nullptr;  // set once, before there is a pool

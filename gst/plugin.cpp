@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "gst/plugin.h"
 
-#define PACKAGE "zav_shm"  // for the macro
+#define PACKAGE "zav_shm"  // for the macro. NOLINT(cppcoreguidelines-macro-usage)
 
 namespace {
 

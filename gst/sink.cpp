@@ -70,13 +70,10 @@ bool is_alone(GstBuffer* buffer) {
 }
 
 // Of a raw picture; 0 for everything else, whose frames differ in length.
-gsize picture_bytes(GstCaps* caps) {
-    GstVideoInfo info;
-    const GstStructure* const structure = gst_caps_get_structure(caps, 0);
-    return gst_structure_has_name(structure, "video/x-raw") &&
-                   gst_video_info_from_caps(&info, caps) != FALSE
-               ? GST_VIDEO_INFO_SIZE(&info)
-               : 0;
+gsize picture_bytes(const GstCaps* caps) {
+    std::string unknown;
+    const auto format = format_of(caps, unknown);
+    return format ? payload_bytes_of(*format) : 0;
 }
 
 }  // namespace
@@ -275,7 +272,7 @@ void Sink::pass_on_key_request() {
 
 void Sink::tell_refused_caps(GstCaps* caps) const {
     GstElement* const element = GST_ELEMENT_CAST(element_);
-    if (GST_STATE(element) < GST_STATE_PAUSED || !gst_caps_is_fixed(caps)) {
+    if (GST_STATE(element) < GST_STATE_PAUSED || gst_caps_is_fixed(caps) == FALSE) {
         return;
     }
     const std::string reason = "the element does not take " + text_of(caps);

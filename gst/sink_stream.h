@@ -111,28 +111,31 @@ public:
 private:
     static constexpr std::uint64_t no_loan = 0;
 
-    std::uint16_t flags_of(std::span<const std::byte> payload, const Frame& frame);
-    Result publish(std::span<const std::byte> payload, const Frame& frame);
-    Result leave_out_locked(std::size_t payload_bytes, const std::string& reason);
-    Result noted(Result result);
+    std::uint16_t flags_of(std::span<const std::byte> payload, const Frame& frame)
+        ZAV_SHM_REQUIRES(mutex_);
+    Result publish(std::span<const std::byte> payload, const Frame& frame) ZAV_SHM_REQUIRES(mutex_);
+    Result leave_out_locked(std::size_t payload_bytes, const std::string& reason)
+        ZAV_SHM_REQUIRES(mutex_);
+    Result noted(Result result) ZAV_SHM_REQUIRES(mutex_);
     void give_back(std::uint64_t number);
 
     ZAV_SHM_Frame_Publisher publisher_;
     Mutex mutex_;  // held through a copy, and through the wait of a paced publisher
 
-    // The rest is guarded by the mutex, or atomic for those who look at figures.
-    std::optional<Unit_Reader> units_;  // of H.264 and H.265
-    std::uint32_t codec_ = 0;
-    bool has_delta_frames_ = false;  // some frames are no key frames
-    bool is_discontinuous_ = false;  // a frame was left out
-    bool has_begun_ = false;         // a frame was published
-    bool has_frames_ = false;        // that no end has followed yet
-    bool is_closing_ = false;
-    Lending lending_;
-    std::uint64_t loan_ = no_loan;  // the one that is out
-    std::uint64_t loans_ = 0;
-    Center_Watch center_;
-    Frame_State told_state_ = Frame_State::closed;
+    std::optional<Unit_Reader> units_ ZAV_SHM_GUARDED_BY(mutex_);  // of H.264 and H.265
+    std::uint32_t codec_ ZAV_SHM_GUARDED_BY(mutex_) = 0;
+    bool has_delta_frames_ ZAV_SHM_GUARDED_BY(mutex_) = false;  // some frames are no key frames
+    bool is_discontinuous_ ZAV_SHM_GUARDED_BY(mutex_) = false;  // a frame was left out
+    bool has_begun_ ZAV_SHM_GUARDED_BY(mutex_) = false;         // a frame was published
+    bool has_frames_ ZAV_SHM_GUARDED_BY(mutex_) = false;        // that no end has followed yet
+    bool is_closing_ ZAV_SHM_GUARDED_BY(mutex_) = false;
+    Lending lending_ ZAV_SHM_GUARDED_BY(mutex_);
+    std::uint64_t loan_ ZAV_SHM_GUARDED_BY(mutex_) = no_loan;  // the one that is out
+    std::uint64_t loans_ ZAV_SHM_GUARDED_BY(mutex_) = 0;
+    Center_Watch center_ ZAV_SHM_GUARDED_BY(mutex_);
+    Frame_State told_state_ ZAV_SHM_GUARDED_BY(mutex_) = Frame_State::closed;
+
+    // For those who look at figures.
     std::atomic<std::uint64_t> in_place_{0};   // frames that were published without a copy
     std::atomic<std::uint64_t> completed_{0};  // frames that were given parameter sets
     std::atomic<std::uint64_t> left_out_{0};   // frames that lending was in the way of

@@ -110,8 +110,9 @@ void init_class(gpointer type, gpointer /*data*/) {
 }
 
 void init(GTypeInstance* instance, gpointer /*type*/) {
-    auto* const element = reinterpret_cast<GstBaseSink*>(instance);
-    reinterpret_cast<Element*>(instance)->sink = new Sink(element);
+    void* const self = instance;
+    auto* const element = static_cast<GstBaseSink*>(self);
+    static_cast<Element*>(self)->sink = new Sink(element);
     // A live source decides when its frames come, and a recording pipeline is not to wait for it.
     gst_base_sink_set_sync(element, FALSE);
     gst_base_sink_set_async_enabled(element, FALSE);

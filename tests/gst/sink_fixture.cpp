@@ -57,11 +57,11 @@ void Sink_Element::SetUpTestSuite() {
     setenv("GST_REGISTRY", ZAV_TEST_REGISTRY, 1);
     setenv("GST_REGISTRY_FORK", "no", 1);
     gst_init(nullptr, nullptr);
+    g_thread_pool_set_max_unused_threads(0);  // they would be left for a while
     // Threads and descriptors that stay once a pipeline has run.
     const Owned<GstElement> first(gst_parse_launch("fakesrc num-buffers=1 ! fakesink", nullptr));
     ASSERT_EQ(run_to_end(first.get()), "");
     gst_task_cleanup_all();
-    g_thread_pool_stop_unused_threads();
 }
 
 void Sink_Element::TearDown() {
@@ -75,7 +75,6 @@ void Sink_Element::TearDown() {
     bus.reset();
     remove_histories();
     gst_task_cleanup_all();
-    g_thread_pool_stop_unused_threads();
     Center::TearDown();
 }
 
