@@ -55,9 +55,9 @@ GstBuffer* buffer_of(const Frame_View& frame) {
         GST_BUFFER_OFFSET(buffer) = header.sequence;
         GST_BUFFER_OFFSET_END(buffer) = header.sequence + 1;
     }
-    const bool is_picture_by_itself =
-        !frame.verified || frame.is_key_frame() || is_every_frame_a_key_frame(header.codec);
-    if (!is_picture_by_itself) {
+    const bool stands_alone =
+        !frame.verified || frame.is_entry_point() || is_every_frame_a_key_frame(header.codec);
+    if (!stands_alone) {
         GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
     }
     if (header.utc_ns > 0) {

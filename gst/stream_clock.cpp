@@ -25,8 +25,10 @@ std::int64_t sane(std::int64_t time_ns) {
 }
 
 // Of a producer of the fixed interface nothing but the moment at which its frame came is known.
+// None has published what is still to come.
 std::int64_t publication_of(const Frame_Facts& frame) {
-    return sane(frame.verified ? frame.header.publish_ns : frame.received_ns);
+    return sane(frame.verified ? std::min(frame.header.publish_ns, frame.received_ns)
+                               : frame.received_ns);
 }
 
 }  // namespace
