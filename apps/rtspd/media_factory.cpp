@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/rtspd/media_factory.h"
 
+#include <gst/base/gstbasesink.h>
+
 #include <functional>
 #include <memory>
 
@@ -68,6 +70,8 @@ void close_soon(const std::shared_ptr<Weak_Client>& client) {
         [](gpointer held) { delete static_cast<std::shared_ptr<Weak_Client>*>(held); });
 }
 
+constexpr GstClockTimeDiff long_ago_ns = G_MAXINT64 / 2;
+
 GstElement* bin_of(GstElement* source, GstElement* payloader) {
     GstElement* const bin = gst_bin_new(nullptr);
     gst_bin_add_many(GST_BIN(bin), source, payloader, nullptr);
@@ -103,10 +107,21 @@ GstElement* create_element(GstRTSPMediaFactory* factory, const GstRTSPUrl* /*url
     return bin_of(new_hub_source(std::move(hub), *run, std::move(at_end)), payloader);
 }
 
-// Nothing has to wait for the time of a frame: they come when they are due, and what is older goes
-// out at once.
+// Nothing has to wait for the time of a frame: frames come when they are due, and what is older
+// goes out at once. The server turns synchronization itself on again at each PLAY, so every time is
+// made one of the past.
+void let_go_at_once(GstBin* /*pipeline*/, GstBin* /*below*/, GstElement* element, gpointer) {
+    if (GST_IS_BASE_SINK(element)) {
+        gst_base_sink_set_ts_offset(GST_BASE_SINK(element), -long_ago_ns);
+    }
+}
+
 void configure_media(GstRTSPMediaFactory* factory, GstRTSPMedia* media) {
-    gst_rtsp_media_set_rate_control(media, FALSE);
+    const Object_Reference<GstElement> element(gst_rtsp_media_get_element(media));
+    const Object_Reference<GstObject> pipeline(gst_object_get_parent(GST_OBJECT(element.get())));
+    if (pipeline) {
+        g_signal_connect(pipeline.get(), "deep-element-added", G_CALLBACK(let_go_at_once), nullptr);
+    }
     GST_RTSP_MEDIA_FACTORY_CLASS(hub_factory_parent_class)->configure(factory, media);
 }
 
