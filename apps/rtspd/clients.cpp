@@ -3,6 +3,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <utility>
 
@@ -17,6 +18,9 @@ using Clock = std::chrono::steady_clock;
 // Longer than any client needs from its connection to its first SETUP.
 constexpr std::chrono::seconds idle_max{30};
 constexpr std::chrono::seconds between_reports{5};
+
+// Seconds of a stream, and not minutes: what lies there is old when it is read.
+constexpr int unsent_bytes_max = 512 * 1024;
 
 bool has_session(GstRTSPClient* client) {
     bool found = false;
@@ -88,6 +92,7 @@ void Clients::give_up_writing_after_a_while(GstRTSPConnection* connection) const
     if (socket != nullptr) {
         g_socket_set_option(socket, IPPROTO_TCP, TCP_USER_TIMEOUT,
                             static_cast<int>(options_.stall.count()), nullptr);
+        g_socket_set_option(socket, SOL_SOCKET, SO_SNDBUF, unsent_bytes_max, nullptr);
     }
 }
 

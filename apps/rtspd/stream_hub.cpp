@@ -68,7 +68,22 @@ Stream_Hub::Read Stream_Hub::read(Place& place, Unit& unit, const std::atomic<bo
     if (place.run != run_) {
         return Read::ended;
     }
+    if (!is_due(place)) {
+        const auto pause = std::chrono::nanoseconds(place.may_go_ns - monotonic_ns());
+        news_.wait_for(lock, pause, [&] { return interrupted || is_due(place); });
+        if (interrupted) {
+            return Read::interrupted;
+        }
+        // Meanwhile the history may have gone on.
+        if (place.run != run_ || !catches_up(place)) {
+            lock.unlock();
+            return read(place, unit, interrupted);
+        }
+    }
     unit = history_.at(place.next++);
+    place.may_go_ns = std::max(place.may_go_ns, monotonic_ns()) +
+                      static_cast<std::int64_t>(unit.buffer.bytes()) * ns_per_second /
+                          history_bytes_per_second;
     unit.is_discontinuous = unit.is_discontinuous || std::exchange(place.is_gap, false);
     return Read::unit;
 }
@@ -88,8 +103,14 @@ bool Stream_Hub::catches_up(Place& place) {
         }
         place.next = entry;
         place.is_gap = true;
+        place.history_end = history_.end();
+        place.may_go_ns = 0;
     }
     return place.next < history_.end();
+}
+
+bool Stream_Hub::is_due(const Place& place) const {
+    return place.next >= place.history_end || monotonic_ns() >= place.may_go_ns;
 }
 
 void Stream_Hub::wake() {

@@ -56,6 +56,8 @@ public:
         std::uint64_t next = 0;       // number of the unit that it gets next; 0 before the first
         std::uint64_t passed_over = 0;  // units that it was too slow for
         bool is_gap = false;
+        std::uint64_t history_end = 0;  // units below were there when the client came
+        std::int64_t may_go_ns = 0;     // CLOCK_MONOTONIC: when the next of them goes out
     };
 
     enum class Read {
@@ -64,8 +66,12 @@ public:
         ended         // the run
     };
 
-    /// Waits for the client's next unit: at first the newest at which a decoder may begin.
+    /// Waits for the client's next unit: at first the newest at which a decoder may begin. What was
+    /// there before the client comes at up to `history_bytes_per_second`, which leaves the buffers
+    /// of networks and of clients over UDP room; the first unit, and all new ones, come at once.
     Read read(Place& place, Unit& unit, const std::atomic<bool>& interrupted);
+
+    static constexpr std::int64_t history_bytes_per_second = 6'000'000;
 
     /// Makes all readers look at what interrupts them.
     void wake();
@@ -90,6 +96,7 @@ private:
     void publish(const Received_Frame& frame, const Stream_Unit& found);
     bool is_live() const;
     bool catches_up(Place& place);
+    bool is_due(const Place& place) const;
 
     const Options options_;
     ZAV_SHM_Frame_Subscriber subscriber_;
