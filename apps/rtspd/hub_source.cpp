@@ -38,6 +38,11 @@ public:
             case Stream_Hub::Read::interrupted:
                 return GST_FLOW_FLUSHING;
             case Stream_Hub::Read::ended:
+                // The server ends the process when a stream ends before it has begun.
+                if (!has_begun_) {
+                    unit = run_.first;
+                    break;
+                }
                 if (at_end_) {
                     std::exchange(at_end_, nullptr)();
                 }

@@ -56,7 +56,8 @@ std::optional<Stream_Hub::Run> Stream_Hub::wait_for_picture(milliseconds limit) 
     const bool found = news_.wait_for(lock, limit, [this] {
         return kind_ && is_live() && history_.newest_entry() != history_.end();
     });
-    return found ? std::optional(Run{run_, *kind_}) : std::nullopt;
+    return found ? std::optional(Run{run_, *kind_, history_.at(history_.newest_entry())})
+                 : std::nullopt;
 }
 
 Stream_Hub::Read Stream_Hub::read(Place& place, Unit& unit, const std::atomic<bool>& interrupted) {

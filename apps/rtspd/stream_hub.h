@@ -43,6 +43,7 @@ public:
     struct Run {
         std::uint64_t number = 0;
         Stream_Kind kind;
+        Unit first;  // that a client can begin with
     };
 
     /// Waits until there is something that a client can begin with.

@@ -4,6 +4,8 @@
 #include <array>
 
 #include "apps/audio/adts_header.h"
+#include "apps/rtspd/jpeg_header.h"
+#include "apps/rtspd/nal_check.h"
 #include "frame/frame_header.h"
 #include "gst/format_caps.h"
 
@@ -15,6 +17,9 @@ namespace {
 constexpr std::uint32_t jpeg_pixels_max = 2040;
 constexpr std::uint32_t g711_rate = 8000;
 
+// 120 ms at 510 kbit/s. RTP does not divide packets of Opus, and cannot carry any length.
+constexpr std::size_t opus_bytes_max = 7650;
+
 constexpr std::array<std::uint32_t, 13> adts_rates{96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                                    22050, 16000, 12000, 11025, 8000,  7350};
 constexpr std::size_t checksum_bytes = 2;
@@ -25,12 +30,29 @@ unsigned at(std::span<const std::byte> bytes, std::size_t index) {
 
 std::optional<Stream_Unit> read_video(const ZAV_SHM_Frame_Header& header,
                                       std::span<const std::byte> payload, std::string& reason) {
+    if (!is_sendable(header.codec, payload)) {
+        reason = "are no access units with start codes";
+        return std::nullopt;
+    }
     Stream_Kind kind;
     kind.codec = header.codec;
     kind.width = header.width;
     kind.height = header.height;
-    if (kind.codec == codec::mjpeg &&
-        (kind.width > jpeg_pixels_max || kind.height > jpeg_pixels_max)) {
+    return Stream_Unit{kind, payload};
+}
+
+// The picture itself tells its size: RTP repeats it, and a header may lack it.
+std::optional<Stream_Unit> read_jpeg(std::span<const std::byte> payload, std::string& reason) {
+    const auto header = read_jpeg_header(payload);
+    if (!header) {
+        reason = "are no baseline JPEG pictures in colour";
+        return std::nullopt;
+    }
+    Stream_Kind kind;
+    kind.codec = codec::mjpeg;
+    kind.width = header->width;
+    kind.height = header->height;
+    if (kind.width > jpeg_pixels_max || kind.height > jpeg_pixels_max) {
         reason = "have " + std::to_string(kind.width) + "x" + std::to_string(kind.height) +
                  " pixels, and RTP carries JPEG of up to 2040x2040";
         return std::nullopt;
@@ -67,6 +89,11 @@ std::optional<Stream_Unit> read_opus(const ZAV_SHM_Frame_Header& header,
     if (header.channels > 2) {
         reason = "are Opus of " + std::to_string(header.channels) +
                  " channels, and RTP carries up to 2";
+        return std::nullopt;
+    }
+    if (payload.size() > opus_bytes_max) {
+        reason = "are Opus of " + std::to_string(payload.size()) + " bytes, and a packet has up to " +
+                 std::to_string(opus_bytes_max);
         return std::nullopt;
     }
     Stream_Kind kind;
@@ -119,8 +146,9 @@ std::optional<Stream_Unit> read_unit(const Frame_Facts& frame, std::span<const s
     switch (frame.header.codec) {
         case codec::h264:
         case codec::h265:
-        case codec::mjpeg:
             return read_video(frame.header, payload, reason);
+        case codec::mjpeg:
+            return read_jpeg(payload, reason);
         case codec::aac:
             return read_aac(payload, reason);
         case codec::opus:
