@@ -55,8 +55,8 @@ std::optional<Problem> add_users(GstRTSPAuth* auth, const std::string& file) {
     }
     gst_rtsp_auth_set_supported_methods(auth, GST_RTSP_AUTH_DIGEST);
     gst_rtsp_auth_set_realm(auth, realm);
-    GstRTSPToken* const token = gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING,
-                                                   viewer_role, nullptr);
+    GstRTSPToken* const token =
+        gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, viewer_role, nullptr);
     const bool is_read = gst_rtsp_auth_parse_htdigest(auth, file.c_str(), token) != FALSE;
     gst_rtsp_token_unref(token);
     return is_read ? std::nullopt
@@ -65,10 +65,9 @@ std::optional<Problem> add_users(GstRTSPAuth* auth, const std::string& file) {
 
 std::optional<Problem> add_certificate(GstRTSPAuth* auth, const Options& options) {
     GError* error = nullptr;
-    const std::string& key =
-        options.tls_key.empty() ? options.tls_certificate : options.tls_key;
-    const Object_Reference<GTlsCertificate> certificate(g_tls_certificate_new_from_files(
-        options.tls_certificate.c_str(), key.c_str(), &error));
+    const std::string& key = options.tls_key.empty() ? options.tls_certificate : options.tls_key;
+    const Object_Reference<GTlsCertificate> certificate(
+        g_tls_certificate_new_from_files(options.tls_certificate.c_str(), key.c_str(), &error));
     if (!certificate) {
         const Error_Reference held(error);
         return unreadable("the certificate", options.tls_certificate,
@@ -80,8 +79,8 @@ std::optional<Problem> add_certificate(GstRTSPAuth* auth, const Options& options
 
 // Without a file of users everybody is a viewer.
 void let_everybody_in(GstRTSPAuth* auth) {
-    GstRTSPToken* const token = gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING,
-                                                   viewer_role, nullptr);
+    GstRTSPToken* const token =
+        gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, viewer_role, nullptr);
     gst_rtsp_auth_set_default_token(auth, token);
     gst_rtsp_token_unref(token);
 }

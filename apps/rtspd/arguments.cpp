@@ -37,8 +37,7 @@ CLI::Validator whole(std::uint64_t least, std::uint64_t greatest) {
                 char* end = nullptr;
                 const bool is_digits = !text.empty() && text.size() < 19 &&
                                        text.find_first_not_of("0123456789") == std::string::npos;
-                const std::uint64_t number =
-                    is_digits ? std::strtoull(text.c_str(), &end, 10) : 0;
+                const std::uint64_t number = is_digits ? std::strtoull(text.c_str(), &end, 10) : 0;
                 return is_digits && number >= least && number <= greatest
                            ? ""
                            : "'" + text + "' is no whole number from " + std::to_string(least) +
@@ -79,8 +78,7 @@ std::string file_mistake(const std::string& text) {
 // [PATH=]NAME/CHANNEL/STREAM
 std::optional<Mount> parse_mount(const std::string& text) {
     const std::size_t sign = text.find('=');
-    const auto stream =
-        parse_address(sign == std::string::npos ? text : text.substr(sign + 1));
+    const auto stream = parse_address(sign == std::string::npos ? text : text.substr(sign + 1));
     if (!stream) {
         return std::nullopt;
     }
@@ -174,8 +172,9 @@ void add_access(CLI::App& app, Options& options) {
                  "Let everybody play who can reach --address, instead of --user-file")
         ->excludes(users);
     auto* const certificate =
-        app.add_option("--tls-certificate", options.tls_certificate,
-                       "Serve rtsps:// with this certificate, a PEM file that may hold the key, too")
+        app.add_option(
+               "--tls-certificate", options.tls_certificate,
+               "Serve rtsps:// with this certificate, a PEM file that may hold the key, too")
             ->check(checked_by(file_mistake))
             ->type_name("FILE");
     app.add_option("--tls-key", options.tls_key, "The key, where it has a file of its own")
@@ -202,8 +201,7 @@ std::variant<Options, int> read_arguments(int argc, const char* const* argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& reason) {
-        const bool is_asked =
-            reason.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
+        const bool is_asked = reason.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
         return is_asked ? app.exit(reason) : refused(reason.what());
     }
     if (!is_loopback(options.address) && options.user_file.empty() && !options.anonymous) {

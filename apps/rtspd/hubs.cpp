@@ -20,8 +20,7 @@ std::shared_ptr<Stream_Hub> Hubs::hub(const Stream_Address& address) {
     const std::lock_guard lock(mutex_);
     Entry& entry = hubs_[address];
     if (!entry.hub) {
-        entry.hub = std::make_shared<Stream_Hub>(
-            Stream_Hub::Options{address, folder_, bytes_max_});
+        entry.hub = std::make_shared<Stream_Hub>(Stream_Hub::Options{address, folder_, bytes_max_});
     }
     entry.used = std::chrono::steady_clock::now();
     return entry.hub;

@@ -7,9 +7,9 @@
 
 namespace zav_shm::rtspd {
 
-/// Tells whether an access unit of H.264 or H.265 may go to a payloader: start codes with a NAL unit
-/// behind each, whose heads are those of a stream and long enough to be looked into. Payloaders
-/// trust what they get, and one of them ends the process over a NAL unit without a byte.
+/// Tells whether an access unit of H.264 or H.265 may go to a payloader: start codes with a NAL
+/// unit behind each, whose heads are those of a stream and long enough to be looked into.
+/// Payloaders trust what they get, and one of them ends the process over a NAL unit without a byte.
 ///
 /// @param codec  codec::h264 or codec::h265
 bool is_sendable(std::uint32_t codec, std::span<const std::byte> access_unit);

@@ -81,11 +81,11 @@ private:
 
     void say_ready() const {
         const bool is_bracketed = options_.address.find(':') != std::string::npos;
-        std::printf("zav-shm-rtspd %s (pid %d) is ready at %s://%s:%d/\n", ZAV_SHM_VERSION,
-                    static_cast<int>(getpid()), options_.tls_certificate.empty() ? "rtsp" : "rtsps",
-                    is_bracketed ? ("[" + options_.address + "]").c_str()
-                                 : options_.address.c_str(),
-                    gst_rtsp_server_get_bound_port(server_.get()));
+        std::printf(
+            "zav-shm-rtspd %s (pid %d) is ready at %s://%s:%d/\n", ZAV_SHM_VERSION,
+            static_cast<int>(getpid()), options_.tls_certificate.empty() ? "rtsp" : "rtsps",
+            is_bracketed ? ("[" + options_.address + "]").c_str() : options_.address.c_str(),
+            gst_rtsp_server_get_bound_port(server_.get()));
         std::fflush(stdout);
     }
 
@@ -111,13 +111,12 @@ private:
 
     // Each client's own thread does it; one that is stuck is left to the end of the process.
     void send_clients_away() {
-        g_list_free_full(gst_rtsp_server_client_filter(
-                             server_.get(),
-                             [](GstRTSPServer*, GstRTSPClient*, gpointer) {
-                                 return GST_RTSP_FILTER_REMOVE;
-                             },
-                             nullptr),
-                         g_object_unref);
+        g_list_free_full(
+            gst_rtsp_server_client_filter(
+                server_.get(),
+                [](GstRTSPServer*, GstRTSPClient*, gpointer) { return GST_RTSP_FILTER_REMOVE; },
+                nullptr),
+            g_object_unref);
         const auto end = std::chrono::steady_clock::now() + goodbye_max;
         while (clients_.count() > 0 && std::chrono::steady_clock::now() < end) {
             g_main_context_iteration(nullptr, FALSE);

@@ -32,8 +32,7 @@ std::optional<int> parse_stream(std::string_view text) {
 
 int hexadecimal(char digit) {
     constexpr std::string_view digits = "0123456789abcdef";
-    const char small =
-        digit >= 'A' && digit <= 'F' ? static_cast<char>(digit - 'A' + 'a') : digit;
+    const char small = digit >= 'A' && digit <= 'F' ? static_cast<char>(digit - 'A' + 'a') : digit;
     const std::size_t found = digits.find(small);
     return found == std::string_view::npos ? -1 : static_cast<int>(found);
 }

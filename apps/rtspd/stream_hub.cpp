@@ -82,9 +82,9 @@ Stream_Hub::Read Stream_Hub::read(Place& place, Unit& unit, const std::atomic<bo
         }
     }
     unit = history_.at(place.next++);
-    place.may_go_ns = std::max(place.may_go_ns, monotonic_ns()) +
-                      static_cast<std::int64_t>(unit.buffer.bytes()) * ns_per_second /
-                          history_bytes_per_second;
+    place.may_go_ns =
+        std::max(place.may_go_ns, monotonic_ns()) +
+        static_cast<std::int64_t>(unit.buffer.bytes()) * ns_per_second / history_bytes_per_second;
     unit.is_discontinuous = unit.is_discontinuous || std::exchange(place.is_gap, false);
     return Read::unit;
 }
@@ -120,9 +120,7 @@ void Stream_Hub::wake() {
     news_.notify_all();
 }
 
-bool Stream_Hub::is_live() const {
-    return monotonic_ns() - newest_written_ns_ <= live_span_ns;
-}
+bool Stream_Hub::is_live() const { return monotonic_ns() - newest_written_ns_ <= live_span_ns; }
 
 std::string Stream_Hub::trouble() const {
     const std::lock_guard lock(mutex_);

@@ -54,7 +54,7 @@ public:
     /// Where one client is.
     struct Place {
         std::uint64_t run = 0;
-        std::uint64_t next = 0;       // number of the unit that it gets next; 0 before the first
+        std::uint64_t next = 0;         // number of the unit that it gets next; 0 before the first
         std::uint64_t passed_over = 0;  // units that it was too slow for
         bool is_gap = false;
         std::uint64_t history_end = 0;  // units below were there when the client came

@@ -73,7 +73,9 @@ std::optional<Stream_Unit> read_aac(std::span<const std::byte> payload, std::str
     const unsigned rate_index = (at(payload, 2) >> 2U) & 15U;
     const unsigned layout = ((at(payload, 2) & 1U) << 2U) | (at(payload, 3) >> 6U);
     if (blocks != 1 || rate_index >= adts_rates.size() || layout == 0) {
-        reason = "are AAC with several blocks in a frame, or of a rate or layout that ADTS does not name";
+        reason =
+            "are AAC with several blocks in a frame, or of a rate or layout that ADTS does not "
+            "name";
         return std::nullopt;
     }
     Stream_Kind kind;
@@ -87,13 +89,13 @@ std::optional<Stream_Unit> read_aac(std::span<const std::byte> payload, std::str
 std::optional<Stream_Unit> read_opus(const ZAV_SHM_Frame_Header& header,
                                      std::span<const std::byte> payload, std::string& reason) {
     if (header.channels > 2) {
-        reason = "are Opus of " + std::to_string(header.channels) +
-                 " channels, and RTP carries up to 2";
+        reason =
+            "are Opus of " + std::to_string(header.channels) + " channels, and RTP carries up to 2";
         return std::nullopt;
     }
     if (payload.size() > opus_bytes_max) {
-        reason = "are Opus of " + std::to_string(payload.size()) + " bytes, and a packet has up to " +
-                 std::to_string(opus_bytes_max);
+        reason = "are Opus of " + std::to_string(payload.size()) +
+                 " bytes, and a packet has up to " + std::to_string(opus_bytes_max);
         return std::nullopt;
     }
     Stream_Kind kind;

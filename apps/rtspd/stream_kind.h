@@ -17,10 +17,10 @@ namespace zav_shm::rtspd {
 /// sessions go on; when it changes, they end.
 struct Stream_Kind {
     std::uint32_t codec = 0;
-    std::uint32_t width = 0;     // pixels; 0 unknown
-    std::uint32_t height = 0;    // pixels; 0 unknown
-    std::uint32_t rate = 0;      // of audio: samples per second
-    std::uint32_t channels = 0;  // of audio
+    std::uint32_t width = 0;        // pixels; 0 unknown
+    std::uint32_t height = 0;       // pixels; 0 unknown
+    std::uint32_t rate = 0;         // of audio: samples per second
+    std::uint32_t channels = 0;     // of audio
     std::uint32_t object_type = 0;  // of AAC
 
     bool operator==(const Stream_Kind&) const = default;
@@ -34,7 +34,8 @@ struct Stream_Unit {
 
 /// Finds out what a frame is.
 ///
-/// @param reason  why it cannot be sent, in words that follow "its frames", when nothing is returned
+/// @param reason  why it cannot be sent, in words that follow "its frames", when nothing is
+/// returned
 std::optional<Stream_Unit> read_unit(const Frame_Facts& frame, std::span<const std::byte> payload,
                                      std::string& reason);
 

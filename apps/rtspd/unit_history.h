@@ -11,16 +11,16 @@ namespace zav_shm::rtspd {
 
 /// One access unit, or one frame of audio.
 struct Unit {
-    Buffer_Reference buffer;   // its bytes, shared by all clients; its own times mean nothing
-    std::int64_t time_ns = 0;  // of the Timeline
+    Buffer_Reference buffer;       // its bytes, shared by all clients; its own times mean nothing
+    std::int64_t time_ns = 0;      // of the Timeline
     std::int64_t duration_ns = 0;  // 0 unknown
     bool is_entry = false;         // a decoder may begin here
     bool is_discontinuous = false;
 };
 
-/// The newest units of one stream: what a late client gets first, and what a slow one may be behind.
-/// It goes back to the key frame before the newest one, and at least `least_span_ns`, unless that
-/// takes more than the bytes that it may have.
+/// The newest units of one stream: what a late client gets first, and what a slow one may be
+/// behind. It goes back to the key frame before the newest one, and at least `least_span_ns`,
+/// unless that takes more than the bytes that it may have.
 ///
 /// Threads  the owner locks.
 class Unit_History {

@@ -23,9 +23,10 @@ protected:
     }
 
     std::string as_user(const std::string& user, const std::string& path) {
-        return shell("timeout 20 ffprobe -loglevel error -show_entries stream=codec_name "
-                     "-of csv=p=0 " + scheme + "://" + user + "@127.0.0.1:" +
-                     std::to_string(port) + path)
+        return shell(
+                   "timeout 20 ffprobe -loglevel error -show_entries stream=codec_name "
+                   "-of csv=p=0 " +
+                   scheme + "://" + user + "@127.0.0.1:" + std::to_string(port) + path)
             .output;
     }
 };
@@ -46,8 +47,11 @@ TEST_F(Access, users_prove_themselves_by_digest) {
 TEST_F(Access, connections_are_encrypted) {
     const auto camera = file_camera("plain.h264", zav_shm::codec::h264);
     write_users();
-    ASSERT_EQ(shell("openssl req -x509 -newkey rsa:2048 -nodes -keyout key.pem -out cert.pem -days 2 "
-                    "-subj /CN=localhost").status, 0);
+    ASSERT_EQ(
+        shell("openssl req -x509 -newkey rsa:2048 -nodes -keyout key.pem -out cert.pem -days 2 "
+              "-subj /CN=localhost")
+            .status,
+        0);
     ASSERT_TRUE(start_server({"--user-file", path("users"), "--tls-certificate", path("cert.pem"),
                               "--tls-key", path("key.pem")}));
     scheme = "rtsps";
@@ -71,7 +75,8 @@ TEST_F(Access, clients_beyond_the_limits_are_refused) {
     EXPECT_NE(errors().find("--clients-per-address is 2"), std::string::npos) << errors();
     expect_units(first, 20);
     first_held.reset();
-    EXPECT_TRUE(becomes_true([&] { return Rtsp_Client(port).request("OPTIONS", "/").status == 200; }));
+    EXPECT_TRUE(
+        becomes_true([&] { return Rtsp_Client(port).request("OPTIONS", "/").status == 200; }));
 }
 
 TEST_F(Access, end_within_a_second_with_clients) {
@@ -112,9 +117,25 @@ TEST_F(Access, wrong_arguments_are_named) {
     EXPECT_EQ(run_program({"--version"}), 0);
 }
 
+TEST_F(Access, service_file_is_valid_and_grants_nothing_to_write) {
+    const std::string file = ZAV_TEST_SERVICE_FILE;
+    for (const char* line : {"ExecStart=" ZAV_TEST_INSTALLED_RTSPD, "DynamicUser=yes",
+                             "ReadOnlyPaths=/dev/shm", "CapabilityBoundingSet="}) {
+        EXPECT_EQ(shell(std::string("grep -qx '") + line + "' " + file).status, 0) << line;
+    }
+    ASSERT_EQ(shell("sed 's|" ZAV_TEST_INSTALLED_RTSPD "|" ZAV_TEST_RTSPD "|' " + file +
+                    " > zav-shm-rtspd.service")
+                  .status,
+              0);
+    const Ended verified = shell("systemd-analyze verify --man=no ./zav-shm-rtspd.service");
+    EXPECT_EQ(verified.status, 0);
+    EXPECT_EQ(verified.output, "");
+}
+
 TEST_F(Access, only_mounts_are_served_when_told_so) {
     const auto camera = numbered_camera();
-    ASSERT_TRUE(start_server({"--only-mounts", "--mount", "/front door=CAM/0/main", "--mount", "/door=CAM/0/main"}));
+    ASSERT_TRUE(start_server(
+        {"--only-mounts", "--mount", "/front door=CAM/0/main", "--mount", "/door=CAM/0/main"}));
     EXPECT_EQ(Rtsp_Client(port).play("/door"), 200);
     EXPECT_EQ(Rtsp_Client(port).play("/CAM/0/main"), 404);
 }

@@ -105,12 +105,12 @@ std::vector<Camera_Frame> frames_of(const std::string& file) {
         return found.frames;
     }
     std::vector<Camera_Frame> found;
-    Access_Unit_Splitter splitter(file.ends_with(".h265") ? Video_Codec::h265 : Video_Codec::h264,
-                                  unit_bytes_max, [&found](const Access_Unit& unit) {
-                                      found.push_back({as_text(unit.bytes),
-                                                       unit.is_key ? zav_shm::frame_flag::key_frame
-                                                                   : std::uint16_t{0}});
-                                  });
+    Access_Unit_Splitter splitter(
+        file.ends_with(".h265") ? Video_Codec::h265 : Video_Codec::h264, unit_bytes_max,
+        [&found](const Access_Unit& unit) {
+            found.push_back({as_text(unit.bytes),
+                             unit.is_key ? zav_shm::frame_flag::key_frame : std::uint16_t{0}});
+        });
     splitter.feed(as_span(stream));
     splitter.finish();
     return found;
@@ -118,9 +118,8 @@ std::vector<Camera_Frame> frames_of(const std::string& file) {
 
 Camera::Camera(const ZAV_SHM_Frame_Publisher::Options& options, std::chrono::microseconds interval,
                Make make)
-    : publisher_(options), thread_([this, interval, make = std::move(make)] {
-          run(interval, make);
-      }) {}
+    : publisher_(options),
+      thread_([this, interval, make = std::move(make)] { run(interval, make); }) {}
 
 Camera::~Camera() {
     stopping_ = true;

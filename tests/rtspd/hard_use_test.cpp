@@ -92,7 +92,8 @@ TEST_F(Hard_Use, changed_format_ends_the_session) {
 }
 
 TEST_F(Hard_Use, client_before_the_producer_waits_at_a_mount_alone) {
-    ASSERT_TRUE(start_server({"--mount", "CAM/0/main", "--mount", "/door=DOOR/0/main", "--wait", "4"}));
+    ASSERT_TRUE(
+        start_server({"--mount", "CAM/0/main", "--mount", "/door=DOOR/0/main", "--wait", "4"}));
     Rtsp_Client early(port);
     std::thread later([&] {
         std::this_thread::sleep_for(500ms);
@@ -122,11 +123,10 @@ TEST_F(Hard_Use, stream_that_cannot_be_sent_is_refused_with_its_reason) {
 }
 
 TEST_F(Hard_Use, frames_beyond_the_limit_are_left_out) {
-    const Camera camera(camera_options("CAM", 0, {.codec = codec::h264}), 20ms,
-                        [](std::uint64_t number) {
-                            return numbered_frame(number, key_interval,
-                                                  number % 50 == 30 ? 100'000 : frame_bytes);
-                        });
+    const Camera camera(
+        camera_options("CAM", 0, {.codec = codec::h264}), 20ms, [](std::uint64_t number) {
+            return numbered_frame(number, key_interval, number % 50 == 30 ? 100'000 : frame_bytes);
+        });
     ASSERT_TRUE(start_server({"--cache", "150000"}));
     Rtsp_Client client(port);
     ASSERT_EQ(client.play("/CAM/0/main"), 200);
@@ -139,8 +139,9 @@ TEST_F(Hard_Use, frames_beyond_the_limit_are_left_out) {
 
 // The short form of scripts/rtsp fuzz.
 TEST_F(Hard_Use, random_payloads_end_no_server) {
-    shell("ffmpeg -loglevel error -f lavfi -i testsrc2=size=64x64 -frames:v 1 -pix_fmt yuvj420p "
-          "-f mjpeg one.jpg");
+    shell(
+        "ffmpeg -loglevel error -f lavfi -i testsrc2=size=64x64 -frames:v 1 -pix_fmt yuvj420p "
+        "-f mjpeg one.jpg");
     const Hostile_Cameras hostile(path("one.jpg"));
     const auto camera = numbered_camera();
     ASSERT_TRUE(start_server({"--wait", "1"}));
@@ -165,19 +166,25 @@ TEST_F(Hard_Use, malformed_requests_harm_nobody) {
     ASSERT_EQ(player.play("/CAM/0/main"), 200);
     const std::string url = "rtsp://127.0.0.1/CAM/0/main";
     for (const std::string& text : std::vector<std::string>{
-             "\r\n\r\n", std::string(100'000, 'A'), std::string("\0\0\0\0\r\n\r\n", 8),
-             "GET / HTTP/1.1\r\n\r\n", "DESCRIBE\r\n\r\n", "DESCRIBE " + url + " RTSP/9.9\r\n\r\n",
+             "\r\n\r\n",
+             std::string(100'000, 'A'),
+             std::string("\0\0\0\0\r\n\r\n", 8),
+             "GET / HTTP/1.1\r\n\r\n",
+             "DESCRIBE\r\n\r\n",
+             "DESCRIBE " + url + " RTSP/9.9\r\n\r\n",
              "DESCRIBE " + url + " RTSP/1.0\r\nCSeq: -1\r\nContent-Length: -5\r\n\r\n",
              "DESCRIBE " + url + " RTSP/1.0\r\nCSeq: 1\r\nContent-Length: 4294967295\r\n\r\nx",
              "DESCRIBE " + url + "%00%ff/../.. RTSP/1.0\r\nCSeq: 1\r\n\r\n",
-             "DESCRIBE * RTSP/1.0\r\nCSeq: 1\r\n\r\n", "DESCRIBE rtsp:// RTSP/1.0\r\nCSeq: 1\r\n\r\n",
+             "DESCRIBE * RTSP/1.0\r\nCSeq: 1\r\n\r\n",
+             "DESCRIBE rtsp:// RTSP/1.0\r\nCSeq: 1\r\n\r\n",
              "SETUP " + url + "/stream=0 RTSP/1.0\r\nCSeq: 1\r\nTransport: ;;;\r\n\r\n",
              "SETUP " + url + " RTSP/1.0\r\nCSeq: 1\r\n\r\n",
              "SETUP * RTSP/1.0\r\nCSeq: 1\r\n\r\n",
              "PLAY " + url + " RTSP/1.0\r\nCSeq: 1\r\nSession: none\r\n\r\n",
              "TEARDOWN " + url + " RTSP/1.0\r\nCSeq: 1\r\n\r\n",
-             "ANNOUNCE " + url + " RTSP/1.0\r\nCSeq: 1\r\nContent-Type: application/sdp\r\n"
-             "Content-Length: 4\r\n\r\nv=0\n",
+             "ANNOUNCE " + url +
+                 " RTSP/1.0\r\nCSeq: 1\r\nContent-Type: application/sdp\r\n"
+                 "Content-Length: 4\r\n\r\nv=0\n",
              "RECORD " + url + " RTSP/1.0\r\nCSeq: 1\r\n\r\n",
              std::string("$\0\xff\xff", 4) + std::string(70'000, '\xff'),
              "OPTIONS * RTSP/1.0\r\n" + std::string(50'000, 'x') + ": y\r\n\r\n"}) {
@@ -208,9 +215,10 @@ TEST_F(Hard_Use, killed_server_harms_nobody_and_starts_again) {
 
 TEST_F(Hard_Use, server_needs_no_right_to_write) {
     const auto camera = numbered_camera();
-    ASSERT_TRUE(start_server({}, "exec unshare --mount --propagation unchanged sh -c 'mount --bind "
-                                 "/dev/shm /dev/shm && mount -o remount,bind,ro /dev/shm && exec "
-                                 "\"$@\"' sh \"$@\""));
+    ASSERT_TRUE(start_server({},
+                             "exec unshare --mount --propagation unchanged sh -c 'mount --bind "
+                             "/dev/shm /dev/shm && mount -o remount,bind,ro /dev/shm && exec "
+                             "\"$@\"' sh \"$@\""));
     Rtsp_Client client(port);
     EXPECT_EQ(client.play("/CAM/0/main"), 200);
     expect_units(client, 30);

@@ -53,8 +53,8 @@ void Hostile_Cameras::add(std::uint32_t kind, std::vector<Camera_Frame> samples)
     const int stream = static_cast<int>(cameras_.size());
     cameras_.push_back(std::make_unique<Camera>(
         camera_options("HOSTILE", stream, format), interval,
-        [samples = std::move(samples),
-         random = std::minstd_rand(static_cast<unsigned>(stream + 1))](std::uint64_t number) mutable {
+        [samples = std::move(samples), random = std::minstd_rand(static_cast<unsigned>(
+                                           stream + 1))](std::uint64_t number) mutable {
             if (!samples.empty()) {
                 const Camera_Frame& sample = samples.at(number % samples.size());
                 return Camera_Frame{changed(sample.bytes, random), sample.flags};

@@ -7,9 +7,9 @@
 
 #include "rtspd/camera.h"
 
-/// Producers whose headers are valid and whose payloads are not: bytes by chance, and frames of real
-/// streams with some bytes changed. One stream for each codec, two for each that there are samples
-/// of.
+/// Producers whose headers are valid and whose payloads are not: bytes by chance, and frames of
+/// real streams with some bytes changed. One stream for each codec, two for each that there are
+/// samples of.
 class Hostile_Cameras {
 public:
     /// @param jpeg  a file with a picture, or none

@@ -26,11 +26,29 @@ TEST(Stream_Address, paths_name_streams) {
 }
 
 TEST(Stream_Address, other_paths_name_none) {
-    for (const char* path : {"", "/", "CAM/0/0", "/CAM", "/CAM/0", "/CAM/0/", "/CAM//0", "//0/0",
-                             "/CAM/0/0/", "/CAM/0/0/0", "/CAM/-1/0", "/CAM/00/0", "/CAM/0/1 ",
-                             "/CAM/99999999999/0", "/../0/0", "/.hidden/0/0", "/%2e%2e/0/0",
-                             "/a%2fb/0/0", "/CAM%00/0/0", "/CAM%zz/0/0", "/CAM%2",
-                             "/AN_UNUSUALLY_LONG_NAME_OF_A_CAMERA/0/0", "/CAM/0/MAIN"}) {
+    for (const char* path : {"",
+                             "/",
+                             "CAM/0/0",
+                             "/CAM",
+                             "/CAM/0",
+                             "/CAM/0/",
+                             "/CAM//0",
+                             "//0/0",
+                             "/CAM/0/0/",
+                             "/CAM/0/0/0",
+                             "/CAM/-1/0",
+                             "/CAM/00/0",
+                             "/CAM/0/1 ",
+                             "/CAM/99999999999/0",
+                             "/../0/0",
+                             "/.hidden/0/0",
+                             "/%2e%2e/0/0",
+                             "/a%2fb/0/0",
+                             "/CAM%00/0/0",
+                             "/CAM%zz/0/0",
+                             "/CAM%2",
+                             "/AN_UNUSUALLY_LONG_NAME_OF_A_CAMERA/0/0",
+                             "/CAM/0/MAIN"}) {
         EXPECT_FALSE(parse_path(path)) << path;
     }
 }
@@ -62,7 +80,8 @@ TEST(Timeline, no_value_stops_it) {
     constexpr std::int64_t greatest = std::numeric_limits<std::int64_t>::max();
     Timeline line;
     std::int64_t last = line.place(least, greatest, true);
-    for (const std::int64_t value : {greatest, least, std::int64_t{0}, greatest, std::int64_t{-1}}) {
+    for (const std::int64_t value :
+         {greatest, least, std::int64_t{0}, greatest, std::int64_t{-1}}) {
         const std::int64_t next = line.place(value, -value, false);
         EXPECT_GE(next, last - Timeline::step_max_ns);
         EXPECT_LE(next, last + 3600 * second);

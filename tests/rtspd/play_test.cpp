@@ -23,9 +23,10 @@ class Play : public Rtspd {
 protected:
     // What ffprobe says of a stream, or why it says nothing.
     std::string probed(const std::string& path, const std::string& options = "") {
-        return shell("timeout 20 ffprobe -loglevel error -show_entries "
-                     "stream=codec_name,width,height,sample_rate,channels -of csv=p=0 " +
-                     options + " $URL" + path)
+        return shell(
+                   "timeout 20 ffprobe -loglevel error -show_entries "
+                   "stream=codec_name,width,height,sample_rate,channels -of csv=p=0 " +
+                   options + " $URL" + path)
             .output;
     }
 };
@@ -52,9 +53,9 @@ TEST_F(Play, ffmpeg_copies_every_access_unit_byte_for_byte) {
     const auto camera = file_camera("slices_aud.h264", codec::h264);
     ASSERT_TRUE(start_server());
     for (const char* transport : {"tcp", "udp"}) {
-        const Ended ended = shell(std::string("timeout 20 ffmpeg -loglevel error -y -rtsp_transport ") +
-                                  transport +
-                                  " -i $URL/CAM/0/main -c copy -frames:v 150 -f h264 copy.h264");
+        const Ended ended =
+            shell(std::string("timeout 20 ffmpeg -loglevel error -y -rtsp_transport ") + transport +
+                  " -i $URL/CAM/0/main -c copy -frames:v 150 -f h264 copy.h264");
         ASSERT_EQ(ended.status, 0) << ended.output;
         const auto got = nal_units_of(file_content(path("copy.h264")));
         ASSERT_GE(got.size(), 150U);
@@ -74,9 +75,9 @@ TEST_F(Play, ffmpeg_copies_every_access_unit_byte_for_byte) {
 TEST_F(Play, gstreamer_plays) {
     const auto camera = file_camera("plain.h264", codec::h264);
     ASSERT_TRUE(start_server());
-    const Ended ended =
-        shell("timeout 20 gst-launch-1.0 -q rtspsrc location=$URL/CAM/0/main latency=100 ! "
-              "rtph264depay ! h264parse ! avdec_h264 ! fakesink num-buffers=60 sync=false");
+    const Ended ended = shell(
+        "timeout 20 gst-launch-1.0 -q rtspsrc location=$URL/CAM/0/main latency=100 ! "
+        "rtph264depay ! h264parse ! avdec_h264 ! fakesink num-buffers=60 sync=false");
     EXPECT_EQ(ended.status, 0) << ended.output;
 }
 
@@ -101,8 +102,7 @@ TEST_F(Play, picture_is_that_of_play_and_not_of_describe) {
     Rtsp_Client client(port);
     ASSERT_EQ(client.request("DESCRIBE", "/CAM/0/main", "Accept: application/sdp\r\n").status, 200);
     const std::uint64_t described = camera->published();
-    ASSERT_TRUE(
-        becomes_true([&] { return camera->published() > described + key_interval * 3; }));
+    ASSERT_TRUE(becomes_true([&] { return camera->published() > described + key_interval * 3; }));
     ASSERT_EQ(client.set_up("/CAM/0/main"), 200);
     const auto unit = client.next_unit();
     ASSERT_TRUE(unit);
@@ -139,7 +139,8 @@ TEST_F(Play, aac_is_played_without_its_headers) {
     const std::string heard = probed("/CAM/0/audio");
     EXPECT_EQ(heard.rfind("aac,", 0), 0U) << heard;
     EXPECT_NE(heard.find(",2"), std::string::npos) << heard;
-    const Ended decoded = shell("timeout 20 ffmpeg -loglevel error -i $URL/CAM/0/audio -t 1 -f null -");
+    const Ended decoded =
+        shell("timeout 20 ffmpeg -loglevel error -i $URL/CAM/0/audio -t 1 -f null -");
     EXPECT_EQ(decoded.status, 0);
     EXPECT_EQ(decoded.output, "");
 }
@@ -147,12 +148,21 @@ TEST_F(Play, aac_is_played_without_its_headers) {
 TEST_F(Play, opus_and_g711_are_played) {
     const auto key = zav_shm::frame_flag::key_frame;
     // TOC byte of 20 ms, mono, SILK: silence that every decoder takes.
-    const Camera opus(camera_options("CAM", 0, {.codec = codec::opus, .rate_num = 48000, .channels = 1}),
-                      20ms, [key](std::uint64_t) { return Camera_Frame{std::string("\x08\x0b\xe4\xc1\x36\xec\xc5\x80", 8), key}; });
-    const Camera alaw(camera_options("CAM", 1, {.codec = codec::pcma, .rate_num = 8000, .channels = 1}),
-                      20ms, [key](std::uint64_t) { return Camera_Frame{std::string(160, '\x55'), key}; });
-    const Camera mulaw(camera_options("CAM", 3, {.codec = codec::pcmu, .rate_num = 8000, .channels = 1}),
-                       20ms, [key](std::uint64_t) { return Camera_Frame{std::string(160, '\x7f'), key}; });
+    const Camera opus(
+        camera_options("CAM", 0, {.codec = codec::opus, .rate_num = 48000, .channels = 1}), 20ms,
+        [key](std::uint64_t) {
+            return Camera_Frame{std::string("\x08\x0b\xe4\xc1\x36\xec\xc5\x80", 8), key};
+        });
+    const Camera alaw(
+        camera_options("CAM", 1, {.codec = codec::pcma, .rate_num = 8000, .channels = 1}), 20ms,
+        [key](std::uint64_t) {
+            return Camera_Frame{std::string(160, '\x55'), key};
+        });
+    const Camera mulaw(
+        camera_options("CAM", 3, {.codec = codec::pcmu, .rate_num = 8000, .channels = 1}), 20ms,
+        [key](std::uint64_t) {
+            return Camera_Frame{std::string(160, '\x7f'), key};
+        });
     ASSERT_TRUE(start_server());
     EXPECT_EQ(probed("/CAM/0/main").rfind("opus,48000", 0), 0U) << probed("/CAM/0/main");
     EXPECT_EQ(probed("/CAM/0/sub").rfind("pcm_alaw,8000,1", 0), 0U) << probed("/CAM/0/sub");
@@ -161,7 +171,9 @@ TEST_F(Play, opus_and_g711_are_played) {
 
 TEST_F(Play, jpeg_is_played) {
     ASSERT_EQ(shell("ffmpeg -loglevel error -y -f lavfi -i testsrc2=size=320x240 -frames:v 1 "
-                    "-pix_fmt yuvj420p -f mjpeg one.jpg").status, 0);
+                    "-pix_fmt yuvj420p -f mjpeg one.jpg")
+                  .status,
+              0);
     const std::string picture = file_content(path("one.jpg"));
     const Camera camera(camera_options("CAM", 0, {.codec = codec::mjpeg}), 40ms,
                         [&picture](std::uint64_t) {

@@ -126,8 +126,8 @@ int Rtsp_Client::play(const std::string& path) {
 }
 
 int Rtsp_Client::set_up(const std::string& path) {
-    Reply reply = request("SETUP", path + "/stream=0",
-                          "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n");
+    Reply reply =
+        request("SETUP", path + "/stream=0", "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n");
     if (reply.status == 200) {
         reply = request("PLAY", path, "Range: npt=now-\r\n");
     }

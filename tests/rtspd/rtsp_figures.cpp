@@ -46,7 +46,7 @@ std::unique_ptr<Camera> start_camera() {
 
 void print(const char* what, std::vector<double> ms) {
     if (ms.empty()) {
-        std::printf("  %-44s nothing came\n", what);
+        std::printf("| %-44s nothing came\n", what);
         return;
     }
     std::sort(ms.begin(), ms.end());
@@ -54,7 +54,7 @@ void print(const char* what, std::vector<double> ms) {
         return ms[std::min(static_cast<std::size_t>(part * static_cast<double>(ms.size())),
                            ms.size() - 1)];
     };
-    std::printf("  %-44s p50 %8.2f ms   p99 %8.2f ms   max %8.2f ms   of %zu\n", what, share(0.5),
+    std::printf("| %-44s p50 %8.2f ms   p99 %8.2f ms   max %8.2f ms   of %zu\n", what, share(0.5),
                 share(0.99), ms.back(), ms.size());
 }
 
@@ -143,13 +143,13 @@ int clients(int port, int count, int seconds, const std::string& pid) {
     const double cpu = cpu_seconds(pid);
     const std::int64_t begun = zav_shm::monotonic_ns();
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
-    const double share = (cpu_seconds(pid) - cpu) * 1e9 /
-                         static_cast<double>(zav_shm::monotonic_ns() - begun);
+    const double share =
+        (cpu_seconds(pid) - cpu) * 1e9 / static_cast<double>(zav_shm::monotonic_ns() - begun);
     stops = true;
     for (std::thread& thread : threads) {
         thread.join();
     }
-    std::printf("  %-44s %.1f %% of a core, %llu frames, %d clients with a gap\n",
+    std::printf("| %-44s %.1f %% of a core, %llu frames, %d clients with a gap\n",
                 (std::to_string(count) + " clients of 2 Mbit/s over TCP").c_str(), share * 100,
                 static_cast<unsigned long long>(units), wrong.load());
     return wrong == 0 && share < 0.15 ? 0 : 1;
@@ -169,22 +169,23 @@ int hostile(int port, int seconds, const std::string& jpeg) {
         }
         Rtsp_Client client(port);
         if (client.play(path) != 200) {
-            std::printf("  hostile producers: the good stream is not served any more\n");
+            std::printf("| hostile producers: the good stream is not served any more\n");
             return 1;
         }
         for (int i = 0; i < 100; ++i, ++frames) {
             const auto unit = client.next_unit();
             if (!unit || unit->follows_gap ||
                 number_of(unit->nal_units, key_interval, frame_bytes) < 0) {
-                std::printf("  hostile producers: the good stream has a gap\n");
+                std::printf("| hostile producers: the good stream has a gap\n");
                 return 1;
             }
         }
     }
-    std::printf("  hostile producers for %d s: %llu sessions of theirs, %llu frames of a good stream "
-                "without a gap\n",
-                seconds, static_cast<unsigned long long>(sessions),
-                static_cast<unsigned long long>(frames));
+    std::printf(
+        "| hostile producers for %d s: %llu sessions of theirs, %llu frames of a good stream "
+        "without a gap\n",
+        seconds, static_cast<unsigned long long>(sessions),
+        static_cast<unsigned long long>(frames));
     return 0;
 }
 

@@ -13,9 +13,7 @@ namespace {
 const std::string program = ZAV_TEST_RTSPD;
 
 // With everything that the shell and its commands say.
-std::vector<std::string> in_shell(const std::string& line) {
-    return {"/bin/sh", "-c", line};
-}
+std::vector<std::string> in_shell(const std::string& line) { return {"/bin/sh", "-c", line}; }
 
 std::string quoted(const std::vector<std::string>& words) {
     std::string line;
@@ -100,11 +98,11 @@ std::unique_ptr<Camera> Rtspd::numbered_camera(const std::string& name, std::siz
 
 std::unique_ptr<Camera> Rtspd::file_camera(const std::string& file, std::uint32_t codec,
                                            int stream) {
-    auto camera = std::make_unique<Camera>(
-        camera_options("CAM", stream, {.codec = codec}), frame_interval,
-        [frames = frames_of(file)](std::uint64_t number) {
-            return frames.at(number % frames.size());
-        });
+    auto camera =
+        std::make_unique<Camera>(camera_options("CAM", stream, {.codec = codec}), frame_interval,
+                                 [frames = frames_of(file)](std::uint64_t number) {
+                                     return frames.at(number % frames.size());
+                                 });
     EXPECT_TRUE(becomes_true([&] { return camera->published() > 0; }));
     return camera;
 }
