@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "gst/plugin.h"
 
-#define PACKAGE "zav_shm"  // for the macro
+#define PACKAGE "zav_shm"  // for the macro. NOLINT(cppcoreguidelines-macro-usage)
 
 namespace {
 
-gboolean begin_plugin(GstPlugin* /*plugin*/) { return TRUE; }
+gboolean begin_plugin(GstPlugin* plugin) {
+    using namespace zav_shm::gst;
+    return register_zavsrc(plugin) && register_zavsink(plugin) ? TRUE : FALSE;
+}
 
 }  // namespace
 

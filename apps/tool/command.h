@@ -10,9 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "apps/text/duration_text.h"
+#include "apps/text/reading_start.h"
 #include "apps/tool/argument_checks.h"
 #include "apps/tool/options.h"
-#include "apps/tool/reading_start.h"
 
 // What the files that define commands share. Only they include the command-line library, which
 // takes long to compile. A command's options are read as texts where that library's own conversion

@@ -23,7 +23,6 @@ namespace zav_shm::tool {
 inline constexpr std::size_t name_bytes_max = 31;  // of a producer or consumer
 inline constexpr int channel_max = 4095;
 inline constexpr int stream_max = 4095;
-inline constexpr double seconds_max = 31'536'000;              // a year
 inline constexpr std::size_t frame_bytes_max = 2'147'483'519;  // the greatest page size
 inline constexpr int pixels_max = 65'535;
 

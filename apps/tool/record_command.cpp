@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "apps/tool/duration_text.h"
+#include "apps/text/duration_text.h"
 #include "apps/tool/file_name_pattern.h"
 #include "apps/tool/trigger_source.h"
 

@@ -8,16 +8,16 @@
 #include <fstream>
 #include <limits>
 
+#include "apps/text/duration_text.h"
 #include "apps/text/printable.h"
+#include "apps/text/reading_start.h"
 #include "apps/tool/argument_checks.h"
 #include "apps/tool/center_request.h"
-#include "apps/tool/duration_text.h"
 #include "apps/tool/json_text.h"
 #include "apps/tool/key_request_action.h"
 #include "apps/tool/name_lists.h"
 #include "apps/tool/pacer.h"
 #include "apps/tool/rate.h"
-#include "apps/tool/reading_start.h"
 #include "apps/tool/status_file.h"
 #include "apps/tool/synthetic_pattern.h"
 #include "apps/tool/watch_line.h"

@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "apps/tool/duration_text.h"
+#include "apps/text/duration_text.h"
 
 #include <array>
 #include <charconv>
 #include <string_view>
 #include <utility>
 
-#include "apps/tool/options.h"
-
-namespace zav_shm::tool {
+namespace zav_shm {
 
 namespace {
 
@@ -73,4 +71,4 @@ std::string size_mistake(const std::string& text) {
                             : "'" + text + "' is no size from 1 byte to 1024G, such as 10M or 512k";
 }
 
-}  // namespace zav_shm::tool
+}  // namespace zav_shm

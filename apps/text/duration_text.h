@@ -8,7 +8,9 @@
 
 // Times and sizes as people write them.
 
-namespace zav_shm::tool {
+namespace zav_shm {
+
+inline constexpr double seconds_max = 31'536'000;  // a year
 
 /// Reads "10s", "500ms", "2m", "1.5h", or a number of seconds, up to a year. Parts of a nanosecond
 /// are rounded up.
@@ -21,4 +23,4 @@ std::optional<std::uint64_t> parse_size(const std::string& text);
 std::string duration_mistake(const std::string& text);
 std::string size_mistake(const std::string& text);
 
-}  // namespace zav_shm::tool
+}  // namespace zav_shm

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "apps/tool/reading_start.h"
+#include "apps/text/reading_start.h"
 
-#include "apps/tool/duration_text.h"
+#include "apps/text/duration_text.h"
 
-namespace zav_shm::tool {
+namespace zav_shm {
 
 std::optional<Start> parse_start(const std::string& text) {
     if (text == "newest-key") {
@@ -32,4 +32,4 @@ std::string start_mistake(const std::string& text) {
            "-10s";
 }
 
-}  // namespace zav_shm::tool
+}  // namespace zav_shm
