@@ -15,7 +15,7 @@ function(zav_installed_path variable prefix folder)
     endif()
 endfunction()
 
-# zav_configure_service_file(<prefix> <output>)
+# zav_configure_service_file(<prefix> <output> [<name>])   of the center unless another is named
 #
 # Needs ZAV_SHM_SOURCE_DIR, ZAV_SHM_NOTIFIES, and CMAKE_INSTALL_BINDIR, ..._SYSCONFDIR and ..._DOCDIR
 # as GNUInstallDirs sets them.
@@ -24,6 +24,7 @@ function(zav_configure_service_file prefix output)
     zav_installed_path(sysconfdir "${prefix}" "${CMAKE_INSTALL_SYSCONFDIR}")
     zav_installed_path(docdir "${prefix}" "${CMAKE_INSTALL_DOCDIR}")
     set(ZAV_SHM_CENTERD "${bindir}/zav-shm-centerd")
+    set(ZAV_SHM_RTSPD "${bindir}/zav-shm-rtspd")
     set(ZAV_SHM_CONFIG "${sysconfdir}/zav_shm.json")
     set(ZAV_SHM_DOCS "${docdir}/docs")
     if(ZAV_SHM_NOTIFIES)
@@ -33,7 +34,11 @@ function(zav_configure_service_file prefix output)
         set(ZAV_SHM_SERVICE_TYPE
             "# Built without libsystemd: tells neither that it is ready nor that it does well.\nType=exec")
     endif()
-    configure_file("${ZAV_SHM_SOURCE_DIR}/packaging/zav-shm-centerd.service" "${output}" @ONLY)
+    set(name zav-shm-centerd)
+    if(ARGC GREATER 2)
+        set(name "${ARGV2}")
+    endif()
+    configure_file("${ZAV_SHM_SOURCE_DIR}/packaging/${name}.service" "${output}" @ONLY)
 endfunction()
 
 # zav_install_service(<prefix> <build folder>)   at installation: the service file, and the
@@ -49,4 +54,11 @@ function(zav_install_service prefix build)
         file(INSTALL DESTINATION "${sysconfdir}" TYPE FILE RENAME zav_shm.json
             FILES "${ZAV_SHM_SOURCE_DIR}/samples/recorder.json")
     endif()
+endfunction()
+
+# zav_install_rtspd_service(<prefix> <build folder>)   at installation
+function(zav_install_rtspd_service prefix build)
+    set(unit "${build}/installed/zav-shm-rtspd.service")
+    zav_configure_service_file("${prefix}" "${unit}" zav-shm-rtspd)
+    file(INSTALL DESTINATION "${prefix}/lib/systemd/system" TYPE FILE FILES "${unit}")
 endfunction()

@@ -20,6 +20,7 @@ gstreamer_packages=(
     libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
     gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
     gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
+    libgstrtspserver-1.0-dev ffmpeg openssl glib-networking # zav-shm-rtspd and its tests
 )
 
 # The same with the tests.
