@@ -48,7 +48,7 @@ void Clients::on_connected(GstRTSPServer* /*server*/, GstRTSPClient* client, Cli
         gst_rtsp_client_close(client);
         return;
     }
-    clients->give_up_writing_after_a_while(connection);
+    clients->set_up_socket(connection);
     g_signal_connect(client, "closed", G_CALLBACK(on_closed), clients);
     g_signal_connect(client, "pre-describe-request", G_CALLBACK(on_describe), clients);
     g_signal_connect(client, "pre-setup-request", G_CALLBACK(on_setup), clients);
@@ -85,15 +85,18 @@ void Clients::report_refusal(const std::string& text) {
     }
 }
 
-// The kernel ends the connection when nothing was taken from it for so long; it tells a stopped
-// client, whose window is closed, from one that is only slow.
-void Clients::give_up_writing_after_a_while(GstRTSPConnection* connection) const {
+void Clients::set_up_socket(GstRTSPConnection* connection) const {
     GSocket* const socket = gst_rtsp_connection_get_write_socket(connection);
-    if (socket != nullptr) {
-        g_socket_set_option(socket, IPPROTO_TCP, TCP_USER_TIMEOUT,
-                            static_cast<int>(options_.stall.count()), nullptr);
-        g_socket_set_option(socket, SOL_SOCKET, SO_SNDBUF, unsent_bytes_max, nullptr);
+    if (socket == nullptr) {
+        return;
     }
+    // The last packet of a frame would wait for the client's next acknowledgement, 40 ms.
+    g_socket_set_option(socket, IPPROTO_TCP, TCP_NODELAY, 1, nullptr);
+    // The kernel ends the connection when nothing was taken from it for so long; it tells a
+    // stopped client, whose window is closed, from one that is only slow.
+    g_socket_set_option(socket, IPPROTO_TCP, TCP_USER_TIMEOUT,
+                        static_cast<int>(options_.stall.count()), nullptr);
+    g_socket_set_option(socket, SOL_SOCKET, SO_SNDBUF, unsent_bytes_max, nullptr);
 }
 
 void Clients::on_closed(GstRTSPClient* client, Clients* clients) {

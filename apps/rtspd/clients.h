@@ -43,7 +43,7 @@ private:
                                       Clients* clients);
 
     bool let_in(GstRTSPClient* client, const std::string& address);
-    void give_up_writing_after_a_while(GstRTSPConnection* connection) const;
+    void set_up_socket(GstRTSPConnection* connection) const;
     bool is_idle_too_long(GstRTSPClient* client);
     void report_refusal(const std::string& text);
 
