@@ -59,7 +59,7 @@ std::string text_of(const GstCaps* caps) {
 
 unsigned whole_number(const GstStructure* structure, const char* field) {
     int value = 0;
-    return gst_structure_get_int(structure, field, &value) && value > 0
+    return gst_structure_get_int(structure, field, &value) != FALSE && value > 0
                ? static_cast<unsigned>(value)
                : 0;
 }
@@ -221,7 +221,7 @@ GstCaps* all_caps() {
 }
 
 std::optional<Frame_Format> format_of(const GstCaps* caps, std::string& why_not) {
-    if (caps == nullptr || gst_caps_is_empty(caps) || !gst_caps_is_fixed(caps)) {
+    if (caps == nullptr || gst_caps_is_empty(caps) != FALSE || gst_caps_is_fixed(caps) == FALSE) {
         why_not = "no fixed caps";
         return {};
     }
@@ -229,7 +229,7 @@ std::optional<Frame_Format> format_of(const GstCaps* caps, std::string& why_not)
     const Row* const row = row_of(structure);
     const std::string mistake =
         row != nullptr ? mistake_in(structure, *row) : "is nothing that a stream can carry";
-    if (!mistake.empty()) {
+    if (row == nullptr || !mistake.empty()) {
         why_not = "\"" + text_of(caps) + "\" " + mistake;
         return {};
     }
@@ -240,7 +240,7 @@ std::optional<Frame_Format> format_of(const GstCaps* caps, std::string& why_not)
     format.channels = whole_number(structure, "channels");
     int numerator = 0;
     int denominator = 1;
-    if (gst_structure_get_fraction(structure, "framerate", &numerator, &denominator) &&
+    if (gst_structure_get_fraction(structure, "framerate", &numerator, &denominator) != FALSE &&
         numerator > 0 && denominator > 0) {
         format.rate_num = static_cast<std::uint32_t>(numerator);
         format.rate_den = static_cast<std::uint32_t>(denominator);

@@ -88,7 +88,7 @@ void install_names(GObjectClass* type) {
         g_param_spec_boolean("tap", "Tap",
                              "Without a consumer: read without a name and without a center; false: "
                              "the element's name is the consumer's",
-                             unset.tap, read_write));
+                             unset.tap ? TRUE : FALSE, read_write));
     g_object_class_install_property(type, source_channel,
                                     g_param_spec_int("channel", "Channel", "The producer's channel",
                                                      0, G_MAXINT, 0, read_write));
@@ -103,7 +103,7 @@ void install_names(GObjectClass* type) {
         g_param_spec_boolean("untrusting", "Untrusting",
                              "Read by copying twice: a producer that truncates its history is an "
                              "error, and not the end of this process",
-                             unset.untrusting, read_write));
+                             unset.untrusting ? TRUE : FALSE, read_write));
 }
 
 void install_reading(GObjectClass* type) {
@@ -149,7 +149,7 @@ void install_ends(GObjectClass* type) {
         g_param_spec_boolean("end-of-stream", "End of stream",
                              "End when the producer says that its stream ends; else its next one "
                              "is waited for",
-                             unset.ends, read_write));
+                             unset.ends ? TRUE : FALSE, read_write));
     wait(source_timeout, "timeout", "Timeout",
          "Milliseconds without a frame behind which a message \"zavsrc-timeout\" is posted, an "
          "error with restart=error; 0: never",

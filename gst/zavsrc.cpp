@@ -136,8 +136,9 @@ void init_class(gpointer type, gpointer /*data*/) {
 }
 
 void init(GTypeInstance* instance, gpointer /*type*/) {
-    auto* const element = reinterpret_cast<GstBaseSrc*>(instance);
-    reinterpret_cast<Element*>(instance)->source = new Source(element);
+    void* const self = instance;
+    auto* const element = static_cast<GstBaseSrc*>(self);
+    static_cast<Element*>(self)->source = new Source(element);
     gst_base_src_set_live(element, TRUE);
     gst_base_src_set_format(element, GST_FORMAT_TIME);
     gst_base_src_set_do_timestamp(element, FALSE);
