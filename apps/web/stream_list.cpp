@@ -15,7 +15,7 @@
 #include "apps/media/nal_scan.h"
 #include "apps/media/nal_unit.h"
 #include "frame/frame_header.h"
-#include "frame/frame_subscriber.h"
+#include "frame/frame_source.h"
 #include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::web {
@@ -56,18 +56,21 @@ std::string mime_of(std::span<const std::byte> unit) {
     return {};
 }
 
-Stream_Facts look_into(const Stream_Key& key, const std::string& folder) {
+// By the ring alone: a subscriber would have a card, which others see and a paced publisher waits
+// for.
+Stream_Facts look_into(const Stream_Key& key, const std::string& file) {
     Stream_Facts facts;
     facts.key = key;
-    ZAV_SHM_Frame_Subscriber tap({.producer = key.name,
-                                  .channel = key.channel,
-                                  .stream = key.stream,
-                                  .from = start::last_key_frame,
-                                  .folder = folder,
-                                  .untrusting = true});
+    Ring_Problem problem;
+    auto ring = Ring_Memory::open(file, Ring_Memory::Reading::copied, problem);
+    if (!ring) {
+        return facts;
+    }
+    Frame_Source source({}, Ring_Memory::Reading::copied);
+    source.read_from(std::move(ring));
+    source.seek(start::last_key_frame);
     Received_Frame frame;
-    if (!tap.open() || tap.receive(frame, std::chrono::milliseconds(0)) != Receive_Status::frame ||
-        !frame.verified) {
+    if (source.copy_next(frame) != Frame_Source::Got::frame || !frame.verified) {
         return facts;
     }
     const ZAV_SHM_Frame_Header& header = frame.header;
@@ -100,7 +103,7 @@ std::vector<Stream_Facts> list_streams(const std::string& folder) {
     const std::filesystem::directory_iterator files(rings_folder("/" + folder), error);
     for (const auto& file : files) {
         if (const auto key = key_of_file(file.path().filename().string())) {
-            streams.push_back(look_into(*key, folder));
+            streams.push_back(look_into(*key, file.path()));
         }
     }
     std::sort(streams.begin(), streams.end(), [](const Stream_Facts& a, const Stream_Facts& b) {

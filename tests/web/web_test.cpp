@@ -5,11 +5,13 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <sstream>
 #include <thread>
 
+#include "ring/reader_card.h"
 #include "support/threads.h"
 #include "tool/tool_frames.h"
 #include "web/http_client.h"
@@ -76,6 +78,23 @@ TEST_F(Web, lists_streams_with_what_a_browser_needs) {
     EXPECT_TRUE(streams[0]["mime"].asString().starts_with("video/mp4; codecs=\"avc1."));
     EXPECT_GT(streams[0]["width"].asInt(), 0);
     EXPECT_EQ(streams[0]["frames_per_second"].asDouble(), 60);
+}
+
+TEST_F(Web, list_is_no_reader_of_the_streams) {
+    serve();
+    std::atomic<bool> listed{false};
+    std::thread asking([&] {
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_EQ(ask(port_, get("/streams")).status, 200);
+        }
+        listed = true;
+    });
+    int cards = 0;
+    while (!listed) {
+        cards += static_cast<int>(zav_shm::card_names("/dev/shm/shm/rings").size());
+    }
+    asking.join();
+    EXPECT_EQ(cards, 0) << "others would see a reader come and go, and paced ones wait for it";
 }
 
 TEST_F(Web, shows_a_live_picture_from_the_last_key_frame_on) {
