@@ -2,6 +2,7 @@
 #include "apps/web/access_check.h"
 
 #include <arpa/inet.h>
+#include <strings.h>
 
 #include <algorithm>
 
@@ -18,6 +19,11 @@ std::string_view name_of_host(std::string_view host) {
     return host.substr(0, host.find(':'));
 }
 
+// Whatever the case of ASCII letters.
+bool is_same_word(std::string_view text, std::string_view word) {
+    return text.size() == word.size() && strncasecmp(text.data(), word.data(), word.size()) == 0;
+}
+
 }  // namespace
 
 bool is_loopback(std::string_view address) {
@@ -32,7 +38,7 @@ bool is_loopback(std::string_view address) {
 
 bool Access_Check::allows_host(std::string_view host) const {
     const std::string_view name = name_of_host(host);
-    return needs_token() || name == "localhost" || is_loopback(name);
+    return needs_token() || is_same_word(name, "localhost") || is_loopback(name);
 }
 
 bool Access_Check::allows_token(std::string_view token) const {
@@ -59,9 +65,10 @@ std::string_view token_in_cookie(std::string_view cookie) {
 }
 
 std::string_view token_in_authorization(std::string_view authorization) {
-    constexpr std::string_view scheme = "Bearer ";
-    return authorization.starts_with(scheme) ? authorization.substr(scheme.size())
-                                             : std::string_view();
+    constexpr std::string_view scheme = "bearer ";
+    return is_same_word(authorization.substr(0, scheme.size()), scheme)
+               ? authorization.substr(scheme.size())
+               : std::string_view();
 }
 
 }  // namespace zav_shm::web

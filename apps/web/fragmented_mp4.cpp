@@ -66,12 +66,15 @@ Fragmented_Mp4::~Fragmented_Mp4() {
 }
 
 // Pictures are decoded in the order in which they come, and that is their presentation's until one
-// is to be shown before its predecessor. From there on they are decoded at even intervals. A player
-// takes a picture whose decoding comes behind its presentation as well as any other.
+// is to be shown before its predecessor. From there on they are decoded at even intervals, and
+// somewhat faster or later where that would go away from their presentation. A player takes a
+// picture whose decoding comes behind its presentation as well as any other.
 std::chrono::nanoseconds Fragmented_Mp4::decoding_time(std::chrono::nanoseconds pts,
                                                        std::chrono::nanoseconds interval) {
+    constexpr std::chrono::nanoseconds apart_max = std::chrono::seconds(1);
     is_reordered_ = is_reordered_ || pts < last_decoding_;
-    last_decoding_ = is_reordered_ ? last_decoding_ + interval : pts;
+    const auto even = last_decoding_ + (last_decoding_ - pts > apart_max ? interval / 2 : interval);
+    last_decoding_ = is_reordered_ && pts - even < apart_max ? even : pts;
     return last_decoding_;
 }
 

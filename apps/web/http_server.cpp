@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <exception>
 #include <optional>
 #include <utility>
 
@@ -90,8 +91,12 @@ std::optional<Stream_Key> key_of(MHD_Connection* connection) {
 }
 
 ssize_t read_live(void* video, std::uint64_t /*position*/, char* room, std::size_t bytes) {
-    const std::size_t count = static_cast<Live_Video*>(video)->read({room, bytes});
-    return count != 0 ? static_cast<ssize_t>(count) : MHD_CONTENT_READER_END_OF_STREAM;
+    try {
+        const std::size_t count = static_cast<Live_Video*>(video)->read({room, bytes});
+        return count != 0 ? static_cast<ssize_t>(count) : MHD_CONTENT_READER_END_OF_STREAM;
+    } catch (const std::exception&) {  // no memory: this viewer's connection ends
+        return MHD_CONTENT_READER_END_WITH_ERROR;
+    }
 }
 
 void free_live(void* video) { delete static_cast<Live_Video*>(video); }
@@ -111,8 +116,12 @@ struct Http_Server::Library {
             *upload_bytes = 0;
             return MHD_YES;
         }
-        return static_cast<MHD_Result>(
-            static_cast<Http_Server*>(server)->answer(connection, path, method));
+        try {
+            return static_cast<MHD_Result>(
+                static_cast<Http_Server*>(server)->answer(connection, path, method));
+        } catch (const std::exception&) {  // no memory, or no thread
+            return MHD_NO;
+        }
     }
 };
 
@@ -171,7 +180,9 @@ bool Http_Server::is_allowed(MHD_Connection* connection, std::string& given_toke
 int Http_Server::answer(MHD_Connection* connection, const std::string& path,
                         const std::string& method) {
     if (method != MHD_HTTP_METHOD_GET && method != MHD_HTTP_METHOD_HEAD) {
-        return refuse(connection, MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD are answered");
+        const Response refusal = response_of("only GET and HEAD are answered\n", "text/plain");
+        MHD_add_response_header(refusal.get(), MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
+        return send(connection, MHD_HTTP_METHOD_NOT_ALLOWED, refusal);
     }
     if (!access_.allows_host(text_of(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_HOST))) {
         return refuse(connection, MHD_HTTP_FORBIDDEN,

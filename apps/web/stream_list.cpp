@@ -11,6 +11,7 @@
 #include <span>
 #include <system_error>
 #include <tuple>
+#include <utility>
 
 #include "apps/media/nal_scan.h"
 #include "apps/media/nal_unit.h"
@@ -58,14 +59,14 @@ std::string mime_of(std::span<const std::byte> unit) {
 
 // By the ring alone: a subscriber would have a card, which others see and a paced publisher waits
 // for.
-Stream_Facts look_into(const Stream_Key& key, const std::string& file) {
-    Stream_Facts facts;
-    facts.key = key;
+std::optional<Stream_Facts> look_into(const Stream_Key& key, const std::string& file) {
     Ring_Problem problem;
     auto ring = Ring_Memory::open(file, Ring_Memory::Reading::copied, problem);
     if (!ring) {
-        return facts;
+        return {};
     }
+    Stream_Facts facts;
+    facts.key = key;
     Frame_Source source({}, Ring_Memory::Reading::copied);
     source.read_from(std::move(ring));
     source.seek(start::last_key_frame);
@@ -89,21 +90,23 @@ Stream_Facts look_into(const Stream_Key& key, const std::string& file) {
 }  // namespace
 
 std::optional<Stream_Key> key_of_file(std::string_view file) {
-    const auto stream = take_number(file);
-    const auto channel = stream ? take_number(file) : std::nullopt;
-    if (!channel || !is_file_name(file)) {
+    std::string_view name = file;
+    const auto stream = take_number(name);
+    const auto channel = stream ? take_number(name) : std::nullopt;
+    if (!channel || !is_file_name(name) || channel_file_name(name, *channel, *stream) != file) {
         return {};
     }
-    return Stream_Key{std::string(file), *channel, *stream};
+    return Stream_Key{std::string(name), *channel, *stream};
 }
 
 std::vector<Stream_Facts> list_streams(const std::string& folder) {
     std::vector<Stream_Facts> streams;
     std::error_code error;
-    const std::filesystem::directory_iterator files(rings_folder("/" + folder), error);
-    for (const auto& file : files) {
-        if (const auto key = key_of_file(file.path().filename().string())) {
-            streams.push_back(look_into(*key, file.path()));
+    std::filesystem::directory_iterator file(rings_folder("/" + folder), error);
+    for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
+        const auto key = key_of_file(file->path().filename().string());
+        if (auto facts = key ? look_into(*key, file->path()) : std::nullopt) {
+            streams.push_back(std::move(*facts));
         }
     }
     std::sort(streams.begin(), streams.end(), [](const Stream_Facts& a, const Stream_Facts& b) {

@@ -9,8 +9,8 @@ using namespace zav_shm::web;
 
 TEST(Access_Check, without_a_token_takes_loopback_names_alone) {
     const Access_Check check("");
-    for (const char* host : {"localhost", "localhost:8080", "127.0.0.1", "127.0.0.1:8080",
-                             "127.9.9.9:1", "[::1]", "[::1]:8080"}) {
+    for (const char* host : {"localhost", "localhost:8080", "LocalHost", "127.0.0.1",
+                             "127.0.0.1:8080", "127.9.9.9:1", "[::1]", "[::1]:8080"}) {
         EXPECT_TRUE(check.allows_host(host)) << host;
     }
     for (const char* host : {"", "camera.example", "localhost.example", "10.0.0.1:8080", "[::2]:80",
@@ -37,7 +37,9 @@ TEST(Access_Check, finds_the_token_in_headers) {
     EXPECT_EQ(token_in_cookie("xzav_shm_token=abc; zav_shm_tokens=abc"), "");
     EXPECT_EQ(token_in_cookie(";;  ;"), "");
     EXPECT_EQ(token_in_authorization("Bearer abc"), "abc");
+    EXPECT_EQ(token_in_authorization("bearer abc"), "abc");
     EXPECT_EQ(token_in_authorization("Basic abc"), "");
+    EXPECT_EQ(token_in_authorization("Bear"), "");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@ const behind_aim_s = 0.08;  // to here
 const kept_s = 10;          // of what was shown
 
 const element = (id) => document.getElementById(id);
+const known = new Map();  // the streams of the list, by their ids
 const id_of = (stream) => `${stream.name}/${stream.channel}/${stream.stream}`;
 
 // ---- the list ----
@@ -29,10 +30,9 @@ function entry_of(stream) {
         const button = document.createElement('button');
         button.type = 'button';
         button.append(document.createElement('span'), document.createElement('small'));
-        button.addEventListener('click', () => play(entry.stream));
+        button.addEventListener('click', () => play(known.get(id)));
         entry.append(button);
     }
-    entry.stream = stream;
     const button = entry.firstChild;
     button.firstChild.textContent = id;
     button.lastChild.textContent = text_of(stream);
@@ -46,6 +46,8 @@ async function show_list() {
         const answer = await fetch('streams');
         if (!answer.ok) throw new Error((await answer.text()).trim());
         const streams = await answer.json();
+        known.clear();
+        streams.forEach((stream) => known.set(id_of(stream), stream));
         const entries = streams.map(entry_of);
         if (entries.some((entry, i) => element('streams').children[i] !== entry) ||
             entries.length !== element('streams').children.length) {
@@ -69,38 +71,44 @@ class Live {
         this.pictures = 0;
         this.latency_ms = null;
         this.first_ms = null;
-        this.abort = new AbortController();
+        this.stopped = false;
+        this.abort = null;  // of the present connection
         this.video = element('video');
         this.run();
     }
 
     stop() {
+        this.stopped = true;
         this.abort.abort();
         this.video.removeAttribute('src');
         this.video.load();
     }
 
-    // Until somebody stops it: a producer or server that is started again is asked anew.
+    // Until somebody stops it: a producer or server that is started again is asked anew. Whatever
+    // ends a connection, its answer is given up, so that the server does not hold it.
     async run() {
-        while (!this.abort.signal.aborted) {
+        while (!this.stopped) {
+            this.abort = new AbortController();
             try {
-                await this.show();
+                await this.show(this.abort.signal);
             } catch (error) {
-                if (this.abort.signal.aborted) return;
+                if (this.stopped) return;
                 element('figures').textContent = `${error.message}; trying again`;
+            } finally {
+                this.abort.abort();
             }
             await new Promise((done) => setTimeout(done, retry_ms));
         }
     }
 
-    async show() {
-        const {name, channel, stream, mime} = this.stream;
+    async show(signal) {
+        const {name, channel, stream, mime} = known.get(this.id) ?? this.stream;
         const query = new URLSearchParams({name, channel, stream});
-        const answer = await fetch(`live?${query}`, {signal: this.abort.signal});
+        const answer = await fetch(`live?${query}`, {signal});
         if (!answer.ok) throw new Error((await answer.text()).trim());
         const published_ms = Number(answer.headers.get('X-Published-Ms'));
         const buffer = await this.open(mime);
-        this.count(published_ms);
+        this.count(published_ms, signal);
         const reader = answer.body.getReader();
         for (;;) {
             const {done, value} = await reader.read();
@@ -134,18 +142,17 @@ class Live {
 
     change(buffer, what) {
         return new Promise((done, failed) => {
-            buffer.addEventListener('updateend', done, {once: true});
-            buffer.addEventListener('error', () => failed(new Error('the picture cannot be shown')),
-                {once: true});
+            buffer.onupdateend = done;
+            buffer.onerror = () => failed(new Error('the picture cannot be shown'));
             what();
         });
     }
 
     // The video's time 0 is known in wall-clock time: on the same host, this is what a picture
     // took from its publisher to the screen.
-    count(published_ms) {
+    count(published_ms, signal) {
         const shown = (now, data) => {
-            if (live !== this) return;
+            if (signal.aborted) return;
             this.pictures += 1;
             this.first_ms ??= performance.now() - this.clicked;
             this.latency_ms = Date.now() - (published_ms + data.mediaTime * 1000);
