@@ -82,7 +82,7 @@ TEST(Timeline, no_value_stops_it) {
     std::int64_t last = line.place(least, greatest, true);
     for (const std::int64_t value :
          {greatest, least, std::int64_t{0}, greatest, std::int64_t{-1}}) {
-        const std::int64_t next = line.place(value, -value, false);
+        const std::int64_t next = line.place(value, value == least ? greatest : -value, false);
         EXPECT_GE(next, last - Timeline::step_max_ns);
         EXPECT_LE(next, last + 3600 * second);
         last = next;
