@@ -23,9 +23,6 @@ constexpr std::int64_t look_interval_ns = ns_per_second;
 // While the other streams of the timeline are waited for.
 constexpr auto timeline_look = 2ms;
 
-// What gap events leave to the next frame, which may be early.
-constexpr std::int64_t gap_margin_ns = 100'000'000;
-
 std::string mistake_in(const Source_Settings& settings) {
     for (const std::string* name : {&settings.producer, &settings.consumer}) {
         if (name->size() > name_bytes_max || name->find('/') != std::string::npos) {
@@ -260,21 +257,6 @@ GstFlowReturn Source::look_at_silence(std::int64_t now_ns) {
     return GST_FLOW_OK;
 }
 
-// Of what has frames that depend on others it would empty a decoder, which then could not go on.
-void Source::send_gap(std::int64_t now_ns) {
-    if (!has_had_frame_ || !format_ || !is_every_frame_a_key_frame(format_->codec)) {
-        return;
-    }
-    const std::int64_t until_ns = running_.running_ns(now_ns) - lag_ns_ - gap_margin_ns;
-    if (until_ns <= end_ns_) {
-        return;
-    }
-    gst_pad_push_event(GST_BASE_SRC_PAD(element_),
-                       gst_event_new_gap(static_cast<GstClockTime>(end_ns_ + shift_ns_),
-                                         static_cast<GstClockTime>(until_ns - end_ns_)));
-    end_ns_ = until_ns;
-}
-
 // ---- from frame to buffer ----
 
 // No buffer when this frame is none.
@@ -291,6 +273,9 @@ GstFlowReturn Source::take(const Stream_Clock::Presented& presented, GstBuffer**
     if (frame_->before.any() || frame_->epoch_changed || !presented.goes_on ||
         presented.is_another_time || (frame_->header.flags & frame_flag::discontinuity) != 0) {
         is_discontinuous_ = true;
+    }
+    if (decoding_ && !presented.goes_on) {
+        decoding_->restart();
     }
     tell_losses();
     if (made == nullptr) {
@@ -335,6 +320,7 @@ GstFlowReturn Source::follow_format() {
         return GST_FLOW_ERROR;
     }
     format_ = format;
+    follow_reordering();
     payload_bytes_ = payload_bytes_of(format);
     GstCaps* const former = gst_pad_get_current_caps(GST_BASE_SRC_PAD(element_));
     const bool is_news = former == nullptr || gst_caps_is_equal(former, caps) == FALSE;
@@ -348,28 +334,6 @@ GstFlowReturn Source::follow_format() {
     const bool accepted = !is_news || gst_base_src_set_caps(element_, caps) != FALSE;
     gst_caps_unref(caps);
     return accepted ? GST_FLOW_OK : GST_FLOW_NOT_NEGOTIATED;
-}
-
-// GStreamer's times are not negative. Where a frame's is, the segment begins later by whole
-// seconds: the frame is before its begin, and running times stay what they are.
-void Source::give_times(GstBuffer* buffer, const Stream_Clock::Presented& presented) {
-    const bool follows_clock = used_.alignment() == Stream_Clock::Align::live;
-    if (follows_clock && running_.follow_drift()) {
-        is_discontinuous_ = true;
-    }
-    const std::int64_t running_ns = running_.running_ns(presented.time_ns);
-    if (running_ns + shift_ns_ < 0) {
-        shift_ns_ = (-running_ns / ns_per_second + 1) * ns_per_second;
-        GstSegment segment;
-        gst_segment_init(&segment, GST_FORMAT_TIME);
-        segment.start = segment.position = static_cast<guint64>(shift_ns_);
-        gst_base_src_new_segment(element_, &segment);
-    }
-    GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(running_ns + shift_ns_);
-    end_ns_ = running_ns + (GST_BUFFER_DURATION_IS_VALID(buffer)
-                                ? static_cast<std::int64_t>(GST_BUFFER_DURATION(buffer))
-                                : 0);
-    lag_ns_ = running_.running_ns(last_frame_ns_) - running_ns;
 }
 
 // What lies before the first frame was not to be taken.

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "apps/media/decoding_clock.h"
 #include "frame/frame_subscriber.h"
 #include "gst/running_clock.h"
 #include "gst/source_settings.h"
@@ -58,6 +59,8 @@ private:
 
     GstFlowReturn take(const Stream_Clock::Presented& presented, GstBuffer** buffer);
     GstFlowReturn follow_format();
+    void follow_reordering();
+    std::int64_t decoding_running_ns(std::int64_t running_ns);
     void give_times(GstBuffer* buffer, const Stream_Clock::Presented& presented);
     void tell_losses();
     void learn_latency(const Stream_Clock::Presented& presented, std::int64_t now_ns);
@@ -87,12 +90,13 @@ private:
     bool has_had_frame_ = false;
     bool is_discontinuous_ = true;
     bool is_over_ = false;
-    std::uint64_t discarded_before_ = 0;  // the present frame
-    std::optional<Frame_Format> format_;  // of the caps
-    std::size_t payload_bytes_ = 0;       // of each frame; 0: any
-    std::int64_t shift_ns_ = 0;           // of the segment's begin
-    std::int64_t end_ns_ = 0;             // running time at the end of what was handed on
-    std::int64_t lag_ns_ = 0;             // of that behind now
+    std::uint64_t discarded_before_ = 0;             // the present frame
+    std::optional<Frame_Format> format_;             // of the caps
+    std::optional<media::Decoding_Clock> decoding_;  // of codecs that may reorder pictures
+    std::size_t payload_bytes_ = 0;                  // of each frame; 0: any
+    std::int64_t shift_ns_ = 0;                      // of the segment's begin
+    std::int64_t end_ns_ = 0;  // running time at the end of what was handed on
+    std::int64_t lag_ns_ = 0;  // of that behind now
     std::int64_t learning_until_ns_ = 0;
     std::int64_t last_frame_ns_ = 0;
     std::int64_t next_look_ns_ = 0;

@@ -1,20 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What zavsrc says of itself: properties, statistics, latency, messages.
+// What zavsrc says of itself: properties, statistics, messages.
 #include <algorithm>
 
 #include "gst/format_caps.h"
 #include "gst/source.h"
 
 namespace zav_shm::gst {
-
-namespace {
-
-constexpr std::int64_t learning_ns = 2'000'000'000;
-constexpr std::int64_t learned_max_ns = 500'000'000;
-constexpr std::int64_t learning_step_ns = 2'000'000;
-
-}  // namespace
 
 bool Source::set_property(guint id, const GValue* value) {
     const Guard guard(mutex_);
@@ -84,29 +76,6 @@ GstStructure* Source::statistics() const {
     add("foreign", counters.foreign);
     add("recoveries", counters.recoveries);
     return all;
-}
-
-void Source::answer_latency(GstQuery* query) const {
-    gst_query_set_latency(query, TRUE, static_cast<GstClockTime>(latency_ns_.load()),
-                          GST_CLOCK_TIME_NONE);
-}
-
-// How much later than it says a frame comes. What comes out of the history says nothing of that.
-void Source::learn_latency(const Stream_Clock::Presented& presented, std::int64_t now_ns) {
-    if (!has_had_frame_) {
-        learning_until_ns_ = now_ns + learning_ns;
-    }
-    const bool is_from_history =
-        frame_->verified && frame_->header.publish_ns < learning_until_ns_ - learning_ns;
-    if (used_.latency_ms >= 0 || now_ns > learning_until_ns_ || is_from_history) {
-        return;
-    }
-    const std::int64_t late_ns = now_ns - presented.time_ns;
-    if (late_ns <= latency_ns_ || late_ns > learned_max_ns) {
-        return;
-    }
-    latency_ns_ = late_ns + learning_step_ns;
-    gst_element_post_message(GST_ELEMENT(element_), gst_message_new_latency(GST_OBJECT(element_)));
 }
 
 GstFlowReturn Source::fail(int code, const std::string& text, const std::string& detail) const {

@@ -16,7 +16,8 @@ std::optional<Picture_Size> picture_size(Video_Codec codec,
             continue;
         }
         if (codec == Video_Codec::h265) {
-            return read_h265_size(nal);
+            const auto sequence = read_h265_sequence(nal);
+            return sequence ? sequence->size : std::nullopt;
         }
         const auto sequence = read_h264_sequence(nal);
         return sequence ? sequence->size : std::nullopt;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The fields in front of those that are wanted are read only to get past them, in the order in
-// which the two standards (ITU-T H.264 7.3.2.1.1, ITU-T H.265 7.3.2.2) have them.
+// which the two standards (ITU-T H.264 7.3.2.1.1 and E.1.1, ITU-T H.265 7.3.2.2) have them.
 #include "apps/media/sequence_set.h"
 
 #include <algorithm>
@@ -16,6 +16,8 @@ namespace {
 constexpr std::uint32_t pixels_max = 16384;
 constexpr std::uint32_t h264_sequence_id_max = 31;
 constexpr std::uint32_t log2_max_frame_num_minus4_max = 12;
+constexpr std::uint32_t baseline_profile = 66;
+constexpr std::uint32_t order_of_decoding = 2;  // pic_order_cnt_type
 constexpr std::uint32_t chroma_420 = 1;
 constexpr std::uint32_t chroma_422 = 2;
 constexpr std::uint32_t chroma_444 = 3;
@@ -88,7 +90,8 @@ std::uint32_t read_chroma_fields(Bit_Reader& reader) {
     return separate ? chroma_444 + 1 : chroma;
 }
 
-void skip_picture_order(Bit_Reader& reader) {
+// @return pic_order_cnt_type
+std::uint32_t read_picture_order(Bit_Reader& reader) {
     const std::uint32_t type = reader.unsigned_golomb();
     if (type == 0) {
         reader.unsigned_golomb();  // log2_max_pic_order_cnt_lsb_minus4
@@ -101,6 +104,67 @@ void skip_picture_order(Bit_Reader& reader) {
             reader.signed_golomb();
         }
     }
+    return type;
+}
+
+void skip_buffering(Bit_Reader& reader) {  // hrd_parameters
+    const std::uint32_t buffers = reader.unsigned_golomb();
+    reader.skip(8);  // bit_rate_scale, cpb_size_scale
+    for (std::uint32_t i = 0; i <= buffers && !reader.failed(); ++i) {
+        reader.unsigned_golomb();
+        reader.unsigned_golomb();
+        reader.skip(1);
+    }
+    reader.skip(20);  // lengths of delays
+}
+
+void skip_display_facts(Bit_Reader& reader) {  // vui_parameters up to the chroma's location
+    constexpr std::uint32_t extended_aspect = 255;
+    if (reader.flag() && reader.bits(8) == extended_aspect) {
+        reader.skip(32);  // sar_width, sar_height
+    }
+    if (reader.flag()) {  // overscan_info_present_flag
+        reader.skip(1);
+    }
+    if (reader.flag()) {  // video_signal_type_present_flag
+        reader.skip(4);
+        reader.skip(reader.flag() ? 24 : 0);  // colour description
+    }
+    if (reader.flag()) {  // chroma_loc_info_present_flag
+        reader.unsigned_golomb();
+        reader.unsigned_golomb();
+    }
+}
+
+// The reader stands behind the pictures' size.
+std::optional<std::uint32_t> read_h264_reorder_depth(Bit_Reader& reader) {
+    if (!reader.flag()) {  // vui_parameters_present_flag
+        return std::nullopt;
+    }
+    skip_display_facts(reader);
+    reader.skip(reader.flag() ? 65 : 0);  // timing
+    const bool has_nal_buffering = reader.flag();
+    if (has_nal_buffering) {
+        skip_buffering(reader);
+    }
+    const bool has_vcl_buffering = reader.flag();
+    if (has_vcl_buffering) {
+        skip_buffering(reader);
+    }
+    reader.skip(has_nal_buffering || has_vcl_buffering ? 2 : 1);  // low_delay_hrd, pic_struct
+    if (!reader.flag()) {                                         // bitstream_restriction_flag
+        return std::nullopt;
+    }
+    reader.skip(1);  // motion_vectors_over_pic_boundaries_flag
+    for (int i = 0; i < 4; ++i) {
+        reader.unsigned_golomb();  // bytes, bits, lengths of motion vectors
+    }
+    return reader.unsigned_golomb();
+}
+
+std::optional<std::uint32_t> sane_depth(const Bit_Reader& reader,
+                                        std::optional<std::uint32_t> depth) {
+    return !reader.failed() && depth && *depth <= reorder_depth_max ? depth : std::nullopt;
 }
 
 // ---- H.265 ----
@@ -135,7 +199,7 @@ std::optional<H264_Sequence> read_h264_sequence(std::span<const std::byte> nal_u
         has_chroma_fields(profile) ? read_chroma_fields(reader) : chroma_420;
     sequence.has_separate_planes = chroma > chroma_444;
     const std::uint32_t log2_max_frame_num_minus4 = reader.unsigned_golomb();
-    skip_picture_order(reader);
+    const std::uint32_t picture_order = read_picture_order(reader);
     reader.unsigned_golomb();  // max_num_ref_frames
     reader.skip(1);            // gaps_in_frame_num_value_allowed_flag
     const std::uint64_t width = (std::uint64_t{reader.unsigned_golomb()} + 1) * 16;
@@ -152,10 +216,15 @@ std::optional<H264_Sequence> read_h264_sequence(std::span<const std::byte> nal_u
     const std::uint32_t unit_x = chroma == chroma_420 || chroma == chroma_422 ? 2 : 1;
     const std::uint32_t unit_y = (chroma == chroma_420 ? 2 : 1) * fields;
     sequence.size = displayed(width, map_height * fields, window, unit_x, unit_y);
+    const bool is_never_reordered =
+        profile == baseline_profile || picture_order == order_of_decoding;
+    sequence.reorder_depth = is_never_reordered
+                                 ? std::optional<std::uint32_t>(0)
+                                 : sane_depth(reader, read_h264_reorder_depth(reader));
     return sequence;
 }
 
-std::optional<Picture_Size> read_h265_size(std::span<const std::byte> nal_unit) {
+std::optional<H265_Sequence> read_h265_sequence(std::span<const std::byte> nal_unit) {
     const auto payload = without_escapes(nal_unit, set_bytes_max);
     Bit_Reader reader(payload);
     reader.skip(16);  // the NAL unit's header
@@ -175,7 +244,19 @@ std::optional<Picture_Size> read_h265_size(std::span<const std::byte> nal_unit) 
         return std::nullopt;
     }
     const std::uint32_t unit_x = chroma == chroma_420 || chroma == chroma_422 ? 2 : 1;
-    return displayed(width, height, window, unit_x, chroma == chroma_420 ? 2 : 1);
+    H265_Sequence sequence;
+    sequence.size = displayed(width, height, window, unit_x, chroma == chroma_420 ? 2 : 1);
+    reader.unsigned_golomb();  // bit_depth_luma_minus8
+    reader.unsigned_golomb();  // bit_depth_chroma_minus8
+    reader.unsigned_golomb();  // log2_max_pic_order_cnt_lsb_minus4
+    std::uint32_t depth = 0;   // of the highest sub-layer, which comes last
+    for (unsigned layer = reader.flag() ? 0 : sub_layers; layer <= sub_layers; ++layer) {
+        reader.unsigned_golomb();  // sps_max_dec_pic_buffering_minus1
+        depth = reader.unsigned_golomb();
+        reader.unsigned_golomb();  // sps_max_latency_increase_plus1
+    }
+    sequence.reorder_depth = sane_depth(reader, depth);
+    return sequence;
 }
 
 }  // namespace zav_shm::media

@@ -65,19 +65,6 @@ Fragmented_Mp4::~Fragmented_Mp4() {
     }
 }
 
-// Pictures are decoded in the order in which they come, and that is their presentation's until one
-// is to be shown before its predecessor. From there on they are decoded at even intervals, and
-// somewhat faster or later where that would go away from their presentation. A player takes a
-// picture whose decoding comes behind its presentation as well as any other.
-std::chrono::nanoseconds Fragmented_Mp4::decoding_time(std::chrono::nanoseconds pts,
-                                                       std::chrono::nanoseconds interval) {
-    constexpr std::chrono::nanoseconds apart_max = std::chrono::seconds(1);
-    is_reordered_ = is_reordered_ || pts < last_decoding_;
-    const auto even = last_decoding_ + (last_decoding_ - pts > apart_max ? interval / 2 : interval);
-    last_decoding_ = is_reordered_ && pts - even < apart_max ? even : pts;
-    return last_decoding_;
-}
-
 void Fragmented_Mp4::add(std::span<const std::byte> unit, std::chrono::nanoseconds pts,
                          std::chrono::nanoseconds interval, bool is_key_frame) {
     if (!failure_.empty()) {
@@ -85,7 +72,7 @@ void Fragmented_Mp4::add(std::span<const std::byte> unit, std::chrono::nanosecon
     }
     GstBuffer* const buffer = gst_buffer_new_memdup(unit.data(), unit.size());
     GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(pts.count());
-    GST_BUFFER_DTS(buffer) = static_cast<GstClockTime>(decoding_time(pts, interval).count());
+    GST_BUFFER_DTS(buffer) = static_cast<GstClockTime>(decoding_.next(unit, pts, interval).count());
     if (!is_key_frame) {
         GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
     }

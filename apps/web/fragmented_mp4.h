@@ -8,6 +8,8 @@
 #include <span>
 #include <string>
 
+#include "apps/media/decoding_clock.h"
+
 namespace zav_shm::web {
 
 /// Puts access units of H.264 into fragmented MP4, a fragment for each, by GStreamer.
@@ -42,13 +44,10 @@ public:
 private:
     struct Pipeline;
     bool has_failed();
-    std::chrono::nanoseconds decoding_time(std::chrono::nanoseconds pts,
-                                           std::chrono::nanoseconds interval);
 
     std::unique_ptr<Pipeline> pipeline_;
     std::string failure_;
-    std::chrono::nanoseconds last_decoding_{0};
-    bool is_reordered_ = false;
+    media::Decoding_Clock decoding_{media::Video_Codec::h264, {}};
 };
 
 }  // namespace zav_shm::web
