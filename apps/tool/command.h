@@ -50,6 +50,9 @@ class Command {
 public:
     Command(CLI::App& app, const char* name, const char* description)
         : app_(*app.add_subcommand(name, description)) {}
+
+    /// @param app  takes the options
+    explicit Command(CLI::App& app) : app_(app) {}
     virtual ~Command() = default;
     Command(const Command&) = delete;
     Command& operator=(const Command&) = delete;

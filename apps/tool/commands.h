@@ -3,6 +3,7 @@
 
 #include "apps/tool/options.h"
 #include "apps/tool/problem.h"
+#include "apps/tool/series_file.h"
 #include "apps/tool/standard_output.h"
 
 // The commands. Each writes what it is for to `output`, everything else to standard error, and
@@ -22,5 +23,9 @@ Exit_Status run(const Trigger_Command_Options& options, const Standard_Output& o
 Exit_Status run(const Capture_Options& options, const Standard_Output& output);
 Exit_Status run(const Replay_Options& options, const Standard_Output& output);
 Exit_Status run(const Trace_Options& options, const Standard_Output& output);
+
+/// As run(), with files of another form.
+Exit_Status record_series(const Record_Options& options, const Standard_Output& output,
+                          const Series_Form_Maker& make_form);
 
 }  // namespace zav_shm::tool

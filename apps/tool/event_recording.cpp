@@ -35,12 +35,12 @@ std::string seconds_text(std::int64_t ns) {
 
 }  // namespace
 
-Event_Recording::Event_Recording(const Record_Options& options, int standard_output,
-                                 const Stop_Signal& stop)
+Event_Recording::Event_Recording(const Record_Options& options, std::unique_ptr<Series_Form> form,
+                                 int standard_output, const Stop_Signal& stop)
     : options_(options),
       stop_(stop),
       triggers_(options),
-      files_(options, standard_output, stop),
+      files_(options, std::move(form), standard_output),
       input_(options, options, options.streams,
              {.at_begin = !options.any_frame,
               .after_loss = !options.keep_all,

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -30,7 +31,9 @@ namespace zav_shm::tool {
 /// where that one ended, with nothing missing and nothing twice.
 class Event_Recording {
 public:
-    Event_Recording(const Record_Options& options, int standard_output, const Stop_Signal& stop);
+    /// @param form  of the files
+    Event_Recording(const Record_Options& options, std::unique_ptr<Series_Form> form,
+                    int standard_output, const Stop_Signal& stop);
 
     std::optional<Problem> open();
     void run();

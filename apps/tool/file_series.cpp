@@ -68,9 +68,12 @@ Problem cannot(const std::string& what, const std::string& path, int error) {
 
 }  // namespace
 
-File_Series::File_Series(const Record_Options& options, int standard_output,
-                         const Stop_Signal& stop)
-    : options_(options), standard_output_(standard_output), stop_(stop), hangup_({SIGHUP}) {}
+File_Series::File_Series(const Record_Options& options, std::unique_ptr<Series_Form> form,
+                         int standard_output)
+    : options_(options),
+      form_(std::move(form)),
+      standard_output_(standard_output),
+      hangup_({SIGHUP}) {}
 
 File_Series::~File_Series() = default;
 
@@ -85,7 +88,7 @@ std::optional<Problem> File_Series::open(Output_File::Clock::time_point /*end*/)
     if (access(options_.directory.c_str(), W_OK | X_OK) != 0) {
         return cannot("write into", options_.directory, errno);
     }
-    return {};
+    return form_->open();
 }
 
 void File_Series::begin_file(std::int64_t named_after_ns) {
@@ -118,15 +121,17 @@ bool File_Series::is_due(const Received_Frame& frame) const {
         static_cast<std::uint64_t>(moment_ns_of(frame)) - static_cast<std::uint64_t>(first_ns_)));
     const Recorded_Totals totals = file_->totals();
     return totals.handed_over > 0 &&
-           ((options_.segment.count() != 0 && age >= options_.segment) ||
+           (!file_->goes_on_with(frame) ||
+            (options_.segment.count() != 0 && age >= options_.segment) ||
             (options_.segment_bytes != 0 && totals.handed_over_bytes >= options_.segment_bytes));
 }
 
 bool File_Series::start_file(const Received_Frame& frame) {
     const char* const kind = options_.is_event_recording() ? "event" : "record";
-    const std::string pattern = !options_.pattern.empty() ? options_.pattern
-                                                          : std::string(kind) + "-%Y%m%d-%H%M%S" +
-                                                                extension_of(frame.header.codec);
+    const std::string pattern =
+        !options_.pattern.empty()
+            ? options_.pattern
+            : std::string(kind) + "-%Y%m%d-%H%M%S" + form_->extension(frame.header.codec);
     const std::int64_t utc_ns =
         named_after_ns_.value_or(std::max(utc_ns_of(frame), not_before_ns_));
     named_after_ns_.reset();
@@ -138,9 +143,8 @@ bool File_Series::start_file(const Received_Frame& frame) {
         problem_ = cannot("make", path_of(wanted + part), errno);
         return false;
     }
-    file_.emplace(Recorded_File::Names{path_of(name_ + part),
-                                       options_.index_each ? path_of(name_ + index_ending) : ""},
-                  options_.sync, standard_output_, stop_);
+    file_ = form_->make(path_of(name_ + part),
+                        options_.index_each ? path_of(name_ + index_ending) : "");
     auto problem = file_->open(Output_File::Clock::now());
     problem = problem ? problem : file_->begin();
     if (problem) {

@@ -3,19 +3,19 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "apps/tool/caught_signals.h"
 #include "apps/tool/options.h"
-#include "apps/tool/recorded_file.h"
-#include "apps/tool/recording_target.h"
+#include "apps/tool/series_file.h"
 
 namespace zav_shm::tool {
 
 /// Files of one recording in one folder, each of which begins where a decoder may begin. A new one
-/// begins when the present one is long or large enough, when SIGHUP has come, and when it is told
-/// to: always at the next key frame or recovery point.
+/// begins when the present one is long or large enough or cannot hold what comes, when SIGHUP has
+/// come, and when it is told to: always at the next key frame or recovery point.
 ///
 /// A file is called NAME.part while it is written and NAME once it is finished, so that whoever
 /// looks for new files never takes a half one. Its index is NAME.index from the beginning. A file
@@ -27,7 +27,9 @@ namespace zav_shm::tool {
 ///          removed. begin_file() starts anew.
 class File_Series : public Recording_Target {
 public:
-    File_Series(const Record_Options& options, int standard_output, const Stop_Signal& stop);
+    /// @param form  of its files
+    File_Series(const Record_Options& options, std::unique_ptr<Series_Form> form,
+                int standard_output);
     ~File_Series() override;
     File_Series(const File_Series&) = delete;
     File_Series& operator=(const File_Series&) = delete;
@@ -60,10 +62,10 @@ private:
     void tell_finished(const std::string& path);
 
     const Record_Options& options_;
+    const std::unique_ptr<Series_Form> form_;
     const int standard_output_;
-    const Stop_Signal& stop_;
     const Caught_Signals hangup_;
-    std::optional<Recorded_File> file_;
+    std::unique_ptr<Series_File> file_;
     std::string name_;                            // of the present file, without ".part"
     std::optional<std::int64_t> named_after_ns_;  // of the next file
     std::int64_t not_before_ns_ = 0;              // of those behind it

@@ -7,8 +7,16 @@
 
 namespace zav_shm::tool {
 
+namespace {
+
+const char* program = "zav-shm";
+
+}  // namespace
+
+void name_program(const char* name) { program = name; }
+
 void complain(const std::string& text) {
-    const std::string line = "zav-shm: " + printable(text) + "\n";
+    const std::string line = std::string(program) + ": " + printable(text) + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fflush(stderr);
 }

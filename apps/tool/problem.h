@@ -23,6 +23,9 @@ struct Problem {
     std::string text;
 };
 
+/// What the lines of this program begin with; without it "zav-shm". Before the first of them.
+void name_program(const char* name);
+
 /// Writes "zav-shm: TEXT" and a line end to standard error, in one piece and in printable form.
 void complain(const std::string& text);
 

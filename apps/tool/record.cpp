@@ -22,25 +22,32 @@ Exit_Status carry_out(Any_Recording& recording) {
     return problem ? report(*problem) : status;
 }
 
-std::unique_ptr<Recording_Target> target_of(const Record_Options& options, int standard_output,
-                                            const Stop_Signal& stop) {
-    if (options.is_series()) {
-        return std::make_unique<File_Series>(options, standard_output, stop);
-    }
-    const Recorded_File::Names names{.file = options.file, .index = options.index};
-    return std::make_unique<Recorded_File>(names, options.sync, standard_output, stop);
-}
-
 }  // namespace
 
-Exit_Status run(const Record_Options& options, const Standard_Output& output) {
-    const Stop_Signal stop(options.is_series() ? Stop_Signal::Hangup::is_left_alone
-                                               : Stop_Signal::Hangup::ends);
+Exit_Status record_series(const Record_Options& options, const Standard_Output& output,
+                          const Series_Form_Maker& make_form) {
+    const Stop_Signal stop(Stop_Signal::Hangup::is_left_alone);
     if (options.is_event_recording()) {
-        Event_Recording recording(options, output.descriptor(), stop);
+        Event_Recording recording(options, make_form(stop), output.descriptor(), stop);
         return carry_out(recording);
     }
-    Recording recording(options, target_of(options, output.descriptor(), stop), stop);
+    Recording recording(
+        options, std::make_unique<File_Series>(options, make_form(stop), output.descriptor()),
+        stop);
+    return carry_out(recording);
+}
+
+Exit_Status run(const Record_Options& options, const Standard_Output& output) {
+    const int standard_output = output.descriptor();
+    if (options.is_series()) {
+        return record_series(options, output, [&](const Stop_Signal& stop) {
+            return std::make_unique<Recorded_Files>(options.sync, standard_output, stop);
+        });
+    }
+    const Stop_Signal stop;
+    const Recorded_File::Names names{.file = options.file, .index = options.index};
+    Recording recording(
+        options, std::make_unique<Recorded_File>(names, options.sync, standard_output, stop), stop);
     return carry_out(recording);
 }
 

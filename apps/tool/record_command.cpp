@@ -3,18 +3,17 @@
 
 #include <vector>
 
-#include "apps/text/duration_text.h"
-#include "apps/tool/file_name_pattern.h"
-#include "apps/tool/trigger_source.h"
+#include "apps/tool/series_command.h"
 
 namespace zav_shm::tool {
 
 namespace {
 
-class Record_Command : public Command {
+class Record_Command : public Series_Command {
 public:
     explicit Record_Command(CLI::App& app)
-        : Command(app, "record", "Write a stream's frames to a file or pipe") {
+        : Series_Command(
+              *app.add_subcommand("record", "Write a stream's frames to a file or pipe")) {
         consumer(options_);
         auto* one = stream(options_);
         streams_ = number("--streams", options_.streams, 0, stream_max,
@@ -34,8 +33,10 @@ public:
         file_ = app_.add_option("-o,--output", options_.file, "File to write; - is standard output")
                     ->check(checked_by(file_mistake))
                     ->type_name("FILE");
-        series();
-        events();
+        series(options_);
+        index_each();
+        events(options_);
+        trigger_->excludes(streams_);
         frames_ = number("--frames", options_.frames, 1, count_max, "End after so many frames");
         seconds("--duration", options_.duration, 0.001, "End after so long");
         app_.add_flag("--any-frame", options_.any_frame, "Do not wait for a key frame to begin")
@@ -65,7 +66,7 @@ public:
         if (auto mistake = target_mistake()) {
             return mistake;
         }
-        if (auto mistake = event_mistake()) {
+        if (auto mistake = event_mistake(options_, {frames_, from_})) {
             return mistake;
         }
         if (options_.file == standard_stream && options_.index == standard_stream) {
@@ -87,72 +88,10 @@ public:
     Options options() const override { return options_; }
 
 private:
-    // A series of files instead of one.
-    void series() {
-        directory_ = app_.add_option("--directory", options_.directory,
-                                     "Folder for a series of files; instead of --output")
-                         ->check(checked_by(file_mistake))
-                         ->type_name("FOLDER");
-        app_.add_option("--pattern", options_.pattern,
-                        "Their names, as of strftime in local time [record-%Y%m%d-%H%M%S, or "
-                        "event-..., and the codec]")
-            ->check(checked_by(pattern_mistake))
-            ->needs(directory_)
-            ->type_name("PATTERN");
-        duration("--segment", options_.segment, "Begin a new file after so long, at a key frame")
-            ->check(checked_by(empty_mistake))
-            ->needs(directory_);
-        app_.add_option_function<std::string>(
-                "--segment-bytes",
-                [this](const std::string& text) { options_.segment_bytes = *parse_size(text); },
-                "Begin a new file after so much, such as 10M, at a key frame")
-            ->check(checked_by(size_mistake))
-            ->needs(directory_)
-            ->type_name("BYTES");
+    void index_each() {
         app_.add_flag("--index-each", options_.index_each,
                       "Beside each file an index, NAME.index; see --index")
             ->needs(directory_);
-    }
-
-    // A file for each event.
-    void events() {
-        trigger_ = app_.add_option_function<std::vector<std::string>>(
-                           "--trigger",
-                           [this](const std::vector<std::string>& words) {
-                               for (const std::string& word : words) {
-                                   Trigger_Source::add(word, options_.triggers);
-                               }
-                           },
-                           "Wait, and write a file for each event that this begins: SIGUSR1, "
-                           "SIGUSR2, SIGALRM, stdin (a line of it), or command (zav-shm trigger); "
-                           "several with commas")
-                       ->delimiter(',')
-                       ->check(checked_by(Trigger_Source::mistake))
-                       ->needs(directory_)
-                       ->excludes(streams_)
-                       ->type_name("TRIGGER");
-        before_ = duration("--before", options_.before,
-                           "What an event holds at least from before its trigger, such as 10s");
-        after_ = duration("--after", options_.after,
-                          "What it holds at least from after its last trigger");
-        trigger_->needs(before_)->needs(after_);
-        before_->needs(trigger_);
-        after_->needs(trigger_);
-    }
-
-    CLI::Option* duration(const char* name, std::chrono::nanoseconds& target,
-                          const char* description) {
-        return app_
-            .add_option_function<std::string>(
-                name, [&target](const std::string& text) { target = *parse_duration(text); },
-                description)
-            ->check(checked_by(duration_mistake))
-            ->type_name("TIME");
-    }
-
-    static std::string empty_mistake(const std::string& text) {
-        const auto time = parse_duration(text);
-        return time && time->count() == 0 ? "it has to be more than nothing" : "";
     }
 
     std::optional<std::string> target_mistake() const {
@@ -165,31 +104,11 @@ private:
         return {};
     }
 
-    std::optional<std::string> event_mistake() const {
-        if (trigger_->count() == 0) {
-            return folder_->count() != 0 && !options_.tap
-                       ? std::optional<std::string>("--folder needs --tap, or --trigger command")
-                       : std::nullopt;
-        }
-        for (const CLI::Option* option : {frames_, from_}) {
-            if (option->count() != 0) {
-                return option->get_name() + " does not go with --trigger";
-            }
-        }
-        return folder_->count() != 0 && !options_.tap && !options_.triggers.commands
-                   ? std::optional<std::string>("--folder needs --tap, or --trigger command")
-                   : std::nullopt;
-    }
-
     Record_Options options_;
     CLI::Option* streams_;
     CLI::Option* file_;
     CLI::Option* frames_;
     CLI::Option* index_;
-    CLI::Option* directory_ = nullptr;
-    CLI::Option* trigger_ = nullptr;
-    CLI::Option* before_ = nullptr;
-    CLI::Option* after_ = nullptr;
 };
 
 class Trigger_Command : public Command {

@@ -3,6 +3,8 @@
 
 #include <cerrno>
 
+#include "apps/tool/file_name_pattern.h"
+
 namespace zav_shm::tool {
 
 Recorded_File::Recorded_File(const Names& names, bool sync, int standard_output,
@@ -18,7 +20,9 @@ std::optional<Problem> Recorded_File::open(Output_File::Clock::time_point end) {
 }
 
 std::optional<Problem> Recorded_File::begin() {
-    return note(file_.empty()) ? index_.begin() : write_problem();
+    return note(file_.empty())
+               ? index_.begin()
+               : std::optional(write_problem(file_, recorded_.totals(), *write_error_));
 }
 
 bool Recorded_File::write(int stream, const Received_Frame& frame) {
@@ -54,26 +58,17 @@ std::optional<Problem> Recorded_File::close() {
     const int error = errno;
     const auto index_problem = index_.close(sync_);
     if (write_error_) {
-        return write_problem();
+        return write_problem(file_, recorded_.totals(), *write_error_);
     }
-    return closed ? index_problem : close_problem(error);
+    return closed ? index_problem : std::optional(close_problem(file_, recorded_.totals(), error));
 }
 
-Problem Recorded_File::write_problem() const {
-    return {Exit_Status::input_output, "cannot write to " + file_.title() + " after " + amount() +
-                                           ": " + Output_File::cause(*write_error_)};
-}
+std::string Recorded_Files::extension(std::uint32_t codec) const { return extension_of(codec); }
 
-// What the system has taken may still be lost on the way to the medium.
-Problem Recorded_File::close_problem(int error) const {
-    return {Exit_Status::input_output, "cannot write " + file_.title() +
-                                           " down to the medium, which may lack a part of " +
-                                           amount() + ": " + Output_File::cause(error)};
-}
-
-std::string Recorded_File::amount() const {
-    const Recorded_Totals totals = recorded_.totals();
-    return std::to_string(totals.frames) + " frames, " + std::to_string(totals.bytes) + " bytes";
+std::unique_ptr<Series_File> Recorded_Files::make(const std::string& file,
+                                                  const std::string& index) const {
+    return std::make_unique<Recorded_File>(Recorded_File::Names{file, index}, sync_,
+                                           standard_output_, stop_);
 }
 
 }  // namespace zav_shm::tool

@@ -67,4 +67,13 @@ public:
     virtual std::string title() const = 0;
 };
 
+/// A file that could not be written.
+///
+/// @param totals  what is whole in it
+/// @param error   errno of the write
+Problem write_problem(const Output_File& file, const Recorded_Totals& totals, int error);
+
+/// One that the system has taken, which may be lost on the way to the medium.
+Problem close_problem(const Output_File& file, const Recorded_Totals& totals, int error);
+
 }  // namespace zav_shm::tool
