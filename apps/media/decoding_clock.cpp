@@ -16,7 +16,7 @@ namespace zav_shm::media {
 namespace {
 
 // The least that two times of decoding are apart, where there is no room for more.
-constexpr auto apart_min = 1us;
+constexpr auto apart_min = 1ms;
 
 // A stream may say anything.
 constexpr std::chrono::nanoseconds interval_max = 10s;

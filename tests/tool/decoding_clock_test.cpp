@@ -83,7 +83,7 @@ TEST(Decoding_Clock, is_not_before_the_earliest_time) {
     Decoding_Clock clock(Video_Codec::h264, 0ns);
     const auto times = decoded(clock, stream_file("plain.h264"), with_b_frames);
     EXPECT_EQ(times[0], 0ns);
-    EXPECT_EQ(times[1], 1us);
+    EXPECT_EQ(times[1], 1ms);
     EXPECT_EQ(times[3], 40ms);
 }
 
