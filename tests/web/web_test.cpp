@@ -8,8 +8,10 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <memory>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "ring/reader_card.h"
 #include "support/threads.h"
@@ -195,6 +197,27 @@ TEST_F(Web, takes_so_many_viewers_and_goes_on_when_they_leave) {
         EXPECT_EQ(ask(port_, get("/streams"), 1000ms).status, 0);
     }
     EXPECT_TRUE(becomes_true([&] { return ask(port_, get("/streams"), 1000ms).status == 200; }));
+}
+
+TEST_F(Web, viewers_that_left_hold_no_place) {
+    serve();
+    const auto files = [this] {
+        const std::filesystem::directory_iterator entries("/proc/" +
+                                                          std::to_string(server_->pid()) + "/fd");
+        return std::distance(std::filesystem::begin(entries), std::filesystem::end(entries));
+    };
+    const auto before = files();
+    {
+        std::vector<std::unique_ptr<Http_Client>> viewers;
+        for (int i = 0; i < 8; ++i) {
+            viewers.push_back(std::make_unique<Http_Client>(port_));
+            viewers.back()->send(get(live));
+            EXPECT_FALSE(viewers.back()->read(5000ms, 1).empty());
+        }
+    }
+    // Nobody asks meanwhile. GStreamer keeps one descriptor from the first video on.
+    EXPECT_TRUE(becomes_true([&] { return files() <= before + 1; })) << files() - before;
+    EXPECT_EQ(ask(port_, get("/streams"), 1000ms).status, 200);
 }
 
 TEST_F(Web, ends_at_a_signal_while_viewers_are_there) {
