@@ -25,6 +25,7 @@ function(zav_configure_service_file prefix output)
     zav_installed_path(docdir "${prefix}" "${CMAKE_INSTALL_DOCDIR}")
     set(ZAV_SHM_CENTERD "${bindir}/zav-shm-centerd")
     set(ZAV_SHM_RTSPD "${bindir}/zav-shm-rtspd")
+    set(ZAV_SHM_WEB "${bindir}/zav-shm-web")
     set(ZAV_SHM_CONFIG "${sysconfdir}/zav_shm.json")
     set(ZAV_SHM_DOCS "${docdir}/docs")
     if(ZAV_SHM_NOTIFIES)
@@ -56,9 +57,25 @@ function(zav_install_service prefix build)
     endif()
 endfunction()
 
-# zav_install_rtspd_service(<prefix> <build folder>)   at installation
-function(zav_install_rtspd_service prefix build)
-    set(unit "${build}/installed/zav-shm-rtspd.service")
-    zav_configure_service_file("${prefix}" "${unit}" zav-shm-rtspd)
+# zav_install_program_service(<prefix> <build folder> <name>)   at installation
+function(zav_install_program_service prefix build name)
+    set(unit "${build}/installed/${name}.service")
+    zav_configure_service_file("${prefix}" "${unit}" "${name}")
     file(INSTALL DESTINATION "${prefix}/lib/systemd/system" TYPE FILE FILES "${unit}")
+endfunction()
+
+# zav_program_service(<name>)   when the build is configured: the service file of a program, here and
+#                               at installation
+function(zav_program_service name)
+    set(ZAV_SHM_SOURCE_DIR ${PROJECT_SOURCE_DIR})
+    zav_configure_service_file(${CMAKE_INSTALL_PREFIX} ${CMAKE_CURRENT_BINARY_DIR}/${name}.service
+        ${name})
+    install(CODE "
+        set(ZAV_SHM_SOURCE_DIR \"${PROJECT_SOURCE_DIR}\")
+        set(CMAKE_INSTALL_BINDIR \"${CMAKE_INSTALL_BINDIR}\")
+        set(CMAKE_INSTALL_SYSCONFDIR \"${CMAKE_INSTALL_SYSCONFDIR}\")
+        set(CMAKE_INSTALL_DOCDIR \"${CMAKE_INSTALL_DOCDIR}\")
+        include(\"${PROJECT_SOURCE_DIR}/cmake/ZavServiceFile.cmake\")
+        zav_install_program_service(\"\${CMAKE_INSTALL_PREFIX}\" \"${CMAKE_CURRENT_BINARY_DIR}\"
+            ${name})")
 endfunction()

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "apps/rtspd/access.h"
+#include "apps/rtspd/described_media.h"
 #include "apps/rtspd/hub_source.h"
 #include "apps/rtspd/problem.h"
 
@@ -139,6 +140,7 @@ void hub_factory_class_init(ZavHubFactoryClass* type) {
 void hub_factory_init(ZavHubFactory* factory) {
     factory->recipe = nullptr;
     auto* const base = GST_RTSP_MEDIA_FACTORY(factory);
+    gst_rtsp_media_factory_set_media_gtype(base, type_of_described_media());
     gst_rtsp_media_factory_set_shared(base, FALSE);
     // What was prepared for the description is thrown away: between it and PLAY any time may pass,
     // and the client wants the picture of then.

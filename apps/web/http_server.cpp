@@ -143,8 +143,10 @@ std::string Http_Server::open() {
         return "\"" + options_.address + "\" is no IPv4 or IPv6 address";
     }
     const void* const address = is_v4 ? static_cast<const void*>(&v4) : &v6;
+    // MHD_USE_ITC: a connection that ends wakes the thread that gives its place back. Without it
+    // the place is taken until the next client comes, who is refused for that.
     const unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD |
-                           MHD_USE_POLL | (is_v4 ? 0U : unsigned{MHD_USE_IPv6});
+                           MHD_USE_POLL | MHD_USE_ITC | (is_v4 ? 0U : unsigned{MHD_USE_IPv6});
     errno = 0;
     daemon_.reset(MHD_start_daemon(
         flags, 0, nullptr, nullptr, Library::request, this, MHD_OPTION_SOCK_ADDR,

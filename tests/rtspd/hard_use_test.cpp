@@ -197,6 +197,21 @@ TEST_F(Hard_Use, malformed_requests_harm_nobody) {
     EXPECT_FALSE(server->wait(0ms)) << errors();
 }
 
+TEST_F(Hard_Use, stream_is_described_again_and_then_played) {
+    const auto camera = numbered_camera();
+    ASSERT_TRUE(start_server());
+    Rtsp_Client client(port);
+    const Rtsp_Client::Reply first = client.request("DESCRIBE", "/CAM/0/main");
+    ASSERT_EQ(first.status, 200);
+    for (int i = 0; i < 3; ++i) {
+        const Rtsp_Client::Reply again = client.request("DESCRIBE", "/CAM/0/main");
+        ASSERT_EQ(again.status, 200) << errors();
+        EXPECT_EQ(again.body, first.body);
+    }
+    ASSERT_EQ(client.play("/CAM/0/main"), 200);
+    expect_units(client, 30);
+}
+
 TEST_F(Hard_Use, killed_server_harms_nobody_and_starts_again) {
     const auto camera = numbered_camera();
     ASSERT_TRUE(start_server());

@@ -8,8 +8,10 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <memory>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "ring/reader_card.h"
 #include "support/threads.h"
@@ -197,6 +199,27 @@ TEST_F(Web, takes_so_many_viewers_and_goes_on_when_they_leave) {
     EXPECT_TRUE(becomes_true([&] { return ask(port_, get("/streams"), 1000ms).status == 200; }));
 }
 
+TEST_F(Web, viewers_that_left_hold_no_place) {
+    serve();
+    const auto files = [this] {
+        const std::filesystem::directory_iterator entries("/proc/" +
+                                                          std::to_string(server_->pid()) + "/fd");
+        return std::distance(std::filesystem::begin(entries), std::filesystem::end(entries));
+    };
+    const auto before = files();
+    {
+        std::vector<std::unique_ptr<Http_Client>> viewers;
+        for (int i = 0; i < 8; ++i) {
+            viewers.push_back(std::make_unique<Http_Client>(port_));
+            viewers.back()->send(get(live));
+            EXPECT_FALSE(viewers.back()->read(5000ms, 1).empty());
+        }
+    }
+    // Nobody asks meanwhile. GStreamer keeps one descriptor from the first video on.
+    EXPECT_TRUE(becomes_true([&] { return files() <= before + 1; })) << files() - before;
+    EXPECT_EQ(ask(port_, get("/streams"), 1000ms).status, 200);
+}
+
 TEST_F(Web, ends_at_a_signal_while_viewers_are_there) {
     serve();
     const Http_Client one(port_);
@@ -207,6 +230,34 @@ TEST_F(Web, ends_at_a_signal_while_viewers_are_there) {
     server_->signal(SIGTERM);
     EXPECT_EQ(server_->wait(), 0);
     EXPECT_LT(watch.elapsed(), 3000ms);
+}
+
+TEST_F(Web, service_file_is_valid_and_grants_nothing_to_write) {
+    const std::string file = ZAV_TEST_SERVICE_FILE;
+    const auto shell = [](const std::string& line) {
+        return Child_Process({"/bin/sh", "-c", line}).wait();
+    };
+    for (const char* line : {"ExecStart=" ZAV_TEST_INSTALLED_WEB, "DynamicUser=yes",
+                             "ReadOnlyPaths=/dev/shm", "CapabilityBoundingSet="}) {
+        EXPECT_EQ(shell(std::string("grep -qx '") + line + "' " + file), 0) << line;
+    }
+    const std::string unit = path("zav-shm-web.service");
+    ASSERT_EQ(shell("sed 's|" ZAV_TEST_INSTALLED_WEB "|" ZAV_TEST_WEB "|' " + file + " > " + unit),
+              0);
+    EXPECT_EQ(shell("test -z \"$(systemd-analyze verify --man=no " + unit + " 2>&1)\""), 0);
+}
+
+TEST_F(Web, server_needs_no_right_to_write) {
+    server_.emplace(std::vector<std::string>{
+        "/bin/sh", "-c",
+        "exec unshare --mount --propagation unchanged sh -c 'mount --bind /dev/shm /dev/shm && "
+        "mount -o remount,bind,ro /dev/shm && exec " ZAV_TEST_WEB " --port 0'"});
+    const auto line = server_->read_line();
+    ASSERT_TRUE(line);
+    port_ = static_cast<std::uint16_t>(std::stoi(line->substr(line->rfind(':') + 1)));
+    const Http_Client viewer(port_);
+    viewer.send(get(live));
+    EXPECT_NE(viewer.read(5000ms, 200'000).find("200 OK"), std::string::npos);
 }
 
 TEST_F(Web, video_ends_when_its_publisher_is_started_again) {
