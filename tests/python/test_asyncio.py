@@ -74,6 +74,23 @@ def test_a_wait_is_ended(end: str, from_thread: bool) -> None:
     assert asyncio.run(asyncio.wait_for(wait(), 20)) == 0
 
 
+def test_an_interruption_waits_for_the_next_wait(publisher: Publisher) -> None:
+    """Once, and not where there is a frame."""
+    async def use() -> None:
+        with tap(timeout=None) as reader:
+            reader.interrupt()
+            publisher.publish(b"1")
+            assert bytes(await reader.receive_async(20)) == b"1"
+            with pytest.raises(zav_shm.Interrupted):
+                await reader.receive_async(20)
+            with pytest.raises(zav_shm.Timeout):
+                await reader.receive_async(0.05)
+            with pytest.raises(zav_shm.Timeout):
+                reader.receive(0.05)
+
+    asyncio.run(use())
+
+
 def test_cancelled_and_second_tasks_do_no_harm(publisher: Publisher) -> None:
     """The reader goes on."""
     async def use() -> bytes:

@@ -73,6 +73,7 @@ class Subscriber(Endpoint):
                  history_bytes: int = 0, center_wait: float = 2.0,
                  folder: Optional[str] = None) -> None:
         self._waiting: Optional[_Waiting] = None
+        self._is_interrupted = False
         self._timeout = timeout
         if timeout is not None:
             milliseconds("timeout", timeout)
@@ -121,14 +122,14 @@ class Subscriber(Endpoint):
         end = None if seconds is None else time.monotonic() + seconds
         try:
             while True:
-                await waiting.readable(None if end is None else end - time.monotonic())
-                if waiting.is_interrupted:
-                    raise Interrupted("interrupt() was called")
-                frame = self._next(0)
+                # Once more, now that interrupt() and close() know of this task. The library takes
+                # an interruption only in a call that would wait.
+                frame = self._next(1 if self._is_interrupted else 0)
                 if frame is not None:
                     return frame
                 if end is not None and time.monotonic() >= end:
                     raise self._timed_out(seconds)
+                await waiting.readable(None if end is None else end - time.monotonic())
         finally:
             self._waiting = None
             waiting.end()
@@ -176,11 +177,11 @@ class Subscriber(Endpoint):
 
     def interrupt(self) -> None:
         """Ends a receive() or a `for` that waits, or else the next one that would. Any thread."""
+        check(self._call("interrupt"))
+        self._is_interrupted = True
         waiting = self._waiting
         if waiting is not None:
-            waiting.interrupt()
-        else:
-            check(self._call("interrupt"))
+            waiting.wake()
 
     def close(self) -> None:
         """Leaves. Whoever waits for a frame gets Closed. The second time nothing happens."""
@@ -208,6 +209,7 @@ class Subscriber(Endpoint):
         if status == _library.TIMEOUT:
             return None
         if status == _library.INTERRUPTED:
+            self._is_interrupted = False
             raise Interrupted("interrupt() was called")
         raise error_of(status)
 
@@ -228,7 +230,6 @@ class _Waiting:
         self._loop = asyncio.get_running_loop()
         self._descriptor = descriptor
         self._event = asyncio.Event()
-        self.is_interrupted = False
         self._loop.add_reader(descriptor, self._event.set)
 
     async def readable(self, seconds: Optional[float]) -> None:
@@ -245,11 +246,6 @@ class _Waiting:
             self._loop.call_soon_threadsafe(self._event.set)
         except RuntimeError:
             pass  # the loop is closed, and nobody waits
-
-    def interrupt(self) -> None:
-        """From any thread."""
-        self.is_interrupted = True
-        self.wake()
 
     def end(self) -> None:
         """Leaves the loop."""
