@@ -21,9 +21,11 @@ file(RELATIVE_PATH prefix_from_pkgconfig
     /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" prefix_from_pkgconfig "${prefix_from_pkgconfig}")
 configure_file(cmake/zav_shm.pc.in zav_shm.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zav_shm.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(cmake/zav_shm_c.pc.in zav_shm_c.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zav_shm.pc ${CMAKE_CURRENT_BINARY_DIR}/zav_shm_c.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES bench/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench)
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
-    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.cpp")
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.cpp" PATTERN "*.c" PATTERN "*.py")

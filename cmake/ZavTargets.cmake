@@ -3,6 +3,7 @@
 # zav_library(<folder> SOURCES ... HEADERS ... [LINK ...])   one layer: target zav_<folder>,
 #                                                            alias zav_shm::<folder>
 # zav_program(<name> SOURCES ... [LINK ...])                 a program that is not installed
+# zav_c_program(<name> SOURCES ... [LINK ...])               the same in C99
 # zav_compile_options(<target>)                              language level, warnings, sanitizers
 
 function(zav_compile_options target)
@@ -69,5 +70,21 @@ function(zav_program name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})
     zav_compile_options(${name})
+    target_link_libraries(${name} PRIVATE ${ARG_LINK})
+endfunction()
+
+# Not instrumented itself: with a sanitizer it is linked as C++ is, for the libraries' sake.
+function(zav_c_program name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    set_target_properties(${name} PROPERTIES
+        C_STANDARD 99 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF LINKER_LANGUAGE CXX)
+    target_compile_options(${name} PRIVATE -pedantic -Wall -Wextra -Wconversion -Wshadow)
+    if(ZAV_SHM_WARNINGS_AS_ERRORS)
+        target_compile_options(${name} PRIVATE -Werror)
+    endif()
+    if(ZAV_SHM_SANITIZE)
+        target_link_options(${name} PRIVATE -fsanitize=${ZAV_SHM_SANITIZE})
+    endif()
     target_link_libraries(${name} PRIVATE ${ARG_LINK})
 endfunction()

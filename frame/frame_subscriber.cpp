@@ -78,6 +78,10 @@ public:
     }
     int descriptor();
     bool request_key_frame() const;
+    void interrupt() {
+        interrupted_ = true;
+        supply_.wake();
+    }
 
     Frame_State state() const;
     std::string reason() const;
@@ -111,6 +115,7 @@ private:
     std::atomic<bool> open_{false};
     std::atomic<unsigned> forks_{0};  // when it was opened
     std::atomic<bool> receiving_{false};
+    std::atomic<bool> interrupted_{false};
     std::atomic<std::int64_t> opened_ns_{0};
 
     // Of the receiving thread, and of open() and close().
@@ -309,7 +314,7 @@ Receive_Status ZAV_SHM_Frame_Subscriber::Body::take(Frame_Facts& frame,
         }
         supply_.tell_trouble();
         ask_for_key_frame();
-        goes_on = now < deadline_ns;
+        goes_on = now < deadline_ns && !interrupted_.exchange(false);
         if (goes_on) {
             source_.wait(deadline_ns);
             if (!source_.has_news()) {
@@ -495,6 +500,8 @@ Receive_Status ZAV_SHM_Frame_Subscriber::receive_view(zav_shm::Frame_View& view,
                                                       std::chrono::milliseconds timeout) {
     return body_->receive_view(view, timeout);
 }
+
+void ZAV_SHM_Frame_Subscriber::interrupt() { body_->interrupt(); }
 
 void ZAV_SHM_Frame_Subscriber::seek(const zav_shm::Start& from) { body_->seek(from); }
 

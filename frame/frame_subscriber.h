@@ -18,7 +18,7 @@ namespace zav_shm {
 
 enum class Receive_Status {
     frame,    // here it is
-    timeout,  // none within the time; state() tells why
+    timeout,  // none within the time, or interrupt() was called; state() tells why
     closed    // close() was called, or open() was not
 };
 
@@ -44,8 +44,8 @@ enum class Receive_Status {
 /// Owner    of its place in the center's books, its card beside the producer's ring, and, for a
 ///          producer without a history, a thread and a history.
 /// Threads  receive(), receive_view(), seek() and descriptor() from one thread at a time; pair(),
-///          request_key_frame(), state(), counters() and close() from any, also while one of the
-///          others is blocked.
+///          request_key_frame(), interrupt(), state(), counters() and close() from any, also while
+///          one of the others is blocked.
 /// Blocking receive() and receive_view() take at most the time given. So do open() (`center_wait`),
 ///          pair() and close().
 /// Errors   are values. Nothing throws and nothing is printed but the documented lines of the base
@@ -104,6 +104,10 @@ public:
     /// it at any moment: what came of it counts only if view.is_whole() says so afterwards.
     zav_shm::Receive_Status receive_view(zav_shm::Frame_View& view,
                                          std::chrono::milliseconds timeout);
+
+    /// Ends a receive() or receive_view() that waits, or else the next one that would: it returns
+    /// timeout at once.
+    void interrupt();
 
     /// Goes on somewhere else in the history that there is. What lies between does not count as
     /// lost.

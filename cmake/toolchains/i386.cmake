@@ -9,6 +9,7 @@ set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
 # only libc6-dev:i386 has them; they are the same as the native ones.
 set(CMAKE_C_COMPILER gcc-12)
 set(CMAKE_CXX_COMPILER g++-12)
+set(CMAKE_C_FLAGS_INIT -m32)
 set(CMAKE_CXX_FLAGS_INIT "-m32 -idirafter /usr/include/x86_64-linux-gnu")
 set(CMAKE_EXE_LINKER_FLAGS_INIT -m32)
 set(CMAKE_MODULE_LINKER_FLAGS_INIT -m32)

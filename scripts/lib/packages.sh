@@ -31,11 +31,15 @@ test_packages=(
     systemd # checks the service file
 )
 
+# What native builds need for the tests of the Python package.
+# shellcheck disable=SC2034
+python_packages=(python3 python3-pytest python3-numpy)
+
 # What scripts/check needs beside those.
 # shellcheck disable=SC2034
 check_packages=(
     clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
-    shellcheck git
+    shellcheck git mypy
     spin # scripts/model
 )
 

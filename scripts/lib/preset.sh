@@ -19,7 +19,7 @@ build_preset() {
 # What the short form of scripts/test builds: the layers without the daemon and the tool, whose
 # programs take as long to build as all these.
 # shellcheck disable=SC2034  # used by the scripts that source this file
-short_targets=(unit_tests ring_unit_tests frame_unit_tests ipc_tests ring_tests frame_tests system_tests)
+short_targets=(unit_tests ring_unit_tests frame_unit_tests ipc_tests ring_tests frame_tests c_tests system_tests)
 
 # And what it leaves out: the programs that were not built, and of the tests with processes of
 # their own all but one with frames.

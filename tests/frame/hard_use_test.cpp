@@ -82,6 +82,28 @@ TEST_F(Hard_Use, in_a_forked_child_leaves_the_parents_stream_alone) {
     EXPECT_EQ(next(*player).size(), 1U);
 }
 
+TEST_F(Hard_Use, interrupt_ends_the_wait_that_there_is_or_the_next_one) {
+    ZAV_SHM_Frame_Subscriber player({.name = "PLAYER", .producer = "CAM_LOOP"});
+    Received_Frame frame;
+    player.interrupt();
+    EXPECT_EQ(Receive_Status::closed, player.receive(frame, 1h));
+    ASSERT_TRUE(player.open());
+    for (int i = 0; i < 20; ++i) {
+        std::thread interrupting([&player, i] {
+            std::this_thread::sleep_for(1ms * (i % 3));
+            player.interrupt();
+        });
+        EXPECT_EQ(Receive_Status::timeout, player.receive(frame, 1h));
+        interrupting.join();
+    }
+    // One is enough for whatever came of it before, and frames are not held up by it.
+    player.interrupt();
+    EXPECT_TRUE(camera.publish({}).published());
+    EXPECT_EQ(Receive_Status::frame, player.receive(frame, 1h));
+    EXPECT_EQ(Receive_Status::timeout, player.receive(frame, 1h));
+    player.close();
+}
+
 TEST_F(Hard_Use, closes_beside_a_thread_that_seeks) {
     publish_numbers(camera, 1, 50, 10);
     for (int i = 0; i < 100; ++i) {
