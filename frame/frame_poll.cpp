@@ -94,11 +94,17 @@ void Frame_Poll::watch_place(Ring_Follower& follower) {
         }
         deadline_ns = monotonic_ns() + look_interval_ns;
         follower.wait(deadline_ns);
-    } while (monotonic_ns() >= deadline_ns);
+    } while (monotonic_ns() >= deadline_ns && !is_stopping());
     const Guard guard(mutex_);
     follower_.reset();
     waits_ = false;
     eventfd_write(readable_.get(), 1);
+}
+
+// The destructor wakes once, and that may be just when the time of a wait is over.
+bool Frame_Poll::is_stopping() {
+    const Guard guard(mutex_);
+    return stopping_;
 }
 
 // The route, since the wake of a center that has changed it may come before the sleep.

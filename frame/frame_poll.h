@@ -46,6 +46,7 @@ private:
     void run();
     std::shared_ptr<Ring_Follower> wait_for_place();
     void watch_place(Ring_Follower& follower);
+    bool is_stopping();
     static bool has_something(Place& place, Ring_Follower& follower);
 
     Descriptor readable_;  // eventfd

@@ -126,6 +126,27 @@ TEST_F(Hard_Use, closes_beside_a_thread_that_seeks) {
     }
 }
 
+// The descriptor's thread looks at the name each second; each of these closes about then.
+TEST_F(Hard_Use, closes_when_the_thread_of_the_descriptor_looks_around) {
+    publish_numbers(camera, 1, 5);
+    std::vector<std::thread> closing;
+    for (int i = 0; i < 60; ++i) {
+        closing.emplace_back([i] {
+            ZAV_SHM_Frame_Subscriber tap({.producer = "CAM_LOOP"});
+            ASSERT_TRUE(tap.open());
+            ASSERT_GE(tap.descriptor(), 0);
+            Received_Frame frame;
+            const auto begin = std::chrono::steady_clock::now();
+            EXPECT_EQ(tap.receive(frame, 0ms), Receive_Status::timeout);
+            std::this_thread::sleep_until(begin + 1s + i * 20us);
+            tap.close();
+        });
+    }
+    for (std::thread& thread : closing) {
+        thread.join();
+    }
+}
+
 TEST_F(Hard_Use, paces_without_end_when_the_limit_is_the_longest_time) {
     ZAV_SHM_Frame_Publisher file(
         {.name = "CAM_REC", .paced = true, .pace_limit = std::chrono::milliseconds::max()});
