@@ -24,7 +24,8 @@ namespace zav_shm::web {
 
 namespace {
 
-constexpr unsigned connection_timeout_s = 20;  // without a byte taken or sent
+constexpr unsigned connection_timeout_s = 20;      // without a byte taken or sent
+constexpr std::chrono::seconds request_limit{10};  // from its first byte to its last one
 constexpr std::size_t request_memory = 32'768;
 constexpr std::size_t live_block = 65'536;
 
@@ -110,6 +111,7 @@ struct Http_Server::Library {
         // The first call comes before the body, of which nothing is wanted.
         if (*seen == nullptr) {
             *seen = server;
+            static_cast<Http_Server*>(server)->deadline_->is_met(connection);
             return MHD_YES;
         }
         if (*upload_bytes != 0) {
@@ -122,6 +124,23 @@ struct Http_Server::Library {
         } catch (const std::exception&) {  // no memory, or no thread
             return MHD_NO;
         }
+    }
+
+    static void connection(void* server, MHD_Connection* connection, void** /*context*/,
+                           MHD_ConnectionNotificationCode what) {
+        Request_Deadline& deadline = *static_cast<Http_Server*>(server)->deadline_;
+        const auto* const info =
+            MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+        if (what == MHD_CONNECTION_NOTIFY_STARTED && info != nullptr) {
+            deadline.begin(connection, info->connect_fd);
+        } else {
+            deadline.end(connection);
+        }
+    }
+
+    static void answered(void* server, MHD_Connection* connection, void** /*seen*/,
+                         MHD_RequestTerminationCode /*how*/) {
+        static_cast<Http_Server*>(server)->deadline_->begin_next(connection);
     }
 };
 
@@ -147,13 +166,15 @@ std::string Http_Server::open() {
     // the place is taken until the next client comes, who is refused for that.
     const unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD |
                            MHD_USE_POLL | MHD_USE_ITC | (is_v4 ? 0U : unsigned{MHD_USE_IPv6});
+    deadline_ = std::make_unique<Request_Deadline>(request_limit);
     errno = 0;
     daemon_.reset(MHD_start_daemon(
         flags, 0, nullptr, nullptr, Library::request, this, MHD_OPTION_SOCK_ADDR,
         static_cast<const sockaddr*>(address), MHD_OPTION_CONNECTION_LIMIT, options_.viewers,
         MHD_OPTION_PER_IP_CONNECTION_LIMIT, options_.viewers_per_address,
         MHD_OPTION_CONNECTION_TIMEOUT, connection_timeout_s, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
-        request_memory, MHD_OPTION_END));
+        request_memory, MHD_OPTION_NOTIFY_CONNECTION, Library::connection, this,
+        MHD_OPTION_NOTIFY_COMPLETED, Library::answered, this, MHD_OPTION_END));
     return daemon_ ? ""
                    : "cannot listen on " + options_.address + " port " +
                          std::to_string(options_.port) + ": " + std::strerror(errno);

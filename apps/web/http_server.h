@@ -8,6 +8,7 @@
 
 #include "apps/web/access_check.h"
 #include "apps/web/options.h"
+#include "apps/web/request_deadline.h"
 
 struct MHD_Connection;
 struct MHD_Daemon;
@@ -51,6 +52,7 @@ private:
     const Options options_;
     const Access_Check access_;
     std::atomic<bool> stopping_{false};
+    std::unique_ptr<Request_Deadline> deadline_;  // outlives the connections
     std::unique_ptr<MHD_Daemon, Stop> daemon_;
 };
 

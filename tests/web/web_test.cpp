@@ -220,6 +220,40 @@ TEST_F(Web, viewers_that_left_hold_no_place) {
     EXPECT_EQ(ask(port_, get("/streams"), 1000ms).status, 200);
 }
 
+// A byte a second is never silence.
+TEST_F(Web, requests_that_do_not_come_to_their_end_hold_no_place) {
+    serve();
+    std::vector<std::unique_ptr<Http_Client>> slow;
+    for (int i = 0; i < 8; ++i) {
+        slow.push_back(std::make_unique<Http_Client>(port_));
+        slow.back()->send("GET / HTTP/1.1\r\nX: ");
+    }
+    EXPECT_EQ(ask(port_, get("/streams"), 1000ms).status, 0);
+    for (int second = 0; second < 12; ++second) {
+        for (const auto& one : slow) {
+            one->send("a");
+        }
+        std::this_thread::sleep_for(1s);
+    }
+    EXPECT_EQ(ask(port_, get("/streams"), 1000ms).status, 200);
+}
+
+// Its own connection may be used for long, and answers take as long as they like.
+TEST_F(Web, connection_that_is_used_again_has_its_time_again) {
+    serve();
+    const Http_Client viewer(port_);
+    viewer.send(get(live));
+    const Http_Client kept(port_);
+    for (int i = 0; i < 3; ++i) {
+        kept.send("GET /streams HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+        EXPECT_NE(kept.read(1000ms, 12).find("200"), std::string::npos) << i;
+        kept.read(100ms);
+        std::this_thread::sleep_for(4s);
+    }
+    viewer.read(0ms, 1'000'000);
+    EXPECT_FALSE(viewer.read(2000ms, 1).empty());
+}
+
 TEST_F(Web, ends_at_a_signal_while_viewers_are_there) {
     serve();
     const Http_Client one(port_);
