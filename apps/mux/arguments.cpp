@@ -55,7 +55,7 @@ public:
         app_.add_option_function<std::string>(
                 "--audio",
                 [this](const std::string& text) { options_.sounds = parse_stream(text); },
-                "Producer's stream of sounds, such as CAM_LOOP/0/1: AAC, Opus or G.711")
+                "Producer's stream of sounds, such as CAM_LOOP/0/1: AAC, Opus, or with mkv G.711")
             ->check(tool::checked_by(stream_mistake))
             ->type_name("NAME[/CHANNEL[/STREAM]]");
         app_.add_option_function<std::string>(

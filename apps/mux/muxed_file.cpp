@@ -96,6 +96,13 @@ bool Muxed_File::begin_tracks(const Received_Frame& first) {
         sounds = sounds_->begin(first, first_sound_limit);
         if (!sounds) {
             tool::complain(file_.title() + " has no sound: none came from " + sounds_->title());
+        } else if (!Muxer::can_hold(settings_.container, sounds->codec)) {
+            tool::complain(file_.title() + " has no sound: " + sounds_->title() + " is no AAC or " +
+                           "Opus" +
+                           (settings_.container == Container::mp4
+                                ? ", which is what MP4 holds; --format mkv holds G.711, too"
+                                : ", nor G.711"));
+            sounds.reset();
         }
     }
     has_sounds_ = sounds.has_value();

@@ -46,12 +46,13 @@ std::string parser_of(std::uint32_t codec) {
 
 std::string description_of(Container container, const Frame_Format& pictures,
                            const Frame_Format* sounds) {
-    std::string text = "appsrc name=pictures " + std::string(source) + " " +
-                       parser_of(pictures.codec) + "! " + muxer_of(container) +
-                       " name=muxer ! appsink name=file sync=false max-buffers=0 ";
+    std::string text = std::string(muxer_of(container)) +
+                       " name=muxer ! appsink name=file sync=false max-buffers=0 "
+                       "appsrc name=pictures " +
+                       source + " " + parser_of(pictures.codec) + "! muxer.video_0 ";
     if (sounds != nullptr) {
         text += "appsrc name=sounds " + std::string(source) + " " + parser_of(sounds->codec) +
-                "! muxer.";
+                "! muxer.audio_0";
     }
     return text;
 }
@@ -147,6 +148,11 @@ Muxer::~Muxer() {
     if (pipeline_->whole) {
         gst_element_set_state(pipeline_->whole.get(), GST_STATE_NULL);
     }
+}
+
+bool Muxer::can_hold(Container container, std::uint32_t sounds) {
+    return sounds == codec::aac || sounds == codec::opus ||
+           (container == Container::matroska && (sounds == codec::pcma || sounds == codec::pcmu));
 }
 
 void Muxer::add_picture(std::span<const std::byte> unit, const Times& times, bool is_key_frame) {

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <span>
@@ -26,6 +27,9 @@ enum class Container { mp4, matroska };
 class Muxer {
 public:
     using nanoseconds = std::chrono::nanoseconds;
+
+    /// Whether sounds of this codec can be in it.
+    static bool can_hold(Container container, std::uint32_t sounds);
 
     /// @param sounds  their format; null without them
     Muxer(Container container, const Frame_Format& pictures, const Frame_Format* sounds);

@@ -97,12 +97,20 @@ Publishing::Stream Mux::pictures(std::uint32_t codec, int count, const std::stri
             encoded(raw + (codec == zav_shm::codec::h264 ? h264 : h265))};
 }
 
-Publishing::Stream Mux::sounds(int count) {
+Publishing::Stream Mux::sounds(std::uint32_t codec) {
+    if (codec == zav_shm::codec::pcma) {
+        return {1,
+                {codec, 0, 0, 8000, 1, 1},
+                encoded("audiotestsrc num-buffers=100 samplesperbuffer=160 ! "
+                        "audio/x-raw,rate=8000,channels=1 ! alawenc")};
+    }
+    const std::string source =
+        "audiotestsrc num-buffers=94 samplesperbuffer=1024 ! audio/x-raw,rate=48000,channels=1 ! ";
     return {1,
-            {zav_shm::codec::aac, 0, 0, 48000, 1, 1},
-            encoded("audiotestsrc num-buffers=" + std::to_string(count) +
-                    " samplesperbuffer=1024 ! audio/x-raw,rate=48000,channels=1 ! avenc_aac ! "
-                    "aacparse ! audio/mpeg,stream-format=adts")};
+            {codec, 0, 0, 48000, 1, 1},
+            encoded(source + (codec == zav_shm::codec::opus
+                                  ? "opusenc"
+                                  : "avenc_aac ! aacparse ! audio/mpeg,stream-format=adts"))};
 }
 
 Tool_Process Mux::start_mux(const std::vector<std::string>& more) {

@@ -54,8 +54,8 @@ protected:
     static Publishing::Stream pictures(std::uint32_t codec, int count,
                                        const std::string& pattern = "ball");
 
-    /// AAC, 1024 samples of 48000 in each packet.
-    static Publishing::Stream sounds(int count);
+    /// Two seconds of AAC, whose packets have 21.3 ms, Opus or A-law with 20 ms.
+    static Publishing::Stream sounds(std::uint32_t codec);
 
     Tool_Process start_mux(const std::vector<std::string>& more);
 
