@@ -2,6 +2,7 @@
 //
 // zavsrc: where it goes on when the pipeline was slower than the history is long.
 #include "source_fixture.h"
+#include "support/threads.h"
 
 namespace {
 
@@ -27,7 +28,12 @@ protected:
         pipeline.set_state(GST_STATE_PLAYING);
         publish_long(0);
         auto last = pipeline.next();
-        for (unsigned number = 1; number < overrun_frames; ++number) {
+        // One that the sink holds, and one that there is no room for.
+        for (unsigned number = 1; number <= 2; ++number) {
+            publish_long(number);
+            EXPECT_TRUE(becomes_true([&] { return pipeline.figure("frames") > number; }));
+        }
+        for (unsigned number = 3; number < overrun_frames; ++number) {
             publish_long(number);
         }
         while (last) {

@@ -7,9 +7,13 @@
 
 #include <algorithm>
 
-std::vector<Encoded> encoded(const std::string& pipeline) {
+void start_encoders() {
     gst_init(nullptr, nullptr);
     g_thread_pool_set_max_unused_threads(0);  // they would be left for a while
+    EXPECT_EQ(encoded("videotestsrc num-buffers=1").size(), 1U);
+}
+
+std::vector<Encoded> encoded(const std::string& pipeline) {
     GError* error = nullptr;
     GstElement* const whole =
         gst_parse_launch((pipeline + " ! appsink name=out sync=false").c_str(), &error);

@@ -14,6 +14,9 @@ struct Encoded {
     bool is_key = false;
 };
 
+/// Starts GStreamer, with the threads and descriptors that it keeps from its first pipeline on.
+void start_encoders();
+
 /// Runs an encoder to its end.
 ///
 /// @param pipeline  GStreamer's words for a source and an encoder

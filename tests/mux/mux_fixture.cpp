@@ -74,10 +74,14 @@ void Publishing::run(bool once) {
     }
 }
 
-void Mux::SetUp() {
-    Tool::SetUp();
+void Mux::SetUpTestSuite() {
     setenv("GST_REGISTRY", ZAV_TEST_REGISTRY, 1);
     setenv("GST_REGISTRY_FORK", "no", 1);
+    start_encoders();
+}
+
+void Mux::SetUp() {
+    Tool::SetUp();
     make_folder("shm");
     ASSERT_TRUE(std::filesystem::create_directory(folder()));
 }

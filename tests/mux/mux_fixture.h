@@ -48,6 +48,7 @@ protected:
     static constexpr std::int64_t ms = 1'000'000;
     static constexpr int key_interval = 20;
 
+    static void SetUpTestSuite();
     void SetUp() override;
 
     /// 50 pictures a second, reordered, with a key frame each 20.
