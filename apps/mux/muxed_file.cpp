@@ -59,6 +59,9 @@ std::optional<Problem> Muxed_File::begin() {
 // ---- what goes in ----
 
 bool Muxed_File::write(int stream, const Received_Frame& frame) {
+    if (frame.length == 0) {  // the end of a stream is one without a picture
+        return !problem_;
+    }
     if (problem_ || (!muxer_ && !begin_tracks(frame))) {
         return false;
     }

@@ -163,7 +163,7 @@ void Muxer::add_picture(std::span<const std::byte> unit, const Times& times, boo
 }
 
 void Muxer::add_sound(std::span<const std::byte> packet, const Times& times) {
-    if (failure_.empty() && pipeline_->sounds) {
+    if (failure_.empty() && pipeline_->sounds && !packet.empty()) {
         Pipeline::push(pipeline_->sounds.get(), packet, times, 0);
     }
 }

@@ -44,7 +44,8 @@ public:
         nanoseconds duration{0};
     };
 
-    /// @param unit  an access unit with start codes; the first one has its parameter sets.
+    /// @param unit  an access unit with start codes, not empty; the first one has its parameter
+    /// sets.
     void add_picture(std::span<const std::byte> unit, const Times& times, bool is_key_frame);
 
     void add_sound(std::span<const std::byte> packet, const Times& times);

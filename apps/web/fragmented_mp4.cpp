@@ -67,7 +67,7 @@ Fragmented_Mp4::~Fragmented_Mp4() {
 
 void Fragmented_Mp4::add(std::span<const std::byte> unit, std::chrono::nanoseconds pts,
                          std::chrono::nanoseconds interval, bool is_key_frame) {
-    if (!failure_.empty()) {
+    if (!failure_.empty() || unit.empty()) {  // the end of a stream has no picture
         return;
     }
     GstBuffer* const buffer = gst_buffer_new_memdup(unit.data(), unit.size());

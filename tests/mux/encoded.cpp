@@ -31,7 +31,9 @@ std::vector<Encoded> encoded(const std::string& pipeline) {
         one.bytes.resize(gst_buffer_get_size(buffer));
         gst_buffer_extract(buffer, 0, one.bytes.data(), one.bytes.size());
         one.pts_ns = static_cast<std::int64_t>(GST_BUFFER_PTS(buffer));
-        one.duration_ns = static_cast<std::int64_t>(GST_BUFFER_DURATION(buffer));
+        one.duration_ns = GST_BUFFER_DURATION_IS_VALID(buffer)
+                              ? static_cast<std::int64_t>(GST_BUFFER_DURATION(buffer))
+                              : 0;
         one.is_key = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
         all.push_back(std::move(one));
         gst_sample_unref(sample);

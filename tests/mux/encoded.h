@@ -9,8 +9,8 @@
 /// What a real encoder made: an access unit, or a packet of sound.
 struct Encoded {
     std::vector<std::byte> bytes;
-    std::int64_t pts_ns = 0;  // from the first one on, in the order of decoding
-    std::int64_t duration_ns = 0;
+    std::int64_t pts_ns = 0;       // from the first one on, in the order of decoding
+    std::int64_t duration_ns = 0;  // 0: the encoder does not say it
     bool is_key = false;
 };
 

@@ -9,6 +9,16 @@
 
 #include "support/child_process.h"
 
+namespace {
+
+// From one frame to the next one; only those that are not reordered may leave it unsaid.
+std::int64_t interval_ns(const std::vector<Encoded>& frames) {
+    const std::int64_t said_ns = frames.front().duration_ns;
+    return said_ns != 0 ? said_ns : frames.at(2).pts_ns - frames.at(1).pts_ns;
+}
+
+}  // namespace
+
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
@@ -45,9 +55,8 @@ void Publishing::run(bool once) {
     std::vector<Place> places(streams_.size());
     const auto begin = steady_clock::now();
     const auto due_ns = [&](std::size_t i) {
-        const Stream& stream = streams_[i];
         return places[i].base_ns +
-               static_cast<std::int64_t>(places[i].frame) * stream.frames.front().duration_ns;
+               static_cast<std::int64_t>(places[i].frame) * interval_ns(streams_[i].frames);
     };
     while (!stopping_) {
         std::optional<std::size_t> next;

@@ -226,6 +226,28 @@ TEST_F(Mux_Run, producer_that_is_started_again_begins_a_file) {
     EXPECT_GT(decode(*second), 20U);
 }
 
+// What pipelines publish at their end, and what no decoder could do anything with.
+TEST_F(Mux_Run, frames_without_a_picture_harm_nothing) {
+    auto stream = pictures(zav_shm::codec::h264, 60);
+    auto sound = sounds(zav_shm::codec::aac);
+    for (Publishing::Stream* one : {&stream, &sound}) {
+        one->frames[30].bytes.clear();
+        one->frames[31].bytes.assign(1, std::byte{0});
+        one->frames[32].bytes.assign(500, std::byte{0x5a});
+    }
+    Publishing camera({stream, sound}, false);
+    for (const std::string container : {"mp4", "mkv"}) {
+        Tool_Process mux = start_mux({"--audio", "CAM_LOOP/0/1", "--format", container,
+                                      "--duration", "3", "--pattern", container});
+        EXPECT_EQ(mux.status(), 0) << mux.errors();
+        const std::string count = shell(
+            "ffprobe -v quiet -count_packets -select_streams v -show_entries "
+            "stream=nb_read_packets -of csv=p=0 '" +
+            path("files/") + container + "'");
+        EXPECT_GT(std::atoi(count.c_str()), 100) << container;
+    }
+}
+
 TEST_F(Mux_Run, what_cannot_be_is_refused) {
     const auto refusal = [this](const std::vector<std::string>& words) {
         Tool_Process mux = start(words);

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "frame/frame_publisher.h"
 #include "ring/reader_card.h"
 #include "support/threads.h"
 #include "tool/tool_frames.h"
@@ -306,6 +307,36 @@ TEST_F(Web, video_ends_when_its_publisher_is_started_again) {
     viewer.read(8000ms);
     EXPECT_LT(watch.elapsed(), 7000ms) << "the page asks anew";
     EXPECT_EQ(ask(port_, get(live), 2000ms).status, 200);
+}
+
+// Pipelines publish at their end a frame without a picture; anything may come from a broken one.
+TEST_F(Web, frames_without_a_picture_end_no_video) {
+    serve();
+    const auto units =
+        split(zav_shm::media::Video_Codec::h264, bytes_of(content(sample("sub.h264"))));
+    ZAV_SHM_Frame_Publisher odd(
+        {.name = "ODD", .format = {zav_shm::codec::h264, 64, 48, 25, 1, 0}});
+    static_cast<void>(odd.open());
+    std::int64_t number = 0;
+    const auto publish = [&](const Bytes& bytes, bool is_key) {
+        odd.publish(bytes, {.flags = is_key ? zav_shm::frame_flag::key_frame : std::uint16_t{0},
+                            .pts = number++ * 40ms});
+    };
+    for (int i = 0; i < 5; ++i) {
+        publish(units[static_cast<std::size_t>(i)].bytes, i == 0);
+    }
+    publish({}, false);
+    const Http_Client viewer(port_);
+    viewer.send(get("/live?name=ODD&channel=0&stream=0"));
+    EXPECT_FALSE(viewer.read(5000ms, 1).empty());
+    publish({}, false);
+    publish(Bytes(1), false);
+    publish(Bytes(500, std::byte{0x5a}), false);
+    for (int i = 5; i < 10; ++i) {
+        publish(units[static_cast<std::size_t>(i)].bytes, false);
+    }
+    viewer.read(500ms);
+    EXPECT_EQ(ask(port_, get("/streams"), 1000ms).status, 200);
 }
 
 }  // namespace
