@@ -428,7 +428,8 @@ TEST_F(Mixed, idle_ends_wake_up_once_a_second_at_most) {
     EXPECT_LE(switches("zav_link") - link, 3) << "this center has no page";
     const long relay_count = static_cast<long>(center->manager()->snapshot().size());
     EXPECT_GT(relay_count, 0);
-    EXPECT_LE(switches("zav_relay") - relays, 3 * relay_count);
+    // A wake-up that meets a lock sleeps twice. Relays that are not idle sleep 200 times a second.
+    EXPECT_LE(switches("zav_relay") - relays, 6 * relay_count);
     player.close();
     waiting.join();
 }
