@@ -4,10 +4,12 @@
 #include <atomic>
 #include <memory>
 
+#include "center/center_event.h"
 #include "center/receive_thread.h"
 #include "center/reply_sender.h"
 #include "center/ring_consumers.h"
 #include "config/zav_shm_config.h"
+#include "ipc/annotated_mutex.h"
 #include "ipc/zav_msg_q.h"
 #include "stream/transmission_manager.h"
 
@@ -42,6 +44,8 @@ struct Center_State {
     std::atomic<bool> stopping{false};  // shutdown writes, receive thread reads
     Receive_Thread receiver;
     std::unique_ptr<ZAV_SHM_CENTER> served;  // whom the receive thread serves for
+    Mutex watcher_mutex;
+    Center_Watcher watcher ZAV_SHM_GUARDED_BY(watcher_mutex);
 };
 
 }  // namespace zav_shm

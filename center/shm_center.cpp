@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "center/center_state.h"
 #include "control/control_protocol.h"
@@ -142,6 +143,24 @@ void ZAV_SHM_CENTER::receive_and_serve() {
     if (action) {
         action->execute(text);
     }
+    tell_watcher(text, action != nullptr);
+}
+
+void ZAV_SHM_CENTER::tell_watcher(const std::string& text, bool is_known) {
+    const std::string refusal = std::exchange(refusal_, {});
+    const zav_shm::Guard guard(state_->watcher_mutex);
+    if (!state_->watcher || state_->stopping) {
+        return;
+    }
+    const control::Request request(text);
+    state_->watcher({is_known ? control::Fields(text).text(control::field::command) : std::string(),
+                     request.type, request.name, request.pair_name, request.channel, request.stream,
+                     request.pid, request.ring, refusal});
+}
+
+void ZAV_SHM_CENTER::watch_requests(zav_shm::Center_Watcher watcher) {
+    const zav_shm::Guard guard(state_->watcher_mutex);
+    state_->watcher = std::move(watcher);
 }
 
 // Without this, each of these errors comes back at once and for ever: the message that is too
@@ -222,5 +241,6 @@ int ZAV_SHM_CENTER::refuse(const char* command, const char* status, const std::s
     reply[control::field::status] = status;
     reply[control::field::reason] = reason;
     shm_center_reply_msg(reply, pid);
+    refusal_ = reason;
     return 0;
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "center/center_action.h"
+#include "center/center_event.h"
 #include "center/ring_consumers.h"
 #include "config/zav_shm_config.h"
 #include "control/control_protocol.h"
@@ -94,6 +95,13 @@ public:
     /// center calls it: the host does, when it likes.
     void kick_idle_client();
 
+    // ---- the host's view ----
+
+    /// Has `watcher` called for each request from now on; an empty one ends that. When this
+    /// returns, the former one is not running and is not called any more, so it is not to be called
+    /// from a watcher. Any thread.
+    void watch_requests(zav_shm::Center_Watcher watcher);
+
     /// Owner of all relays; null after shutdown.
     SHM_Stream_Transmission_Manager* manager() const;
 
@@ -107,6 +115,7 @@ private:
     explicit ZAV_SHM_CENTER(std::shared_ptr<zav_shm::Center_State> state);
     bool is_shut_down() const;
     void receive_and_serve();
+    void tell_watcher(const std::string& text, bool is_known);
     void recover_from(int error);
     int refuse(const char* command, const char* status, const std::string& reason, int pid);
     int verify_ring_pair_msg(const zav_shm::control::Request& request);
@@ -119,6 +128,7 @@ private:
                            const Shm_Stream_Transmission_Index& key);
 
     std::shared_ptr<zav_shm::Center_State> state_;  // shared with the receive thread
+    std::string refusal_;                           // why the request in hand was refused
 };
 
 /// The receive thread's body: serves requests for the center `center` for ever.

@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "apps/centerd/outcome.h"
+#include "apps/log/log_level_option.h"
 
 namespace zav_shm::centerd {
 
@@ -73,6 +74,7 @@ void add_options(CLI::App& app, Options& options, double& kick_seconds, std::str
         ->check(CLI::Validator(mode_mistake, ""));
     app.add_flag("--clean", options.clean,
                  "Remove segments, semaphores and queues at the end; otherwise they stay");
+    add_log_level(app, options.log_level);
 }
 
 int ended_at_once(const CLI::App& app, const CLI::ParseError& reason) {

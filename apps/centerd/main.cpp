@@ -16,6 +16,7 @@
 
 namespace {
 
+using namespace zav_shm;
 using namespace zav_shm::centerd;
 
 Outcome run(const Options& options) {
@@ -49,6 +50,7 @@ void open_standard_streams() {
 
 int main(int argc, char** argv) {
     open_standard_streams();
+    open_log("zav-shm-centerd");
     // Whole lines, also into a pipe: what the center prints is read while it runs.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     set_up_signals();
@@ -57,6 +59,7 @@ int main(int argc, char** argv) {
         if (const int* const status = std::get_if<int>(&options)) {
             return *status;
         }
+        open_log("zav-shm-centerd", std::get<Options>(options).log_level);
         const Outcome failed = run(std::get<Options>(options));
         return failed ? exit_code(*failed) : 0;
     } catch (const std::bad_alloc&) {

@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "apps/log/log.h"
+
 namespace zav_shm::centerd {
 
 /// What the daemon was told on its command line.
@@ -17,6 +19,7 @@ struct Options {
     std::chrono::milliseconds kick_interval{5000};  // 0: never
     std::string group;                              // empty: the process's own
     std::optional<mode_t> mode;                     // 0600, 0660 or 0666
+    Log_Level log_level = log_level_default;
 };
 
 }  // namespace zav_shm::centerd

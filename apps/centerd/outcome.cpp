@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/centerd/outcome.h"
 
-#include <cstdio>
 #include <cstring>
-
-#include "apps/text/printable.h"
 
 namespace zav_shm::centerd {
 
@@ -12,13 +9,11 @@ Failure system_failure(const std::string& what, int error, const std::string& re
     return failure(Exit_Status::system_error, what + ": " + std::strerror(error) + "; " + remedy);
 }
 
-void report(const std::string& line) {
-    std::fprintf(stderr, "zav-shm-centerd: %s\n", printable(line).c_str());
-}
+void report(const std::string& line, Log_Level level) { write_log(level, line); }
 
 void report(const Failure& failure) {
     for (const std::string& line : failure.lines) {
-        report(line);
+        report(line, Log_Level::error);
     }
 }
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "apps/log/log.h"
+
 namespace zav_shm::centerd {
 
 /// What the process ends with; docs/daemon.md lists them for scripts.
@@ -31,10 +33,10 @@ inline Failure failure(Exit_Status status, const std::string& line) { return {st
 /// "<what>: <text of the error number>; <remedy>"
 Failure system_failure(const std::string& what, int error, const std::string& remedy);
 
-/// Writes "zav-shm-centerd: <line>" to standard error, in printable form.
-void report(const std::string& line);
+/// Logs a line whose first words name the object.
+void report(const std::string& line, Log_Level level = Log_Level::warning);
 
-/// Reports every line.
+/// Logs every line as an error.
 void report(const Failure& failure);
 
 /// Reports every line.

@@ -47,13 +47,14 @@ constexpr milliseconds interruption_period{70};
 Service::Service(const Ground& ground)
     : ground_(ground),
       published_(ground.config.shm_path, title_of(ground.options.config_path),
-                 status_names(ground.config), ground.rights.file()) {}
+                 status_names(ground.config), account_, ground.rights.file()) {}
 
 // The page of a center that was killed goes before there is another one: without a page clients
 // know that they have to wait, with the wrong one they would not.
 Outcome Service::run() {
     published_.remove();
     Hosted_Center hosted(ground_.config, ground_.inventory, ground_.queues);
+    hosted.center().watch_requests([this](const Center_Event& event) { account_.add(event); });
     std::optional<Idle_Kicker> kicker;
     Outcome failed = open_to_clients(hosted, kicker);
     if (!failed) {

@@ -59,6 +59,7 @@ private:
     void withdraw_page() const;
 
     const Ground ground_;
+    Request_Account account_;
     Status_Page published_;
     Outcome taken_over_;  // why this center has to leave its place to another one
     bool has_served_ = false;

@@ -71,10 +71,11 @@ Json::Value json_of(const Relay_Snapshot& relay) {
 }  // namespace
 
 Status_Page::Status_Page(std::string folder, std::string configuration, Json::Value names,
-                         File_Access access)
+                         const Request_Account& requests, File_Access access)
     : folder_(std::move(folder)),
       configuration_(std::move(configuration)),
       names_(std::move(names)),
+      requests_(requests),
       access_(access) {
     page_.epoch = random_epoch();
     page_.pid = static_cast<std::uint32_t>(getpid());
@@ -106,6 +107,7 @@ std::string Status_Page::status_of(const ZAV_SHM_CENTER& center) const {
     status["configuration"] = configuration_;
     status["kick_idle"] = center.is_kick_idle_enabled();
     status["names"] = names_;
+    requests_.write_to(status);
     status["channels"] = Json::Value(Json::arrayValue);
     for (const Relay_Snapshot& relay : center.manager()->snapshot()) {
         status["channels"].append(json_of(relay));

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "apps/centerd/request_account.h"
 #include "center/shm_center.h"
 #include "control/center_page.h"
 
@@ -20,8 +21,9 @@ public:
     /// @param folder         of the segments, "/shm"
     /// @param configuration  its file, or what stands for one
     /// @param names          who may be a client (status_names)
+    /// @param requests       what clients have asked; outlives this
     Status_Page(std::string folder, std::string configuration, Json::Value names,
-                File_Access access);
+                const Request_Account& requests, File_Access access);
 
     const Center_Page& page() const { return page_; }
 
@@ -44,6 +46,7 @@ private:
     const std::string folder_;
     const std::string configuration_;
     const Json::Value names_;
+    const Request_Account& requests_;
     const File_Access access_;
     Center_Page page_;
     Descriptor held_page_;  // the one written last, by which clients see that this lives

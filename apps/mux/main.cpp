@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "apps/log/log.h"
 #include "apps/mux/arguments.h"
 #include "apps/mux/muxed_file.h"
 #include "apps/tool/commands.h"
@@ -43,7 +44,7 @@ Exit_Status run(const mux::Options& options) {
 
 int main(int argc, char** argv) {
     tool::occupy_standard_descriptors();
-    tool::name_program("zav-shm-mux");
+    open_log("zav-shm-mux");
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     Exit_Status status = Exit_Status::system;
@@ -52,7 +53,7 @@ int main(int argc, char** argv) {
         const auto* const ended = std::get_if<Exit_Status>(&parsed);
         status = ended != nullptr ? *ended : run(std::get<mux::Options>(parsed));
     } catch (const std::exception& failure) {  // for want of memory or threads
-        tool::complain(failure.what());
+        write_log(Log_Level::error, failure.what());
     }
     return static_cast<int>(status);
 }

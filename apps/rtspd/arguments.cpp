@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 
+#include "apps/log/log_level_option.h"
 #include "apps/rtspd/problem.h"
 #include "ipc/shared_memory_folder.h"
 
@@ -184,7 +185,7 @@ void add_access(CLI::App& app, Options& options) {
 }
 
 int refused(const std::string& text) {
-    report(text + "; --help lists the arguments");
+    write_log(Log_Level::error, text + "; --help lists the arguments");
     return static_cast<int>(Exit_Status::usage);
 }
 
@@ -198,6 +199,7 @@ std::variant<Options, int> read_arguments(int argc, const char* const* argv) {
     add_network(app, options);
     add_access(app, options);
     add_streams(app, options);
+    add_log_level(app, options.log_level);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& reason) {

@@ -5,9 +5,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
-#include <utility>
-
-#include "apps/rtspd/problem.h"
+#include "apps/log/log.h"
 
 namespace zav_shm::rtspd {
 
@@ -17,7 +15,6 @@ using Clock = std::chrono::steady_clock;
 
 // Longer than any client needs from its connection to its first SETUP.
 constexpr std::chrono::seconds idle_max{30};
-constexpr std::chrono::seconds between_reports{5};
 
 // Seconds of a stream, and not minutes: what lies there is old when it is read.
 constexpr int unsent_bytes_max = 512 * 1024;
@@ -52,6 +49,7 @@ void Clients::on_connected(GstRTSPServer* /*server*/, GstRTSPClient* client, Cli
     g_signal_connect(client, "closed", G_CALLBACK(on_closed), clients);
     g_signal_connect(client, "pre-describe-request", G_CALLBACK(on_describe), clients);
     g_signal_connect(client, "pre-setup-request", G_CALLBACK(on_setup), clients);
+    g_signal_connect(client, "play-request", G_CALLBACK(on_play), nullptr);
 }
 
 bool Clients::let_in(GstRTSPClient* client, const std::string& address) {
@@ -59,30 +57,22 @@ bool Clients::let_in(GstRTSPClient* client, const std::string& address) {
     const auto known = per_address_.find(address);
     const unsigned present = known == per_address_.end() ? 0 : known->second;
     if (entries_.size() >= options_.clients) {
-        report_refusal("a client at " + address + " is refused: there are " +
-                       std::to_string(entries_.size()) + ", and --clients is " +
-                       std::to_string(options_.clients));
+        write_log(Log_Level::warning, address,
+                  "is refused: there are " + std::to_string(entries_.size()) +
+                      " clients, and --clients is " + std::to_string(options_.clients));
         return false;
     }
     if (present >= options_.clients_per_address) {
-        report_refusal("a client at " + address + " is refused: " + std::to_string(present) +
-                       " are there from this address, and --clients-per-address is " +
-                       std::to_string(options_.clients_per_address));
+        write_log(Log_Level::warning, address,
+                  "is refused: " + std::to_string(present) +
+                      " clients are there from this address, and --clients-per-address is " +
+                      std::to_string(options_.clients_per_address));
         return false;
     }
     ++per_address_[address];
     entries_[client] = {address, Clock::now()};
+    write_log(Log_Level::info, address, "a client connects");
     return true;
-}
-
-// Somebody who connects without end shall not fill the log.
-void Clients::report_refusal(const std::string& text) {
-    ++refused_;
-    if (const auto now = Clock::now(); now >= next_report_) {
-        next_report_ = now + between_reports;
-        report(refused_ == 1 ? text : text + " (" + std::to_string(refused_) + " were refused)");
-        refused_ = 0;
-    }
 }
 
 void Clients::set_up_socket(GstRTSPConnection* connection) const {
@@ -105,6 +95,7 @@ void Clients::on_closed(GstRTSPClient* client, Clients* clients) {
     if (entry == clients->entries_.end()) {
         return;
     }
+    write_log(Log_Level::info, entry->second.address, "a client has left");
     const auto address = clients->per_address_.find(entry->second.address);
     if (--address->second == 0) {
         clients->per_address_.erase(address);
@@ -120,6 +111,12 @@ GstRTSPStatusCode Clients::on_describe(GstRTSPClient* /*client*/, GstRTSPContext
 GstRTSPStatusCode Clients::on_setup(GstRTSPClient* /*client*/, GstRTSPContext* context,
                                     Clients* clients) {
     return clients->mounts_.prepare_track(context->uri->abspath);
+}
+
+void Clients::on_play(GstRTSPClient* client, GstRTSPContext* context, gpointer /*unused*/) {
+    const char* const ip = gst_rtsp_connection_get_ip(gst_rtsp_client_get_connection(client));
+    write_log(Log_Level::info, ip == nullptr ? "?" : ip,
+              std::string("plays ") + context->uri->abspath);
 }
 
 bool Clients::is_idle_too_long(GstRTSPClient* client) {

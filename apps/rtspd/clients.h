@@ -41,19 +41,17 @@ private:
                                          Clients* clients);
     static GstRTSPStatusCode on_setup(GstRTSPClient* client, GstRTSPContext* context,
                                       Clients* clients);
+    static void on_play(GstRTSPClient* client, GstRTSPContext* context, gpointer unused);
 
     bool let_in(GstRTSPClient* client, const std::string& address);
     void set_up_socket(GstRTSPConnection* connection) const;
     bool is_idle_too_long(GstRTSPClient* client);
-    void report_refusal(const std::string& text);
 
     const Options& options_;
     Mounts& mounts_;
     mutable std::mutex mutex_;
     std::map<GstRTSPClient*, Entry> entries_;
     std::map<std::string, unsigned> per_address_;
-    std::chrono::steady_clock::time_point next_report_;
-    unsigned refused_ = 0;  // since the last report
 };
 
 }  // namespace zav_shm::rtspd

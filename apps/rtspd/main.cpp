@@ -10,12 +10,14 @@
 #include <cstdlib>
 #include <exception>
 
+#include "apps/log/log.h"
 #include "apps/rtspd/arguments.h"
 #include "apps/rtspd/problem.h"
 #include "apps/rtspd/server.h"
 
 namespace {
 
+using namespace zav_shm;
 using namespace zav_shm::rtspd;
 
 // A standard stream that is closed would lend its number to the next file.
@@ -28,17 +30,18 @@ void open_standard_streams() {
 }
 
 int run(const Options& options) {
+    open_log("zav-shm-rtspd", options.log_level);
     GError* error = nullptr;
     if (gst_init_check(nullptr, nullptr, &error) == FALSE) {
-        report(std::string("GStreamer does not start: ") +
-               (error == nullptr ? "unknown reason" : error->message));
+        write_log(Log_Level::error, std::string("GStreamer does not start: ") +
+                                        (error == nullptr ? "unknown reason" : error->message));
         return static_cast<int>(Exit_Status::system);
     }
     const auto problem = serve(options);
     if (!problem) {
         return static_cast<int>(Exit_Status::ok);
     }
-    report(problem->text);
+    write_log(Log_Level::error, problem->text);
     return static_cast<int>(problem->status);
 }
 
@@ -46,6 +49,7 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     open_standard_streams();
+    open_log("zav-shm-rtspd");
     std::signal(SIGPIPE, SIG_IGN);
     int status = static_cast<int>(Exit_Status::system);
     try {
@@ -53,7 +57,7 @@ int main(int argc, char** argv) {
         const int* const ended = std::get_if<int>(&options);
         status = ended != nullptr ? *ended : run(std::get<Options>(options));
     } catch (const std::exception& error) {  // for want of memory or threads
-        report(error.what());
+        write_log(Log_Level::error, error.what());
     }
     // Threads of clients may still run: nothing is torn down under them.
     std::fflush(nullptr);

@@ -93,15 +93,15 @@ GstElement* create_element(GstRTSPMediaFactory* factory, const GstRTSPUrl* /*url
     const char* const kind = payloader_of(run->kind);
     GstElement* const payloader = gst_element_factory_make(kind, "pay0");
     if (payloader == nullptr) {
-        report(std::string("GStreamer's element \"") + kind +
-               "\" is missing; install the packages of docs/rtsp.md");
+        write_log(Log_Level::error, std::string("GStreamer's element \"") + kind +
+                                        "\" is missing; install the packages of docs/rtsp.md");
         return nullptr;
     }
     std::function<void()> at_end;
     if (GstRTSPContext* const context = gst_rtsp_context_get_current()) {
         at_end = [client = std::make_shared<Weak_Client>(context->client),
                   name = recipe.stream.text()] {
-            report("\"" + name + "\" has another format now, its sessions end");
+            write_log(Log_Level::notice, name, "has another format now, its sessions end");
             close_soon(client);
         };
     }

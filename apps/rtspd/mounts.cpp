@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/rtspd/mounts.h"
 
+#include "apps/log/log.h"
 #include "apps/rtspd/media_factory.h"
-#include "apps/rtspd/problem.h"
 
 namespace zav_shm::rtspd {
 
@@ -23,7 +23,7 @@ GstRTSPStatusCode Mounts::prepare(const std::string& path) {
     }
     const auto hub = hubs_.hub(*stream);
     if (!hub->wait_for_picture(options_.wait)) {
-        report("\"" + stream->text() + "\" has no picture for a client: " + hub->trouble());
+        write_log(Log_Level::warning, stream->text(), "no picture for a client: " + hub->trouble());
         return hub->counters().refused > 0 ? GST_RTSP_STS_UNSUPPORTED_MEDIA_TYPE
                                            : GST_RTSP_STS_SERVICE_UNAVAILABLE;
     }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/log/log.h"
 #include "apps/rtspd/stream_address.h"
 
 namespace zav_shm::rtspd {
@@ -34,6 +35,8 @@ struct Options {
     bool anonymous = false;
     std::string tls_certificate;  // empty: no TLS
     std::string tls_key;          // empty: in the file of the certificate
+
+    Log_Level log_level = log_level_default;
 };
 
 }  // namespace zav_shm::rtspd

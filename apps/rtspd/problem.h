@@ -19,7 +19,4 @@ struct Problem {
     std::string text;
 };
 
-/// Writes "zav-shm-rtspd: TEXT" and a line end to standard error, in printable form.
-void report(const std::string& text);
-
 }  // namespace zav_shm::rtspd

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <csignal>
-#include <cstdio>
 #include <exception>
 #include <variant>
 
+#include "apps/log/log.h"
 #include "apps/tool/command_line.h"
 #include "apps/tool/commands.h"
 
@@ -36,11 +36,12 @@ Exit_Status run_program(int argc, const char* const* argv) {
 int main(int argc, char** argv) {
     occupy_standard_descriptors();
     ignore_signals_of_writes();
+    zav_shm::open_log("zav-shm");
     Exit_Status status = Exit_Status::system;
     try {
         status = run_program(argc, argv);
     } catch (const std::exception& error) {  // for want of memory or threads
-        std::fprintf(stderr, "zav-shm: %s\n", error.what());
+        zav_shm::write_log(zav_shm::Log_Level::error, error.what());
     }
     return static_cast<int>(status);
 }

@@ -1,28 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "apps/tool/problem.h"
 
-#include <cstdio>
-
-#include "apps/text/printable.h"
+#include "apps/log/log.h"
 
 namespace zav_shm::tool {
 
-namespace {
-
-const char* program = "zav-shm";
-
-}  // namespace
-
-void name_program(const char* name) { program = name; }
-
-void complain(const std::string& text) {
-    const std::string line = std::string(program) + ": " + printable(text) + "\n";
-    std::fwrite(line.data(), 1, line.size(), stderr);
-    std::fflush(stderr);
-}
+void complain(const std::string& text) { write_log(Log_Level::warning, text); }
 
 Exit_Status report(const Problem& problem) {
-    complain(problem.text);
+    write_log(Log_Level::error, problem.text);
     return problem.status;
 }
 

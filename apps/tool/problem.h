@@ -23,13 +23,12 @@ struct Problem {
     std::string text;
 };
 
-/// What the lines of this program begin with; without it "zav-shm". Before the first of them.
-void name_program(const char* name);
-
-/// Writes "zav-shm: TEXT" and a line end to standard error, in one piece and in printable form.
+/// Logs a warning: it goes on.
 void complain(const std::string& text);
 
-/// complain(), and the status to end with.
+/// Logs the problem as an error.
+///
+/// @return the status to end with.
 Exit_Status report(const Problem& problem);
 
 /// "CAM_LOOP/0/1", as in the messages of the system.

@@ -4,8 +4,8 @@
 #include "apps/web/arguments.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 
+#include "apps/log/log_level_option.h"
 #include "apps/web/access_check.h"
 #include "ipc/shared_memory_folder.h"
 
@@ -50,10 +50,11 @@ void add_options(CLI::App& app, Options& options) {
         ->type_name("NAME")
         ->check(CLI::Validator(folder_mistake, ""))
         ->capture_default_str();
+    add_log_level(app, options.log_level);
 }
 
 int complain(const std::string& text) {
-    std::fprintf(stderr, "zav-shm-web: %s\n", text.c_str());
+    write_log(Log_Level::error, text);
     return static_cast<int>(Exit_Status::usage);
 }
 

@@ -12,6 +12,7 @@
 #include <optional>
 #include <utility>
 
+#include "apps/log/log.h"
 #include "apps/web/live_video.h"
 #include "apps/web/page_content.h"
 #include "apps/web/stream_list.h"
@@ -68,6 +69,20 @@ int refuse(MHD_Connection* connection, unsigned status, const std::string& why) 
 std::string text_of(MHD_Connection* connection, MHD_ValueKind kind, const char* name) {
     const char* const value = MHD_lookup_connection_value(connection, kind, name);
     return value != nullptr ? value : "";
+}
+
+std::string address_of(MHD_Connection* connection) {
+    const auto* const info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    std::array<char, INET6_ADDRSTRLEN> text{'?'};
+    if (info != nullptr && info->client_addr->sa_family == AF_INET) {
+        const auto* const v4 = reinterpret_cast<const sockaddr_in*>(info->client_addr);
+        inet_ntop(AF_INET, &v4->sin_addr, text.data(), text.size());
+    } else if (info != nullptr && info->client_addr->sa_family == AF_INET6) {
+        const auto* const v6 = reinterpret_cast<const sockaddr_in6*>(info->client_addr);
+        inet_ntop(AF_INET6, &v6->sin6_addr, text.data(), text.size());
+    }
+    return text.data();
 }
 
 std::optional<int> number_of(const std::string& text) {
@@ -213,6 +228,8 @@ int Http_Server::answer(MHD_Connection* connection, const std::string& path,
     }
     std::string token;
     if (!is_allowed(connection, token)) {
+        write_log(Log_Level::warning, address_of(connection),
+                  "is refused: no token, or another one");
         return refuse(connection, MHD_HTTP_UNAUTHORIZED, "a token is needed: /?token=...");
     }
     if (path == "/") {
@@ -256,6 +273,9 @@ int Http_Server::answer_live(MHD_Connection* connection) {
     if (!response) {
         return MHD_NO;
     }
+    write_log(Log_Level::info, address_of(connection),
+              "watches " + key->name + "/" + std::to_string(key->channel) + "/" +
+                  std::to_string(key->stream));
     video.release();  // free_live() has it now
     MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, "video/mp4");
     MHD_add_response_header(response.get(), "X-Published-Ms", published.c_str());

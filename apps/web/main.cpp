@@ -9,18 +9,20 @@
 #include <fstream>
 #include <string>
 
+#include "apps/log/log.h"
 #include "apps/web/arguments.h"
 #include "apps/web/fragmented_mp4.h"
 #include "apps/web/http_server.h"
 
 namespace {
 
+using namespace zav_shm;
 using namespace zav_shm::web;
 
 constexpr std::size_t token_bytes_min = 16;  // what can be guessed is no token
 
 int fail(const std::string& text) {
-    std::fprintf(stderr, "zav-shm-web: %s\n", text.c_str());
+    write_log(Log_Level::error, text);
     return static_cast<int>(Exit_Status::system_error);
 }
 
@@ -41,6 +43,7 @@ std::string read_token(const std::string& path, std::string& token) {
 }
 
 int serve(const Options& options) {
+    open_log("zav-shm-web", options.log_level);
     std::string token;
     if (const std::string problem = read_token(options.token_file, token); !problem.empty()) {
         return fail(problem);
@@ -69,6 +72,7 @@ int serve(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    open_log("zav-shm-web");
     const auto options = read_arguments(argc, argv);
     if (const int* const status = std::get_if<int>(&options)) {
         return *status;

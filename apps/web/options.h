@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include "apps/log/log.h"
+
 namespace zav_shm::web {
 
 /// What the command line of zav-shm-web says.
@@ -14,6 +16,7 @@ struct Options {
     unsigned viewers = 16;              // connections at a time
     unsigned viewers_per_address = 8;   // of them from one address
     std::string folder = "shm";         // of the segments below /dev/shm
+    Log_Level log_level = log_level_default;
 };
 
 }  // namespace zav_shm::web

@@ -5,6 +5,7 @@
 
 #include "apps/centerd/control_queues.h"
 #include "apps/centerd/options.h"
+#include "apps/centerd/request_account.h"
 #include "center/center_fixture.h"
 
 /// Fixture of tests of the daemon's parts, in this process, beside a center of it.
@@ -16,4 +17,6 @@ protected:
         EXPECT_FALSE(queues.prepare({mode, getegid()}));
         return queues;
     }
+
+    zav_shm::centerd::Request_Account account_;
 };

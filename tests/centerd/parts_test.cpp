@@ -271,7 +271,7 @@ TEST_F(Parts, kicker_ends_at_once_whatever_its_interval) {
 TEST_F(Parts, status_is_readable_json_with_the_centers_own_words) {
     start();
     client.ask(register_player);
-    Status_Page page("/shm", "some \"file\"", {}, {});
+    Status_Page page("/shm", "some \"file\"", {}, account_, {});
     EXPECT_NE(page.page().epoch, 0U);
     Json::Value status;
     const std::string text = page.status_of(*center);
@@ -281,7 +281,7 @@ TEST_F(Parts, status_is_readable_json_with_the_centers_own_words) {
     EXPECT_EQ(status["configuration"].asString(), "some \"file\"");
     EXPECT_EQ(status["channels"].size(), 12U);
     EXPECT_EQ(status["channels"][0]["consumers"][0]["name"].asString(), "PLAYER");
-    EXPECT_NE(Status_Page("/shm", "", {}, {}).page().epoch, page.page().epoch);
+    EXPECT_NE(Status_Page("/shm", "", {}, account_, {}).page().epoch, page.page().epoch);
 }
 
 TEST_F(Parts, status_lists_names_with_the_streams_that_are_accepted) {
@@ -328,7 +328,8 @@ TEST_F(Parts, status_takes_no_more_than_the_room_that_is_kept_for_it) {
     fs::create_directory("/dev/shm/shm/rings");
     const zav_shm::Own_Card card("/dev/shm/shm/rings", zav_shm::Own_Card::new_name(), greatest);
     const std::string text =
-        Status_Page("/shm", std::string(4000, '/'), status_names(*config), {}).status_of(*center);
+        Status_Page("/shm", std::string(4000, '/'), status_names(*config), account_, {})
+            .status_of(*center);
     EXPECT_NE(text.find("consumers\":[{"), std::string::npos);
     EXPECT_NE(text.find("ring_consumers\":[{"), std::string::npos);
     // The relay, the consumer, and the names.
@@ -337,7 +338,7 @@ TEST_F(Parts, status_takes_no_more_than_the_room_that_is_kept_for_it) {
 
 TEST_F(Parts, status_that_cannot_be_written_leaves_the_former_one) {
     start();
-    Status_Page page("/shm", "file", {}, {});
+    Status_Page page("/shm", "file", {}, account_, {});
     ASSERT_TRUE(page.write_page());
     ASSERT_TRUE(page.write_status(*center));
     fs::create_directories("/dev/shm/shm/center_status.json.new/inner");
