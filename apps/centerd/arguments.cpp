@@ -72,6 +72,11 @@ void add_options(CLI::App& app, Options& options, double& kick_seconds, std::str
                    "[0600; with --group 0660]")
         ->type_name("OCTAL")
         ->check(CLI::Validator(mode_mistake, ""));
+    app.add_option("--hand-over", options.hand_over,
+                   "Give what earlier centers and clients have left to this user and end; for "
+                   "root, before a center of that user starts")
+        ->type_name("USER")
+        ->check(CLI::Validator(group_mistake, ""));
     app.add_flag("--clean", options.clean,
                  "Remove segments, semaphores and queues at the end; otherwise they stay");
     add_log_level(app, options.log_level);

@@ -122,6 +122,25 @@ void Control_Queues::remove() const {
     }
 }
 
+Outcome Control_Queues::give_to(uid_t owner) const {
+    for (const key_t key : {request_key_, reply_key_}) {
+        const int id = msgget(key, 0);
+        msqid_ds status{};
+        if (id < 0 && errno == ENOENT) {
+            continue;
+        }
+        if (id < 0 || msgctl(id, IPC_STAT, &status) != 0) {
+            return system_failure("queue " + hexadecimal(key), errno, "run as root");
+        }
+        status.msg_perm.uid = owner;
+        if (msgctl(id, IPC_SET, &status) != 0) {
+            return system_failure("giving queue " + hexadecimal(key) + " away", errno,
+                                  "run as root");
+        }
+    }
+    return std::nullopt;
+}
+
 std::string Control_Queues::text() const {
     return "queues " + hexadecimal(request_key_) + " and " + hexadecimal(reply_key_);
 }

@@ -43,6 +43,9 @@ public:
     /// True when any of both is there, whoever made it.
     bool exist() const;
 
+    /// Makes `owner` the owner of those that are there; needs root.
+    Outcome give_to(uid_t owner) const;
+
     /// Removes both.
     void remove() const;
 

@@ -11,6 +11,7 @@
 #include "apps/centerd/arguments.h"
 #include "apps/centerd/configuration.h"
 #include "apps/centerd/daemon.h"
+#include "apps/centerd/hand_over.h"
 #include "apps/centerd/limits.h"
 #include "apps/centerd/signals.h"
 
@@ -31,6 +32,9 @@ Outcome run(const Options& options) {
     Control_Queues queues;
     if (Outcome failed = Control_Queues::find_keys(queues)) {
         return failed;
+    }
+    if (!options.hand_over.empty()) {
+        return hand_over(options.hand_over, Inventory(config), queues);
     }
     Daemon daemon(options, config, rights, queues);
     return options.check ? daemon.check() : daemon.run();

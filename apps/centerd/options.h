@@ -15,6 +15,7 @@ namespace zav_shm::centerd {
 struct Options {
     std::string config_path;                        // empty: the built-in defaults
     bool check = false;                             // print the plan and make nothing
+    std::string hand_over;                          // give a user what is there, and end
     bool clean = false;                             // remove the kernel objects at the end
     std::chrono::milliseconds kick_interval{5000};  // 0: never
     std::string group;                              // empty: the process's own

@@ -205,18 +205,63 @@ TEST_F(Daemon_Access, small_limit_on_locked_memory_is_reported_once) {
               "(LimitMEMLOCK=, ulimit -l)\n");
 }
 
-// With the capabilities that the service file leaves to root.
-TEST_F(Daemon_Access, capabilities_of_the_service_are_enough) {
-    requests.make();
-    replies.make();
-    ASSERT_TRUE(
-        start({"--group", "daemon"},
-              {"/usr/bin/setpriv", "--no-new-privs",
-               "--bounding-set=-all,+chown,+fowner,+fsetid,+dac_override,+ipc_owner,+ipc_lock,"
-               "+sys_admin"}))
-        << errors();
+// As the service file has it: a user of its own in the clients' group, without any capability.
+TEST_F(Daemon_Access, a_user_without_capabilities_is_enough) {
+    Words service{"/usr/bin/setpriv", "--no-new-privs", "--bounding-set=-all",
+                  "--reuid=65534",    "--regid=1",      "--groups=1"};
+    ASSERT_TRUE(start({"--group", "daemon"}, service)) << errors();
     expect_frames(as_nobody("1"));
     EXPECT_EQ(end(), 0);
+}
+
+// Clients of root that come before the center make queues and folders, and a center of root that
+// was killed leaves all the rest. Who starts the service hands that over first.
+TEST_F(Daemon_Access, what_others_made_is_handed_over) {
+    ASSERT_TRUE(start());
+    daemon->kill();
+    EXPECT_EQ(run({"--config", configuration()}, as_nobody()).status, 1);
+    const Ended ended = run({"--config", configuration(), "--hand-over", "nobody"});
+    EXPECT_EQ(ended.status, 0) << ended.errors;
+    EXPECT_EQ(ended.output, "");
+    ASSERT_TRUE(start({}, as_nobody())) << errors();
+    EXPECT_EQ(status_of("/dev/shm/shm").st_uid, 65534U);
+    expect_frames(as_nobody());
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(Daemon_Access, handing_over_nothing_makes_nothing) {
+    EXPECT_EQ(run({"--config", configuration(), "--hand-over", "nobody"}).status, 0);
+    EXPECT_TRUE(fs::is_empty("/dev/shm"));
+    EXPECT_FALSE(requests.status().exists);
+}
+
+TEST_F(Daemon_Access, nothing_is_handed_over_under_a_center_that_runs) {
+    ASSERT_TRUE(start());
+    EXPECT_EQ(run({"--config", configuration(), "--hand-over", "nobody"}).status, 4);
+    EXPECT_EQ(status_of("/dev/shm/shm").st_uid, 0U);
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(Daemon_Access, handing_over_needs_a_user_and_root) {
+    const Ended unknown = run({"--config", configuration(), "--hand-over", "nobody_there"});
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_NE(unknown.errors.find("there is no user \"nobody_there\""), std::string::npos);
+    ASSERT_TRUE(start());
+    EXPECT_EQ(end(), 0);
+    const Ended unprivileged =
+        run({"--config", configuration(), "--hand-over", "daemon"}, as_nobody());
+    EXPECT_EQ(unprivileged.status, 1);
+    EXPECT_NE(unprivileged.errors.find("; run as root"), std::string::npos) << unprivileged.errors;
+}
+
+// A link is given away itself, and not what it leads to.
+TEST_F(Daemon_Access, handing_over_follows_no_link) {
+    const std::string file = write_file("precious", "");
+    fs::create_directories("/dev/shm/shm");
+    fs::create_symlink(file, "/dev/shm/shm/center_page");
+    EXPECT_EQ(run({"--config", configuration(), "--hand-over", "nobody"}).status, 0);
+    EXPECT_EQ(status_of(file).st_uid, 0U);
+    fs::remove_all("/dev/shm/shm");
 }
 
 }  // namespace
