@@ -62,7 +62,7 @@ int complain(const std::string& text) {
 
 std::variant<Options, int> read_arguments(int argc, char** argv) {
     Options options;
-    CLI::App app(description);
+    CLI::App app(description, "zav-shm-web");
     app.footer(statuses);
     add_options(app, options);
     try {

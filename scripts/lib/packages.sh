@@ -43,6 +43,10 @@ check_packages=(
     spin # scripts/model
 )
 
+# What scripts/package needs beside build_packages and gstreamer_packages.
+# shellcheck disable=SC2034
+package_packages=(dpkg-dev debhelper dh-python lintian fakeroot git)
+
 # What preset armhf needs beside test_packages. GStreamer and libsystemd cannot be installed for it
 # beside their native packages.
 # shellcheck disable=SC2034
