@@ -23,6 +23,10 @@
 //    32   8  created_ns     ns      CLOCK_MONOTONIC
 //    40   4  writer_pid     -       as the writer sees itself
 //    64   4  head           -       number of the newest whole record; the futex word
+//    72   8  bytes          bytes   of all records so far, for displays; 0 of a writer that does
+//    not
+//                                   count them. On a 32-bit processor it may be seen half written,
+//                                   once in 2^32 bytes
 //   128   4  tail           -       number of the oldest record whose bytes and entry are intact
 //   132   4  state          -       0 live, 1 closed in order, 2 left by a writer that was killed
 //                                  and has a successor: it is the successor that says so
@@ -30,7 +34,8 @@
 //                                   be, 0 while it does not wait; it sleeps on this word
 //
 // All above `head` is constant from before the file has its name. `head`, `tail` and `awaited` have
-// cache lines of their own; `state`, which changes once, lies with `tail`. They are of 32 bits,
+// cache lines of their own; `bytes`, which is stored just before `head`, lies with it, and `state`,
+// which changes once, with `tail`. The words are of 32 bits,
 // since a load of 64 bits may be done by writing where the processor has none, and readers map
 // read-only.
 //
@@ -109,6 +114,7 @@ static_assert(offsetof(Ring_Facts, writer_pid) == 40);
 static_assert(std::is_trivially_copyable_v<Ring_Facts>);
 
 inline constexpr std::size_t ring_head_offset = 64;
+inline constexpr std::size_t ring_bytes_offset = 72;
 inline constexpr std::size_t ring_tail_offset = 128;
 inline constexpr std::size_t ring_state_offset = 132;
 inline constexpr std::size_t ring_awaited_offset = 192;

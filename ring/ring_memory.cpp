@@ -350,6 +350,17 @@ void Ring_Memory::write_entry(std::uint32_t number, const Ring_Entry& entry) {
     std::memcpy(base_ + entry_offset(number), &entry, sizeof entry);
 }
 
+// In halves: a store of 64 bits is dear where the processor has none.
+void Ring_Memory::write_bytes(std::uint64_t bytes) {
+    constexpr std::size_t half_bytes = sizeof(std::uint32_t);
+    constexpr bool is_low_first = std::endian::native == std::endian::little;
+    constexpr std::size_t low = ring_bytes_offset + (is_low_first ? 0 : half_bytes);
+    constexpr std::size_t high = ring_bytes_offset + (is_low_first ? half_bytes : 0);
+    __atomic_store_n(writable_word(low), static_cast<std::uint32_t>(bytes), __ATOMIC_RELAXED);
+    __atomic_store_n(writable_word(high), static_cast<std::uint32_t>(bytes >> 32U),
+                     __ATOMIC_RELAXED);
+}
+
 // The writer's own lock does not stand in its own way, so that it would not see it.
 bool Ring_Memory::has_writer() const {
     return is_writers_ || !file_.is_open() ||

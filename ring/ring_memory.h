@@ -105,6 +105,9 @@ public:
     std::byte* writable_at(std::uint64_t offset) { return base_ + offset; }
     void write_entry(std::uint32_t number, const Ring_Entry& entry);
 
+    /// The bytes of all records, which the writer keeps for displays.
+    void write_bytes(std::uint64_t bytes);
+
     std::uint64_t entry_offset(std::uint32_t number) const {
         return ring_header_bytes +
                std::uint64_t{number & (facts_.index_count - 1)} * sizeof(Ring_Entry);

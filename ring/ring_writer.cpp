@@ -186,6 +186,8 @@ std::uint64_t Ring_Writer::commit(std::size_t bytes, const Record_Tags& tags) {
     begins_[slot_of(number)] = room_begin_;
     end_ = room_begin_ + in_alignment(bytes);
     last_ = number;
+    bytes_ += bytes;
+    ring_->write_bytes(bytes_);
     // Pairs with the acquire in Ring_Reader::look().
     ring_->store_release(ring_head_offset, low);
     test_point("ring", "head");

@@ -94,6 +94,7 @@ private:
     const unsigned forks_;               // of this process when the writer was made
     std::vector<std::uint64_t> begins_;  // positions of the records, at number % index_count
     std::uint64_t last_ = 0;             // number of the newest record
+    std::uint64_t bytes_ = 0;            // of all records
     std::uint64_t oldest_ = 1;           // what `tail` says
     std::uint64_t end_ = 0;              // position behind the newest record
     std::uint64_t room_begin_ = 0;       // position of the room that was reserved

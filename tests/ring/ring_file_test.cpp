@@ -45,6 +45,20 @@ TEST_F(Ring_File, is_read_by_others_through_a_mapping_and_by_copying) {
     }
 }
 
+TEST_F(Ring_File, tells_how_many_bytes_were_written) {
+    const auto writer = open_writer();
+    ASSERT_TRUE(writer);
+    for (std::size_t length : {100U, 0U, 4096U}) {
+        write(*writer, length);
+    }
+    std::uint64_t bytes = 0;
+    const auto memory = zav_shm::Ring_Memory::open(path_, Reading::copied, problem_);
+    ASSERT_TRUE(memory);
+    ASSERT_TRUE(
+        memory->copy(zav_shm::ring_bytes_offset, std::as_writable_bytes(std::span(&bytes, 1))));
+    EXPECT_EQ(bytes, 4196U);
+}
+
 TEST_F(Ring_File, may_have_a_name_without_a_folder) {
     EXPECT_EQ(ring_folder("CAM"), ".");
     EXPECT_EQ(ring_folder("/CAM"), "/");
