@@ -65,6 +65,9 @@ public:
         return zav_shm::is_in_reach(*memory_, static_cast<std::uint32_t>(number));
     }
 
+    /// True when an entry leads to a record of this number within the file, whoever wrote it.
+    bool is_sound(const Ring_Entry& entry, std::uint64_t number) const;
+
     /// Copies a part of the record out, which is_in_reach() may afterwards find overwritten.
     ///
     /// @return false when the file has lost it.
@@ -113,7 +116,6 @@ public:
 private:
     bool is_sound_behind(std::uint32_t tail) const;
     std::optional<Ring_Entry> entry_of(std::uint64_t number) const;
-    bool is_sound(const Ring_Entry& entry, std::uint64_t number) const;
     std::uint32_t load(std::size_t offset) const { return memory_->load(offset).value_or(0); }
     std::uint64_t extended(std::uint32_t low) const;
 
