@@ -17,6 +17,7 @@
 #include "ipc/futex.h"
 #include "ipc/process_exists.h"
 #include "ipc/random_epoch.h"
+#include "ipc/ring_place.h"
 #include "ipc/shared_memory_folder.h"
 
 namespace zav_shm {
@@ -220,9 +221,8 @@ void Ring_Consumers::remove_page(const Key& consumer) const { unlink(path_of(con
 
 void Ring_Consumers::wake_readers_of(const Key& consumer, const std::string& producer) const {
     if (!producer.empty()) {
-        futex_wake_in_file(
-            folder_ + "/" + channel_file_name(producer, consumer.channel, consumer.stream),
-            ring_sleep_offset);
+        futex_wake_in_file(ring_path(folder_, producer, consumer.channel, consumer.stream),
+                           ring_sleep_offset);
     }
 }
 

@@ -50,7 +50,8 @@ enum class Frame_State {
 struct [[nodiscard]] Opened {
     Frame_State state = Frame_State::closed;
     std::string reason;    // why it is not connected, in one line
-    bool refused = false;  // by the center: its configuration does not know what was asked for
+    bool refused = false;  // the configuration does not know what was asked for, or keeps it for a
+                           // group that this process is not in
 
     explicit operator bool() const { return state == Frame_State::connected; }
 };

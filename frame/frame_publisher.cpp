@@ -19,6 +19,7 @@
 #include "ipc/forks.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/random_epoch.h"
+#include "ipc/ring_place.h"
 #include "ipc/shared_memory_folder.h"
 #include "ipc/test_point.h"
 #include "ring/ring_writer.h"
@@ -97,11 +98,14 @@ private:
     using Standing = zav_shm::Standing;
 
     bool make_ring();
+    void note_denial();
     void feed_slot();
     bool begin_frame();
     void look_after_others();
     bool is_named() const;
+    std::string rings() const { return zav_shm::rings_folder(standing_->folder()); }
     std::string ring_path() const;
+    std::optional<zav_shm::Ring_Access> ring_access() const;
     std::span<std::byte> room_for(std::size_t payload_bytes);
     Result write(std::size_t payload_bytes, const Frame_Info& info);
     void add_those_of_others(Publisher_Counters& counters) const;
@@ -125,6 +129,7 @@ private:
 
     std::atomic<bool> open_{false};
     std::atomic<bool> has_slot_to_come_{false};  // it was granted, and could not be had
+    std::atomic<bool> is_denied_{false};         // by the groups of the configuration
     std::atomic<unsigned> forks_{0};             // when it was opened
     std::atomic<std::size_t> page_bytes_{0};
     std::atomic<std::uint64_t> frames_{0};
@@ -172,6 +177,9 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
     zav_shm::Link_Keeper::begin(standing);
     next_look_ns_ = 0;
     const bool has_ring = begin_frame();
+    if (is_denied_) {
+        return {Frame_State::refused, reason(), true};
+    }
     return opened.refused || has_ring ? opened : Opened{state(), reason(), false};
 }
 
@@ -179,7 +187,7 @@ ZAV_SHM_Frame_Publisher::Opened ZAV_SHM_Frame_Publisher::Body::open() {
 bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
     const auto grant = standing_->grant();
     const std::string segments = zav_shm::shared_memory_path(standing_->folder());
-    const std::string rings = zav_shm::rings_folder(standing_->folder());
+    const std::string rings = this->rings();
     mkdir(segments.c_str(), own_folder);
     mkdir(rings.c_str(), own_folder);
     const std::size_t page =
@@ -189,6 +197,7 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
         grant.names.history_bytes != 0 ? grant.names.history_bytes : twice(frame_max);
     const std::size_t history = options_.history_bytes != 0 ? options_.history_bytes : configured;
     const std::string path = ring_path();
+    const auto access = ring_access();
     zav_shm::Ring_Problem problem;
     constexpr std::size_t bytes_max = std::numeric_limits<std::uint32_t>::max();
     // Nothing is to be written beside the rings, whoever has looked at the name.
@@ -207,12 +216,16 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
                    "a history of " + std::to_string(history) + " bytes for frames of " +
                        std::to_string(frame_max) + " is more than " + std::to_string(bytes_max),
                    0};
+    } else if (std::string refused = zav_shm::producing_refusal(rings, options_.name);
+               !refused.empty()) {
+        problem = {zav_shm::Ring_Problem::Kind::forbidden, std::move(refused), 0};
     } else {
         writer_ = zav_shm::Ring_Writer::open(path,
                                              {static_cast<std::uint32_t>(history),
                                               static_cast<std::uint32_t>(frame_max + header_bytes)},
-                                             problem);
+                                             problem, access);
     }
+    is_denied_ = access && problem.kind == zav_shm::Ring_Problem::Kind::forbidden;
     std::shared_ptr<zav_shm::Slot_Feeder> former;  // whose thread ends when the mutex is free again
     {
         const zav_shm::Guard guard(mutex_);
@@ -228,7 +241,7 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
         pace_.reset();
     }
     page_bytes_ = frame_max;
-    requests_.emplace(path);
+    requests_.emplace(path, access);
     if (options_.paced) {
         const zav_shm::Guard guard(mutex_);
         pace_ = std::make_shared<zav_shm::Reader_Pace>(
@@ -289,6 +302,7 @@ bool ZAV_SHM_Frame_Publisher::Body::begin_frame() {
     }
     if (!open_ || standing_->state() == Frame_State::refused) {
         writer_.reset();
+        note_denial();
         return false;
     }
     const std::int64_t now = monotonic_ns();
@@ -304,10 +318,18 @@ bool ZAV_SHM_Frame_Publisher::Body::begin_frame() {
     return make_ring();
 }
 
+// A center that refuses does not say that it is for a group.
+void ZAV_SHM_Frame_Publisher::Body::note_denial() {
+    std::string refused = open_ ? zav_shm::producing_refusal(rings(), options_.name) : "";
+    is_denied_ = !refused.empty();
+    const zav_shm::Guard guard(mutex_);
+    trouble_ = std::move(refused);
+}
+
 // What stands beside the history may have failed, or been removed, by itself.
 void ZAV_SHM_Frame_Publisher::Body::look_after_others() {
     if (!requests_->is_named()) {
-        requests_.emplace(ring_path());
+        requests_.emplace(ring_path(), ring_access());
     }
     if (has_slot_to_come_) {
         feed_slot();
@@ -330,8 +352,12 @@ bool ZAV_SHM_Frame_Publisher::Body::is_named() const {
 }
 
 std::string ZAV_SHM_Frame_Publisher::Body::ring_path() const {
-    return zav_shm::rings_folder(standing_->folder()) + "/" +
-           zav_shm::channel_file_name(options_.name, options_.channel, options_.stream);
+    return zav_shm::ring_path(rings(), options_.name, options_.channel, options_.stream);
+}
+
+// Nothing where the folder of all says who may read.
+std::optional<zav_shm::Ring_Access> ZAV_SHM_Frame_Publisher::Body::ring_access() const {
+    return zav_shm::ring_access(rings(), options_.name, options_.stream);
 }
 
 std::span<std::byte> ZAV_SHM_Frame_Publisher::Body::room_for(std::size_t payload_bytes) {
@@ -435,7 +461,7 @@ ZAV_SHM_Frame_Publisher::Result ZAV_SHM_Frame_Publisher::Body::not_written(
     if (is_parents()) {
         return {outcome, payload_bytes, page_bytes_, of_parent};
     }
-    const bool refused = standing_->state() == Frame_State::refused;
+    const bool refused = is_denied_ || standing_->state() == Frame_State::refused;
     return {refused ? Publish_Outcome::refused : outcome, payload_bytes, page_bytes_, reason()};
 }
 
@@ -450,6 +476,9 @@ Frame_State ZAV_SHM_Frame_Publisher::Body::state() const {
         return Frame_State::closed;
     }
     const Frame_State state = standing_->state();
+    if (is_denied_) {
+        return Frame_State::refused;
+    }
     return state != Frame_State::refused && !trouble_.empty() ? Frame_State::no_ring : state;
 }
 

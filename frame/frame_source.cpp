@@ -28,8 +28,8 @@ std::span<std::byte> room_in(std::vector<std::byte>& bytes, std::size_t length) 
 
 // ---- which ring ----
 
-void Frame_Source::read_from(const std::string& ring_path, std::int64_t since_ns) {
-    use(std::make_unique<Ring_Follower>(ring_path, reading_));
+void Frame_Source::read_from(std::function<std::string()> where, std::int64_t since_ns) {
+    use(std::make_unique<Ring_Follower>(std::move(where), reading_));
     if (follower_->changes_over()) {
         cursor_.join(*follower_->reader(), since_ns);
         former_epoch_ = follower_->reader()->memory().facts().epoch;

@@ -24,8 +24,9 @@ public:
 
     /// Joins the ring that has this name, or takes it as soon as there is one.
     ///
+    /// @param where     tells its path, each time that it is looked at
     /// @param since_ns  of CLOCK_MONOTONIC: what was published before is history
-    void read_from(const std::string& ring_path, std::int64_t since_ns);
+    void read_from(std::function<std::string()> where, std::int64_t since_ns);
 
     /// Reads this ring.
     void read_from(std::shared_ptr<const Ring_Memory> ring);

@@ -19,6 +19,7 @@
 #include "ipc/deadline.h"
 #include "ipc/forks.h"
 #include "ipc/monotonic_clock.h"
+#include "ipc/ring_place.h"
 #include "ipc/shared_memory_folder.h"
 #include "ring/reader_card.h"
 #include "ring/writer_requests.h"
@@ -185,7 +186,8 @@ ZAV_SHM_Frame_Subscriber::Opened ZAV_SHM_Frame_Subscriber::Body::open() {
     supply_.begin(standing_, options_.producer, card_name, *card_);
     forks_ = zav_shm::forks_so_far();
     open_ = true;
-    return opened;
+    // Whoever is kept out by a group is told so at once, with or without a center.
+    return supply_.is_refused() ? Opened{Frame_State::refused, supply_.trouble(), true} : opened;
 }
 
 void ZAV_SHM_Frame_Subscriber::Body::close(std::chrono::milliseconds limit) {
@@ -418,10 +420,9 @@ int ZAV_SHM_Frame_Subscriber::Body::descriptor() {
 bool ZAV_SHM_Frame_Subscriber::Body::request_key_frame() const {
     const auto standing = this->standing();
     const std::string producer = standing ? standing->producer() : options_.producer;
-    return open_ &&
-           zav_shm::send_writer_request(
-               zav_shm::rings_folder(standing ? standing->folder() : options_.folder) + "/" +
-               zav_shm::channel_file_name(producer, options_.channel, options_.stream));
+    return open_ && zav_shm::send_writer_request(zav_shm::ring_path(
+                        zav_shm::rings_folder(standing ? standing->folder() : options_.folder),
+                        producer, options_.channel, options_.stream));
 }
 
 std::shared_ptr<zav_shm::Standing> ZAV_SHM_Frame_Subscriber::Body::standing() const {
@@ -455,7 +456,7 @@ std::string ZAV_SHM_Frame_Subscriber::Body::reason() const {
     }
     const zav_shm::Guard guard(mutex_);
     const std::string reason = standing_ ? standing_->reason() : std::string();
-    return reason.empty() ? supply_.trouble() : reason;
+    return reason.empty() || supply_.is_refused() ? supply_.trouble() : reason;
 }
 
 zav_shm::Subscriber_Counters ZAV_SHM_Frame_Subscriber::Body::counters() const {

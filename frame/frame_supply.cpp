@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "ipc/monotonic_clock.h"
+#include "ipc/ring_place.h"
 #include "ipc/shared_memory_folder.h"
 
 namespace zav_shm {
@@ -95,7 +96,7 @@ void Frame_Supply::follow_standing() {
     next_choice_ns_ = 0;
     const std::int64_t since_ns = std::max(begun_ns_, standing_->paired_ns());
     const bool is_paired_anew = std::exchange(read_since_ns_, since_ns) != since_ns;
-    if (is_paired_anew || producer != producer_ || ring_of(producer) != path_) {
+    if (is_paired_anew || producer != producer_ || name_of_ring(producer) != path_) {
         read_from(producer, since_ns);
     }
     choose_slot_or_ring(monotonic_ns());
@@ -104,12 +105,19 @@ void Frame_Supply::follow_standing() {
 void Frame_Supply::read_from(const std::string& producer, std::int64_t since_ns) {
     end_intake();
     producer_ = producer;
-    path_ = producer.empty() ? std::string() : ring_of(producer);
+    path_ = producer.empty() ? std::string() : name_of_ring(producer);
     card_->set_producer(producer);
     if (producer.empty()) {
         source_.read_from_nothing(rings());
     } else {
-        source_.read_from(path_, since_ns);
+        source_.read_from(
+            [rings = rings(), producer, channel = consumer_.channel, stream = consumer_.stream] {
+                return zav_shm::ring_path(rings, producer, channel, stream);
+            },
+            since_ns);
+    }
+    if (std::string refused = refusal(); !refused.empty()) {
+        tell(std::move(refused), true);
     }
 }
 
@@ -121,7 +129,7 @@ void Frame_Supply::choose_slot_or_ring(std::int64_t now_ns) {
     if (now_ns >= next_choice_ns_) {
         next_choice_ns_ = now_ns + ring_look_ns;
         const bool is_in_slot =
-            frames_are_in_ == Route_Page::slot && !producer_.empty() && !is_ring_written(path_);
+            frames_are_in_ == Route_Page::slot && !producer_.empty() && !is_ring_written(place());
         if (is_in_slot && !intake_) {
             if (standing_->is_renewed()) {
                 begin_intake();
@@ -145,7 +153,7 @@ void Frame_Supply::begin_intake() {
                                       .channel = consumer_.channel,
                                       .stream = consumer_.stream,
                                       .card = card_name_,
-                                      .ring = path_},
+                                      .ring = place()},
                                      consumer_.history_bytes, [this] { note_change(); });
     if (!intake) {
         tell("no thread can be had for the slot of " + producer_, false);
@@ -179,8 +187,20 @@ std::string Frame_Supply::rings() const {
     return rings_folder(standing_ ? standing_->folder() : consumer_.folder);
 }
 
-std::string Frame_Supply::ring_of(const std::string& producer) const {
+// The same for as long as this producer is read, wherever its ring lies.
+std::string Frame_Supply::name_of_ring(const std::string& producer) const {
     return rings() + "/" + channel_file_name(producer, consumer_.channel, consumer_.stream);
+}
+
+std::string Frame_Supply::place() const {
+    return zav_shm::ring_path(rings(), producer_, consumer_.channel, consumer_.stream);
+}
+
+// A center that refuses does not say what for.
+std::string Frame_Supply::refusal() const {
+    const bool is_refused = standing_ && standing_->state() == Frame_State::refused;
+    const std::string producer = is_refused ? standing_->producer() : producer_;
+    return reading_refusal(rings(), producer, consumer_.stream);
 }
 
 // ---- what is told ----
@@ -188,12 +208,16 @@ std::string Frame_Supply::ring_of(const std::string& producer) const {
 void Frame_Supply::tell_trouble() {
     if (intake_) {
         tell(intake_->trouble(), intake_->is_refused());
-    } else if (path_.empty()) {
+        return;
+    }
+    Ring_Problem problem = source_.problem();
+    const bool may_be_refused = path_.empty() || problem;
+    if (std::string refused = may_be_refused ? refusal() : std::string(); !refused.empty()) {
+        tell(std::move(refused), true);
+    } else if (path_.empty() || problem.kind == Ring_Problem::Kind::absent) {
         tell({}, false);  // no producer is no trouble
     } else {
-        Ring_Problem problem = source_.problem();
-        const bool is_absent = problem.kind == Ring_Problem::Kind::absent;
-        tell(is_absent ? std::string() : std::move(problem.text), false);
+        tell(std::move(problem.text), false);
     }
 }
 

@@ -55,7 +55,7 @@ public:
     Frame_Source& source() { return source_; }
 
     /// Of the ring that is read, or of what is never one while there is no producer.
-    std::string ring_path() const { return path_.empty() ? rings() + "/." : path_; }
+    std::string ring_path() const { return path_.empty() ? rings() + "/." : place(); }
     const Consumer_Route& route() const { return route_; }
 
     // ---- any thread ----
@@ -81,7 +81,9 @@ private:
     void end_intake();
     void tell(std::string trouble, bool refused);
     std::string rings() const;
-    std::string ring_of(const std::string& producer) const;
+    std::string name_of_ring(const std::string& producer) const;
+    std::string place() const;
+    std::string refusal() const;
 
     const Consumer consumer_;
     Frame_Source source_;
@@ -91,7 +93,7 @@ private:
     Consumer_Route route_;
     Route_Page::Source frames_are_in_ = Route_Page::unknown;
     std::string producer_;  // that is read; empty: none
-    std::string path_;      // of its ring
+    std::string path_;      // by which its ring is known; it lies at place()
     std::uint64_t grant_ = 0;
     std::int64_t begun_ns_ = 0;
     std::int64_t read_since_ns_ = 0;  // begin(), or the latest pair() that has been followed

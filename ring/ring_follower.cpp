@@ -30,6 +30,9 @@ constexpr std::chrono::microseconds wake_again{50};
 Ring_Follower::Ring_Follower(std::string path, Ring_Memory::Reading reading)
     : path_(std::move(path)), reading_(reading) {}
 
+Ring_Follower::Ring_Follower(std::function<std::string()> where, Ring_Memory::Reading reading)
+    : where_(std::move(where)), path_(where_()), reading_(reading) {}
+
 Ring_Follower::Ring_Follower(std::shared_ptr<const Ring_Memory> ring)
     : reader_(std::make_unique<Ring_Reader>(std::move(ring))) {}
 
@@ -49,6 +52,9 @@ bool Ring_Follower::changes_over() {
 }
 
 bool Ring_Follower::take_ring() {
+    if (where_) {
+        path_ = where_();
+    }
     const std::uint64_t inode = inode_of(path_);
     if (reader_ && (inode == 0 || inode == reader_->memory().inode())) {
         return false;

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -30,6 +31,9 @@ namespace zav_shm {
 class Ring_Follower {
 public:
     Ring_Follower(std::string path, Ring_Memory::Reading reading);
+
+    /// @param where  tells the name, each time that it is looked at
+    Ring_Follower(std::function<std::string()> where, Ring_Memory::Reading reading);
 
     /// Reads this ring and no other.
     explicit Ring_Follower(std::shared_ptr<const Ring_Memory> ring);
@@ -70,7 +74,8 @@ private:
     void sleep_on_head(std::int64_t deadline_ns);
     void use(std::unique_ptr<Ring_Reader> reader);
 
-    const std::string path_;  // empty: one ring for ever
+    const std::function<std::string()> where_;  // empty: it is always path_
+    std::string path_;                          // empty: one ring for ever
     const Ring_Memory::Reading reading_ = Ring_Memory::Reading::mapped;
     Ring_Problem problem_;
     std::uint64_t given_up_ = 0;  // the ring that is broken

@@ -16,6 +16,7 @@
 #include "ipc/file_lock.h"
 #include "ipc/memory_fence.h"
 #include "ipc/test_point.h"
+#include "ipc/unix_group.h"
 #include "ring/steady_word.h"
 
 namespace zav_shm {
@@ -90,6 +91,16 @@ Ring_Problem no_room(const std::string& path, std::uint64_t bytes) {
 
 Ring_Problem unreadable(const std::string& path, const std::string& why) {
     return {Ring_Problem::Kind::unreadable, path + " is no ring that can be read: " + why, 0};
+}
+
+// Only somebody who is in a group can give files to it.
+Ring_Problem not_of_group(const std::string& path, gid_t group) {
+    const std::string name = group_title(group);
+    const std::string user = user_title(geteuid());
+    return {Ring_Problem::Kind::forbidden,
+            path + " is for readers of group " + name + ", and the user of this process, " + user +
+                ", is not in it: add it (usermod -aG " + name + " " + user + ") and start it anew",
+            0};
 }
 
 // All pages at once: a full file system shows here, and not as SIGBUS in whoever touches a page. In
@@ -172,7 +183,7 @@ std::optional<std::uint64_t> Ring_Size::file_bytes(std::string* reason) const {
 
 std::shared_ptr<Ring_Memory> Ring_Memory::make(const std::string& path, const Ring_Size& size,
                                                const Ring_Facts& facts, mode_t mode,
-                                               Ring_Problem& problem) {
+                                               std::optional<gid_t> group, Ring_Problem& problem) {
     std::string reason;
     const auto bytes = size.file_bytes(&reason);
     if (!bytes) {
@@ -203,6 +214,9 @@ std::shared_ptr<Ring_Memory> Ring_Memory::make(const std::string& path, const Ri
     } else if (!take_file_lock(ring->file_.get())) {
         // Before anybody else may open it: a reader could lock it first.
         problem = problem_of(fresh, "cannot lock", errno);
+    } else if (group && fchown(ring->file_.get(), static_cast<uid_t>(-1), *group) != 0) {
+        problem = errno == EPERM ? not_of_group(path, *group)
+                                 : problem_of(fresh, "cannot give its group to", errno);
     } else if (fchmod(ring->file_.get(), mode) != 0 || fstat(ring->file_.get(), &status) != 0) {
         problem = problem_of(fresh, "cannot give its mode to", errno);
     } else {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "ipc/descriptor.h"
+#include "ipc/ring_place.h"
 #include "ring/ring_layout.h"
 
 namespace zav_shm {
@@ -66,10 +67,11 @@ public:
     /// finds a whole ring or none. Whatever had the name keeps its readers. The file is locked as
     /// long as this object lives, which is the writer's sign of life.
     ///
-    /// @param mode  of the file; its group is the folder's, where that is set so (setgid)
+    /// @param mode   of the file
+    /// @param group  of the file; nothing: the folder's, where that is set so (setgid)
     static std::shared_ptr<Ring_Memory> make(const std::string& path, const Ring_Size& size,
                                              const Ring_Facts& facts, mode_t mode,
-                                             Ring_Problem& problem);
+                                             std::optional<gid_t> group, Ring_Problem& problem);
 
     /// A ring that only this process sees, for a reader that cannot have the writer's.
     static std::shared_ptr<Ring_Memory> make_private(const Ring_Size& size, const Ring_Facts& facts,

@@ -79,20 +79,22 @@ Ring_Facts new_facts() {
 // ---- life ----
 
 std::unique_ptr<Ring_Writer> Ring_Writer::open(const std::string& path, const Ring_Size& size,
-                                               Ring_Problem& problem) {
+                                               Ring_Problem& problem,
+                                               const std::optional<Ring_Access>& access) {
     const std::string folder = ring_folder(path);
     struct stat status {};
     if (stat(folder.c_str(), &status) != 0) {
         problem = {Ring_Problem::Kind::absent, "there is no folder " + folder, 0};
         return nullptr;
     }
-    const mode_t mode = readable_file_mode(status.st_mode);
+    const mode_t mode = access ? access->mode : readable_file_mode(status.st_mode);
+    const auto group = access ? access->needed_group() : std::nullopt;
     Writer_Lock lock;
     if (!lock.take(path + ".lock", problem)) {
         return nullptr;
     }
     const Former_Ring former(path);
-    auto ring = Ring_Memory::make(path, size, new_facts(), mode, problem);
+    auto ring = Ring_Memory::make(path, size, new_facts(), mode, group, problem);
     if (!ring) {
         if (!former.is_there()) {
             lock.remove();

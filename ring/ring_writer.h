@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -42,11 +43,12 @@ class Ring_Writer {
 public:
     /// Takes the lock, makes a new file in the place of the one that has the name, and tells the
     /// readers of that one. The folder of `path` has to be there; its rights decide who may read
-    /// (readable_file_mode()).
+    /// (readable_file_mode()), unless `access` does.
     ///
     /// @return null with the problem: `held` with the process that has the lock, or another.
     static std::unique_ptr<Ring_Writer> open(const std::string& path, const Ring_Size& size,
-                                             Ring_Problem& problem);
+                                             Ring_Problem& problem,
+                                             const std::optional<Ring_Access>& access = {});
 
     /// A ring that only this process sees; memory() is what a reader gets.
     ///

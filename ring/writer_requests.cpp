@@ -20,10 +20,10 @@ constexpr int request_flags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 std::string path_of(const std::string& ring) { return ring + ".request"; }
 
 // Whoever may read it may write it, too.
-mode_t writable_mode(const std::string& path) {
+mode_t writable_mode(const std::string& path, const std::optional<Ring_Access>& access) {
     struct stat folder {};
     stat(path.substr(0, path.rfind('/')).c_str(), &folder);
-    const mode_t readable = readable_file_mode(folder.st_mode);
+    const mode_t readable = access ? access->mode : readable_file_mode(folder.st_mode);
     return readable | ((readable & 0044U) >> 1U);
 }
 
@@ -31,7 +31,8 @@ mode_t writable_mode(const std::string& path) {
 
 // What another user left, or somebody who is not the writer has put there, is replaced as far as
 // the folder allows.
-Writer_Requests::Writer_Requests(const std::string& ring) : path_(path_of(ring)) {
+Writer_Requests::Writer_Requests(const std::string& ring, const std::optional<Ring_Access>& access)
+    : path_(path_of(ring)) {
     struct stat status {};
     file_ = Descriptor(open(path_.c_str(), O_RDONLY | request_flags));
     const bool is_own = file_.is_open() && fstat(file_.get(), &status) == 0 &&
@@ -44,7 +45,9 @@ Writer_Requests::Writer_Requests(const std::string& ring) : path_(path_of(ring))
         file_ = Descriptor(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | request_flags, 0600));
     }
     if (file_.is_open()) {
-        fchmod(file_.get(), writable_mode(path_));
+        const auto group = access ? access->needed_group() : std::nullopt;
+        const bool is_theirs = !group || fchown(file_.get(), static_cast<uid_t>(-1), *group) == 0;
+        fchmod(file_.get(), is_theirs ? writable_mode(path_, access) : 0600);
         last_ = number();
     }
 }

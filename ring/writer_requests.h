@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "ipc/descriptor.h"
+#include "ipc/ring_place.h"
 
 namespace zav_shm {
 
@@ -20,8 +22,10 @@ namespace zav_shm {
 class Writer_Requests {
 public:
     /// Makes the file `ring`.request, or takes the one that is there, and lets those write to it
-    /// who may list its folder. Requests from before do not count.
-    explicit Writer_Requests(const std::string& ring);
+    /// who may list its folder, or whom `access` lets read the ring. Requests from before do not
+    /// count.
+    explicit Writer_Requests(const std::string& ring,
+                             const std::optional<Ring_Access>& access = {});
 
     /// False when the file could not be made, or has been removed or replaced: nobody who asks is
     /// heard.

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "ipc/ring_place.h"
 #include "ipc/shared_memory_folder.h"
 #include "ring/reader_card.h"
 
@@ -25,8 +26,8 @@ public:
     /// How many records the reader has not come to yet. Nothing when its cursor is not of the ring
     /// that has the name now.
     std::optional<std::uint32_t> behind(const Reader_Card& card) {
-        const std::shared_ptr<Ring_Memory>& ring =
-            ring_of(channel_file_name(card.producer, card.channel, card.stream));
+        const std::shared_ptr<Ring_Memory>& ring = ring_of(ring_path(
+            folder_, is_file_name(card.producer) ? card.producer : ".", card.channel, card.stream));
         if (!ring || card.epoch == 0 || card.epoch != ring->facts().epoch) {
             return std::nullopt;
         }
@@ -37,12 +38,11 @@ public:
     }
 
 private:
-    const std::shared_ptr<Ring_Memory>& ring_of(const std::string& name) {
-        const auto [ring, is_new] = rings_.try_emplace(name);
-        if (is_new && name.find('/') == std::string::npos) {
+    const std::shared_ptr<Ring_Memory>& ring_of(const std::string& path) {
+        const auto [ring, is_new] = rings_.try_emplace(path);
+        if (is_new) {
             Ring_Problem problem;
-            ring->second =
-                Ring_Memory::open(folder_ + "/" + name, Ring_Memory::Reading::copied, problem);
+            ring->second = Ring_Memory::open(path, Ring_Memory::Reading::copied, problem);
         }
         return ring->second;
     }

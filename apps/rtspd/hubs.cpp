@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "ipc/ring_place.h"
 #include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::rtspd {
@@ -44,8 +45,8 @@ void Hubs::sweep() {
 }
 
 bool Hubs::has_ring(const Stream_Address& address) const {
-    const std::string path = rings_folder(folder_) + "/" +
-                             channel_file_name(address.name, address.channel, address.stream);
+    const std::string path =
+        ring_path(rings_folder(folder_), address.name, address.channel, address.stream);
     struct stat found {};
     return stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode);
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "ipc/monotonic_clock.h"
+#include "ipc/ring_place.h"
 #include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::web {
@@ -43,7 +44,7 @@ ZAV_SHM_Frame_Subscriber::Options tap_of(const Stream_Key& key, const std::strin
 }
 
 std::string path_of(const Stream_Key& key, const std::string& folder) {
-    return rings_folder("/" + folder) + "/" + channel_file_name(key.name, key.channel, key.stream);
+    return ring_path(rings_folder("/" + folder), key.name, key.channel, key.stream);
 }
 
 std::chrono::nanoseconds interval_of(const ZAV_SHM_Frame_Header& header) {

@@ -7,9 +7,7 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
-#include <filesystem>
 #include <span>
-#include <system_error>
 #include <tuple>
 #include <utility>
 
@@ -17,6 +15,7 @@
 #include "apps/media/nal_unit.h"
 #include "frame/frame_header.h"
 #include "frame/frame_source.h"
+#include "ipc/ring_place.h"
 #include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::web {
@@ -101,11 +100,9 @@ std::optional<Stream_Key> key_of_file(std::string_view file) {
 
 std::vector<Stream_Facts> list_streams(const std::string& folder) {
     std::vector<Stream_Facts> streams;
-    std::error_code error;
-    std::filesystem::directory_iterator file(rings_folder("/" + folder), error);
-    for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
-        const auto key = key_of_file(file->path().filename().string());
-        if (auto facts = key ? look_into(*key, file->path()) : std::nullopt) {
+    for (const auto& [name, path] : ring_files(rings_folder("/" + folder))) {
+        const auto key = key_of_file(name);
+        if (auto facts = key ? look_into(*key, path) : std::nullopt) {
             streams.push_back(std::move(*facts));
         }
     }
