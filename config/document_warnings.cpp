@@ -23,8 +23,9 @@ using Keys = std::initializer_list<const char*>;
 
 constexpr Keys section_keys{"System", "Stream", "Distributor", "Receiver"};
 constexpr Keys system_keys{"ROOT_PATH", "SHM_PATH", "SEM_PATH", "kick_idle"};
-constexpr Keys stream_keys{"index", "page_size", "history_bytes"};
-constexpr Keys name_keys{"name", "channel", "stream"};
+constexpr Keys stream_keys{"index", "page_size", "history_bytes", "group"};
+constexpr Keys producer_keys{"name", "channel", "stream", "group", "producers"};
+constexpr Keys consumer_keys{"name", "channel", "stream"};
 
 // In a short key two letters are half of it.
 constexpr std::size_t short_key_length = 5;
@@ -179,6 +180,18 @@ void warn_of_keys_in(Warnings& warnings, const Json::Value& root, const char* se
     }
 }
 
+// Whoever writes them there believes that something is kept from somebody.
+void warn_of_groups_of_consumers(Warnings& warnings, const Json::Value& list) {
+    for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
+        for (const char* const key : {"group", "producers"}) {
+            if (list[i].isObject() && list[i].isMember(key)) {
+                warnings.push_back(element_name("Receiver", i) + ": the key \"" + key +
+                                   R"(" is ignored; it belongs to a "Distributor")");
+            }
+        }
+    }
+}
+
 }  // namespace
 
 std::string position_name(long line, long column) {
@@ -194,8 +207,9 @@ std::vector<std::string> document_warnings(const std::string& text, const Json::
         warn_of_misplaced_keys(found, root);
         warn_of_keys(found, "System: ", root["System"], system_keys);
         warn_of_keys_in(found, root, "Stream", stream_keys);
-        warn_of_keys_in(found, root, "Distributor", name_keys);
-        warn_of_keys_in(found, root, "Receiver", name_keys);
+        warn_of_keys_in(found, root, "Distributor", producer_keys);
+        warn_of_keys_in(found, root, "Receiver", consumer_keys);
+        warn_of_groups_of_consumers(found, root["Receiver"]);
     }
     return found;
 }

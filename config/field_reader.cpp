@@ -152,6 +152,20 @@ bool Field_Reader::name(const Json::Value& object, const std::string& where, con
     return true;
 }
 
+std::string Field_Reader::optional_text(const Json::Value& object, const std::string& where,
+                                        const char* key) {
+    const Json::Value& value = member(object, key);
+    const std::string place = where + "." + key;
+    if (value.isNull()) {
+        return {};
+    }
+    if (!value.isString() || value.asString().empty()) {
+        remarks_.push_back(place + ": " + shown(value) + " is not a string, or empty");
+        return {};
+    }
+    return as_text(value, place);
+}
+
 void Field_Reader::path(const Json::Value& object, const std::string& where, const char* key,
                         const char* fallback, Text_Field& out) {
     const std::string place = where + "." + key;

@@ -62,6 +62,9 @@ public:
     bool name(const Json::Value& object, const std::string& where, const char* key,
               Text_Field& out);
 
+    /// Empty when the member is missing, and, with a remark, when it is no text or an empty one.
+    std::string optional_text(const Json::Value& object, const std::string& where, const char* key);
+
     /// A text of which the first 31 characters are taken; `fallback` when it is missing.
     void path(const Json::Value& object, const std::string& where, const char* key,
               const char* fallback, Text_Field& out);

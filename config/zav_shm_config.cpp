@@ -225,13 +225,26 @@ int ZAV_SHM_CONFIG::parse_stream_config() {
             return 0;
         }
         record->history_bytes = fields.optional_integer(element, where, "history_bytes");
+        record->group = fields.optional_text(element, where, "group");
         append(stream_configs, std::move(record));
     }
     return 1;
 }
 
 int ZAV_SHM_CONFIG::parse_dist_config() {
-    return parse_dist_recv_config("Distributor", distributor_configs, distributor_num);
+    const std::size_t before = distributor_configs.size();
+    if (parse_dist_recv_config("Distributor", distributor_configs, distributor_num) == 0) {
+        return 0;
+    }
+    Field_Reader fields(error_, remarks_);
+    for (std::size_t i = before; i < distributor_configs.size(); ++i) {
+        const auto position = static_cast<Json::ArrayIndex>(i - before);
+        const Json::Value& element = root["Distributor"][position];
+        const std::string where = zav_shm::element_name("Distributor", position);
+        distributor_configs[i]->group = fields.optional_text(element, where, "group");
+        distributor_configs[i]->producers = fields.optional_text(element, where, "producers");
+    }
+    return 1;
 }
 
 int ZAV_SHM_CONFIG::parse_recv_config() {

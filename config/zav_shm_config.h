@@ -14,7 +14,8 @@
 struct _SHM_STREAM_CONFIG_ {
     int index = 0;      // stored and printed, used for nothing
     int page_size = 0;  // payload bytes of each segment of this stream; the segment has 128 more
-    int history_bytes = 0;  // of each ring of this stream; 0: twice the page size
+    int history_bytes = 0;   // of each ring of this stream; 0: twice the page size
+    std::string group = {};  // whose processes alone may read it; empty: all clients
 };
 
 /// One producer or consumer name.
@@ -22,6 +23,9 @@ struct _SHM_DIST_RECV_CONFIG_ {
     char name[32] = {};
     int channel = 0;          // how many: they are numbered 0 .. channel - 1
     std::vector<int> stream;  // a request for stream s is accepted when s < stream.size()
+    // Of producers alone; empty: all clients.
+    std::string group = {};      // whose processes alone may read its streams
+    std::string producers = {};  // whose processes alone may produce under this name
 };
 
 // NOLINTEND(bugprone-reserved-identifier)
@@ -29,6 +33,12 @@ struct _SHM_DIST_RECV_CONFIG_ {
 /// What a ring of this stream keeps at least, unless its publisher wants another size.
 inline std::int64_t ring_history_bytes(const _SHM_STREAM_CONFIG_& stream) {
     return stream.history_bytes > 0 ? stream.history_bytes : std::int64_t{2} * stream.page_size;
+}
+
+/// The group whose processes alone may read this stream of this producer; empty: all clients.
+inline const std::string& readers_group(const _SHM_DIST_RECV_CONFIG_& producer,
+                                        const _SHM_STREAM_CONFIG_& stream) {
+    return producer.group.empty() ? stream.group : producer.group;
 }
 
 /// The center's configuration: paths, streams, producers ("Distributor") and consumers
