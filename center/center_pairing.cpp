@@ -30,7 +30,8 @@ int ZAV_SHM_CENTER::verify_pair_msg(const std::string& text) {
         request.type == type::receiver &&
         Configured_Names::consumers(state_->config).find(request.name) != nullptr;
     const bool producer_known =
-        Configured_Names::producers(state_->config).find(request.pair_name) != nullptr;
+        Configured_Names::producers(state_->config).find(request.pair_name) != nullptr &&
+        state_->access.may_read(request.pair_name, request.stream, request.pid);
     if (consumer_known && producer_known) {
         return 1;
     }
@@ -46,7 +47,9 @@ int ZAV_SHM_CENTER::verify_ring_pair_msg(const Request& request) {
     std::string reason;
     if (request.type != type::receiver || consumers.find(request.name) == nullptr) {
         reason = "Can't Find Shm Name " + request.name;
-    } else if (request.pair_name != no_producer && producers.find(request.pair_name) == nullptr) {
+    } else if (request.pair_name != no_producer &&
+               (producers.find(request.pair_name) == nullptr ||
+                !state_->access.may_read(request.pair_name, request.stream, request.pid))) {
         reason = "Can't Find Shm Pair Name " + request.pair_name;
     } else if (request.pair_name != no_producer && !producer_has_channel(request)) {
         reason = request.pair_name + " has no channel " + std::to_string(request.channel) +

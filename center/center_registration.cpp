@@ -55,13 +55,15 @@ int ZAV_SHM_CENTER::verify_register_msg(const std::string& text) {
     std::string reason = "Invalid Register Type " + request.type;
     if (request.type == type::distributor) {
         if (producer_is_allowed(state_->config, request) &&
-            may_have_ring(state_->config, request)) {
+            may_have_ring(state_->config, request) &&
+            state_->access.may_produce(request.name, request.pid)) {
             return 1;
         }
         reason = cannot_find(request);
     } else if (request.type == type::receiver) {
         if (consumer_is_allowed(state_->config, request) &&
-            may_have_ring(state_->config, request)) {
+            may_have_ring(state_->config, request) &&
+            state_->access.may_read(request.pair_name, request.stream, request.pid)) {
             return 1;
         }
         reason = cannot_find(request);

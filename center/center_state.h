@@ -4,6 +4,7 @@
 #include <atomic>
 #include <memory>
 
+#include "center/access_check.h"
 #include "center/center_event.h"
 #include "center/receive_thread.h"
 #include "center/reply_sender.h"
@@ -37,6 +38,7 @@ struct Center_State {
     ZAV_SHM_CONFIG* config = nullptr;  // the caller's
     std::unique_ptr<SHM_Stream_Transmission_Manager> manager;
     std::unique_ptr<Ring_Consumers> ring_consumers;
+    Access_Check access;
     std::atomic<bool> kick_idle_enabled{false};  // receive thread writes, any thread reads
     ZAV_MSG_Q recv_msgq;
     ZAV_MSG_Q send_msgq;

@@ -67,6 +67,7 @@ ZAV_SHM_CENTER::ZAV_SHM_CENTER(ZAV_SHM_CONFIG*& config) : state_(std::make_share
     state_->manager = std::make_unique<SHM_Stream_Transmission_Manager>(config);
     state_->ring_consumers =
         std::make_unique<zav_shm::Ring_Consumers>(zav_shm::rings_folder(config->shm_path));
+    state_->access.guard(*config);
     state_->recv_msgq.open(control::request_project);
     state_->recv_msgq.clean();
     state_->send_msgq.open(control::reply_project);
@@ -118,6 +119,10 @@ const zav_shm::Ring_Consumers* ZAV_SHM_CENTER::ring_consumers() const {
 
 zav_shm::Ring_Consumers* ZAV_SHM_CENTER::ring_consumers() { return state_->ring_consumers.get(); }
 
+zav_shm::Refused_Outsiders ZAV_SHM_CENTER::refused_outsiders() const {
+    return state_->access.refused();
+}
+
 // ---- the receive loop ----
 
 void* fun_shm_center_msgq_recv(void* center) {
@@ -137,7 +142,9 @@ void ZAV_SHM_CENTER::receive_and_serve() {
         recover_from(error);
         return;
     }
-    state_->replies.request_comes_from(state_->recv_msgq.last_sender());
+    const auto sender = state_->recv_msgq.last_sender();
+    state_->replies.request_comes_from(sender);
+    state_->access.request_comes_from(sender);
     const std::string text = text_of(record);
     const std::unique_ptr<SHM_CENTER_ACTION> action(Factory_Shm_Center_Action(text, this));
     if (action) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "center/access_check.h"
 #include "center/center_action.h"
 #include "center/center_event.h"
 #include "center/ring_consumers.h"
@@ -108,6 +109,9 @@ public:
     /// The consumers that read rings, in no relay's list; null after shutdown.
     const zav_shm::Ring_Consumers* ring_consumers() const;
     zav_shm::Ring_Consumers* ring_consumers();
+
+    /// Requests that were refused since they came from outside a group of the configuration.
+    zav_shm::Refused_Outsiders refused_outsiders() const;
 
 private:
     friend void* fun_shm_center_msgq_recv(void* center);
