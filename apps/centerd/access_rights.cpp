@@ -2,17 +2,17 @@
 #include "apps/centerd/access_rights.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <vector>
 
+#include "apps/centerd/guarded_folders.h"
 #include "apps/centerd/memory_folder.h"
 #include "ipc/descriptor.h"
+#include "ipc/unix_group.h"
 
 namespace zav_shm::centerd {
 
@@ -29,7 +29,6 @@ constexpr mode_t everything_for_group = 0070;
 constexpr mode_t everything_for_others = 0007;
 constexpr mode_t setgid_and_sticky = 03000;
 constexpr mode_t all_mode_bits = 07777;
-constexpr std::size_t group_entry_bytes_max = std::size_t{1024} * 1024;
 
 constexpr const char* remedy_for_leftovers =
     "run as that user or as root, or remove what an earlier center left";
@@ -44,21 +43,6 @@ std::string octal(mode_t mode) {
     std::array<char, 8> text{};
     std::snprintf(text.data(), text.size(), "%04o", static_cast<unsigned>(mode));
     return text.data();
-}
-
-// @return false when there is no such group.
-bool find_group(const std::string& name, gid_t& id) {
-    for (std::size_t bytes = 1024; bytes <= group_entry_bytes_max; bytes *= 2) {
-        std::vector<char> buffer(bytes);
-        group entry{};
-        group* found = nullptr;
-        const int error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
-        if (error != ERANGE) {
-            id = found == nullptr ? id : found->gr_gid;
-            return found != nullptr;
-        }
-    }
-    return false;
 }
 
 Outcome check_owner(const std::string& path) {
@@ -77,7 +61,9 @@ Outcome Access_Rights::resolve(const Options& options, Access_Rights& rights) {
     rights.file_.mode = options.mode.value_or(options.group.empty() ? owner_only : owner_and_group);
     rights.file_.group = getegid();
     rights.group_name_ = options.group;
-    if (!options.group.empty() && !find_group(options.group, rights.file_.group)) {
+    const auto group = options.group.empty() ? rights.file_.group : group_id(options.group);
+    rights.file_.group = group.value_or(rights.file_.group);
+    if (!group) {
         return failure(Exit_Status::usage, "--group: there is no group \"" + options.group +
                                                "\"; make it (groupadd), or name another");
     }
@@ -145,7 +131,7 @@ Outcome Access_Rights::apply(const Inventory& inventory) const {
             return failed;
         }
     }
-    if (Outcome failed = make_rings_folder(inventory.rings_folder)) {
+    if (Outcome failed = make_rings_folder(inventory)) {
         return failed;
     }
     // The folders last: until then nobody else gets in.
@@ -157,9 +143,10 @@ Outcome Access_Rights::apply(const Inventory& inventory) const {
     return std::nullopt;
 }
 
-Outcome Access_Rights::make_rings_folder(const std::string& path) const {
-    Outcome failed = prepare_folder(path);
-    return failed ? failed : apply_to_folder(path, rings_folder_mode());
+Outcome Access_Rights::make_rings_folder(const Inventory& inventory) const {
+    Outcome failed = prepare_folder(inventory.rings_folder);
+    failed = failed ? failed : apply_to_folder(inventory.rings_folder, rings_folder_mode());
+    return failed ? failed : Guarded_Folders(inventory, file_).make();
 }
 
 // The kernel leaves the setgid bit out, without an error, for who is neither in the group nor
@@ -194,7 +181,16 @@ Outcome Access_Rights::apply_to_file(const char* kind, const Shared_File& made) 
                            std::to_string(made.bytes) +
                            "; the center could not make it: remove what is there");
     }
-    if (fchown(file.get(), new_owner(), file_.group) != 0 || fchmod(file.get(), file_.mode) != 0) {
+    const bool is_kept = made.group && (file_.mode & group_read) != 0;
+    const gid_t group = is_kept ? *made.group : file_.group;
+    const mode_t others = made.others_read ? others_read : 0;
+    const mode_t mode = is_kept ? (file_.mode & owner_and_group) | others : file_.mode;
+    if (is_kept && (fchown(file.get(), new_owner(), group) != 0 || fchmod(file.get(), mode) != 0)) {
+        return memory_failure(kind + made.path + ", group " + group_title(group), errno,
+                              "the user of the daemon has to be in that group, or root");
+    }
+    if (!is_kept &&
+        (fchown(file.get(), new_owner(), group) != 0 || fchmod(file.get(), mode) != 0)) {
         return memory_failure(kind + made.path + ", " + text(), errno,
                               "the user has to be in that group, or root");
     }

@@ -38,8 +38,9 @@ public:
     /// finds out that one is missing or has another length. Makes the rings' folder.
     Outcome apply(const Inventory& inventory) const;
 
-    /// Makes that folder, or takes over the one that is there.
-    Outcome make_rings_folder(const std::string& path) const;
+    /// Makes that folder, or takes over the one that is there, and in it those of the producers
+    /// that groups are kept out of.
+    Outcome make_rings_folder(const Inventory& inventory) const;
 
 private:
     Outcome apply_to_folder(const std::string& path, mode_t mode) const;

@@ -3,7 +3,9 @@
 
 #include <sys/stat.h>
 
+#include "apps/text/printable.h"
 #include "ipc/shared_memory_folder.h"
+#include "ipc/unix_group.h"
 
 namespace zav_shm::centerd {
 
@@ -26,6 +28,29 @@ std::string mistake_of(const ZAV_SHM_CONFIG& config, const std::string& front) {
     return front + config.error() + "; correct the file";
 }
 
+// A center cannot keep anybody out by a group that it does not know.
+void check_group(std::vector<std::string>& lines, const std::string& place,
+                 const std::string& group) {
+    if (!group.empty() && !group_id(group)) {
+        lines.push_back(place + ": there is no group \"" + printable(group) +
+                        "\"; make it (groupadd), or correct the file");
+    }
+}
+
+void check_groups(std::vector<std::string>& lines, const std::string& front,
+                  const ZAV_SHM_CONFIG& config) {
+    std::size_t i = 0;
+    for (const auto* const stream : config.streams()) {
+        check_group(lines, front + "Stream[" + std::to_string(i++) + "].group", stream->group);
+    }
+    i = 0;
+    for (const auto* const producer : config.distributors()) {
+        const std::string place = front + "Distributor[" + std::to_string(i++) + "]";
+        check_group(lines, place + ".group", producer->group);
+        check_group(lines, place + ".producers", producer->producers);
+    }
+}
+
 }  // namespace
 
 std::string title_of(const std::string& path) {
@@ -44,6 +69,7 @@ Outcome load(const std::string& path, ZAV_SHM_CONFIG& config) {
         for (const std::string& problem : config.problems()) {
             lines.push_back(front + problem + "; correct the file");
         }
+        check_groups(lines, front, config);
         if (leads_elsewhere(config.root_path)) {
             lines.push_back(front + "System.ROOT_PATH: \"" + config.root_path +
                             "\" is not the folder /dev/shm, where segments are made; set it to "

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +16,24 @@ namespace zav_shm::centerd {
 struct Shared_File {
     std::string path;
     std::uint64_t bytes = 0;  // its length
+    // Where the configuration keeps it for a group.
+    std::optional<gid_t> group = {};
+    bool others_read = false;  // clients that are not in it
+};
+
+/// What tells publishers who is to read the rings of a stream.
+struct Readers_File {
+    std::string path;
+    int stream = 0;
+    std::optional<gid_t> readers;  // nothing: all clients
+};
+
+/// A producer's own folder in that of the rings, which the configuration's groups make it need.
+struct Guarded_Folder {
+    std::string producer;
+    std::string path;
+    std::optional<gid_t> producers;  // nothing: all clients
+    std::vector<Readers_File> readers;
 };
 
 /// Every name that the center of a configuration makes below /dev/shm. Names of a configuration
@@ -24,10 +45,11 @@ struct Inventory {
     std::vector<Shared_File> segments;
     std::vector<Shared_File> semaphores;
     std::vector<Shared_File> rings;  // one for each segment, as large as the configuration wants it
-    std::string page;                // center_page
-    std::string status;              // center_status.json
-    std::string lock;                // center_lock
-    int relays = 0;                  // threads, one for each segment
+    std::vector<Guarded_Folder> guarded;
+    std::string page;    // center_page
+    std::string status;  // center_status.json
+    std::string lock;    // center_lock
+    int relays = 0;      // threads, one for each segment
     int consumer_channels = 0;
     int name_count = 0;    // of producers and consumers
     int stream_count = 0;  // of each channel
@@ -41,6 +63,9 @@ struct Inventory {
     /// What files of these lengths take: whole memory pages.
     static std::uint64_t in_pages(const std::vector<Shared_File>& files);
     static std::uint64_t in_pages(std::uint64_t bytes);
+
+private:
+    void add_guarded(const ZAV_SHM_CONFIG& config, const _SHM_DIST_RECV_CONFIG_& producer);
 };
 
 }  // namespace zav_shm::centerd

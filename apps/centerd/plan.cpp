@@ -51,6 +51,24 @@ std::string accepted(const _SHM_DIST_RECV_CONFIG_& record) {
                : "may have streams 0 to " + std::to_string(record.stream.size() - 1);
 }
 
+// Nothing where there is no group.
+std::string groups_text(const ZAV_SHM_CONFIG& config, const _SHM_DIST_RECV_CONFIG_& producer) {
+    std::string text;
+    if (!producer.producers.empty()) {
+        text += "; for producers of group " + printable(producer.producers);
+    }
+    int number = 0;
+    for (const auto* const stream : config.streams()) {
+        const std::string& group = readers_group(producer, *stream);
+        if (!group.empty()) {
+            text +=
+                "; stream " + std::to_string(number) + " for readers of group " + printable(group);
+        }
+        ++number;
+    }
+    return text;
+}
+
 std::string or_no_limit(std::uint64_t available) {
     return available == Room::unlimited ? "no limit" : std::to_string(available) + " are available";
 }
@@ -115,7 +133,7 @@ std::string Plan::names_text() const {
                 count(channels * streams * semaphores_per_channel, "semaphore") + ", " +
                 count(channels * streams, "thread") + ", up to " +
                 count(channels * streams, "ring") + " of " + std::to_string(channels * ring_bytes) +
-                " bytes; " + accepted(*record) + "\n";
+                " bytes; " + accepted(*record) + groups_text(config_, *record) + "\n";
     }
     for (const auto* const record : config_.receivers()) {
         const auto channels = static_cast<std::uint64_t>(record->channel);
@@ -168,6 +186,13 @@ std::vector<std::string> Plan::warnings(const Room& room) const {
     std::vector<std::string> found = config_.warnings();
     const auto limits = limit_warnings(inventory_);
     found.insert(found.end(), limits.begin(), limits.end());
+    const bool is_for_own_user =
+        options_.mode.value_or(options_.group.empty() ? 0600 : 0660) == 0600;
+    if (is_for_own_user && !inventory_.guarded.empty()) {
+        found.emplace_back(
+            "groups of the configuration have no effect: only processes of the own "
+            "user may be clients; --group or --mode lets others in");
+    }
     if (const auto full = room.warning()) {
         found.push_back(*full);
     }

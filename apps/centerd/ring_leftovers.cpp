@@ -10,6 +10,7 @@
 #include <system_error>
 #include <vector>
 
+#include "apps/centerd/guarded_folders.h"
 #include "ipc/descriptor.h"
 #include "ipc/file_lock.h"
 
@@ -55,12 +56,15 @@ bool is_in_use(const std::string& path) {
 
 }  // namespace
 
+bool remove_unless_used(const std::string& path) {
+    return !is_in_use(path) && (unlink(path.c_str()) == 0 || errno == ENOENT);
+}
+
 void remove_ring_leftovers(const std::string& folder) {
     for (const std::string& path : files_in(folder)) {
-        if (!is_in_use(path)) {
-            unlink(path.c_str());
-        }
+        remove_unless_used(path);
     }
+    Guarded_Folders::remove_leftovers(folder);
 }
 
 }  // namespace zav_shm::centerd

@@ -12,4 +12,9 @@ namespace zav_shm::centerd {
 /// @param folder  of which this process is the owner, or root
 void remove_ring_leftovers(const std::string& folder);
 
+/// Removes a file unless it, or the ring that it lies beside, is in use.
+///
+/// @return false when it stays.
+bool remove_unless_used(const std::string& path);
+
 }  // namespace zav_shm::centerd

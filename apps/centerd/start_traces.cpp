@@ -26,6 +26,16 @@ Start_Traces::Start_Traces(const Inventory& inventory, const Control_Queues& que
             }
         }
     }
+    for (const Guarded_Folder& folder : inventory.guarded) {
+        for (const Readers_File& file : folder.readers) {
+            if (is_absent(file.path)) {
+                absent_files_.push_back(file.path);
+            }
+        }
+        if (is_absent(folder.path)) {
+            absent_folders_.push_back(folder.path);
+        }
+    }
     for (const std::string& folder :
          {inventory.rings_folder, inventory.segment_folder, inventory.semaphore_folder}) {
         if (is_absent(folder)) {

@@ -114,6 +114,7 @@ std::string Status_Page::status_of(const ZAV_SHM_CENTER& center) const {
     }
     status["ring_consumers"] =
         ring_consumer_status(rings_folder(folder_), center.ring_consumers()->snapshot());
+    status["refused_outsiders"] = Json::UInt64{center.refused_outsiders().count};
     return control::written_on_one_line(status);
 }
 

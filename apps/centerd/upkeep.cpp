@@ -5,8 +5,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
+#include "apps/centerd/guarded_folders.h"
 #include "apps/centerd/room.h"
+#include "apps/text/printable.h"
 
 namespace zav_shm::centerd {
 
@@ -65,6 +68,7 @@ void Upkeep::refresh() {
                std::to_string(swept) + " were thrown away");
     }
     keep_rings();
+    tell_of_outsiders();
     keep_page();
     write_status();
 }
@@ -74,12 +78,14 @@ void Upkeep::refresh() {
 void Upkeep::keep_rings() {
     const std::string& folder = kept_.inventory.rings_folder;
     const ino_t found = number_of_folder(folder);
-    if (found == 0 || found != rings_folder_) {
-        const Outcome failed = kept_.rights.make_rings_folder(folder);
+    const bool is_there = found != 0 && found == rings_folder_;
+    if (!is_there || !Guarded_Folders(kept_.inventory, kept_.rights.file()).are_there()) {
+        const Outcome failed = kept_.rights.make_rings_folder(kept_.inventory);
+        const std::string what = is_there ? "a producer's folder in " + folder : "folder " + folder;
         if (!failed) {
-            report("folder " + folder + " was removed or replaced; it is made again");
+            report(what + " was removed or replaced; it is made again");
         } else if (!rings_failed_) {
-            report("folder " + folder + " was removed or replaced, and cannot be made again");
+            report(what + " was removed or replaced, and cannot be made again");
             report(*failed);
         }
         rings_failed_ = failed.has_value();
@@ -87,6 +93,18 @@ void Upkeep::keep_rings() {
     }
     kept_.center.ring_consumers()->forget_gone();
     readers_.step();
+}
+
+// One line for all of a second: whoever asks without end cannot fill a log.
+void Upkeep::tell_of_outsiders() {
+    const Refused_Outsiders refused = kept_.center.refused_outsiders();
+    const std::uint64_t more = refused.count - std::exchange(outsiders_, refused.count);
+    if (more == 1) {
+        report("refused: " + printable(refused.latest));
+    } else if (more > 1) {
+        report("refused " + std::to_string(more) +
+               " requests from outside of groups, the latest: " + printable(refused.latest));
+    }
 }
 
 void Upkeep::keep_page() const {

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -51,6 +52,7 @@ public:
 private:
     Outcome keep(Center_Lock& lock) const;
     void keep_rings();
+    void tell_of_outsiders();
     void keep_page() const;
     void write_status();
     bool write_status_with_the_reserve();
@@ -59,11 +61,12 @@ private:
     Object_Watch objects_;
     Reply_Sweeper replies_{kept_.queues};
     Reader_Sweeper readers_{kept_.inventory.rings_folder};
-    ino_t rings_folder_;          // its number
-    Room_Reserve reserve_;        // for the status
-    bool is_full_ = false;        // the former status took the reserve; reported once
-    bool status_failed_ = false;  // reported once, until it works again
-    bool rings_failed_ = false;   // the same
+    ino_t rings_folder_;           // its number
+    std::uint64_t outsiders_ = 0;  // that have been told of
+    Room_Reserve reserve_;         // for the status
+    bool is_full_ = false;         // the former status took the reserve; reported once
+    bool status_failed_ = false;   // reported once, until it works again
+    bool rings_failed_ = false;    // the same
 };
 
 }  // namespace zav_shm::centerd
