@@ -321,9 +321,11 @@ bool ZAV_SHM_Frame_Publisher::Body::begin_frame() {
 // A center that refuses does not say that it is for a group.
 void ZAV_SHM_Frame_Publisher::Body::note_denial() {
     std::string refused = open_ ? zav_shm::producing_refusal(rings(), options_.name) : "";
-    is_denied_ = !refused.empty();
-    const zav_shm::Guard guard(mutex_);
-    trouble_ = std::move(refused);
+    const bool was_denied = is_denied_.exchange(!refused.empty());
+    if (was_denied || is_denied_) {
+        const zav_shm::Guard guard(mutex_);
+        trouble_ = std::move(refused);
+    }
 }
 
 // What stands beside the history may have failed, or been removed, by itself.

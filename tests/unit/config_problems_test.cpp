@@ -109,6 +109,37 @@ TEST_F(Config_Problems, histories_that_are_no_numbers_of_bytes) {
     }
 }
 
+TEST_F(Config_Problems, groups_that_are_no_names) {
+    for (const char* bad : {"5", "\"\"", "true", "[\"a\"]"}) {
+        const std::string list = R"([{"name": "A", "channel": 1, "stream": [0], "producers": )";
+        EXPECT_EQ(load(Config_Text{.distributor = list + bad + "}]"}), 1);
+        ASSERT_FALSE(config.problems().empty()) << bad;
+        EXPECT_NE(config.problems()[0].find("Distributor[0].producers: "), std::string::npos);
+        config.clear_config();
+    }
+    EXPECT_EQ(load(Config_Text{.stream = R"([{"index": 0, "page_size": 1, "group": 7}])"}), 1);
+    ASSERT_FALSE(config.problems().empty());
+    EXPECT_EQ(config.problems()[0].rfind("Stream[0].group: 7 is not a string", 0), 0U);
+}
+
+TEST_F(Config_Problems, group_of_a_producer_holds_for_all_its_streams) {
+    ASSERT_EQ(
+        load(Config_Text{
+            .stream =
+                R"([{"index": 0, "page_size": 1, "group": "s"}, {"index": 1, "page_size": 1}])",
+            .distributor = R"([{"name": "A", "channel": 1, "stream": [0], "group": "a"},
+                               {"name": "B", "channel": 1, "stream": [0], "producers": "p"}])"}),
+        1);
+    EXPECT_EQ(config.problems(), std::vector<std::string>{});
+    const auto producers = config.distributors();
+    EXPECT_EQ(readers_group(*producers[0], *config.streams()[0]), "a");
+    EXPECT_EQ(readers_group(*producers[0], *config.streams()[1]), "a");
+    EXPECT_EQ(readers_group(*producers[1], *config.streams()[0]), "s");
+    EXPECT_EQ(readers_group(*producers[1], *config.streams()[1]), "");
+    EXPECT_EQ(producers[0]->producers, "");
+    EXPECT_EQ(producers[1]->producers, "p");
+}
+
 TEST_F(Config_Problems, history_that_is_given_counts_and_is_twice_the_page_otherwise) {
     ASSERT_EQ(load(Config_Text{.stream = R"([{"index": 0, "page_size": 1000},
                                 {"index": 1, "page_size": 1000, "history_bytes": 50},

@@ -82,6 +82,18 @@ TEST_F(Config_Warnings, misspelt_history) {
                "known one"}));
 }
 
+TEST_F(Config_Warnings, groups_that_keep_nothing_from_anybody) {
+    EXPECT_EQ(
+        warnings_of(Config_Text{
+            .distributor =
+                R"([{"name": "A", "channel": 1, "stream": [0], "producer": "x", "Group": "x"}])",
+            .receiver = R"([{"name": "B", "channel": 1, "stream": [], "group": "x"}])"}),
+        (Lines{"Distributor[0]: the unknown key \"Group\" is ignored; \"group\" is a known one",
+               "Distributor[0]: the unknown key \"producer\" is ignored; \"producers\" is a known "
+               "one",
+               "Receiver[0]: the key \"group\" is ignored; it belongs to a \"Distributor\""}));
+}
+
 TEST_F(Config_Warnings, history_that_no_ring_can_have) {
     EXPECT_EQ(warnings_of(Config_Text{.stream = R"([{"index": 0, "page_size": 1431655701},
                           {"index": 1, "page_size": 1431655702},
