@@ -10,6 +10,7 @@
 
 #include "apps/tool/argument_checks.h"
 #include "apps/tool/command.h"
+#include "apps/tool/doctor_command.h"
 #include "apps/tool/record_command.h"
 #include "apps/tool/standard_output.h"
 #include "apps/tool/trace_commands.h"
@@ -278,6 +279,7 @@ std::variant<Options, Exit_Status> read_command_line(int argc, const char* const
     commands.push_back(std::make_unique<Query_Command>(app));
     commands.push_back(trigger_command(app));
     add_trace_commands(app, commands);
+    commands.push_back(doctor_command(app));
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& reason) {

@@ -173,6 +173,14 @@ struct Replay_Options : Common_Options, Producer_Options {
     std::uint64_t count = 0;  // frames; 0 is no limit
 };
 
+struct Doctor_Options : Common_Options {
+    bool json = false;
+    bool verbose = false;
+    std::string folder = "shm";
+    std::string configuration;                // file; empty: the center's own
+    std::chrono::milliseconds silence{5000};  // of a producer
+};
+
 struct Trace_Options : Common_Options {
     std::string file;
     std::string other;  // to compare with; empty: none
@@ -183,6 +191,6 @@ struct Trace_Options : Common_Options {
 using Options =
     std::variant<Publish_Options, Record_Options, Watch_Options, Status_Options, Names_Options,
                  Pair_Options, Kick_Options, Query_Options, Trigger_Command_Options,
-                 Capture_Options, Replay_Options, Trace_Options>;
+                 Capture_Options, Replay_Options, Trace_Options, Doctor_Options>;
 
 }  // namespace zav_shm::tool
