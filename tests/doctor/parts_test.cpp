@@ -74,9 +74,12 @@ constexpr long fcntl_call = SYS_fcntl;
 TEST(Doctor_Kernel, that_has_all_calls_is_well) { EXPECT_FALSE(has_trouble(check_kernel(Host()))); }
 
 TEST(Doctor_Kernel, without_the_futex_call_is_told) {
-    EXPECT_EQ(
-        result_without(futex_call, FUTEX_WAIT, ENOSYS, [] { return kernel_check_tells("futex"); }),
-        0);
+    const int result =
+        result_without(futex_call, FUTEX_WAIT, ENOSYS, [] { return kernel_check_tells("futex"); });
+    if (result == 2) {
+        GTEST_SKIP() << "no filters of system calls";
+    }
+    EXPECT_EQ(result, 0);
 }
 
 TEST(Doctor_Kernel, without_locks_of_open_files_is_told) {
