@@ -96,7 +96,7 @@ void tell_format(const Ring_Watch::Look& look, Stream& stream) {
 }  // namespace
 
 std::optional<std::int64_t> time_since(std::int64_t then_ns, std::int64_t now_ns) {
-    return then_ns > 0 ? std::optional(std::max<std::int64_t>(now_ns - then_ns, 0)) : std::nullopt;
+    return then_ns > 0 ? std::optional(now_ns > then_ns ? now_ns - then_ns : 0) : std::nullopt;
 }
 
 std::optional<double> rate_of(std::uint64_t now, std::uint64_t before, std::int64_t interval_ns) {
