@@ -167,6 +167,43 @@ private:
     Status_Options options_;
 };
 
+class Top_Command : public Command {
+public:
+    explicit Top_Command(CLI::App& app)
+        : Command(app, "top", "Show all streams and who takes their frames, live") {
+        seconds("--interval", options_.interval, 0.1, "Between two pictures", 3600)
+            ->default_str("1");
+        app_.add_option("--sort", order_,
+                        "What streams and consumers are ordered by: name, rate, bits, age, behind "
+                        "or lost [name]")
+            ->check(CLI::Validator(order_mistake, ""))
+            ->type_name("KEY");
+        name("--producer", options_.producer, "Streams of this one alone");
+        app_.add_flag("--once", options_.once, "Write one table, after one interval, and end");
+        app_.add_flag("--no-colour,--no-color", options_.no_colour,
+                      "No colours; so does NO_COLOR in the environment");
+        folder(options_.folder);
+        json(options_.json);
+        app_.footer(exit_statuses);
+    }
+
+    std::optional<std::string> finish() override {
+        options_.order = top_order_named(order_).value_or(Top_Order::name);
+        return {};
+    }
+    Options options() const override { return options_; }
+
+private:
+    static std::string order_mistake(const std::string& text) {
+        return top_order_named(text)
+                   ? ""
+                   : "'" + text + "' is none of name, rate, bits, age, behind and lost";
+    }
+
+    Top_Options options_;
+    std::string order_ = "name";
+};
+
 class Names_Command : public Command {
 public:
     explicit Names_Command(CLI::App& app)
@@ -272,6 +309,7 @@ std::variant<Options, Exit_Status> read_command_line(int argc, const char* const
     commands.push_back(std::make_unique<Publish_Command>(app));
     commands.push_back(record_command(app));
     commands.push_back(std::make_unique<Watch_Command>(app));
+    commands.push_back(std::make_unique<Top_Command>(app));
     commands.push_back(std::make_unique<Status_Command>(app));
     commands.push_back(std::make_unique<Names_Command>(app));
     commands.push_back(std::make_unique<Pair_Command>(app));

@@ -24,6 +24,7 @@ Exit_Status run(const Capture_Options& options, const Standard_Output& output);
 Exit_Status run(const Replay_Options& options, const Standard_Output& output);
 Exit_Status run(const Trace_Options& options, const Standard_Output& output);
 Exit_Status run(const Doctor_Options& options, const Standard_Output& output);
+Exit_Status run(const Top_Options& options, const Standard_Output& output);
 
 /// As run(), with files of another form.
 Exit_Status record_series(const Record_Options& options, const Standard_Output& output,

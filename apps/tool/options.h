@@ -12,6 +12,7 @@
 #include "apps/tool/input_codec.h"
 #include "apps/tool/key_request_action.h"
 #include "apps/tool/rate.h"
+#include "apps/tool/top/top_view.h"
 #include "frame/frame_dual_subscriber.h"
 #include "frame/reading_rules.h"
 
@@ -126,6 +127,16 @@ struct Status_Options : Common_Options {
     std::string folder = "shm";
 };
 
+struct Top_Options : Common_Options {
+    std::chrono::milliseconds interval{1000};
+    Top_Order order = Top_Order::name;
+    bool once = false;
+    bool json = false;
+    bool no_colour = false;
+    std::string producer;  // empty: all
+    std::string folder = "shm";
+};
+
 struct Names_Options : Common_Options {
     bool json = false;
     std::string folder = "shm";
@@ -191,6 +202,6 @@ struct Trace_Options : Common_Options {
 using Options =
     std::variant<Publish_Options, Record_Options, Watch_Options, Status_Options, Names_Options,
                  Pair_Options, Kick_Options, Query_Options, Trigger_Command_Options,
-                 Capture_Options, Replay_Options, Trace_Options, Doctor_Options>;
+                 Capture_Options, Replay_Options, Trace_Options, Doctor_Options, Top_Options>;
 
 }  // namespace zav_shm::tool

@@ -29,6 +29,7 @@ test_packages=(
     "${build_packages[@]}"
     libgtest-dev libgmock-dev libbenchmark-dev
     systemd # checks the service file
+    tmux    # shows zav-shm top to its tests
 )
 
 # What native builds need for the tests of the Python package.
