@@ -24,7 +24,8 @@ Exit_Status run(const Status_Options& options, const Standard_Output& output) {
     }
     auto& status = std::get<Center_Status>(found);
     const auto trouble = trouble_with(status, path, options.wait);
-    const Exit_Status written = write_to(output, options.json ? json_of(status) : table_of(status));
+    const Exit_Status written =
+        write_to(output, options.json ? json_of(status, options.folder) : table_of(status));
     return trouble ? report(*trouble) : written;
 }
 

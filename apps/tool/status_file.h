@@ -30,7 +30,8 @@ std::variant<Center_Status, Problem> read_center_status(const std::string& path)
 /// The status as a table for people, with a line end.
 std::string table_of(const Center_Status& status);
 
-/// The file's members, and "age_ms", "alive" and "stale"; on one line, with a line end.
-std::string json_of(const Center_Status& status);
+/// The file's members, "age_ms", "alive" and "stale", and what is to be seen of the folder's
+/// streams (docs/status.schema.json); on one line, with a line end.
+std::string json_of(const Center_Status& status, const std::string& folder);
 
 }  // namespace zav_shm::tool

@@ -11,7 +11,6 @@
 
 #include "apps/watch/ring_watch.h"
 #include "control/center_page.h"
-#include "control/center_status.h"
 #include "control/json_text.h"
 #include "ipc/file_content.h"
 #include "ipc/monotonic_clock.h"
@@ -38,6 +37,15 @@ std::int64_t age_ms_of(const timespec& changed) {
     return std::max<std::int64_t>((nanoseconds(now) - nanoseconds(changed)) / ns_per_ms, 0);
 }
 
+// The page beside the status tells it in every PID namespace.
+bool is_alive(const std::string& path, Json::UInt64 pid) {
+    const std::string folder = path.substr(0, path.rfind('/'));
+    const std::string root = shared_memory_folder;
+    return pid <= static_cast<Json::UInt64>(std::numeric_limits<pid_t>::max()) &&
+           is_center_alive(folder.starts_with(root) ? folder.substr(root.size()) : folder,
+                           static_cast<pid_t>(pid));
+}
+
 Stream_Id end_of(const Json::Value& value) {
     return {text_at(value, "name"), number_at(value, "channel"), number_at(value, "stream")};
 }
@@ -59,9 +67,8 @@ Consumer consumer_of(const Json::Value& value, const Stream_Id& producer) {
 
 }  // namespace
 
-// The page beside the status tells in every PID namespace whether the center lives.
-std::optional<Center_File> read_center_file(const std::string& folder, std::size_t* bytes_read) {
-    const auto file = read_regular_file(center_status_path(folder), file_bytes_max);
+std::optional<Center_File> read_center_file(const std::string& path, std::size_t* bytes_read) {
+    const auto file = read_regular_file(path, file_bytes_max);
     if (!file) {
         return std::nullopt;
     }
@@ -76,9 +83,7 @@ std::optional<Center_File> read_center_file(const std::string& folder, std::size
     }
     found.age_ms = age_ms_of(file->changed);
     found.written_ns = nanoseconds(file->changed);
-    const Json::UInt64 pid = count_at(found.content, "pid");
-    found.is_alive = pid <= static_cast<Json::UInt64>(std::numeric_limits<pid_t>::max()) &&
-                     is_center_alive(folder, static_cast<pid_t>(pid));
+    found.is_alive = is_alive(path, count_at(found.content, "pid"));
     return found;
 }
 

@@ -21,11 +21,11 @@ struct Center_File {
     bool is_alive = false;        // the center that wrote it lives
 };
 
-/// Reads "/dev/shm/FOLDER/center_status.json".
+/// Reads it from where center_status_path() has it.
 ///
 /// @return nothing, with errno, when it cannot be read; EBADMSG: it is no JSON object, of
 ///         `bytes_read` bytes.
-std::optional<Center_File> read_center_file(const std::string& folder,
+std::optional<Center_File> read_center_file(const std::string& path,
                                             std::size_t* bytes_read = nullptr);
 
 /// What it says of one producer's slot: the relay, and the consumers of the fixed interface.

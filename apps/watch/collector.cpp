@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "apps/watch/found_files.h"
+#include "control/center_status.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/shared_memory_folder.h"
 
@@ -79,7 +80,7 @@ Snapshot Collector::look() {
 
 void Collector::look_at_center(Snapshot& snapshot) {
     channels_.clear();
-    const auto file = read_center_file(folder_);
+    const auto file = read_center_file(center_status_path(folder_));
     if (!file) {
         return;
     }

@@ -32,9 +32,9 @@ test_packages=(
     tmux    # shows zav-shm top to its tests
 )
 
-# What native builds need for the tests of the Python package.
+# What native builds need for the tests of the Python package, and of the JSON schema.
 # shellcheck disable=SC2034
-python_packages=(python3 python3-pytest python3-numpy)
+python_packages=(python3 python3-pytest python3-numpy python3-jsonschema)
 
 # What scripts/check needs beside those.
 # shellcheck disable=SC2034
