@@ -48,6 +48,12 @@ std::vector<std::string> paths_of(const Inventory& inventory, const Control_Queu
             paths.push_back(file.path);
         }
     }
+    for (const Guarded_Folder& folder : inventory.guarded) {
+        paths.push_back(folder.path);
+        for (const Readers_File& file : folder.readers) {
+            paths.push_back(file.path);
+        }
+    }
     return paths;
 }
 

@@ -16,6 +16,7 @@
 #include "apps/doctor/checks.h"
 #include "apps/doctor/queues.h"
 #include "control/json_text.h"
+#include "ipc/ring_place.h"
 #include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::doctor {
@@ -185,8 +186,8 @@ void check_rings(const Host& host, Findings& findings) {
                      std::to_string(stream.history.frames) + " frames can still be read, " +
                      std::to_string(stream.history.bytes_of_room) + " bytes are taken",
                  "start the publisher again, which replaces it, or rm '" +
-                     rings_folder(host.request.folder) + "/" +
-                     channel_file_name(stream.id.producer, stream.id.channel, stream.id.stream) +
+                     ring_path(rings_folder(host.request.folder), stream.id.producer,
+                               stream.id.channel, stream.id.stream) +
                      "'"});
         }
     }

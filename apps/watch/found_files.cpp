@@ -3,10 +3,9 @@
 
 #include <algorithm>
 #include <charconv>
-#include <filesystem>
-#include <system_error>
 #include <utility>
 
+#include "ipc/ring_place.h"
 #include "ipc/shared_memory_folder.h"
 
 namespace zav_shm::watch {
@@ -44,10 +43,8 @@ std::optional<Stream_Id> stream_named(std::string_view file) {
 std::vector<Found_Ring> find_rings(const std::string& rings_folder, std::size_t count_max,
                                    std::uint64_t& omitted) {
     std::vector<Found_Ring> rings;
-    std::error_code error;
-    std::filesystem::directory_iterator file(rings_folder, error);
-    for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
-        auto id = stream_named(file->path().filename().native());
+    for (auto& [name, path] : ring_files(rings_folder)) {
+        auto id = stream_named(name);
         if (!id) {
             continue;
         }
@@ -55,7 +52,7 @@ std::vector<Found_Ring> find_rings(const std::string& rings_folder, std::size_t 
             ++omitted;
             continue;
         }
-        rings.push_back({std::move(*id), file->path().native()});
+        rings.push_back({std::move(*id), std::move(path)});
     }
     std::sort(rings.begin(), rings.end(),
               [](const Found_Ring& a, const Found_Ring& b) { return a.id < b.id; });

@@ -16,7 +16,7 @@ struct Found_Ring {
     std::string path;
 };
 
-/// Every file with the name of a ring. This function alone knows where rings lie.
+/// Every file with the name of a ring, in the folder of all and in those of producers with groups.
 ///
 /// @param rings_folder  "/dev/shm/shm/rings"
 /// @param count_max     finds no more than these
