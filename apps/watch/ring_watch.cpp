@@ -66,7 +66,7 @@ void tell_history(const Ring_Watch::Look& look, Stream& stream) {
     const std::uint64_t first = look.oldest();
     const std::uint64_t last = look.newest();
     const auto newest = look.entry(last);
-    const auto oldest = look.reader().oldest() == first ? look.entry(first) : std::nullopt;
+    const auto oldest = look.entry(first);
     if (first > last || !oldest || !newest) {
         return;
     }
@@ -114,12 +114,13 @@ std::uint64_t Ring_Watch::Look::behind(std::uint32_t cursor) const {
 }
 
 std::optional<Ring_Entry> Ring_Watch::Look::entry(std::uint64_t number) const {
-    std::optional<Ring_Entry> found;
-    reader_.find_back(number, [&found](const Ring_Entry& entry) {
-        found = entry;
-        return true;
-    });
-    return found;
+    Ring_Entry found;
+    const std::uint64_t offset = reader_.memory().entry_offset(static_cast<std::uint32_t>(number));
+    const bool is_there =
+        number >= std::max<std::uint64_t>(oldest_, 1) && number <= newest_ &&
+        reader_.memory().copy(offset, std::as_writable_bytes(std::span(&found, 1))) &&
+        reader_.is_in_reach(number) && reader_.is_sound(found, number);
+    return is_there ? std::optional(found) : std::nullopt;
 }
 
 // Of what is overwritten the time is not known any more: then as if frames had come before at the

@@ -27,14 +27,15 @@ std::optional<double> rate_of(std::uint64_t now, std::uint64_t before, std::int6
 /// Costs    its writer and its readers nothing: no lock that they meet, no wake, no write.
 class Ring_Watch {
 public:
-    /// A look at the ring as it is now, for those who ask for single records of it.
+    /// A look at the ring as it is when this is built, for those who ask for single records of it.
     class Look {
     public:
-        explicit Look(std::shared_ptr<const Ring_Memory> memory) : reader_(std::move(memory)) {}
+        explicit Look(std::shared_ptr<const Ring_Memory> memory)
+            : reader_(std::move(memory)), oldest_(reader_.oldest()), newest_(reader_.newest()) {}
 
         std::uint64_t epoch() const { return reader_.memory().facts().epoch; }
-        std::uint64_t oldest() const { return reader_.oldest(); }
-        std::uint64_t newest() const { return reader_.newest(); }
+        std::uint64_t oldest() const { return oldest_; }
+        std::uint64_t newest() const { return newest_; }
 
         /// Frames that one has not read who reads this number next, of which it tells the lower
         /// half.
@@ -47,6 +48,7 @@ public:
         /// When the first frame in reach was published that is newer than this.
         std::optional<std::int64_t> first_time_after(std::int64_t time_ns) const;
 
+        /// Nothing when the record is not, or no longer, in reach.
         std::optional<Ring_Entry> entry(std::uint64_t number) const;
 
         /// Entries of these numbers, as far as they are sound and in reach: the number of the first
@@ -57,6 +59,8 @@ public:
 
     private:
         Ring_Reader reader_;
+        std::uint64_t oldest_;  // the tail is loaded before the head
+        std::uint64_t newest_;
     };
 
     /// Fills in what the ring says of its stream.

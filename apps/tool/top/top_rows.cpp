@@ -94,17 +94,16 @@ Top_Row stream_row(const Stream& stream, const Top_View& view) {
     const auto rate = [](const Stream::Rates& rates) {
         return short_number(rates.frames, 1, figure_width);
     };
-    const auto bits = [](const Stream::Rates& rates) {
-        return short_number(rates.bits / 1e6, 3, wide_figure_width);
-    };
+    const bool has_bits = stream.rates && stream.state != Stream::State::slot;
+    const std::string bits =
+        has_bits ? short_number(stream.rates->bits / 1e6, 3, wide_figure_width) : "-";
     const bool has_history = stream.history.frames > 0;
-    const auto has_bits = stream.state == Stream::State::slot ? std::nullopt : stream.rates;
     Screen_Line line = line_of(view);
     line.add(is_chosen ? ">" : " ", Style::bold)
         .left(text_of(stream.id), name_width(view), is_chosen ? Style::heading : Style::bold)
         .left(watch::name_of(stream.state), state_width, style_of(stream))
         .right(or_dash(stream.rates, rate), figure_width)
-        .right(or_dash(has_bits, bits), wide_figure_width)
+        .right(bits, wide_figure_width)
         .right(or_dash(stream.key_interval_ns, short_time), figure_width)
         .right(or_dash(stream.age_ns, short_time), figure_width)
         .right(has_history ? short_time(stream.history.ns) : "-", figure_width)
