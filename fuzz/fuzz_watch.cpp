@@ -43,8 +43,8 @@ constexpr int steps_max = 64;
 const std::string folder = "/dev/shm/shm";
 const std::string rings = folder + "/rings";
 
-constexpr std::array<const char*, 4> ring_files = {"CAM_LOOP_0_0", "CAM_LOOP_0_1", "A_B_1_0",
-                                                   "\x1b[2J_3_1"};
+constexpr std::array<const char*, 4> rings_to_write = {"CAM_LOOP_0_0", "CAM_LOOP_0_1", "A_B_1_0",
+                                                       "\x1b[2J_3_1"};
 constexpr std::array<const char*, 4> cards = {"0000000000000001.reader", "0000000000000002.reader",
                                               "0000000000000003.reader", "0000000000000004.reader"};
 constexpr std::array<const char*, 4> other_names = {"CAM_LOOP_0_0.lock", "PLAYER_0_0.route",
@@ -119,7 +119,7 @@ void lay(std::string& file, std::size_t offset, const Value& value) {
 }
 
 void put_ring(Input& input, Folder& files) {
-    const std::string name = input.one_of(ring_files);
+    const std::string name = input.one_of(rings_to_write);
     std::string file(std::size_t{input.take<std::uint8_t>()} * 64, '\0');
     lay(file, 0, input.take<Ring_Facts>());
     for (const std::size_t offset : {ring_head_offset, ring_tail_offset, ring_state_offset}) {
@@ -232,7 +232,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             }
             case 4:
                 files.remove(rings + "/" + input.one_of(cards));
-                files.remove(rings + "/" + input.one_of(ring_files));
+                files.remove(rings + "/" + input.one_of(rings_to_write));
                 break;
             default:
                 check(collector.look());
