@@ -16,6 +16,7 @@
 #include "apps/centerd/configuration.h"
 #include "apps/watch/collector.h"
 #include "config/zav_shm_config.h"
+#include "control/center_status.h"
 #include "control/json_text.h"
 #include "ipc/monotonic_clock.h"
 #include "ipc/shared_memory_folder.h"
@@ -78,7 +79,7 @@ void look_at_center(Host& host) {
     const std::string& folder = host.request.folder;
     host.page = read_center_page(folder);
     host.is_center_alive = is_center_alive(folder);
-    host.status = watch::read_center_file(folder);
+    host.status = watch::read_center_file(center_status_path(folder));
     struct stat found {};
     if (stat(center_page_path(folder).c_str(), &found) == 0) {
         host.page_owner = found.st_uid;
