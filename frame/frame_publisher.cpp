@@ -63,6 +63,38 @@ void copy_payload(std::byte* to, std::span<const std::byte> payload) {
     std::memcpy(to + half, payload.data() + half, payload.size() - half);
 }
 
+// What keeps a ring from being made whatever is there already.
+std::optional<zav_shm::Ring_Problem> obstacle_to(const std::string& name, const std::string& rings,
+                                                 std::size_t frame_max, std::size_t history) {
+    using zav_shm::Ring_Problem;
+    constexpr std::size_t bytes_max = std::numeric_limits<std::uint32_t>::max();
+    // Nothing is to be written beside the rings, whoever has looked at the name.
+    if (!is_file_name(name)) {
+        return Ring_Problem{Ring_Problem::Kind::system,
+                            "the name \"" + name +
+                                "\" cannot name a file: it is empty, begins with a dot or has a "
+                                "slash",
+                            0};
+    }
+    if (frame_max > bytes_max - header_bytes) {  // their sum may not fit
+        return Ring_Problem{Ring_Problem::Kind::system,
+                            "frames of " + std::to_string(frame_max) + " bytes; the limit is " +
+                                std::to_string(bytes_max - header_bytes),
+                            0};
+    }
+    if (history > bytes_max) {
+        return Ring_Problem{Ring_Problem::Kind::system,
+                            "a history of " + std::to_string(history) + " bytes for frames of " +
+                                std::to_string(frame_max) + " is more than " +
+                                std::to_string(bytes_max),
+                            0};
+    }
+    if (std::string refused = zav_shm::producing_refusal(rings, name); !refused.empty()) {
+        return Ring_Problem{Ring_Problem::Kind::forbidden, std::move(refused), 0};
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 class ZAV_SHM_Frame_Publisher::Body {
@@ -199,26 +231,8 @@ bool ZAV_SHM_Frame_Publisher::Body::make_ring() {
     const std::string path = ring_path();
     const auto access = ring_access();
     zav_shm::Ring_Problem problem;
-    constexpr std::size_t bytes_max = std::numeric_limits<std::uint32_t>::max();
-    // Nothing is to be written beside the rings, whoever has looked at the name.
-    if (!is_file_name(options_.name)) {
-        problem = {zav_shm::Ring_Problem::Kind::system,
-                   "the name \"" + options_.name +
-                       "\" cannot name a file: it is empty, begins with a dot or has a slash",
-                   0};
-    } else if (frame_max > bytes_max - header_bytes) {  // their sum may not fit
-        problem = {zav_shm::Ring_Problem::Kind::system,
-                   "frames of " + std::to_string(frame_max) + " bytes; the limit is " +
-                       std::to_string(bytes_max - header_bytes),
-                   0};
-    } else if (history > bytes_max) {
-        problem = {zav_shm::Ring_Problem::Kind::system,
-                   "a history of " + std::to_string(history) + " bytes for frames of " +
-                       std::to_string(frame_max) + " is more than " + std::to_string(bytes_max),
-                   0};
-    } else if (std::string refused = zav_shm::producing_refusal(rings, options_.name);
-               !refused.empty()) {
-        problem = {zav_shm::Ring_Problem::Kind::forbidden, std::move(refused), 0};
+    if (auto obstacle = obstacle_to(options_.name, rings, frame_max, history)) {
+        problem = std::move(*obstacle);
     } else {
         writer_ = zav_shm::Ring_Writer::open(path,
                                              {static_cast<std::uint32_t>(history),
